@@ -1,0 +1,37 @@
+# What every target of the tree shares: the language, the warnings, the sanitizers, and the rule that
+# chooses platform sources.
+
+add_library(quorkeri_options INTERFACE)
+target_compile_features(quorkeri_options INTERFACE cxx_std_20)
+target_include_directories(quorkeri_options INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(quorkeri_options INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi -Wundef -Wvla -Wimplicit-fallthrough
+  -fno-omit-frame-pointer
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+
+if(WIN32)
+  # DWARF 4, because Wine's dbghelp does not read version 5.
+  target_compile_options(quorkeri_options INTERFACE -gdwarf-4 -ffunction-sections -fdata-sections)
+  target_link_options(quorkeri_options INTERFACE -Wl,--gc-sections)
+  # Windows 7 and later: GetTickCount64, and the structured clean-up of a console's parent.
+  target_compile_definitions(quorkeri_options INTERFACE
+    WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
+endif()
+
+if(QUORKERI_SANITIZE)
+  target_compile_options(quorkeri_options INTERFACE "-fsanitize=${QUORKERI_SANITIZE}" -fno-sanitize-recover=all)
+  target_link_options(quorkeri_options INTERFACE "-fsanitize=${QUORKERI_SANITIZE}")
+endif()
+
+# quorkeri_platform_sources(OUT DIR): every .cpp of DIR that belongs to the platform being built. The file's
+# name says which: unit_win32.cpp is Windows', unit_linux.cpp is Linux', all others are both's.
+function(quorkeri_platform_sources out dir)
+  file(GLOB sources CONFIGURE_DEPENDS "${dir}/*.cpp")
+  if(WIN32)
+    list(FILTER sources EXCLUDE REGEX "_linux\\.cpp$")
+  else()
+    list(FILTER sources EXCLUDE REGEX "_win32\\.cpp$")
+  endif()
+  set(${out} "${sources}" PARENT_SCOPE)
+endfunction()

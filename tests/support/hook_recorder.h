@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// One failed check, as the hook saw it.
+struct FailedCheck {
+    std::string expression;
+    std::string file;
+    int32_t line;
+    int32_t level;
+    std::string message;
+
+    bool operator==(const FailedCheck&) const = default;
+};
+
+// Stands in for the process's failure handler while it lives, and keeps what it is told. Thread-safe; one at a time.
+class HookRecorder {
+public:
+    HookRecorder();
+    ~HookRecorder();
+    HookRecorder(const HookRecorder&) = delete;
+    HookRecorder& operator=(const HookRecorder&) = delete;
+
+    // What the hook answers from now on: true stops the process (for death tests).
+    void answerStop(bool stop);
+
+    std::vector<FailedCheck> failures() const;
+
+    // The only failure so far; fails the test when there are more or none.
+    FailedCheck single() const;
+
+    void clear();
+};
+
+// Readable in test failures.
+void PrintTo(const FailedCheck& check, std::ostream* out);
+
+} // namespace test

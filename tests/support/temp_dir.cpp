@@ -1,0 +1,44 @@
+#include "tests/support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+
+namespace test {
+
+TempDir::TempDir() {
+    std::random_device random;
+    m_path = std::filesystem::temp_directory_path() / ("quorkeri-" + std::to_string(random()) + std::to_string(random()));
+    std::filesystem::create_directories(m_path);
+}
+
+TempDir::~TempDir() {
+    // A test may have taken rights away from what it made.
+    std::error_code error;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_path, error)) {
+        if (!entry.is_symlink())
+            std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
+                                         error);
+    }
+    std::filesystem::remove_all(m_path, error);
+}
+
+std::string TempDir::file(const std::string& name) const {
+    const std::u8string text = (m_path / std::u8string(name.begin(), name.end())).u8string();
+    return {text.begin(), text.end()};
+}
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.is_open()) << path;
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeFile(const std::filesystem::path& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    EXPECT_TRUE(out.good()) << path;
+}
+
+} // namespace test

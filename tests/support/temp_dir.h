@@ -1,0 +1,29 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace test {
+
+// A directory of the test's own, with all that is in it; gone when the object ends.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return m_path; }
+
+    // The UTF-8 path of `name` in it, as the system's own calls take paths.
+    std::string file(const std::string& name) const;
+
+private:
+    std::filesystem::path m_path;
+};
+
+// The whole file, byte for byte; fails the test and is empty when it cannot be read.
+std::string readFile(const std::filesystem::path& path);
+void writeFile(const std::filesystem::path& path, const std::string& bytes);
+
+} // namespace test
