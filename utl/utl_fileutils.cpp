@@ -1,0 +1,87 @@
+#include "utl/utl_fileutils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "core/core_scopedfd.h"
+#include "core/core_v2masterlogger.h"
+#include "core/core_wrapper.h"
+#include "utl/utl_fileutils_platform.h"
+
+namespace NS_UTL {
+
+using NS_CORE::ScopedFd;
+using NS_CORE::Wrapper;
+
+namespace {
+
+constexpr int32_t kCopyBufferSize = 32768;
+constexpr int kCopyMode = S_IRUSR | S_IWUSR;
+constexpr const char* kCopyFunction = "UTL::FileUtils::copy";
+
+bool writeBlock(int fd, const char* data, int32_t length, const std::string& destination) {
+    const int32_t written = Wrapper::write(fd, data, length);
+    if (written == length) return true;
+    const int error = errno;
+    if (written < 0)
+        MLOG(Warn, kCopyFunction, "error writing to %s (%d:%s)", destination, error, std::strerror(error));
+    else
+        MLOG(Warn, kCopyFunction, "only wrote %d of %d to %s", written, length, destination);
+    return false;
+}
+
+bool copyContent(int from, int to, const std::string& source, const std::string& destination) {
+    std::array<char, kCopyBufferSize> buffer;
+    int32_t length = 0;
+    do {
+        length = Wrapper::read(from, buffer.data(), kCopyBufferSize);
+        if (length < 0) {
+            const int error = errno;
+            MLOG(Warn, kCopyFunction, "error reading from %s (%d:%s)", source, error, std::strerror(error));
+            return false;
+        }
+        if (length > 0 && !writeBlock(to, buffer.data(), length, destination)) return false;
+        // A short read is taken for the end of the file, which saves a read for every file but those of just a
+        // multiple of the buffer.
+    } while (length == kCopyBufferSize);
+    return true;
+}
+
+} // namespace
+
+bool FileUtils::copy(const std::string& source, const std::string& destination) {
+    ScopedFd from(Wrapper::open(source, O_RDONLY, kCopyMode));
+    if (!from) {
+        MLOG(Warn, kCopyFunction, "failed opening '%s' for reading", source);
+        return false;
+    }
+    ScopedFd to(Wrapper::open(destination, O_WRONLY | O_CREAT | O_TRUNC, kCopyMode));
+    if (!to) {
+        MLOG(Warn, kCopyFunction, "failed opening '%s' for writing", destination);
+        return false;
+    }
+    if (copyContent(from.get(), to.get(), source, destination)) return true;
+
+    // Closed first: Windows does not remove a file that is open.
+    from.reset();
+    to.reset();
+    Wrapper::unlink(destination);
+    return false;
+}
+
+bool FileUtils::renameFile(const std::string& from, const std::string& to) {
+    fileutils_platform::Path fromPath{from, {}};
+    fileutils_platform::Path toPath{to, {}};
+    if (!Wrapper::convertPath(from, fromPath.wide) || !Wrapper::convertPath(to, toPath.wide)) return false;
+    if (fileutils_platform::moveReplacing(fromPath, toPath)) return true;
+
+    const uint32_t error = NS_CORE::lastSystemError();
+    MLOG(Info, "NS_UTL::FileUtils::renameFile", "'%s'=>'%s' failed : %s", from, to, NS_CORE::systemErrorText(error));
+    return false;
+}
+
+} // namespace NS_UTL

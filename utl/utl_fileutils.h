@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+namespace NS_UTL {
+
+// Whole files. Paths are UTF-8. Failures are logged here; callers need not repeat them. Any thread; blocking.
+class FileUtils {
+public:
+    // Copies a file's bytes onto `destination`, which is overwritten when it is there, and created with the rights 0600
+    // when it is not. Nothing is committed to the disk. The copy ends at the first read that brings less than a full
+    // buffer of 32768 bytes: for a regular file that is its end.
+    // False, logged at WARN, when something fails. A destination that could be opened is then removed, whatever it
+    // was, so that no half file is taken for a whole one. A file copied onto itself is emptied.
+    [[nodiscard]] static bool copy(const std::string& source, const std::string& destination);
+
+    // Renames within a volume; an existing `to` is replaced. False, logged at INFO, when the system refuses; a path
+    // that is not UTF-8 fails a CHECKF whose message is that path.
+    [[nodiscard]] static bool renameFile(const std::string& from, const std::string& to);
+};
+
+} // namespace NS_UTL
