@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct sockaddr_in;
+
+// IPv4 addresses, and the start of the system's socket library. IPv4 only, numeric only: nothing here asks a name
+// service, and nothing blocks.
+namespace NS_CORE {
+
+// A host-order value as the network writes it (htonl); the same call turns it back.
+constexpr uint32_t networkOrder(uint32_t value) {
+    return value << 24 | (value & 0xff00U) << 8 | (value >> 8 & 0xff00U) | value >> 24;
+}
+
+// Addresses in network byte order.
+inline constexpr uint32_t kAnyAddress = networkOrder(0);               // INADDR_ANY
+inline constexpr uint32_t kLoopbackAddress = networkOrder(0x7F000001); // 127.0.0.1
+
+// The dotted-quad text of an address in network byte order.
+std::string addressText(uint32_t address);
+
+// Fills `socketAddress` (zeroed, AF_INET) from a dotted-quad text and a port in host order. The text is read as
+// inet_addr reads it, short and octal forms included; "255.255.255.255" is the limited broadcast address.
+// Any other text logs WARN "invalid ip '%s'" and gives false; `socketAddress` then holds no address and no port.
+[[nodiscard]] bool SetSockAddr(const std::string& addressText, uint16_t port, sockaddr_in& socketAddress);
+
+// The process's start-up for files and sockets, run once before main by an initialiser of this library, which the
+// build links into every program: makes binary the runtime's default file mode, starts the socket library and
+// registers its clean-up at exit. A failed start is logged at CRIT; sockets then fail at their creation. On Linux,
+// where there is no such library, the start always succeeds and the same flags are kept.
+void WinsockInit();
+
+// Whether the socket library was started and has not been cleaned up. Main thread only.
+bool winsockInitialised();
+
+// Whether the exit handler of WinsockInit cleans the socket library up; true at start. A process under the service
+// control manager turns it off. Before the exit handlers run; one thread at a time.
+void setWinsockCleanupAtExit(bool cleanup);
+
+// What the answer to a start request means.
+enum class WinsockStart : uint32_t {
+    Ready,        // started, and it is version 2.2
+    Failed,       // not started; logged at CRIT
+    WrongVersion, // started in another version, so it has to be cleaned up; logged at CRIT
+};
+
+// Judges the answer to a request for version 2.2.
+// startResult  0 or the library's error code.
+// version      the version it offers: major in the low byte, minor in the high one.
+[[nodiscard]] WinsockStart judgeWinsockStart(int32_t startResult, uint16_t version);
+
+} // namespace NS_CORE
