@@ -1,0 +1,31 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// What a test program does instead of testing when it is started with childCommandLine(name, ...): its exit code is
+// what `run` answers. Define one per kind of child, at namespace scope of the test that starts it:
+//
+//     const test::ChildProgram g_ends("ends", [](const auto& arguments) { return std::stoi(arguments.at(0)); });
+class ChildProgram {
+public:
+    using Run = std::function<int(const std::vector<std::string>& arguments)>;
+    ChildProgram(const char* name, Run run);
+};
+
+// The running program's own path, UTF-8.
+std::string thisProgram();
+
+// The command line that makes `program` such a child. Arguments must hold no double quote and not end in a backslash.
+std::string childCommandLine(const std::string& program, const std::string& name,
+                             const std::vector<std::string>& arguments = {});
+std::string childCommandLine(const std::string& name, const std::vector<std::string>& arguments = {});
+
+// For main: the child's exit code when the arguments ask for one.
+std::optional<int> runAsChild(int argc, char** argv);
+
+} // namespace test
