@@ -1,23 +1,13 @@
 #include "core/core_loglimit.h"
 
 #include <algorithm>
-#include <chrono>
 #include <vector>
 
+#include "core/core_time.h"
 #include "core/core_v2masterlogger.h"
 
 namespace NS_CORE {
-namespace {
-
-uint64_t monotonicMs() {
-    using std::chrono::milliseconds;
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(std::chrono::duration_cast<milliseconds>(now).count());
-}
-
-} // namespace
-
-DefaultLogRImpl::DefaultLogRImpl() : DefaultLogRImpl(&monotonicMs) {}
+DefaultLogRImpl::DefaultLogRImpl() : DefaultLogRImpl(&monotonicMilliseconds) {}
 
 DefaultLogRImpl::DefaultLogRImpl(Clock clock) : m_clock(std::move(clock)) {}
 

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "core/core_checkf.h"
 #include "core/core_neverdestroyed.h"
+#include "core/core_time.h"
 
 namespace NS_CORE {
 namespace {
@@ -97,11 +97,6 @@ std::string refusedRecord(std::string_view head, const ThreadHandle& thread, con
     return formatString("%s  <[%s] {%u} %s>\n", head, entry.name, thread.number, text);
 }
 
-int32_t secondsNow() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<int32_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count());
-}
-
 void keepInHistory(State& state, HistoryRecord record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(state.mutex) {
     if (state.history.size() < MasterLogger::kHistoryCapacity) {
         state.history.push_back(std::move(record));
@@ -146,7 +141,7 @@ void implLog(ThreadHandle& thread, uint32_t level, const LevelEntry& entry, std:
         }
     }
     if ((entry.flags & LevelEntry::History) != 0) {
-        keepInHistory(state, {secondsNow(), entry.name, std::string(text)});
+        keepInHistory(state, {systemNow().seconds, entry.name, std::string(text)});
     }
 }
 

@@ -7,8 +7,6 @@
 namespace test {
 namespace {
 
-constexpr const char* kChildWord = "--run-child";
-
 // Created on first use: the children are registered by static initialisers.
 std::map<std::string, ChildProgram::Run>& children() {
     static std::map<std::string, ChildProgram::Run> all;

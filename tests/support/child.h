@@ -7,6 +7,9 @@
 
 namespace test {
 
+// The argument that makes a test program a child; the child's name and its arguments follow.
+inline constexpr char kChildWord[] = "--run-child";
+
 // What a test program does instead of testing when it is started with childCommandLine(name, ...): its exit code is
 // what `run` answers. Define one per kind of child, at namespace scope of the test that starts it:
 //
