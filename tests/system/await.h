@@ -1,0 +1,26 @@
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace test {
+
+using Clock = std::chrono::steady_clock;
+
+// Asks `isDone` every millisecond until it says yes or the limit is over. Returns what it said last.
+template <class IsDone>
+[[nodiscard]] bool await(IsDone isDone, std::chrono::milliseconds limit) {
+    const Clock::time_point deadline = Clock::now() + limit;
+    while (!isDone()) {
+        if (Clock::now() >= deadline) return isDone();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// The steady clock as the companion's records give it.
+inline int64_t nowMicroseconds() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch()).count();
+}
+
+} // namespace test

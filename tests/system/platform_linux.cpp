@@ -1,0 +1,192 @@
+#include "tests/system/platform.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "core/core_scopedhandle.h"
+#include "tests/support/temp_dir.h"
+#include "tests/system/await.h"
+#include "tests/system/installation.h"
+
+namespace test {
+namespace {
+
+struct DescriptorTraits {
+    using Value = int;
+    static Value empty() { return -1; }
+    static void close(Value value) { ::close(value); }
+};
+using Descriptor = NS_CORE::ScopedHandle<DescriptorTraits>;
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+// The stop port is fixed, and this machine may run something else on it. Where that is allowed, a test program has a
+// network of its own, with nothing but the loopback; its children share it.
+bool enterOwnNetwork() {
+    if (unshare(CLONE_NEWNET) != 0) return false;
+    const Descriptor any(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request{};
+    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+    request.ifr_flags = IFF_UP | IFF_RUNNING;
+    return ioctl(any.get(), SIOCSIFFLAGS, &request) == 0;
+}
+
+const bool g_hasOwnNetwork = enterOwnNetwork();
+
+std::filesystem::path registryFile(const std::filesystem::path& root) {
+    return root / "settings" / "registry.reg";
+}
+
+// As the registry's own export writes text: backslashes and quotes are escaped.
+std::string registryText(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        if (c == '\\' || c == '"') out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+[[noreturn]] void runChild(const std::filesystem::path& program, const std::vector<std::string>& words, int output) {
+    std::vector<std::string> copies{program.string()};
+    copies.insert(copies.end(), words.begin(), words.end());
+    std::vector<char*> arguments;
+    for (std::string& word : copies) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    if (dup2(output, STDOUT_FILENO) == -1 || dup2(output, STDERR_FILENO) == -1 || chdir("/") != 0) _exit(126);
+    execv(program.c_str(), arguments.data());
+    _exit(127);
+}
+
+} // namespace
+
+std::string pathText(const std::filesystem::path& path) {
+    return path.string();
+}
+
+std::string separator() {
+    return "/";
+}
+
+std::string systemText(uint32_t code) {
+    return std::strerror(static_cast<int>(code));
+}
+
+std::string noSuchProgramText() {
+    return systemText(ENOENT);
+}
+
+std::string notAProgramText() {
+    return systemText(ENOEXEC);
+}
+
+bool processRuns(uint32_t processId, const std::filesystem::path& root) {
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/" + std::to_string(processId) + "/exe", error);
+    return !error && program.string().starts_with(root.string());
+}
+
+void endProcess(uint32_t processId, const std::filesystem::path& root) {
+    if (processRuns(processId, root)) ::kill(static_cast<pid_t>(processId), SIGKILL);
+}
+
+void registerKeri(const std::filesystem::path& root, const std::string& location) {
+    writeFile(registryFile(root),
+              "Windows Registry Editor Version 5.00\r\n\r\n"
+              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
+              "{28C70475-353F-47A1-BD2B-6219F4C7A0C6}]\r\n"
+              "\"DisplayName\"=\"Keri\"\r\n"
+              "\"InstallLocation\"=\"" +
+                  registryText(location) + "\"\r\n");
+}
+
+void unregisterKeri(const std::filesystem::path& root) {
+    std::error_code error;
+    std::filesystem::remove(registryFile(root), error);
+}
+
+void sendDatagram(uint16_t port, size_t length) {
+    const Descriptor sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const std::string bytes(length, 'x');
+    const auto* to = reinterpret_cast<const sockaddr*>(&address);
+    if (::sendto(sender.get(), bytes.data(), length, 0, to, sizeof(address)) < 0) fail("sendto");
+}
+
+Process::Process(const std::filesystem::path& program, const std::vector<std::string>& words,
+                 const std::filesystem::path& output) {
+    const Descriptor file(::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (!file) fail("open " + output.string());
+    const pid_t child = fork();
+    if (child == -1) fail("fork");
+    if (child == 0) runChild(program, words, file.get());
+    m_id = static_cast<uint32_t>(child);
+}
+
+Process::~Process() {
+    end();
+}
+
+std::optional<int64_t> Process::awaitExit(std::chrono::milliseconds limit) {
+    const auto hasEnded = [this] {
+        if (m_exitCode) return true;
+        int status = 0;
+        if (waitpid(static_cast<pid_t>(m_id), &status, WNOHANG) != static_cast<pid_t>(m_id)) return false;
+        m_exitCode = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+        return true;
+    };
+    static_cast<void>(await(hasEnded, limit));
+    return m_exitCode;
+}
+
+void Process::end() {
+    if (m_exitCode) return;
+    ::kill(static_cast<pid_t>(m_id), SIGKILL);
+    static_cast<void>(awaitExit(std::chrono::seconds(5)));
+}
+
+HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
+    const std::filesystem::path directory = root / "held";
+    std::filesystem::create_directories(directory);
+    if (mkfifo((directory / kLibraries.front()).c_str(), 0600) != 0) fail("mkfifo");
+    registerKeri(root, pathText(directory));
+}
+
+HeldDeployment::~HeldDeployment() {
+    if (m_handle != -1) ::close(static_cast<int>(m_handle));
+}
+
+void HeldDeployment::awaitReader() {
+    const std::filesystem::path fifo = m_root / "held" / kLibraries.front();
+    // Without waiting, a FIFO opens for writing only when somebody has it open for reading.
+    const auto isRead = [&] {
+        m_handle = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return m_handle != -1;
+    };
+    if (!await(isRead, std::chrono::seconds(5))) fail("nobody reads the held library");
+}
+
+void HeldDeployment::release() {
+    ::close(static_cast<int>(m_handle));
+    m_handle = -1;
+}
+
+} // namespace test

@@ -1,0 +1,202 @@
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <stdexcept>
+
+#include "core/core_scopedhandle.h"
+#include "tests/system/await.h"
+#include "tests/system/installation.h"
+#include "tests/system/platform.h"
+
+namespace test {
+namespace {
+
+struct ProcessHandleTraits {
+    using Value = HANDLE;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::CloseHandle(value); }
+};
+using ProcessHandle = NS_CORE::ScopedHandle<ProcessHandleTraits>;
+
+struct FileHandleTraits {
+    using Value = HANDLE;
+    static Value empty() { return INVALID_HANDLE_VALUE; }
+    static void close(Value value) { ::CloseHandle(value); }
+};
+using FileHandle = NS_CORE::ScopedHandle<FileHandleTraits>;
+
+constexpr const wchar_t* kKeriKey =
+    L"SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}";
+
+[[noreturn]] void fail(const std::string& what) {
+    const DWORD code = ::GetLastError();
+    throw std::runtime_error(what + ": " + std::to_string(code) + " " + systemText(code));
+}
+
+std::wstring toWide(const std::string& text) {
+    return std::filesystem::path(std::u8string(text.begin(), text.end())).wstring();
+}
+
+// As the command-line rules of the program under test read it: a word with a blank stands in double quotes.
+std::wstring commandLine(const std::filesystem::path& program, const std::vector<std::string>& words) {
+    std::wstring line = L'"' + program.wstring() + L'"';
+    for (const std::string& word : words) {
+        const bool hasBlank = word.find(' ') != std::string::npos;
+        line += hasBlank ? L" \"" + toWide(word) + L'"' : L' ' + toWide(word);
+    }
+    return line;
+}
+
+} // namespace
+
+std::string pathText(const std::filesystem::path& path) {
+    std::filesystem::path native = path;
+    const std::u8string text = native.make_preferred().u8string();
+    return {text.begin(), text.end()};
+}
+
+std::string separator() {
+    return "\\";
+}
+
+std::string systemText(uint32_t code) {
+    char* text = nullptr;
+    ::FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code,
+                     MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 0, nullptr);
+    const std::string copy = text ? text : "";
+    ::LocalFree(text);
+    return copy;
+}
+
+std::string noSuchProgramText() {
+    return systemText(ERROR_FILE_NOT_FOUND);
+}
+
+std::string notAProgramText() {
+    return systemText(ERROR_BAD_EXE_FORMAT);
+}
+
+bool processRuns(uint32_t processId, const std::filesystem::path& root) {
+    const ProcessHandle process(
+        ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, /*bInheritHandle=*/FALSE, processId));
+    if (!process || ::WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0) return false;
+    wchar_t name[1024];
+    DWORD length = 1024;
+    if (!::QueryFullProcessImageNameW(process.get(), 0, name, &length)) return false;
+    return std::filesystem::path(std::wstring(name, length)).u8string().starts_with(root.u8string());
+}
+
+void endProcess(uint32_t processId, const std::filesystem::path& root) {
+    if (!processRuns(processId, root)) return;
+    const ProcessHandle process(::OpenProcess(PROCESS_TERMINATE, /*bInheritHandle=*/FALSE, processId));
+    constexpr UINT kEndedFromOutside = 99;
+    if (process) ::TerminateProcess(process.get(), kEndedFromOutside);
+}
+
+void registerKeri(const std::filesystem::path& /*root*/, const std::string& location) {
+    HKEY key = nullptr;
+    // The 64-bit view, spelled out, so that the entry lies where the Keri software's 32-bit set-up puts it.
+    LSTATUS result = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, 0, nullptr, 0, KEY_SET_VALUE | KEY_WOW64_64KEY,
+                                       nullptr, &key, nullptr);
+    if (result != ERROR_SUCCESS) throw std::runtime_error("RegCreateKeyExW: " + std::to_string(result));
+    const std::wstring text = toWide(location);
+    result = ::RegSetValueExW(key, L"InstallLocation", 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                              static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+    ::RegCloseKey(key);
+    if (result != ERROR_SUCCESS) throw std::runtime_error("RegSetValueExW: " + std::to_string(result));
+}
+
+void unregisterKeri(const std::filesystem::path& /*root*/) {
+    ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, KEY_WOW64_64KEY, 0);
+}
+
+void sendDatagram(uint16_t port, size_t length) {
+    WSADATA data;
+    if (::WSAStartup(MAKEWORD(2, 2), &data) != 0) throw std::runtime_error("WSAStartup");
+    const SOCKET sender = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const std::string bytes(length, 'x');
+    const int sent = ::sendto(sender, bytes.data(), static_cast<int>(length), 0,
+                              reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    ::closesocket(sender);
+    ::WSACleanup();
+    if (sent != static_cast<int>(length)) throw std::runtime_error("sendto");
+}
+
+Process::Process(const std::filesystem::path& program, const std::vector<std::string>& words,
+                 const std::filesystem::path& output) {
+    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, /*bInheritHandle=*/TRUE};
+    const FileHandle file(::CreateFileW(output.c_str(), FILE_APPEND_DATA,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inheritable,
+                                        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) fail("CreateFileW");
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = file.get();
+    startup.hStdError = file.get();
+    PROCESS_INFORMATION process{};
+    std::wstring line = commandLine(program, words);
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE, 0, nullptr, L"C:\\",
+                          &startup, &process)) {
+        fail("CreateProcessW");
+    }
+    ::CloseHandle(process.hThread);
+    m_id = process.dwProcessId;
+    m_handle = reinterpret_cast<intptr_t>(process.hProcess);
+}
+
+Process::~Process() {
+    end();
+    ::CloseHandle(reinterpret_cast<HANDLE>(m_handle));
+}
+
+std::optional<int64_t> Process::awaitExit(std::chrono::milliseconds limit) {
+    const auto process = reinterpret_cast<HANDLE>(m_handle);
+    if (::WaitForSingleObject(process, static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) return std::nullopt;
+    DWORD code = 0;
+    if (!::GetExitCodeProcess(process, &code)) fail("GetExitCodeProcess");
+    m_exitCode = code;
+    return m_exitCode;
+}
+
+void Process::end() {
+    if (m_exitCode) return;
+    constexpr UINT kEndedFromOutside = 99;
+    ::TerminateProcess(reinterpret_cast<HANDLE>(m_handle), kEndedFromOutside);
+    static_cast<void>(awaitExit(std::chrono::seconds(5)));
+}
+
+HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
+    // A pipe's name may look like a path, so that its directory can be an install location.
+    const std::string directory = "\\\\.\\pipe\\quorkeri-" + std::to_string(::GetCurrentProcessId());
+    const std::wstring name = toWide(directory + '\\' + kLibraries.front());
+    const HANDLE pipe = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE | PIPE_NOWAIT,
+                                           /*nMaxInstances=*/1, 0, 0, 0, nullptr);
+    if (pipe == INVALID_HANDLE_VALUE) fail("CreateNamedPipeW");
+    m_handle = reinterpret_cast<intptr_t>(pipe);
+    registerKeri(root, directory);
+}
+
+HeldDeployment::~HeldDeployment() {
+    if (m_handle != -1) ::CloseHandle(reinterpret_cast<HANDLE>(m_handle));
+}
+
+void HeldDeployment::awaitReader() {
+    const auto isRead = [this] {
+        ::ConnectNamedPipe(reinterpret_cast<HANDLE>(m_handle), nullptr);
+        return ::GetLastError() == ERROR_PIPE_CONNECTED;
+    };
+    if (!await(isRead, std::chrono::seconds(5))) fail("nobody reads the held library");
+}
+
+void HeldDeployment::release() {
+    ::CloseHandle(reinterpret_cast<HANDLE>(m_handle));
+    m_handle = -1;
+}
+
+} // namespace test

@@ -1,0 +1,36 @@
+#pragma once
+
+// For the Windows sources of these tests only.
+#include <windows.h>
+
+#include <string>
+
+#include "core/core_scopedhandle.h"
+
+namespace test {
+
+struct ServiceHandleTraits {
+    using Value = SC_HANDLE;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::CloseServiceHandle(value); }
+};
+using ServiceHandle = NS_CORE::ScopedHandle<ServiceHandleTraits>;
+
+// Throws with the call's name, the last error's number and its text.
+[[noreturn]] void failWithLastError(const std::string& call);
+
+ServiceHandle openManager();
+
+// Empty, with the last error left as it is, when the service is not installed.
+ServiceHandle openService();
+
+// The same; throws when it is not installed.
+ServiceHandle openInstalledService();
+
+SERVICE_STATUS_PROCESS statusOf(const ServiceHandle& service);
+
+// Ends the service's process by its id, deletes the service and waits until the manager has forgotten it. Nothing to do
+// when it is not installed.
+void removeLeftService();
+
+} // namespace test

@@ -1,0 +1,57 @@
+#include <signal.h>
+
+#include <optional>
+#include <stdexcept>
+
+#include "tests/system/platform.h"
+#include "tests/system/supervised_service.h"
+
+namespace test {
+
+struct SupervisedService::State {
+    const Installation& installation;
+    std::unique_ptr<Process> process;
+};
+
+SupervisedService::SupervisedService(const Installation& installation)
+    : m_state(std::make_unique<State>(installation, nullptr)) {}
+
+SupervisedService::~SupervisedService() = default;
+
+void SupervisedService::start() {
+    m_state->process.reset();
+    m_state->process = std::make_unique<Process>(
+        m_state->installation.program(), std::vector<std::string>{"service-console"}, m_state->installation.output());
+    m_state->installation.awaitLog(line::running);
+}
+
+void SupervisedService::requestStop() {
+    if (::kill(static_cast<pid_t>(processId()), SIGTERM) != 0) throw std::runtime_error("the process is gone");
+}
+
+bool SupervisedService::hasStopped() {
+    return m_state->process->awaitExit(std::chrono::milliseconds(0)).has_value();
+}
+
+void SupervisedService::awaitStopped(std::chrono::milliseconds limit) {
+    const std::optional<int64_t> code = m_state->process->awaitExit(limit);
+    if (!code) throw std::runtime_error("The service did not end");
+    if (*code != 0) throw std::runtime_error("The service ended with " + std::to_string(*code));
+}
+
+void SupervisedService::kill() {
+    m_state->process->end();
+}
+
+uint32_t SupervisedService::processId() const {
+    return m_state->process->id();
+}
+
+std::vector<std::string> SupervisedService::wholeLog(const std::vector<std::string>& between) {
+    std::vector<std::string> lines{line::running, line::copying};
+    lines.insert(lines.end(), between.begin(), between.end());
+    lines.insert(lines.end(), {"UTL::Service::signalHandler - 15", line::stop});
+    return lines;
+}
+
+} // namespace test

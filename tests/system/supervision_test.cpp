@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/system/await.h"
+#include "tests/system/installation.h"
+#include "tests/system/platform.h"
+#include "tests/system/supervised_service.h"
+
+// The service and a companion, seen from outside, on both platforms.
+namespace test {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr int64_t kRestartDelay = 5'000'000;
+// What waking up, the log record and the start of a program may add.
+constexpr int64_t kLatestRestart = 5'300'000;
+
+std::string textOf(const Installation& installation, const std::string& event) {
+    return installation.awaitRecord(event).text;
+}
+
+std::string withoutTrailingSeparator(std::string path) {
+    if (path.ends_with('/') || path.ends_with('\\')) path.pop_back();
+    return path;
+}
+
+// "10 127.0.0.1:50123": the stop request, from a port of the system's choice.
+bool isStopDatagram(const std::string& text) {
+    const std::string head = "10 127.0.0.1:";
+    return text.starts_with(head) && text.size() > head.size() && text != head + "0";
+}
+
+TEST(Supervision, StartsTheCompanionDetachedInTheInstallationWithNothingInherited) {
+    const Installation installation;
+    SupervisedService service(installation);
+    service.start();
+    installation.awaitRecord("ready");
+    EXPECT_EQ(textOf(installation, "command"), kCompanionName);
+    EXPECT_EQ(withoutTrailingSeparator(textOf(installation, "directory")), pathText(installation.root()));
+    EXPECT_TRUE(installation.areLibrariesCopied());
+    for (const Record& record : installation.records("handle")) {
+        // Of the installation it has its own working directory and nothing else; of a console, nothing.
+        const std::string& text = record.text;
+        const size_t at = text.find(pathText(installation.root()));
+        const bool isDirectory = at != std::string::npos && withoutTrailingSeparator(text.substr(at)) ==
+                                                                withoutTrailingSeparator(pathText(installation.root()));
+        EXPECT_TRUE(at == std::string::npos || isDirectory) << text;
+        EXPECT_NE(text, "console");
+        EXPECT_FALSE(text.starts_with("stream")) << text;
+        EXPECT_EQ(text.find("socket:"), std::string::npos) << text;
+        EXPECT_EQ(text.find("pipe:"), std::string::npos) << text;
+    }
+    service.requestStop();
+    service.awaitStopped();
+    EXPECT_EQ(installation.log(), SupervisedService::wholeLog());
+}
+
+TEST(Supervision, RestartsAnEndedCompanionAfterFiveSecondsAndEndsWithThePauseWhenStoppedInIt) {
+    const Installation installation;
+    SupervisedService service(installation);
+    service.start();
+    const Record first = installation.awaitRecord("ready");
+
+    const int64_t firstEnd = nowMicroseconds();
+    endProcess(first.processId, installation.root());
+    const Record second = installation.awaitRecord("started", 2, seconds(8));
+    EXPECT_GE(second.microseconds - firstEnd, kRestartDelay);
+    EXPECT_LE(second.microseconds - firstEnd, kLatestRestart);
+    RecordProperty("restart_ms", static_cast<int>((second.microseconds - firstEnd) / 1000));
+    installation.awaitRecord("ready", 2);
+
+    const int64_t secondEnd = nowMicroseconds();
+    endProcess(second.processId, installation.root());
+    installation.awaitLog(line::failed, 2);
+    service.requestStop();
+    EXPECT_FALSE(service.hasStopped());
+    service.awaitStopped(seconds(8));
+    EXPECT_GE(nowMicroseconds() - secondEnd, kRestartDelay);
+    EXPECT_EQ(installation.records("started").size(), 2U);
+    EXPECT_TRUE(installation.records("datagram").empty());
+    const std::vector<std::string> expected = SupervisedService::wholeLog({line::failed, line::failed});
+    EXPECT_EQ(installation.log(), expected);
+}
+
+TEST(Supervision, WaitsForACompanionThatIgnoresTheStopDatagram) {
+    const Installation installation;
+    installation.setCompanion("ignore 1");
+    SupervisedService service(installation);
+    service.start();
+    installation.awaitRecord("ready");
+    service.requestStop();
+    EXPECT_TRUE(isStopDatagram(textOf(installation, "datagram"))) << textOf(installation, "datagram");
+    EXPECT_FALSE(service.hasStopped());
+
+    constexpr size_t kOwnLength = 3;
+    sendDatagram(kStopPort, kOwnLength);
+    service.awaitStopped();
+    const std::vector<Record> datagrams = installation.records("datagram");
+    ASSERT_EQ(datagrams.size(), 2U) << "the service sends one datagram for one stop request";
+    EXPECT_TRUE(datagrams[1].text.starts_with("3 "));
+    EXPECT_EQ(installation.log(), SupervisedService::wholeLog());
+}
+
+TEST(Supervision, GoesOnWhateverKeepsTheCompanionFromRunning) {
+    const Installation installation;
+    std::filesystem::remove(installation.companion());
+    SupervisedService service(installation);
+    service.start();
+    installation.awaitLog(line::failed, 1);
+
+    writeFile(installation.companion(), "This is a text, and no program.\n");
+    std::filesystem::permissions(installation.companion(), std::filesystem::perms::owner_all);
+    installation.awaitLog(line::failed, 2, seconds(8));
+
+    installation.setCompanion("exit 7");
+    installation.putCompanion();
+    installation.awaitLog(line::failed, 3, seconds(8));
+    EXPECT_EQ(installation.records("ending").size(), 1U);
+    EXPECT_EQ(installation.awaitRecord("ending").text, "7");
+
+    installation.setCompanion("crash");
+    installation.awaitLog(line::failed, 4, seconds(8));
+    EXPECT_EQ(installation.records("started").size(), 2U);
+
+    installation.setCompanion("");
+    installation.awaitRecord("ready", 1, seconds(8));
+    service.requestStop();
+    service.awaitStopped();
+    const std::vector<std::string> expected =
+        SupervisedService::wholeLog({line::startFailed + noSuchProgramText(), line::failed,
+                                     line::startFailed + notAProgramText(), line::failed, line::failed, line::failed});
+    EXPECT_EQ(installation.log(), expected);
+}
+
+TEST(Supervision, StopsTwoHundredTimesWithACompanionThatEndsAtOnce) {
+    const Installation installation;
+    installation.setCompanion("quick");
+    SupervisedService service(installation);
+    constexpr size_t kStops = 200;
+    for (size_t i = 1; i <= kStops; ++i) {
+        service.start();
+        installation.awaitRecord("ready");
+        service.requestStop();
+        service.awaitStopped();
+        ASSERT_EQ(installation.log(), SupervisedService::wholeLog()) << "stop number " << i;
+        installation.clearTraces();
+    }
+}
+
+TEST(Supervision, LosesAStopRequestDuringTheDeployment) {
+    const Installation installation;
+    HeldDeployment deployment(installation.root());
+    SupervisedService service(installation);
+    service.start();
+    deployment.awaitReader();
+    service.requestStop();
+    EXPECT_TRUE(installation.records("started").empty());
+    deployment.release();
+
+    const Record ready = installation.awaitRecord("ready");
+    EXPECT_TRUE(installation.records("datagram").empty());
+    endProcess(ready.processId, installation.root());
+    // The request left no trace in the loop: it goes on to the next start.
+    installation.awaitLog(line::failed);
+    EXPECT_FALSE(service.hasStopped());
+    service.kill();
+}
+
+TEST(Supervision, KeepsAStopRequestThatTheCompanionCouldNotHearUntilTheCompanionEnds) {
+    const Installation installation;
+    installation.setCompanion("bindWhen go");
+    SupervisedService service(installation);
+    service.start();
+    installation.awaitRecord("started");
+    service.requestStop();
+    writeFile(installation.bin() / "go", "");
+    const Record ready = installation.awaitRecord("ready");
+    EXPECT_FALSE(service.hasStopped());
+    EXPECT_TRUE(installation.records("datagram").empty());
+    endProcess(ready.processId, installation.root());
+    service.awaitStopped();
+    EXPECT_EQ(installation.log(), SupervisedService::wholeLog());
+}
+
+TEST(Supervision, RunsTheCompanionWithoutTheKeriSoftware) {
+    const Installation installation;
+    unregisterKeri(installation.root());
+    SupervisedService service(installation);
+    service.start();
+    installation.awaitRecord("ready");
+    service.requestStop();
+    service.awaitStopped();
+    const std::vector<std::string> log = installation.log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "CopyDependencies - Failed getting keri install path"), 1);
+    EXPECT_FALSE(installation.areLibrariesCopied());
+}
+
+TEST(Supervision, LivesInADirectoryWithBlanksAndInOneWithOtherLetters) {
+    for (const std::string name : {"Quorvane Keri Wrapper (x86)", "Ж é 測試"}) {
+        const Installation installation(name);
+        SupervisedService service(installation);
+        service.start();
+        installation.awaitRecord("ready");
+        EXPECT_EQ(withoutTrailingSeparator(textOf(installation, "directory")), pathText(installation.root()));
+        EXPECT_TRUE(installation.areLibrariesCopied());
+        service.requestStop();
+        service.awaitStopped();
+        EXPECT_EQ(installation.records("datagram").size(), 1U);
+        EXPECT_EQ(installation.log(), SupervisedService::wholeLog());
+    }
+}
+
+TEST(Supervision, CopiesWhatItCanWhenALibraryIsMissing) {
+    const Installation installation;
+    std::filesystem::remove(installation.keri() / "DHS_Commands.dll");
+    SupervisedService service(installation);
+    service.start();
+    installation.awaitRecord("ready");
+    service.requestStop();
+    service.awaitStopped();
+    const std::string source = pathText(installation.keri()) + separator() + "DHS_Commands.dll";
+    const std::vector<std::string> expected = SupervisedService::wholeLog(
+        {"UTL::FileUtils::copy - failed opening '" + source + "' for reading",
+         "CopyDependencies - Failed copying 'DHS_Commands.dll' from '" + pathText(installation.keri()) + "' to '" +
+             pathText(installation.bin()) + "'"});
+    EXPECT_EQ(installation.log(), expected);
+    for (const std::string& name : kLibraries)
+        EXPECT_EQ(std::filesystem::exists(installation.bin() / name), name != "DHS_Commands.dll") << name;
+}
+
+TEST(CommandLine, OutsideADirectoryNamedBinItSaysSoAndGoesOn) {
+    const Installation installation;
+    const std::filesystem::path elsewhere = installation.root() / "elsewhere";
+    std::filesystem::create_directories(elsewhere);
+    const std::filesystem::path program = elsewhere / installation.program().filename();
+    std::filesystem::copy_file(installation.program(), program);
+    Process process(program, {"service-remove"}, installation.output());
+    EXPECT_EQ(process.awaitExit(seconds(15)), 1);
+    const std::string output = readFile(installation.output());
+    EXPECT_NE(output.find("[CRIT] CORE::Assert::failDefault - GASSERT failed at utl_service:41 (CHECKF) (bin)\n"),
+              std::string::npos)
+        << output;
+}
+
+TEST(CommandLine, ServiceConsoleIsRecognisedInEveryPosition) {
+    const std::vector<std::vector<std::string>> lines = {{"service-console"},
+                                                         {"word", "service-console"},
+                                                         {"a word", "service-install", "service-console"},
+                                                         {"service-console", "service-remove"}};
+    for (const std::vector<std::string>& words : lines) {
+        const Installation installation;
+        Process process(installation.program(), words, installation.output());
+        installation.awaitRecord("ready");
+        EXPECT_EQ(installation.log(), (std::vector<std::string>{line::running, line::copying}));
+        process.end();
+    }
+}
+
+} // namespace
+} // namespace test
