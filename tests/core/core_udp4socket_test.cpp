@@ -15,9 +15,9 @@
 
 using NS_CORE::kAnyAddress;
 using NS_CORE::kLoopbackAddress;
+using NS_CORE::Udp4Socket;
 using NS_CORE::SocketFlag::NonBlocking;
 using NS_CORE::SocketFlag::ReuseAddr;
-using NS_CORE::Udp4Socket;
 
 namespace {
 
@@ -185,10 +185,10 @@ TEST(Udp4Socket, ReportsAFailedSendWithTheRuntimesError) {
     const std::string bytes(70000, 'q');
     errno = 0;
     EXPECT_FALSE(socket.send(kLoopbackAddress, 34002, bytes.data(), static_cast<uint32_t>(bytes.size())));
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{NS_CORE::formatString(
-                  "WARN NS_CORE::Udp4Socket::send(70000,34002,127.0.0.1) - failed in sendto (%u: %s)",
-                  static_cast<unsigned>(test::kErrnoOfTooLargeDatagram), std::strerror(test::kErrnoOfTooLargeDatagram))}));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{NS_CORE::formatString(
+                               "WARN NS_CORE::Udp4Socket::send(70000,34002,127.0.0.1) - failed in sendto (%u: %s)",
+                               static_cast<unsigned>(test::kErrnoOfTooLargeDatagram),
+                               std::strerror(test::kErrnoOfTooLargeDatagram))}));
 }
 
 TEST(Udp4Socket, ReportsBroadcastWithoutTheRightToIt) {
@@ -229,9 +229,8 @@ TEST(Udp4Socket, ReportsEveryGroupThatItCannotLeave) {
     }
     const std::string function = "WARN CORE::Udp4Socket::leaveMulticastGroup";
     EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{
-                  function + "(239.1.2.3) - failed dropping membership for interface 127.0.0.1",
-                  function + "(239.1.2.4) - failed dropping membership for interface 0.0.0.0"}));
+              (std::vector<std::string>{function + "(239.1.2.3) - failed dropping membership for interface 127.0.0.1",
+                                        function + "(239.1.2.4) - failed dropping membership for interface 0.0.0.0"}));
 }
 
 TEST(Udp4Socket, LeavesNoHandleBehind) {

@@ -31,8 +31,8 @@ Datagram UdpReceiver::receive() {
     std::string bytes(kLargest, '\0');
     sockaddr_in sender = {};
     socklen_t size = sizeof sender;
-    const auto length = ::recvfrom(socket, bytes.data(), kLargest, /*flags=*/0,
-                                   reinterpret_cast<sockaddr*>(&sender), &size);
+    const auto length =
+        ::recvfrom(socket, bytes.data(), kLargest, /*flags=*/0, reinterpret_cast<sockaddr*>(&sender), &size);
     EXPECT_GE(length, 0);
     bytes.resize(length < 0 ? 0 : static_cast<size_t>(length));
     return {bytes, NS_CORE::addressText(sender.sin_addr.s_addr), ntohs(sender.sin_port)};

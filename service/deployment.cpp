@@ -1,0 +1,58 @@
+#include "service/deployment.h"
+
+#include "core/core_dir.h"
+#include "core/core_v2masterlogger.h"
+#include "service/deployment_platform.h"
+#include "utl/utl_fileutils.h"
+#include "utl/utl_registry.h"
+
+namespace {
+
+// The uninstall entry of the Keri software, a 32-bit package: the path spells out the 32-bit view, so that every
+// process finds it.
+constexpr const char* kKeriKey =
+    R"(SOFTWARE\Wow6432Node\Microsoft\Windows\CurrentVersion\Uninstall\{28C70475-353F-47A1-BD2B-6219F4C7A0C6})";
+
+constexpr const char* kLibraries[] = {
+    "ClientSocketServices.dll", "DHS.dll",           "DHS_Commands.dll", "SocketServices.dll",
+    "TracerX-Logger.dll",       "DHSAttributes.dll",
+};
+
+void copyLibrary(const char* name, const std::string& keriDir, const std::string& moduleDir) {
+    const std::string source = NS_CORE::formatString(deployment_platform::kPathFormat, keriDir, name);
+    const std::string destination = NS_CORE::formatString(deployment_platform::kPathFormat, moduleDir, name);
+    if (NS_UTL::FileUtils::copy(source, destination)) return;
+    MLOG(Warn, "CopyDependencies", "Failed copying '%s' from '%s' to '%s'", name, keriDir, moduleDir);
+}
+
+} // namespace
+
+std::string getKeriInstallDir() {
+    NS_UTL::RegistryKey key;
+    if (!key.open(kKeriKey)) {
+        MLOG(Crit, "getKeriInstallDir", "Failed opening Keri registry key");
+        return {};
+    }
+    std::string directory;
+    if (!key.getValue("InstallLocation", directory)) {
+        NS_CORE::MasterLogger::logLimited(NS_CORE::LogRate::Hourly, NS_CORE::LogLevel::Crit, "getKeriInstallDir",
+                                          "Could not locate KERI install directory from registry");
+        return {};
+    }
+    return directory;
+}
+
+void CopyDependencies() {
+    MLOG(Info, "CopyDependencies", "Copying dependencies");
+    const std::string keriDir = getKeriInstallDir();
+    std::string moduleDir;
+    if (!NS_CORE::Dir::getModuleDir(moduleDir)) {
+        MLOG(Warn, "CopyDependencies", "Failed getting module dir");
+        return;
+    }
+    if (keriDir.empty()) {
+        MLOG(Warn, "CopyDependencies", "Failed getting keri install path");
+        return;
+    }
+    for (const char* name : kLibraries) copyLibrary(name, keriDir, moduleDir);
+}

@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/registry_value.h"
+#include "tests/support/temp_dir.h"
+#include "utl/utl_registry.h"
+
+using NS_UTL::RegistryKey;
+
+namespace {
+
+const std::string kKeriKey =
+    "SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}";
+
+// A working directory with a registry file of the given text.
+class RegistryFile {
+public:
+    RegistryFile() { std::filesystem::current_path(m_dir.path()); }
+    explicit RegistryFile(const std::string& text) : RegistryFile() {
+        std::filesystem::create_directory("settings");
+        test::writeFile("settings/registry.reg", text);
+    }
+    ~RegistryFile() { std::filesystem::current_path("/"); }
+
+private:
+    test::TempDir m_dir;
+};
+
+} // namespace
+
+TEST(RegistryKeyLinux, ReadsTheSampleThatServesBothPlatforms) {
+    const RegistryFile file(test::readFile(test::dataFile("keri.reg")));
+    test::LogRecorder log;
+    RegistryKey key;
+    ASSERT_TRUE(key.open(kKeriKey));
+    std::string text;
+    EXPECT_TRUE(key.getValue("InstallLocation", text));
+    EXPECT_EQ(text, "C:\\Keri\\");
+    EXPECT_TRUE(key.getValue("DisplayName", text));
+    EXPECT_EQ(text, "Keri \"Sample\" Software");
+    EXPECT_FALSE(key.getValue("UninstallString", text));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"WARN NS_UTL::RegistryKey::getValue(UninstallString) - type=2 expected 1"}));
+}
+
+TEST(RegistryKeyLinux, DoesNotOpenAKeyThatIsNotInTheFile) {
+    const RegistryFile file("REGEDIT4\n[HKEY_CURRENT_USER\\SOFTWARE\\X]\n");
+    test::LogRecorder log;
+    RegistryKey key;
+    EXPECT_FALSE(key.open("SOFTWARE\\X"));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "WARN CORE::logLastError - RegistryKey: failed open 'SOFTWARE\\X': No such file or directory"}));
+    // It is as if it had never been tried.
+    test::HookRecorder hook;
+    EXPECT_FALSE(key.open("SOFTWARE\\Y"));
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+TEST(RegistryKeyLinux, HasNoKeysWithoutAFile) {
+    const RegistryFile file;
+    test::LogRecorder log;
+    RegistryKey key;
+    EXPECT_FALSE(key.open(kKeriKey));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - RegistryKey: failed open '" + kKeriKey +
+                                                     "': No such file or directory"}));
+}
+
+TEST(RegistryKeyLinux, SaysWhereTheFileIsBroken) {
+    const RegistryFile file("REGEDIT4\n\n[HKLM\\X]\n\"v\"=\"C:\\Keri\"\n");
+    test::LogRecorder log;
+    RegistryKey key;
+    EXPECT_FALSE(key.open("X"));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "WARN UTL::RegFile::load - 'settings/registry.reg' is no registry export: line 4: a "
+                               "backslash in quoted text is not followed by another one or by a quote",
+                               "WARN CORE::logLastError - RegistryKey: failed open 'X': Invalid argument"}));
+}
+
+TEST(RegistryKeyLinux, ShowsTheFileAsItWasWhenOpened) {
+    const RegistryFile file("REGEDIT4\n[HKLM\\X]\n\"v\"=\"before\"\n");
+    RegistryKey key;
+    ASSERT_TRUE(key.open("X"));
+    test::writeFile("settings/registry.reg", "REGEDIT4\n[HKLM\\X]\n\"v\"=\"after\"\n");
+    std::string text;
+    EXPECT_TRUE(key.getValue("v", text));
+    EXPECT_EQ(text, "before");
+    RegistryKey again;
+    ASSERT_TRUE(again.open("X"));
+    EXPECT_TRUE(again.getValue("v", text));
+    EXPECT_EQ(text, "after");
+}

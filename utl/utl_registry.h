@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace NS_UTL {
+
+// Types of registry values, by the system's numbers.
+namespace RegType {
+inline constexpr uint32_t None = 0;     // REG_NONE
+inline constexpr uint32_t Sz = 1;       // REG_SZ
+inline constexpr uint32_t ExpandSz = 2; // REG_EXPAND_SZ
+inline constexpr uint32_t Binary = 3;   // REG_BINARY
+inline constexpr uint32_t Dword = 4;    // REG_DWORD
+inline constexpr uint32_t MultiSz = 7;  // REG_MULTI_SZ
+} // namespace RegType
+
+// Reads string values of one key below HKEY_LOCAL_MACHINE. On Linux the registry is the file
+// "settings/registry.reg" below the working directory, in Windows' export format (utl_regfile.h), as it is when
+// open() is called. Failures are logged at WARN; misuse fails a CHECKF with an empty message and, where the hook
+// goes on, gives false. One thread at a time.
+class RegistryKey {
+public:
+    // Takes a value's bytes, valid during the call only, and answers what getValue() answers.
+    using Consumer = std::function<bool(const uint8_t* bytes, uint32_t count)>;
+
+    RegistryKey() = default;
+    RegistryKey(const RegistryKey&) = delete;
+    RegistryKey& operator=(const RegistryKey&) = delete;
+
+    // Opens `subKey`, a path with single backslashes, to query values. Once opened, the key stays open until the
+    // process ends: neither this object nor its destruction closes it. On Windows a missing key is created, empty,
+    // where the process has the right to do so; a 32-bit process sees the 32-bit view.
+    [[nodiscard]] bool open(const std::string& subKey);
+
+    // Reads the value `name`, which has to be of type REG_SZ, and hands its bytes as stored, terminators
+    // included, to `consumer`. Text is UTF-8.
+    [[nodiscard]] bool getValue(const std::string& name, const Consumer& consumer) const;
+
+    // The same into `text`, less one trailing NUL. A value of no bytes at all is misuse. `text` is left alone on
+    // failure.
+    [[nodiscard]] bool getValue(const std::string& name, std::string& text) const;
+
+private:
+    using Handle = void*; // HKEY
+
+    // The two calls of the platform. On failure openKey() leaves the reason as the thread's last error (errno on
+    // Linux) and `key` alone. queryValue() is RegQueryValueEx: 0, ERROR_MORE_DATA with the count that is needed, or
+    // another of Windows' error codes.
+    static bool openKey(const std::string& subKey, Handle* key);
+    static uint32_t queryValue(Handle key, const std::string& name, uint32_t* type, uint8_t* buffer, uint32_t* count);
+
+    Handle m_key = nullptr;
+};
+
+} // namespace NS_UTL

@@ -1,0 +1,58 @@
+#include "utl/utl_registry.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "utl/utl_regfile.h"
+
+namespace NS_UTL {
+namespace {
+
+// What the handle of a key stands for.
+struct OpenKey {
+    RegFile registry;
+    std::string path;
+};
+
+constexpr uint32_t kErrorFileNotFound = 2; // ERROR_FILE_NOT_FOUND
+constexpr uint32_t kErrorMoreData = 234;   // ERROR_MORE_DATA
+
+// Keys are never closed; kept here, they stay reachable until the process ends.
+void* keepOpen(std::unique_ptr<OpenKey> key) {
+    static std::mutex mutex;
+    static auto& keys = *new std::vector<std::unique_ptr<OpenKey>>;
+    const std::lock_guard lock(mutex);
+    return keys.emplace_back(std::move(key)).get();
+}
+
+} // namespace
+
+bool RegistryKey::openKey(const std::string& subKey, Handle* key) {
+    auto opened = std::make_unique<OpenKey>();
+    if (!opened->registry.load("settings/registry.reg")) return false;
+    opened->path = "HKEY_LOCAL_MACHINE\\" + subKey;
+    if (!opened->registry.hasKey(opened->path)) {
+        errno = ENOENT;
+        return false;
+    }
+    *key = keepOpen(std::move(opened));
+    return true;
+}
+
+uint32_t RegistryKey::queryValue(Handle key, const std::string& name, uint32_t* type, uint8_t* buffer,
+                                 uint32_t* count) {
+    const auto& opened = *static_cast<const OpenKey*>(key);
+    const RegFile::Value* value = opened.registry.findValue(opened.path, name);
+    if (value == nullptr) return kErrorFileNotFound;
+    const uint32_t room = *count;
+    *type = value->type;
+    *count = static_cast<uint32_t>(value->bytes.size());
+    if (*count > room) return kErrorMoreData;
+    if (*count != 0) std::memcpy(buffer, value->bytes.data(), *count);
+    return 0;
+}
+
+} // namespace NS_UTL
