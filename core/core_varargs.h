@@ -125,22 +125,22 @@ Argument argument(const T& value) {
     }
 }
 
-// The formatter itself, one for all argument lists. `format` is followed by a NUL. Fills in the lengths of `args`.
-void formatInto(std::string& out, std::string_view format, Argument* args, size_t count);
+// The formatter itself, one for all argument lists. `format` is followed by a NUL. They fill in the lengths of `args`.
+std::string formatPack(std::string_view format, Argument* args, size_t count);
+void formatPackInto(std::string& out, std::string_view format, Argument* args, size_t count);
 
 } // namespace varargs
 
 template <varargs::Accepted... Args>
 void formatInto(std::string& out, const char* format, const Args&... args) {
     std::array<varargs::Argument, sizeof...(Args)> pack{varargs::argument(args)...};
-    varargs::formatInto(out, format, pack.data(), pack.size());
+    varargs::formatPackInto(out, format, pack.data(), pack.size());
 }
 
 template <varargs::Accepted... Args>
 [[nodiscard]] std::string formatString(const char* format, const Args&... args) {
-    std::string out;
-    formatInto(out, format, args...);
-    return out;
+    std::array<varargs::Argument, sizeof...(Args)> pack{varargs::argument(args)...};
+    return varargs::formatPack(format, pack.data(), pack.size());
 }
 
 } // namespace NS_CORE
