@@ -1,0 +1,50 @@
+#include "service/main.h"
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "core/core_paths.h"
+#include "core/core_product.h"
+#include "core/core_v2masterlogger.h"
+#include "service/supervision.h"
+#include "utl/utl_service.h"
+
+namespace service {
+namespace {
+
+constexpr const char* kProductIdentifier = "ravelin";
+// The executable's file name, extension included: the name in the service control manager's register ever since.
+constexpr const char* kServiceName = "quorkeri_service.exe";
+constexpr const char* kDisplayName = "Quorvane Keri Wrapper";
+// The executables lie in this directory below the installation, which is where the service works.
+constexpr const char* kAnchor = "bin";
+constexpr const char* kLogFileName = "service.log";
+
+} // namespace
+
+int runProcess(ArgumentVector& arguments) {
+    return applicationStart(arguments.count(), arguments.values());
+}
+
+int applicationStart(int argc, char** argv) {
+    NS_CORE::setProductIdentifier(kProductIdentifier);
+    NS_CORE::setDefaultPaths();
+    const NS_CORE::DefaultGlobals globals;
+    return main(argc, argv);
+}
+
+int main(int argc, char** argv) {
+    Supervisor supervisor;
+    std::function<void()> stop = [&supervisor] { supervisor.stop(); };
+    std::function<int(int, char**)> run = [&supervisor](int runArgc, char** runArgv) {
+        return supervisor.run(runArgc, runArgv);
+    };
+    NS_UTL::Service host(kAnchor, kServiceName, kDisplayName, NS_CORE::dotPath(NS_CORE::PathKind::Logs), kLogFileName,
+                         std::move(run), std::move(stop));
+    const int result = host.run(argc, argv);
+    NS_UTL::Service::clearInstance();
+    return result;
+}
+
+} // namespace service

@@ -1,0 +1,72 @@
+#include "service/supervision.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "core/core_checkf.h"
+#include "core/core_guniquebuf.h"
+#include "core/core_socket.h"
+#include "core/core_udp4socket.h"
+#include "core/core_v2masterlogger.h"
+#include "service/deployment.h"
+#include "utl/utl_processutils.h"
+
+namespace service {
+namespace {
+
+// A system's sleep may end up to one tick of its timer early; the delay is promised as a minimum.
+void pauseFor(uint32_t milliseconds) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) std::this_thread::sleep_for(end - now);
+}
+
+void startCompanion(const char* commandLine) {
+    // A restart follows whatever the outcome; a failed start has been logged.
+    unsigned long exitCode = 0;
+    NS_UTL::ProcessUtils::start(commandLine, &exitCode);
+}
+
+void sendStopDatagram() {
+    NS_CORE::Udp4Socket socket;
+    const bool isOpen = socket.open(/*flags=*/0, NS_CORE::kAnyAddress);
+    if (!CHECKF_AT("main", 113, isOpen, "")) return;
+    // Left as it is allocated: only the datagram's arrival counts.
+    NS_CORE::GUniqueBuf payload(Supervisor::kStopDatagramSize);
+    const bool isSent =
+        socket.send(NS_CORE::kLoopbackAddress, Supervisor::kStopPort, payload.data(), Supervisor::kStopDatagramSize);
+    static_cast<void>(CHECKF_AT("main", 122, isSent, ""));
+}
+
+} // namespace
+
+Supervisor::Steps Supervisor::Steps::production() {
+    return {&CopyDependencies, &startCompanion};
+}
+
+Supervisor::Supervisor(Steps steps, uint32_t restartDelayMs)
+    : m_deploy(std::move(steps.deploy)), m_start(std::move(steps.start)), m_restartDelayMs(restartDelayMs) {}
+
+int Supervisor::run(int /*argc*/, char** /*argv*/) {
+    MLOG(Info, "Run", "Running");
+    m_deploy();
+    // Set only now: a stop request during the deployment is not kept.
+    m_running = true;
+    for (;;) {
+        m_start(kCompanion);
+        if (!m_running) break;
+        MLOG(Warn, "Run", "Run: '%s' failed", kCompanion);
+        pauseFor(m_restartDelayMs);
+        if (!m_running) break;
+    }
+    return 0;
+}
+
+void Supervisor::stop() {
+    MLOG(Info, "Stop", "Stop");
+    m_running = false;
+    sendStopDatagram();
+}
+
+} // namespace service

@@ -1,0 +1,169 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/log_recorder.h"
+#include "utl/utl_signal.h"
+
+namespace NS_UTL {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+std::vector<int> g_order; // written by the answering thread alone
+std::counting_semaphore<1000> g_answered{0};
+std::thread::id g_answeringThread;
+std::binary_semaphore g_goOn{0};
+
+void answerAndTell(int signum) {
+    g_order.push_back(signum);
+    g_answeringThread = std::this_thread::get_id();
+    g_answered.release();
+}
+
+void answerSlowly(int /*signum*/) {
+    g_answered.release();
+    g_goOn.acquire();
+    g_order.push_back(0);
+}
+
+size_t threadCount() {
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+    return count;
+}
+
+// The kernel refuses the calling thread every further change of a signal's action, as a sandbox would.
+void forbidSignalChanges() {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigaction, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {static_cast<unsigned short>(std::size(filter)), filter};
+    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST(SignalTest, LogsASignalThatCannotBeCaught) {
+    test::LogRecorder log;
+    {
+        const Signal signal(SIGKILL, &answerAndTell);
+    }
+    EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::Signal - failed to install signal handler for 9"});
+}
+
+TEST(SignalTest, LogsAHandlerThatCannotBePutBack) {
+    test::LogRecorder log;
+    std::thread([] {
+        const Signal signal(SIGTERM, &answerAndTell);
+        forbidSignalChanges();
+    }).join();
+    EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::~Signal - failed to restore signal handler for 15"});
+}
+
+TEST(SignalTest, AnswersOnAThreadOfItsOwnAndStaysInstalled) {
+    {
+        const Signal signal(SIGTERM, &answerAndTell);
+        for (int i = 0; i < 3; ++i) {
+            ::raise(SIGTERM);
+            g_answered.acquire();
+        }
+    }
+    EXPECT_EQ(g_order, (std::vector<int>{SIGTERM, SIGTERM, SIGTERM}));
+    EXPECT_NE(g_answeringThread, std::this_thread::get_id());
+}
+
+TEST(SignalTest, AnswersInTheOrderOfArrivalAndBeforeTheLastObjectEnds) {
+    {
+        const Signal first(SIGTERM, &answerAndTell);
+        const Signal second(SIGINT, &answerAndTell);
+        ::raise(SIGINT);
+        ::raise(SIGTERM);
+        ::raise(SIGINT);
+        for (int i = 0; i < 3; ++i) g_answered.acquire();
+    }
+    EXPECT_EQ(g_order, (std::vector<int>{SIGINT, SIGTERM, SIGINT}));
+}
+
+TEST(SignalTest, WaitsForAHandlerThatIsAtWork) {
+    std::atomic<bool> ended{false};
+    std::thread other;
+    {
+        const Signal signal(SIGTERM, &answerSlowly);
+        ::raise(SIGTERM);
+        g_answered.acquire();
+        other = std::thread([&ended] {
+            EXPECT_FALSE(ended);
+            g_goOn.release();
+        });
+    }
+    ended = true;
+    other.join();
+    EXPECT_EQ(g_order, std::vector<int>{0});
+}
+
+TEST(SignalTest, LeavesNoThreadBehind) {
+    // The thread sanitizer adds a thread of its own to the first one.
+    std::thread([] {}).join();
+    const size_t before = threadCount();
+    {
+        const Signal first(SIGTERM, &answerAndTell);
+        const Signal second(SIGINT, &answerAndTell);
+        EXPECT_EQ(threadCount(), before + 1);
+    }
+    // A joined thread may be seen for a moment longer.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (threadCount() != before && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
+    EXPECT_EQ(threadCount(), before);
+}
+
+TEST(SignalTest, PutsTheWholePreviousActionBack) {
+    struct sigaction before = {};
+    before.sa_handler = SIG_IGN;
+    before.sa_flags = SA_NODEFER;
+    ASSERT_EQ(::sigaction(SIGINT, &before, nullptr), 0);
+    {
+        const Signal signal(SIGINT, &answerAndTell);
+    }
+    struct sigaction after = {};
+    ASSERT_EQ(::sigaction(SIGINT, nullptr, &after), 0);
+    EXPECT_EQ(after.sa_handler, SIG_IGN);
+    EXPECT_NE(after.sa_flags & SA_NODEFER, 0);
+}
+
+TEST(SignalTest, LeavesErrnoAndInterruptedCallsAlone) {
+    const Signal signal(SIGTERM, &answerAndTell);
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const pthread_t reader = ::pthread_self();
+    std::thread sender([reader, ends] {
+        ::pthread_kill(reader, SIGTERM);
+        g_answered.acquire();
+        EXPECT_EQ(::write(ends[1], "x", 1), 1);
+    });
+    errno = 0;
+    char byte = 0;
+    EXPECT_EQ(::read(ends[0], &byte, 1), 1) << "interrupted";
+    EXPECT_EQ(errno, 0);
+    sender.join();
+}
+
+} // namespace
+} // namespace NS_UTL

@@ -1,0 +1,33 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "utl/utl_signal.h"
+
+namespace NS_UTL {
+namespace {
+
+int g_calls = 0;
+int g_lastSignal = 0;
+
+void count(int signum) {
+    ++g_calls;
+    g_lastSignal = signum;
+}
+
+TEST(SignalTest, CallsTheHandlerForARaisedSignal) {
+    const Signal signal(SIGBREAK, &count);
+    std::raise(SIGBREAK);
+    EXPECT_EQ(g_calls, 1);
+    EXPECT_EQ(g_lastSignal, 21);
+}
+
+TEST(SignalTest, AnswersOnceBecauseTheRuntimeResetsTheHandler) {
+    const Signal signal(SIGTERM, &count);
+    std::raise(SIGTERM);
+    EXPECT_EQ(g_calls, 1);
+    EXPECT_EQ(std::signal(SIGTERM, SIG_IGN), SIG_DFL);
+}
+
+} // namespace
+} // namespace NS_UTL

@@ -1,0 +1,129 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "utl/utl_servicestatus.h"
+
+namespace NS_UTL {
+
+// What the host asks of the service control manager while the service runs. A table, so that the whole life of a
+// service can be tested without a manager.
+struct ServiceManagerCalls {
+    // The manager's name for one running service; null when there is none.
+    using StatusHandle = void*;
+
+    // Registers Service::controlHandler for the service of this name. Null on failure, with the reason as the thread's
+    // last system error.
+    std::function<StatusHandle(const char* serviceName)> registerControlHandler;
+
+    // Hands one status to the manager. Failures have nobody to go to.
+    std::function<void(StatusHandle handle, const ServiceStatus& status)> setStatus;
+
+    // The platform's own.
+    static ServiceManagerCalls platform();
+};
+
+// Turns an application's run and stop callbacks into a service of the operating system: installs and removes it,
+// runs it under the service control manager or, for a person at a console, as an ordinary program.
+//
+// One instance at a time. The callbacks that the system makes (signals, service main, controls) find it through a
+// process-wide pointer, which the constructor sets and the application clears, with clearInstance, once run has
+// returned. Failures are logged here and answered by a result; nothing throws but an empty run callback.
+//
+// Where there is no service control manager (Linux), install, remove and service mode fail with the messages of a
+// manager that cannot be reached; console mode is what carries the application there.
+class Service {
+public:
+    // The application's work. Called on the thread of service main (service mode) or of run (console mode). Its result
+    // becomes the service-specific exit code or run's result.
+    using RunCallback = std::function<int(int argc, char** argv)>;
+    // Asks the work to end, and returns at once. Called on another thread than the work's, or, on Windows, in the
+    // middle of it when the process raises a signal itself.
+    using StopCallback = std::function<void()>;
+
+    // The first word after the program's name for installation and removal; a word anywhere for console mode.
+    static constexpr std::string_view kInstallWord = "service-install";
+    static constexpr std::string_view kRemoveWord = "service-remove";
+    static constexpr std::string_view kConsoleWord = "service-console";
+
+    // The service's log file is rotated past this many bytes; one rotated file is kept.
+    static constexpr uint32_t kLogFileLimit = 5000000;
+    static constexpr uint32_t kLogFilesKept = 1;
+
+    // Moves the working directory and installs the rotating log file.
+    // anchor        the end of the executable's directory that is taken off to get the working directory, as in "bin";
+    //               empty: the executable's directory itself. A directory that cannot be set is a failed check at
+    //               utl_service:34 (empty anchor) or :41 (message: the anchor); construction goes on.
+    // logDirectory  relative to the working directory.
+    Service(const std::string& anchor, std::string name, std::string displayName, std::string logDirectory,
+            std::string logFileName, RunCallback run, StopCallback stop);
+    ~Service();
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    // Chooses the mode by the arguments and performs it. No argument beyond the program's name: service mode.
+    // Returns the process's exit code: 0, 1 for a failed install, remove or dispatcher start, in console mode the
+    // run callback's result.
+    [[nodiscard]] int run(int argc, char** argv);
+
+    // Registers the executable as a service that starts by itself, under the system's account. A service of this name
+    // that is there already counts as success and stays as it is. Needs administrator rights.
+    [[nodiscard]] bool install(const std::string& name, const std::string& displayName,
+                               const std::string& executablePath);
+
+    // Takes the service of this host's name from the register.
+    [[nodiscard]] bool remove();
+
+    // Service mode returns when the service has stopped (0) or when no manager started this process (1); console mode
+    // when the run callback has returned, with its result.
+    [[nodiscard]] int runService(bool asService, int argc, char** argv);
+
+    // Makes the callbacks below answer with a failed check from now on. Waits until those that are at work are done,
+    // so that the host can be destroyed; must not be called from one of them.
+    static void clearInstance();
+
+    // Console mode's handler for a signal: logs the number and calls the stop callback. Without an instance a failed
+    // check at utl_service:119.
+    static void signalHandler(int signum);
+
+    // The life of the service in service mode, on a thread of the manager's: reports start pending and running, calls
+    // the run callback with these arguments, reports stopped with its result as the service-specific exit code.
+    // Without an instance a failed check at utl_service_win32:192.
+    static void serviceMain(uint32_t argc, char** argv);
+
+    // A control request, on the dispatcher's thread: stop and shutdown call the stop callback and make the state
+    // stop pending; pause, continue and unknown controls are failed checks at utl_service_win32:166, :172 and :180.
+    // The status is reported after each, unless the service has already stopped. Without an instance a failed check
+    // at utl_service_win32:141.
+    static void controlHandler(uint32_t control);
+
+    // For tests: what stands in for the service control manager. Before service mode begins.
+    void setServiceManager(ServiceManagerCalls calls) { m_manager = std::move(calls); }
+
+    ServiceStatus status() const { return m_status.status(); }
+
+private:
+    int runInstall();
+    int runRemove();
+    int runInConsole(int argc, char** argv);
+    void runAsService(int argc, char** argv);
+    void control(uint32_t control);
+    void requestStop();
+
+    // The platform's: hands the first thread to the manager until the service has stopped. False when the manager does
+    // not take it, with the reason as the thread's last system error.
+    [[nodiscard]] bool runDispatcher();
+
+    std::string m_name;
+    std::string m_displayName;
+    RunCallback m_run;
+    StopCallback m_stop;
+    ServiceStatusReporter m_status;
+    ServiceManagerCalls::StatusHandle m_statusHandle = nullptr;
+    ServiceManagerCalls m_manager;
+};
+
+} // namespace NS_UTL

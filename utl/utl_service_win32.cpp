@@ -1,0 +1,118 @@
+#include "utl/utl_service.h"
+
+#include <windows.h>
+
+#include <array>
+#include <csignal>
+#include <span>
+
+#include "core/core_scopedhandle.h"
+#include "core/core_v2masterlogger.h"
+#include "core/core_wrapper.h"
+#include "utl/utl_service_platform.h"
+
+namespace NS_UTL {
+namespace {
+
+// The numbers that the neutral sources use are the system's.
+static_assert(ServiceType::Win32OwnProcess == SERVICE_WIN32_OWN_PROCESS);
+static_assert(ServiceState::Stopped == SERVICE_STOPPED && ServiceState::StartPending == SERVICE_START_PENDING &&
+              ServiceState::StopPending == SERVICE_STOP_PENDING && ServiceState::Running == SERVICE_RUNNING);
+static_assert(ServiceAccept::Stop == SERVICE_ACCEPT_STOP && ServiceAccept::Shutdown == SERVICE_ACCEPT_SHUTDOWN);
+static_assert(ServiceControl::Stop == SERVICE_CONTROL_STOP && ServiceControl::Pause == SERVICE_CONTROL_PAUSE &&
+              ServiceControl::Continue == SERVICE_CONTROL_CONTINUE &&
+              ServiceControl::Interrogate == SERVICE_CONTROL_INTERROGATE &&
+              ServiceControl::Shutdown == SERVICE_CONTROL_SHUTDOWN);
+
+struct ScHandleTraits {
+    using Value = SC_HANDLE;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::CloseServiceHandle(value); }
+};
+using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
+
+constexpr std::string_view kInstall = "UTL::Service::install";
+constexpr std::string_view kRemove = "UTL::Service::remove";
+
+// Empty, after a message under the caller's name, when the manager cannot be reached or does not grant all rights.
+ScopedScHandle openManager(std::string_view function) {
+    ScopedScHandle manager(
+        ::OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
+    if (!manager) ServicePlatform::logManagerNotOpened(function);
+    return manager;
+}
+
+// The system's side of the two callbacks, which have its calling convention.
+void WINAPI enterControlHandler(DWORD control) {
+    Service::controlHandler(control);
+}
+
+void WINAPI enterServiceMain(DWORD argc, char** argv) {
+    Service::serviceMain(argc, argv);
+}
+
+void reportStatus(ServiceManagerCalls::StatusHandle handle, const ServiceStatus& status) {
+    SERVICE_STATUS record = {};
+    record.dwServiceType = status.serviceType;
+    record.dwCurrentState = status.currentState;
+    record.dwControlsAccepted = status.controlsAccepted;
+    record.dwWin32ExitCode = status.win32ExitCode;
+    record.dwServiceSpecificExitCode = status.serviceSpecificExitCode;
+    record.dwCheckPoint = status.checkPoint;
+    record.dwWaitHint = status.waitHint;
+    ::SetServiceStatus(static_cast<SERVICE_STATUS_HANDLE>(handle), &record);
+}
+
+} // namespace
+
+std::span<const int32_t> ServicePlatform::consoleSignals() {
+    static constexpr std::array<int32_t, 3> kSignals = {SIGINT, SIGTERM, SIGBREAK};
+    return kSignals;
+}
+
+ServiceManagerCalls ServiceManagerCalls::platform() {
+    return {[](const char* serviceName) -> StatusHandle {
+                return ::RegisterServiceCtrlHandlerA(serviceName, &enterControlHandler);
+            },
+            &reportStatus};
+}
+
+bool Service::install(const std::string& name, const std::string& displayName, const std::string& executablePath) {
+    const ScopedScHandle manager = openManager(kInstall);
+    if (!manager) return false;
+    // The path is registered as it is, without quotes.
+    const ScopedScHandle service(::CreateServiceA(
+        manager.get(), name.c_str(), displayName.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, executablePath.c_str(), /*lpLoadOrderGroup=*/nullptr,
+        /*lpdwTagId=*/nullptr, /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
+    if (service) return true;
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_SERVICE_EXISTS) return true;
+    MLOG(Crit, kInstall, "failed to create service '%s': %s", name, NS_CORE::systemErrorText(error));
+    return false;
+}
+
+bool Service::remove() {
+    const ScopedScHandle manager = openManager(kRemove);
+    if (!manager) return false;
+    const ScopedScHandle service(::OpenServiceA(manager.get(), m_name.c_str(), SERVICE_ALL_ACCESS));
+    if (!service) {
+        const DWORD error = ::GetLastError();
+        MLOG(Crit, kRemove, "failed to open service '%s': %s", m_name, NS_CORE::systemErrorText(error));
+        return false;
+    }
+    if (!::DeleteService(service.get())) {
+        const DWORD error = ::GetLastError();
+        MLOG(Crit, kRemove, "failed to delete service '%s': %s", m_name, NS_CORE::systemErrorText(error));
+        return false;
+    }
+    return true;
+}
+
+bool Service::runDispatcher() {
+    std::array<SERVICE_TABLE_ENTRYA, 2> table = {};
+    table[0] = {m_name.data(), &enterServiceMain};
+    return ::StartServiceCtrlDispatcherA(table.data()) != 0;
+}
+
+} // namespace NS_UTL

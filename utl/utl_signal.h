@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace NS_UTL {
+
+// Installs one handler for a signal of the runtime library while it lives, and puts the previous one back at its end.
+// Objects for the same signal must end in the reverse order of their beginning. Create and destroy them on one thread.
+//
+// Which thread runs the handler is the platform's matter:
+// - Windows: for console events a thread of the runtime's own; for a raised signal the thread that raises it. The
+//   runtime resets a signal to its default action before it calls the handler, so a handler is called once.
+// - Linux: always one thread of this unit's own, so that a handler may do whatever a thread may do: log, lock, use
+//   sockets. Signals are answered one after the other, in the order of their arrival, and the handler stays installed.
+//   The end of the last object waits until that thread has answered what had arrived and is gone; a handler must not
+//   destroy a Signal.
+class Signal {
+public:
+    using Handler = void (*)(int signum);
+
+    // A signal that cannot be installed is logged at WARN; the object then does nothing.
+    Signal(int32_t signum, Handler handler);
+
+    // A handler that cannot be put back is logged at WARN.
+    ~Signal();
+
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+
+private:
+    // One installation, with what it replaced.
+    class Installation {
+    public:
+        virtual ~Installation() = default;
+        // Puts the previous handler back; false when the system refuses.
+        [[nodiscard]] virtual bool undo() = 0;
+    };
+    class PlatformInstallation;
+
+    // The platform's part; null when the system refuses.
+    [[nodiscard]] static std::unique_ptr<Installation> install(int32_t signum, Handler handler);
+
+    int32_t m_signum;
+    std::unique_ptr<Installation> m_installation;
+};
+
+} // namespace NS_UTL
