@@ -1,9 +1,11 @@
 #include "core/core_varargs.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "core/core_assert.h"
 
@@ -40,47 +42,113 @@ struct FormatSpec {
     bool has(Flag flag) const { return (flags & flag) != 0; }
 };
 
+using Word = size_t;
+
+static_assert(std::endian::native == std::endian::little, "the first character of a Word is its lowest byte");
+
+Word loadWord(const char* text) {
+    Word word;
+    std::memcpy(&word, text, sizeof word);
+    return word;
+}
+
+// How many characters of `word` come before its first '%', or `otherwise` when it has none.
+size_t lengthBeforePercent(Word word, size_t otherwise) {
+    constexpr Word kEveryByte = ~Word{0} / 0xff;
+    // Marks the lowest byte that is zero with its top bit, and possibly others above it.
+    const Word others = word ^ (kEveryByte * '%');
+    const Word marks = (others - kEveryByte) & ~others & (kEveryByte * 0x80);
+    return marks == 0 ? otherwise : static_cast<size_t>(std::countr_zero(marks)) / 8;
+}
+
 // Appends to a string through a cursor into its characters, which spares the string's own bookkeeping for every
-// piece. The string has the right length again when the Output is gone.
+// piece. Until finish() the string is longer than its text.
 class Output {
 public:
-    Output(std::string& out, size_t room) : m_out(out) { makeRoom(out.size(), room); }
-    ~Output() { m_out.resize(used()); }
+    // Writes from `length` on. What `out` holds behind that is room, and more is made when it does not do.
+    // format  the text that will be given to appendUntilPercent, piece by piece.
+    Output(std::string& out, size_t length, std::string_view format)
+        : m_out(out), m_format(format.data()), m_formatEnd(format.data() + format.size()) {
+        moveTo(length);
+    }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
-    void append(const char* text, size_t length) {
-        ensure(length);
-        std::memcpy(m_cursor, text, length);
-        m_cursor += length;
+    void append(const char* text, size_t length) { std::memcpy(claim(length), text, length); }
+
+    void append(char character) { *claim(1) = character; }
+
+    // The place of the next `count` characters, which the caller writes.
+    char* claim(size_t count) {
+        if (count > room()) [[unlikely]]
+            makeRoom(count);
+        return std::exchange(m_cursor, m_cursor + count);
     }
 
-    void append(char character) {
-        ensure(1);
-        *m_cursor++ = character;
+    // Appends what the format has from `text` to its next '%' or its end, and answers where that is.
+    const char* appendUntilPercent(const char* text) {
+        const size_t length = static_cast<size_t>(m_formatEnd - text);
+        if (length > room()) [[unlikely]]
+            makeRoom(length);
+        return copyUntilPercent(text);
     }
 
-    void fill(size_t count, char character) {
-        ensure(count);
-        std::memset(m_cursor, character, count);
-        m_cursor += count;
-    }
+    void finish() { m_out.resize(used()); }
 
 private:
     size_t used() const { return static_cast<size_t>(m_cursor - m_out.data()); }
+    size_t room() const { return static_cast<size_t>(m_end - m_cursor); }
 
-    void ensure(size_t length) {
-        if (static_cast<size_t>(m_end - m_cursor) < length) [[unlikely]]
-            makeRoom(used(), std::max(length, used()));
+    void moveTo(size_t length) {
+        m_cursor = m_out.data() + length;
+        m_end = m_out.data() + m_out.size();
     }
 
-    void makeRoom(size_t usedLength, size_t room) {
-        m_out.resize(usedLength + room);
-        m_cursor = m_out.data() + usedLength;
-        m_end = m_cursor + room;
+    [[gnu::noinline]] void makeRoom(size_t room) {
+        const size_t length = used();
+        m_out.resize(length + std::max(room, length));
+        moveTo(length);
+    }
+
+    // There is room for all that is left of the format. A Word at a time is copied before it is looked at: what
+    // comes behind a '%' will be overwritten.
+    const char* copyUntilPercent(const char* text) {
+        // A local cursor, because the compiler has to assume that characters are written over the member.
+        char* to = m_cursor;
+        size_t left = static_cast<size_t>(m_formatEnd - text);
+        for (; left >= sizeof(Word); left -= sizeof(Word)) {
+            const Word word = loadWord(text);
+            std::memcpy(to, &word, sizeof word);
+            const size_t length = lengthBeforePercent(word, sizeof word);
+            text += length;
+            to += length;
+            if (length != sizeof word) {
+                m_cursor = to;
+                return text;
+            }
+        }
+        m_cursor = to;
+        return left == 0 ? text : copyRest(text, left);
+    }
+
+    // left  less than a Word.
+    const char* copyRest(const char* text, size_t left) {
+        size_t length = 0;
+        if (static_cast<size_t>(m_formatEnd - m_format) >= sizeof(Word) && room() >= sizeof(Word)) {
+            // The format's last Word, without the characters that come before `text`.
+            const Word word = loadWord(m_formatEnd - sizeof(Word)) >> ((sizeof(Word) - left) * 8);
+            std::memcpy(m_cursor, &word, sizeof word);
+            length = lengthBeforePercent(word, left);
+        } else {
+            for (; length != left && text[length] != '%'; ++length) m_cursor[length] = text[length];
+        }
+        m_cursor += length;
+        return text + length;
     }
 
     std::string& m_out;
+    const char* m_format;
+    const char* m_formatEnd;
     char* m_cursor;
     char* m_end;
 };
@@ -109,11 +177,12 @@ void reportCount(const char* format, size_t conversions, size_t arguments) {
 // Writers.
 
 void writePadded(Output& out, const FormatSpec& spec, const char* text, size_t length) {
-    const size_t width = static_cast<size_t>(spec.width);
-    const size_t padding = width > length ? width - length : 0;
-    if (padding != 0 && !spec.has(kLeftJustify)) out.fill(padding, ' ');
-    out.append(text, length);
-    if (padding != 0 && spec.has(kLeftJustify)) out.fill(padding, ' ');
+    const size_t width = std::max(static_cast<size_t>(spec.width), length);
+    char* const to = out.claim(width);
+    const size_t padding = width - length;
+    const size_t before = spec.has(kLeftJustify) ? 0 : padding;
+    std::fill_n(before == 0 ? to + length : to, padding, ' ');
+    std::memcpy(to + before, text, length);
 }
 
 // The text is longer than the width, which is at least 1.
@@ -201,20 +270,39 @@ char* digitsOf(uint64_t value, int32_t conversion, char* end) {
     }
 }
 
+size_t decimalLength(uint32_t value) {
+    size_t length = 1;
+    for (;; value /= 10000, length += 4) {
+        if (value < 10) return length;
+        if (value < 100) return length + 1;
+        if (value < 1000) return length + 2;
+        if (value < 10000) return length + 3;
+    }
+}
+
+void appendDecimal(Output& out, uint32_t value) {
+    const size_t length = decimalLength(value);
+    decimalDigits(value, out.claim(length) + length);
+}
+
+void writeZeroPadded(Output& out, size_t width, char sign, const char* digits, size_t length) {
+    const size_t signLength = sign == '\0' ? 0 : 1;
+    const size_t zeros = width > length + signLength ? width - length - signLength : 0;
+    if (signLength != 0) out.append(sign);
+    char* const to = out.claim(zeros + length);
+    std::fill_n(to, zeros, '0');
+    std::memcpy(to + zeros, digits, length);
+}
+
 // A sign and digits. sign  NUL for none.
 void writeNumber(Output& out, const FormatSpec& spec, char sign, uint64_t value) {
     char buffer[1 + kMaxDigits];
     char* const end = buffer + sizeof buffer;
     char* first = digitsOf(value, spec.conversion, end);
 
-    const size_t signLength = sign == '\0' ? 0 : 1;
-    const bool zeroPad = spec.precision > 0 || spec.has(kZeroPad);
-    if (zeroPad) {
+    if (spec.precision > 0 || spec.has(kZeroPad)) {
         const size_t width = static_cast<size_t>(spec.precision > 0 ? spec.precision : spec.width);
-        const size_t length = static_cast<size_t>(end - first) + signLength;
-        if (sign != '\0') out.append(sign);
-        if (width > length) out.fill(width - length, '0');
-        out.append(first, static_cast<size_t>(end - first));
+        writeZeroPadded(out, width, sign, first, static_cast<size_t>(end - first));
         return;
     }
     if (sign != '\0') *--first = sign;
@@ -385,49 +473,43 @@ void writeArgument(Output& out, const FormatSpec& spec, const Argument& argument
     }
 }
 
-// Goes through a format, conversion by conversion.
-class Walk {
+// argument  null when there is none left.
+void writeConversion(Output& out, const FormatSpec& spec, const Argument* argument) {
+    if (argument)
+        writeArgument(out, spec, *argument);
+    else
+        writeMismatch(out, spec, kNoArgumentLeft);
+}
+
+// Writes the conversions that most messages are made of: text for a bare %s, decimal digits for a bare %d, %i or %u.
+// Leaves all others alone, and answers false.
+bool writePlain(Output& out, char conversion, const Argument& argument) {
+    switch (conversion) {
+        case 's':
+            if ((argument.kind != Kind::Text && argument.kind != Kind::CString) || !argument.text) return false;
+            out.append(argument.text, argument.length);
+            return true;
+        case 'd':
+        case 'i':
+        case 'u':
+            if (argument.kind != Kind::Unsigned && argument.kind != Kind::Signed) return false;
+            // A negative number, or one that takes 64 bits.
+            if (argument.integer > std::numeric_limits<uint32_t>::max()) return false;
+            appendDecimal(out, static_cast<uint32_t>(argument.integer));
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Reads what stands between a '%' and the character behind its conversion. A format that ends inside the conversion
+// has the NUL for its character, and the cursor stays on it.
+class Parser {
 public:
-    Walk(Output& out, std::string_view format)
-        : m_out(out), m_format(format.data()), m_cursor(format.data()), m_end(format.data() + format.size()) {}
+    explicit Parser(const char* cursor) : m_cursor(cursor) {}
 
-    // Copies up to the next conversion and parses it; false when the format ends first.
-    bool next(FormatSpec& spec) {
-        while (const char* percent = findPercent()) {
-            switch (percent[1]) {
-                case '%':
-                    copyUpTo(percent + 1);
-                    m_cursor = percent + 2;
-                    break;
-                case '\0':
-                    copyUpTo(percent + 1);
-                    return false;
-                default:
-                    copyUpTo(percent);
-                    m_cursor = percent + 1;
-                    spec = parse();
-                    ++m_conversions;
-                    return true;
-            }
-        }
-        copyUpTo(m_end);
-        return false;
-    }
-
-    size_t conversions() const { return m_conversions; }
-
-private:
-    const char* findPercent() const {
-        return static_cast<const char*>(std::memchr(m_cursor, '%', static_cast<size_t>(m_end - m_cursor)));
-    }
-
-    void copyUpTo(const char* end) {
-        m_out.append(m_cursor, static_cast<size_t>(end - m_cursor));
-        m_cursor = end;
-    }
-
-    FormatSpec parse() {
-        FormatSpec spec{m_format};
+    FormatSpec parse(const char* format) {
+        FormatSpec spec{format};
         // All letters, and therefore most conversions, come after the characters of flags, width and precision.
         if (*m_cursor < 'A') {
             while (takeFlag(spec)) ++m_cursor;
@@ -439,11 +521,13 @@ private:
         }
         skipLength();
         spec.conversion = static_cast<unsigned char>(*m_cursor);
-        // The NUL of a format that ends here stays the end.
-        if (m_cursor != m_end) ++m_cursor;
+        if (*m_cursor != '\0') ++m_cursor;
         return spec;
     }
 
+    const char* cursor() const { return m_cursor; }
+
+private:
     bool takeFlag(FormatSpec& spec) const {
         switch (*m_cursor) {
             case '-':
@@ -490,11 +574,7 @@ private:
         }
     }
 
-    Output& m_out;
-    const char* m_format;
     const char* m_cursor;
-    const char* m_end;
-    size_t m_conversions = 0;
 };
 
 // How long the argument's text may well become; sets the length of C strings.
@@ -512,18 +592,55 @@ size_t estimate(Argument& argument) {
     }
 }
 
-} // namespace
-
-void formatInto(std::string& out, std::string_view format, Argument* args, size_t count) {
+// What is reserved for the whole text; sets the lengths of C strings.
+size_t roomFor(std::string_view format, Argument* args, size_t count) {
     size_t room = format.size();
     for (size_t i = 0; i < count; ++i) room += estimate(args[i]);
+    return room + room / 10;
+}
 
-    Output output(out, room + room / 10);
-    Walk walk(output, format);
-    FormatSpec spec{format.data()};
-    for (size_t i = 0; i < count && walk.next(spec); ++i) writeArgument(output, spec, args[i]);
-    while (walk.next(spec)) writeMismatch(output, spec, kNoArgumentLeft);
-    if (walk.conversions() != count) reportCount(format.data(), walk.conversions(), count);
+void walk(Output& out, std::string_view format, const Argument* args, size_t count) {
+    const char* cursor = format.data();
+    const char* const end = cursor + format.size();
+    size_t conversions = 0;
+    for (;;) {
+        cursor = out.appendUntilPercent(cursor);
+        if (cursor == end) break;
+        ++cursor;
+        if (cursor == end || *cursor == '%') {
+            out.append('%');
+            if (cursor == end) break;
+            ++cursor;
+            continue;
+        }
+        const Argument* const argument = conversions < count ? &args[conversions] : nullptr;
+        ++conversions;
+        if (argument && writePlain(out, *cursor, *argument)) {
+            ++cursor;
+            continue;
+        }
+        Parser parser(cursor);
+        writeConversion(out, parser.parse(format.data()), argument);
+        cursor = parser.cursor();
+    }
+    out.finish();
+    if (conversions != count) reportCount(format.data(), conversions, count);
+}
+
+} // namespace
+
+std::string formatPack(std::string_view format, Argument* args, size_t count) {
+    std::string text(roomFor(format, args, count), '\0');
+    Output out(text, 0, format);
+    walk(out, format, args, count);
+    return text;
+}
+
+void formatPackInto(std::string& text, std::string_view format, Argument* args, size_t count) {
+    const size_t length = text.size();
+    text.resize(length + roomFor(format, args, count));
+    Output out(text, length, format);
+    walk(out, format, args, count);
 }
 
 } // namespace varargs

@@ -18,12 +18,12 @@ namespace NS_CORE {
 //
 // formatString answers the text; formatInto appends it to `out`. Both reserve once, for the format and all arguments
 // together, so that a message without wide padding costs one allocation. May be called from any thread. Throws only
-// std::bad_alloc or std::length_error, when memory for the text cannot be had.
+// std::bad_alloc or std::length_error, when memory for the text cannot be had; `out` is then unspecified.
 //
 // format  NUL-terminated, not null. Need not be a literal.
 // args    of the types in the table below; anything else, bool, enumerations, long double, wide characters and
 //         nullptr included, does not compile: cast to what is to be written. A character pointer, or array, is
-//         NUL-terminated or null; text arguments of formatInto must not lie in `out`.
+//         NUL-terminated or null, for %p as well; text arguments of formatInto must not lie in `out`.
 //
 // A conversion is  % flags width .precision length conversion
 //   flags      - left-justify, 0 zero-pad, + plus sign, blank: blank sign, # ignored; any number, any order
@@ -125,22 +125,22 @@ Argument argument(const T& value) {
     }
 }
 
-// The formatter itself, one for all argument lists. `format` is followed by a NUL. Fills in the lengths of `args`.
-void formatInto(std::string& out, std::string_view format, Argument* args, size_t count);
+// The formatter itself, one for all argument lists. `format` is followed by a NUL. They fill in the lengths of `args`.
+std::string formatPack(std::string_view format, Argument* args, size_t count);
+void formatPackInto(std::string& out, std::string_view format, Argument* args, size_t count);
 
 } // namespace varargs
 
 template <varargs::Accepted... Args>
 void formatInto(std::string& out, const char* format, const Args&... args) {
     std::array<varargs::Argument, sizeof...(Args)> pack{varargs::argument(args)...};
-    varargs::formatInto(out, format, pack.data(), pack.size());
+    varargs::formatPackInto(out, format, pack.data(), pack.size());
 }
 
 template <varargs::Accepted... Args>
 [[nodiscard]] std::string formatString(const char* format, const Args&... args) {
-    std::string out;
-    formatInto(out, format, args...);
-    return out;
+    std::array<varargs::Argument, sizeof...(Args)> pack{varargs::argument(args)...};
+    return varargs::formatPack(format, pack.data(), pack.size());
 }
 
 } // namespace NS_CORE
