@@ -663,6 +663,7 @@ TEST(LogThreads, MayLogWhileEverythingIsBeingChanged) {
     }
     stop = true;
     for (std::thread& thread : threads) thread.join();
+    MasterLogger::setRateImplementation(nullptr);
     // Records that fell into an installation are told there.
     std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_EQ(printed.find("ERROR in"), std::string::npos) << printed;

@@ -6,10 +6,24 @@
 #include <random>
 
 namespace test {
+namespace {
 
-TempDir::TempDir() {
+std::filesystem::path parentDirectory(TempDir::Where where) {
+    if (where == TempDir::Where::Memory) {
+        // The second is what Wine calls the first.
+        for (const char* memory : {"/dev/shm", "Z:/dev/shm"}) {
+            std::error_code error;
+            if (std::filesystem::is_directory(memory, error)) return memory;
+        }
+    }
+    return std::filesystem::temp_directory_path();
+}
+
+} // namespace
+
+TempDir::TempDir(Where where) {
     std::random_device random;
-    m_path = std::filesystem::temp_directory_path() / ("quorkeri-" + std::to_string(random()) + std::to_string(random()));
+    m_path = parentDirectory(where) / ("quorkeri-" + std::to_string(random()) + std::to_string(random()));
     std::filesystem::create_directories(m_path);
 }
 
@@ -18,8 +32,8 @@ TempDir::~TempDir() {
     std::error_code error;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(m_path, error)) {
         if (!entry.is_symlink())
-            std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
-                                         error);
+            std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
+                                         std::filesystem::perm_options::add, error);
     }
     std::filesystem::remove_all(m_path, error);
 }

@@ -1,0 +1,373 @@
+#include "utl/utl_filelogger.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/core_time.h"
+#include "core/core_v2masterlogger.h"
+#include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/self_process.h"
+#include "tests/support/stream_capture.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/time_zone.h"
+#include "tests/utl/filelogger_test.h"
+
+namespace fs = std::filesystem;
+
+using NS_CORE::MasterLogger;
+using NS_UTL::FileLogger;
+using test::FailedCheck;
+using test::printedBy;
+using test::readFile;
+using test::SelfProcess;
+using test::writeFile;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr size_t kStampLength = 22; // 2019-11-20 20 14:49:57
+
+// A text whose line has that many bytes.
+std::string textOfLine(size_t length) {
+    return std::string(length - kStampLength - 2, 'x');
+}
+
+std::tm calendar(int year, int month, int day, int hour, int minute, int second) {
+    std::tm time{};
+    time.tm_year = year - 1900;
+    time.tm_mon = month - 1;
+    time.tm_mday = day;
+    time.tm_hour = hour;
+    time.tm_min = minute;
+    time.tm_sec = second;
+    return time;
+}
+
+TEST(FileLoggerStamp, HasTheDayOfTheMonthTwice) {
+    EXPECT_EQ(FileLogger::stamp(calendar(2024, 3, 5, 7, 8, 9)), "2024-03-05 05 07:08:09");
+    EXPECT_EQ(FileLogger::stamp(calendar(2019, 11, 20, 14, 49, 57)), "2019-11-20 20 14:49:57");
+}
+
+TEST_F(FileLoggerTest, WritesOneStampedLinePerRecord) {
+    test::setTimeZone("XXX-5:30");
+    install(5000000, 1);
+    const int32_t before = NS_CORE::systemNow().seconds;
+    say("Running");
+    MLOG(Warn, "A::b", "%s", "50% (x)");
+    const int32_t after = NS_CORE::systemNow().seconds;
+
+    const std::string bytes = readFile(log());
+    EXPECT_EQ(bytes.find('\r'), std::string::npos);
+    ASSERT_EQ(texts(log()), (Lines{"Running", "A::b - 50% (x)"}));
+    bool stampFits = false;
+    for (int32_t seconds = before; seconds <= after; ++seconds)
+        stampFits |= bytes.starts_with(FileLogger::stamp(NS_CORE::localTimeOf(seconds)) + " Running\n");
+    EXPECT_TRUE(stampFits) << bytes;
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+TEST_F(FileLoggerTest, WritesTheTextAsItIs) {
+    install(5000000, 1);
+    const std::string odd("two\nlines\0NUL %s \xc3\xa9", 20);
+    say("");
+    say(odd);
+    say(std::string(1 << 20, 'y'));
+    const std::string bytes = readFile(log());
+    EXPECT_EQ(bytes.substr(kStampLength, 2), " \n");
+    EXPECT_EQ(bytes.substr(2 * kStampLength + 3, odd.size() + 1), odd + "\n");
+    EXPECT_EQ(bytes.size(), 3 * (kStampLength + 2) + odd.size() + (1 << 20));
+}
+
+TEST_F(FileLoggerTest, WorksBelowADirectoryWithNamesInAnyScript) {
+    const std::string inner = dir.file("\xd0\x96 \xc3\xa9 \xe6\xb8\xac\xe8\xa9\xa6");
+    fs::create_directory(fs::path(std::u8string(inner.begin(), inner.end())));
+    MasterLogger::setImplementation(std::make_unique<FileLogger>(inner, "service.log", 30, 1));
+    say("first, long enough to rotate");
+    say("x");
+    const std::string file = inner + "/service.log";
+    EXPECT_EQ(texts(file), Lines{"x"});
+    EXPECT_EQ(texts(file + ".old"), Lines{"first, long enough to rotate"});
+}
+
+// With the service's own settings, at the boundary.
+struct BoundaryTest : FileLoggerTest, testing::WithParamInterface<uint64_t> {};
+
+TEST_P(BoundaryTest, IsRotatedAboveItAndNotAtIt) {
+    constexpr uint64_t kMaxSize = 5000000;
+    const uint64_t size = GetParam();
+    const std::string before(size - 100, 'b');
+    writeFile(log(), before);
+    writeFile(log() + ".old", "the one before");
+    install(kMaxSize, 1);
+    say(textOfLine(100));
+
+    const bool rotated = size > kMaxSize;
+    const std::string file = rotated ? log() + ".old" : log();
+    EXPECT_EQ(fs::file_size(file), size);
+    const std::string bytes = readFile(file);
+    EXPECT_TRUE(bytes.starts_with(before));
+    EXPECT_TRUE(bytes.ends_with(textOfLine(100) + "\n"));
+    EXPECT_EQ(fs::exists(log()), !rotated);
+    if (!rotated) {
+        EXPECT_EQ(readFile(log() + ".old"), "the one before");
+    }
+    say("next");
+    if (rotated) {
+        EXPECT_EQ(texts(log()), Lines{"next"});
+    } else {
+        EXPECT_TRUE(readFile(log() + ".old").ends_with(" next\n")) << "this line took it above";
+    }
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, BoundaryTest, testing::Values(4999999, 5000000, 5000001));
+
+TEST_F(FileLoggerTest, StartsANewFileAfterARotation) {
+    install(100, 1);
+    say(textOfLine(101));
+    EXPECT_FALSE(fs::exists(log()));
+    say("second");
+    EXPECT_EQ(texts(log()), Lines{"second"});
+    EXPECT_EQ(texts(log() + ".old"), Lines{textOfLine(101)});
+    say(textOfLine(90));
+    EXPECT_FALSE(fs::exists(log()));
+    EXPECT_EQ(texts(log() + ".old"), (Lines{"second", textOfLine(90)})) << "the one before is replaced";
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+TEST_F(FileLoggerTest, ReportsTheNumbersThatAreNotThereYet) {
+    install(100, 3);
+    const std::string printed = printedBy([] { say(textOfLine(101)); }).error;
+    const std::string base = log();
+    std::vector<FailedCheck> expected;
+    for (const int number : {3, 2, 1, 0}) {
+        const std::string message =
+            base + "." + std::to_string(number) + "=>" + base + "." + std::to_string(number + 1);
+        expected.push_back({"CHECKF", "utl_filelogger", hook.failures().at(0).line, 0, message});
+    }
+    EXPECT_EQ(hook.failures(), expected);
+    EXPECT_EQ(texts(base + ".0"), Lines{textOfLine(101)});
+    EXPECT_FALSE(fs::exists(base));
+    EXPECT_FALSE(fs::exists(base + ".4"));
+    const std::string first =
+        "MasterLogger:implLog - called recursively!\n  <[INFO] {0} NS_UTL::FileUtils::renameFile"
+        " - '" +
+        base + ".3'=>'" + base + ".4' failed : ";
+    EXPECT_EQ(printed.substr(0, first.size()), first);
+}
+
+TEST_F(FileLoggerTest, KeepsOneNumberMoreThanItIsTold) {
+    install(100, 3);
+    for (const char letter : {'a', 'b', 'c', 'd'}) {
+        printedBy([&] { say(std::string(100, letter)); });
+    }
+    EXPECT_EQ(hook.failures().size(), 4U + 3 + 2 + 1);
+    hook.clear();
+    say(std::string(100, 'e'));
+    say(std::string(100, 'f'));
+    EXPECT_TRUE(hook.failures().empty()) << "all numbers are there by now";
+    say("current");
+    EXPECT_EQ(texts(log()), Lines{"current"});
+    for (const auto& [number, letter] : {std::pair{"0", 'f'}, {"1", 'e'}, {"2", 'd'}, {"3", 'c'}})
+        EXPECT_EQ(texts(log() + "." + number), Lines{std::string(100, letter)});
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 5);
+}
+
+TEST_F(FileLoggerTest, KeepsOneNumberWhenToldNone) {
+    install(100, 0);
+    printedBy([] { say(std::string(100, 'a')); });
+    EXPECT_EQ(hook.single().message, log() + ".0=>" + log() + ".1");
+    say(std::string(100, 'b'));
+    EXPECT_EQ(texts(log() + ".0"), Lines{std::string(100, 'b')});
+    EXPECT_FALSE(fs::exists(log() + ".1"));
+    EXPECT_EQ(hook.failures().size(), 1U);
+}
+
+TEST_F(FileLoggerTest, GoesOnShiftingWhenANumberIsStuck) {
+    install(100, 3);
+    writeFile(log() + ".1", "one");
+    // A directory with something in it gives way to no file, and the one below cannot take its place.
+    fs::create_directories(log() + ".2/stuck");
+    fs::create_directories(log() + ".3/stuck");
+    fs::create_directories(log() + ".4/stuck");
+    fs::create_directories(log() + ".0/stuck");
+    printedBy([] { say(textOfLine(101)); });
+    Lines messages;
+    for (const FailedCheck& check : hook.failures()) messages.push_back(check.message);
+    // 3, 2 and 1 have nowhere to go. 0 cannot replace the file 1 either, and so the current file stays.
+    EXPECT_EQ(messages, (Lines{log() + ".3=>" + log() + ".4", log() + ".2=>" + log() + ".3",
+                               log() + ".1=>" + log() + ".2", log() + ".0=>" + log() + ".1", log()}));
+    EXPECT_EQ(texts(log()), Lines{textOfLine(101)});
+    EXPECT_EQ(readFile(log() + ".1"), "one");
+}
+
+TEST_F(FileLoggerTest, GrowsAndTriesAgainWhileTheOldFileIsStuck) {
+    install(100, 1);
+    fs::create_directories(log() + ".old/stuck");
+    const std::string text = textOfLine(101);
+    for (size_t records = 1; records <= 3; ++records) {
+        hook.clear();
+        const std::string printed = printedBy([&] { say(text); }).error;
+        EXPECT_EQ(hook.single(), (FailedCheck{"CHECKF", "utl_filelogger", hook.single().line, 0,
+                                              "failed renaming " + log() + " to " + log() + ".old"}));
+        const std::string begin =
+            "MasterLogger:implLog - called recursively!\n  <[INFO] {0} "
+            "NS_UTL::FileUtils::renameFile - '" +
+            log() + "'=>'" + log() + ".old' failed : ";
+        EXPECT_EQ(printed.substr(0, begin.size()), begin);
+        EXPECT_EQ(texts(log()), Lines(records, text));
+    }
+    hook.clear();
+    fs::remove_all(log() + ".old");
+    say("last");
+    EXPECT_EQ(texts(log() + ".old"), (Lines{text, text, text, "last"}));
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+TEST_F(FileLoggerTest, DropsRecordsWhileTheDirectoryIsMissing) {
+    const std::string inner = dir.file("logs");
+    const std::string file = inner + "/service.log";
+    MasterLogger::setImplementation(std::make_unique<FileLogger>(inner, "service.log", 100, 1));
+    const std::string printed = printedBy([] { say("lost"); }).error;
+    EXPECT_EQ(printed,
+              "MasterLogger:implLog - called recursively!\n  <[WARN] {0} UTL::File::openFile - File:openFile(" + file +
+                  ",167,384) - failed opening>\n");
+    EXPECT_EQ(hook.single(), (FailedCheck{"CHECKF", "utl_filelogger", hook.single().line, 0, ""}));
+    fs::create_directory(inner);
+    say("found");
+    EXPECT_EQ(texts(file), Lines{"found"});
+    EXPECT_EQ(hook.failures().size(), 1U);
+}
+
+TEST_F(FileLoggerTest, StartsAnewWhereTheFileWasDeletedOrMovedAway) {
+    install(5000000, 1);
+    say("1");
+    fs::remove(log());
+    say("2");
+    EXPECT_EQ(texts(log()), Lines{"2"});
+    fs::rename(log(), dir.file("elsewhere"));
+    say("3");
+    EXPECT_EQ(texts(log()), Lines{"3"});
+    EXPECT_EQ(texts(dir.file("elsewhere")), Lines{"2"});
+    // Cut to nothing, as some tools do it.
+    writeFile(log(), "");
+    say("4");
+    EXPECT_EQ(texts(log()), Lines{"4"});
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+const test::ChildProgram g_stoppedByTheHook("FileLoggerWithoutDirectory", [](const auto& arguments) {
+    test::HookRecorder hook;
+    hook.answerStop(true);
+    MasterLogger::setImplementation(std::make_unique<FileLogger>(arguments.at(0) + "/none", "service.log", 100, 1));
+    FileLoggerTest::say("lost");
+    return 0;
+});
+
+TEST_F(FileLoggerTest, EndsTheProcessWhereTheHookSaysStop) {
+    SelfProcess child("FileLoggerWithoutDirectory", {directory()}, SelfProcess::StandardError::WithOutput);
+    child.readAll();
+    EXPECT_NE(child.wait(), 0);
+}
+
+// Logs a thousand records and writes one byte for each that the logger has taken.
+const test::ChildProgram g_thousandRecords("ThousandRecords", [](const auto& arguments) {
+    const test::HookRecorder hook;
+    // The renames of numbers that are not there yet would only fill the test's output.
+    MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Info, 0);
+    MasterLogger::setImplementation(std::make_unique<FileLogger>(arguments.at(0), "service.log",
+                                                                 static_cast<uint32_t>(std::stoul(arguments.at(1))),
+                                                                 static_cast<uint32_t>(std::stoul(arguments.at(2)))));
+    for (int i = 0; i < 1000; ++i) {
+        MLOG(Warn, "R", "%d", i);
+        std::fputc('.', stdout);
+        std::fflush(stdout);
+    }
+    return 0;
+});
+
+struct KillTest : FileLoggerTest {
+    // Kills the child once it has logged that many records, and compares what it was told with what is there.
+    void killAfter(size_t records, uint32_t maxSize, uint32_t keep) {
+        fs::remove_all(dir.path());
+        fs::create_directory(dir.path());
+        SelfProcess child("ThousandRecords", {directory(), std::to_string(maxSize), std::to_string(keep)});
+        EXPECT_EQ(child.read(records).size(), records);
+        child.kill();
+        const size_t accepted = records + child.readAll().size();
+        killed += child.wait() != 0;
+
+        Lines found;
+        for (uint32_t number = keep + 1; number > 0; --number) append(log() + "." + std::to_string(number - 1), &found);
+        append(log(), &found);
+        // The one that it was in the middle of may be there already, but not half of it.
+        EXPECT_GE(found.size(), accepted);
+        EXPECT_LE(found.size(), accepted + 1);
+        for (size_t i = 0; i < found.size(); ++i) EXPECT_EQ(found[i], "R - " + std::to_string(i));
+    }
+
+    static void append(const std::string& file, Lines* found) {
+        if (fs::exists(file)) std::ranges::copy(texts(file), std::back_inserter(*found));
+    }
+
+    int killed = 0; // children that had not ended by themselves
+};
+
+TEST_F(KillTest, LosesAndTearsNoRecordOfAKilledProcess) {
+    for (const size_t records : {1U, 20U, 77U, 150U}) killAfter(records, 5000000, 1);
+    EXPECT_GT(killed, 0);
+}
+
+TEST_F(KillTest, LosesNoRecordAroundARotation) {
+    // A file takes 36 records or so; all of a thousand stay in 41 numbered files.
+    for (const size_t records : {34U, 35U, 36U, 37U, 70U, 72U, 74U}) killAfter(records, 1000, 40);
+    EXPECT_GT(killed, 0);
+}
+
+// Checks what else comes with a record.
+class CheckingFileLogger : public FileLogger {
+public:
+    using FileLogger::FileLogger;
+    void log(uint32_t level, uint32_t threadNumber, const NS_CORE::LevelEntry& levelEntry, uint8_t implementationBits,
+             const char* text, size_t textLength) override {
+        EXPECT_TRUE(std::string(text, textLength).starts_with("T - " + std::to_string(threadNumber) + " "));
+        FileLogger::log(level, threadNumber, levelEntry, implementationBits, text, textLength);
+    }
+};
+
+TEST_F(FileLoggerTest, KeepsTheRecordsOfTenThreadsWholeAndInOrder) {
+    const test::TempDir memory(test::TempDir::Where::Memory);
+    const std::string file = memory.file("service.log");
+    MasterLogger::setImplementation(
+        std::make_unique<CheckingFileLogger>(memory.path().string(), "service.log", 5000000U, 1U));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 10; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 1000; ++i) MLOG(Info, "T", "%u %d", MasterLogger::threadNumber(), i);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    std::map<std::string, int> next;
+    const Lines lines = texts(file);
+    for (const std::string& line : lines) {
+        const std::string number = line.substr(4, line.rfind(' ') - 4);
+        EXPECT_EQ(line, "T - " + number + " " + std::to_string(next[number]++));
+    }
+    EXPECT_EQ(lines.size(), 10000U);
+    EXPECT_EQ(next.size(), 10U);
+    EXPECT_FALSE(next.contains("0")) << "the main thread's number";
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+} // namespace
