@@ -1,0 +1,72 @@
+#include "tests/service/deployment_fixture.h"
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+
+#include "tests/support/child.h"
+#include "utl/utl_processutils.h"
+
+namespace {
+
+// Hard links cost nothing, but not every file system has them.
+void linkOrCopy(const std::filesystem::path& from, const std::filesystem::path& to) {
+    std::error_code error;
+    std::filesystem::create_hard_link(from, to, error);
+    if (error) std::filesystem::copy_file(from, to);
+}
+
+} // namespace
+
+DeploymentTest::DeploymentTest() {
+    std::filesystem::create_directory(m_bin);
+    std::filesystem::create_directory(m_keri);
+    linkOrCopy(test::thisProgram(), m_program);
+}
+
+std::string DeploymentTest::join(const std::string& directory, const std::string& name) {
+    return directory + static_cast<char>(std::filesystem::path::preferred_separator) + name;
+}
+
+std::vector<std::string> DeploymentTest::deploy(const std::vector<std::string>& how) {
+    unsigned long exitCode = 99;
+    const std::string commandLine = test::childCommandLine(m_program, "deploy", how);
+    EXPECT_EQ(NS_UTL::ProcessUtils::start(commandLine.c_str(), &exitCode), NS_UTL::ProcessUtils::Result::Finished);
+    EXPECT_EQ(exitCode, 0U);
+    std::ifstream log(m_dir.path() / "log.txt", std::ios::binary);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(log, line);) lines.push_back(line);
+    return lines;
+}
+
+void DeploymentTest::registerDirectory(const std::string& directory) {
+    m_location.set(/*type=*/1, directory + '\0');
+}
+
+void DeploymentTest::makeLibraries(size_t size) {
+    std::minstd_rand random(20191120);
+    for (const char* name : kLibraries) {
+        std::string bytes(size, '\0');
+        std::ranges::generate(bytes, [&] { return static_cast<char>(random() >> 8); });
+        test::writeFile(inKeri(name), bytes);
+    }
+}
+
+testing::AssertionResult DeploymentTest::isCopied(const std::string& name) const {
+    if (!std::filesystem::exists(inBin(name))) return testing::AssertionFailure() << name << " is not there";
+    if (test::readFile(inBin(name)) != test::readFile(inKeri(name)))
+        return testing::AssertionFailure() << name << " differs from its source";
+    return testing::AssertionSuccess();
+}
+
+std::vector<std::string> DeploymentTest::namesInBin() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(m_bin))
+        if (entry.path() != m_program) names.push_back(entry.path().filename().string());
+    std::ranges::sort(names);
+    return names;
+}
+
+std::string DeploymentTest::failedCopying(const std::string& name) const {
+    return "WARN CopyDependencies - Failed copying '" + name + "' from '" + m_keri + "' to '" + m_bin + "'";
+}

@@ -1,0 +1,199 @@
+#include "service/deployment.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "core/core_v2masterlogger.h"
+#include "tests/service/deployment_fixture.h"
+#include "tests/service/deployment_surroundings.h"
+#include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
+const std::string kNoLocation = "CRIT getKeriInstallDir - Could not locate KERI install directory from registry";
+const std::string kNoPath = "WARN CopyDependencies - Failed getting keri install path";
+const std::string kValueError = "WARN NS_UTL::RegistryKey::getValue(InstallLocation) - ";
+
+// Deploys from the installation that this program lies in the bin directory of, once for each argument "again" more,
+// in the surroundings that the other arguments name.
+const test::ChildProgram g_deploy("deploy", [](const std::vector<std::string>& arguments) {
+    std::filesystem::current_path(std::filesystem::path(test::thisProgram()).parent_path().parent_path());
+    int times = 1;
+    for (const std::string& argument : arguments) {
+        if (argument == "again") {
+            ++times;
+        } else if (!test::enterSurroundings(argument)) {
+            return 2;
+        }
+    }
+    // As the service has it: rates are limited.
+    const NS_CORE::DefaultGlobals globals;
+    const test::HookRecorder hook;
+    const test::LogRecorder log;
+    for (int i = 0; i < times; ++i) CopyDependencies();
+    std::string text;
+    for (const std::string& line : log.lines()) text += line + '\n';
+    for (const test::FailedCheck& check : hook.failures()) text += "CHECK " + check.file + ": " + check.message + '\n';
+    test::writeFile("log.txt", text + test::describeSurroundings());
+    return 0;
+});
+
+// The value as it can be read without deploying anything.
+class InstallDirTest : public testing::Test {
+protected:
+    InstallDirTest() { std::filesystem::current_path(m_dir.path()); }
+    ~InstallDirTest() override { std::filesystem::current_path(m_dir.path().parent_path()); }
+
+    test::TempDir m_dir;
+    test::RegistryValue m_location{kKeriKey, "InstallLocation", m_dir.path()};
+    test::LogRecorder m_log;
+};
+
+} // namespace
+
+TEST_F(InstallDirTest, IsTheValueExactlyAsStored) {
+    for (const size_t size : {15U, 16U, 17U, 1000U}) {
+        // Its bytes in the registry, the terminator among them.
+        const std::string directory = "C:\\" + std::string(size - 5, 'k') + "\\";
+        m_location.set(1, directory + '\0');
+        EXPECT_EQ(getKeriInstallDir(), directory);
+        m_location.set(1, directory + 'x');
+        EXPECT_EQ(getKeriInstallDir(), directory + 'x');
+        m_location.set(1, directory + std::string(2, '\0'));
+        EXPECT_EQ(getKeriInstallDir(), directory + '\0');
+    }
+    EXPECT_TRUE(m_log.lines().empty());
+}
+
+TEST_F(InstallDirTest, IsEmptyForAnEmptyValueWithoutAWord) {
+    m_location.set(1, std::string(1, '\0'));
+    EXPECT_EQ(getKeriInstallDir(), "");
+    EXPECT_TRUE(m_log.lines().empty());
+}
+
+TEST_F(DeploymentTest, CopiesTheSixLibrariesByteForByte) {
+    makeLibraries(1);
+    const size_t sizes[] = {0, 32767, 32768, 32769, 20 * 1024 * 1024, 65536};
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        makeLibraries(sizes[i]);
+        registerDirectory(m_keri);
+        EXPECT_EQ(deploy(), Lines{kBegin});
+        for (const char* name : kLibraries) EXPECT_TRUE(isCopied(name)) << sizes[i];
+    }
+    EXPECT_EQ(namesInBin(), (Lines{"ClientSocketServices.dll", "DHS.dll", "DHSAttributes.dll", "DHS_Commands.dll",
+                                   "SocketServices.dll", "TracerX-Logger.dll"}));
+}
+
+TEST_F(DeploymentTest, ReplacesWhatIsThere) {
+    makeLibraries(100);
+    for (const char* name : kLibraries) test::writeFile(inBin(name), std::string(100000, 'o'));
+    registerDirectory(m_keri);
+    EXPECT_EQ(deploy(), Lines{kBegin});
+    for (const char* name : kLibraries) EXPECT_TRUE(isCopied(name));
+}
+
+TEST_F(DeploymentTest, DoublesTheSeparatorOfADirectoryThatEndsInOne) {
+    makeLibraries(100);
+    std::filesystem::remove(inKeri("TracerX-Logger.dll"));
+    m_keri = join(m_keri, "");
+    registerDirectory(m_keri);
+    EXPECT_EQ(
+        deploy(),
+        (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inKeri("TracerX-Logger.dll") + "' for reading",
+               failedCopying("TracerX-Logger.dll")}));
+    EXPECT_TRUE(isCopied("DHS.dll"));
+    EXPECT_EQ(inKeri("").substr(inKeri("").size() - 2, 1), inKeri("").substr(inKeri("").size() - 1));
+}
+
+TEST_F(DeploymentTest, SkipsAMissingLibraryAndCopiesTheOthers) {
+    makeLibraries(100);
+    std::filesystem::remove(inKeri("DHS_Commands.dll"));
+    registerDirectory(m_keri);
+    EXPECT_EQ(
+        deploy(),
+        (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inKeri("DHS_Commands.dll") + "' for reading",
+               failedCopying("DHS_Commands.dll")}));
+    EXPECT_EQ(namesInBin(), (Lines{"ClientSocketServices.dll", "DHS.dll", "DHSAttributes.dll", "SocketServices.dll",
+                                   "TracerX-Logger.dll"}));
+    for (const std::string& name : namesInBin()) EXPECT_TRUE(isCopied(name));
+}
+
+TEST_F(DeploymentTest, SkipsADestinationThatIsADirectory) {
+    makeLibraries(100);
+    std::filesystem::create_directory(inBin("DHS.dll"));
+    registerDirectory(m_keri);
+    EXPECT_EQ(deploy(),
+              (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inBin("DHS.dll") + "' for writing",
+                     failedCopying("DHS.dll")}));
+    EXPECT_TRUE(std::filesystem::is_directory(inBin("DHS.dll")));
+    EXPECT_TRUE(isCopied("DHSAttributes.dll"));
+}
+
+TEST_F(DeploymentTest, SaysOfEachLibraryThatItsDirectoryIsMissing) {
+    m_keri = m_dir.file("nowhere");
+    registerDirectory(m_keri);
+    Lines expected{kBegin};
+    for (const char* name : kLibraries) {
+        expected.push_back("WARN UTL::FileUtils::copy - failed opening '" + inKeri(name) + "' for reading");
+        expected.push_back(failedCopying(name));
+    }
+    EXPECT_EQ(deploy(), expected);
+    EXPECT_TRUE(namesInBin().empty());
+}
+
+TEST_F(DeploymentTest, CopiesFromADirectoryStoredWithoutATerminator) {
+    makeLibraries(100);
+    m_location.set(1, m_keri);
+    EXPECT_EQ(deploy(), Lines{kBegin});
+    for (const char* name : kLibraries) EXPECT_TRUE(isCopied(name));
+}
+
+TEST_F(DeploymentTest, CopiesNothingFromADirectoryStoredWithTwoTerminators) {
+    makeLibraries(100);
+    // One stays in the text, and the systems' calls end there.
+    m_location.set(1, m_keri + std::string(2, '\0'));
+    const Lines lines = deploy();
+    m_keri += '\0';
+    for (const char* name : kLibraries) EXPECT_EQ(std::ranges::count(lines, failedCopying(name)), 1) << name;
+    EXPECT_TRUE(namesInBin().empty());
+}
+
+TEST_F(DeploymentTest, CopiesBetweenDirectoriesWithNamesOutsideAscii) {
+    const std::u8string name = u8"Ж é 測試";
+    m_keri = m_dir.file({name.begin(), name.end()});
+    std::filesystem::create_directory(m_dir.path() / name);
+    registerDirectory(m_keri);
+    test::writeFile(m_dir.path() / name / "DHS.dll", "bytes");
+    EXPECT_EQ(deploy().size(), 11U);
+    EXPECT_EQ(test::readFile(inBin("DHS.dll")), "bytes");
+}
+
+TEST_F(DeploymentTest, DoesNotCopyForAnEmptyValue) {
+    m_location.set(1, std::string(1, '\0'));
+    EXPECT_EQ(deploy(), (Lines{kBegin, kNoPath}));
+}
+
+TEST_F(DeploymentTest, DoesNotCopyForAValueOfNoBytes) {
+    m_location.set(1, "");
+    EXPECT_EQ(deploy(), (Lines{kBegin, kNoLocation, kNoPath, "CHECK utl_registry: "}));
+}
+
+TEST_F(DeploymentTest, DoesNotCopyForAValueOfAnotherType) {
+    m_location.set(2, std::string("%ProgramFiles%\0", 15));
+    EXPECT_EQ(deploy(), (Lines{kBegin, kValueError + "type=2 expected 1", kNoLocation, kNoPath}));
+    m_location.set(4, std::string(4, '\1'));
+    EXPECT_EQ(deploy(), (Lines{kBegin, kValueError + "type=4 expected 1", kNoLocation, kNoPath}));
+    EXPECT_TRUE(namesInBin().empty());
+}
+
+TEST_F(DeploymentTest, DoesNotCopyWithoutTheValueAndSaysWhyOnceAnHour) {
+    m_location.removeValue();
+    EXPECT_EQ(deploy({"again"}),
+              (Lines{kBegin, kValueError + "error 2", kNoLocation, kNoPath, kBegin, kValueError + "error 2", kNoPath}));
+}

@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include "service/deployment.h"
+#include "tests/service/deployment_fixture.h"
+#include "utl/utl_processutils.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
+
+// A file that nobody else can open while this lives.
+class HeldOpen {
+public:
+    explicit HeldOpen(const std::string& path)
+        : m_file(::CreateFileA(path.c_str(), GENERIC_READ, /*dwShareMode=*/0, nullptr, OPEN_EXISTING, 0, nullptr)) {
+        EXPECT_NE(m_file, INVALID_HANDLE_VALUE);
+    }
+    ~HeldOpen() { ::CloseHandle(m_file); }
+    HeldOpen(const HeldOpen&) = delete;
+    HeldOpen& operator=(const HeldOpen&) = delete;
+
+private:
+    HANDLE m_file;
+};
+
+} // namespace
+
+TEST_F(DeploymentTest, CreatesTheMissingKeyAndSaysThatTheValueIsMissing) {
+    m_location.removeKey();
+    EXPECT_EQ(deploy(), (Lines{kBegin, "WARN NS_UTL::RegistryKey::getValue(InstallLocation) - error 2",
+                               "CRIT getKeriInstallDir - Could not locate KERI install directory from registry",
+                               "WARN CopyDependencies - Failed getting keri install path"}));
+    HKEY key = nullptr;
+    EXPECT_EQ(::RegOpenKeyExA(HKEY_LOCAL_MACHINE, kKeriKey.c_str(), 0, KEY_QUERY_VALUE, &key), ERROR_SUCCESS);
+    ::RegCloseKey(key);
+}
+
+TEST_F(DeploymentTest, SkipsALibraryThatIsHeldOpen) {
+    makeLibraries(100);
+    registerDirectory(m_keri);
+    test::writeFile(inBin("DHS.dll"), "older");
+    {
+        const HeldOpen held(inBin("DHS.dll"));
+        EXPECT_EQ(deploy(),
+                  (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inBin("DHS.dll") + "' for writing",
+                         failedCopying("DHS.dll")}));
+    }
+    EXPECT_EQ(test::readFile(inBin("DHS.dll")), "older");
+    EXPECT_TRUE(isCopied("DHSAttributes.dll"));
+}
+
+TEST_F(DeploymentTest, SkipsASourceThatCannotBeRead) {
+    makeLibraries(100);
+    registerDirectory(m_keri);
+    {
+        const HeldOpen held(inKeri("DHS.dll"));
+        EXPECT_EQ(deploy(),
+                  (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inKeri("DHS.dll") + "' for reading",
+                         failedCopying("DHS.dll")}));
+    }
+    EXPECT_FALSE(std::filesystem::exists(inBin("DHS.dll")));
+    EXPECT_TRUE(isCopied("DHSAttributes.dll"));
+}
+
+TEST_F(DeploymentTest, FindsTheDirectoryOfTheSampleThatServesBothPlatforms) {
+    m_location.removeKey();
+    const std::string import = "regedit.exe /S " + test::dataFile("keri.reg");
+    unsigned long exitCode = 99;
+    ASSERT_EQ(NS_UTL::ProcessUtils::start(import.c_str(), &exitCode), NS_UTL::ProcessUtils::Result::Finished);
+    EXPECT_EQ(exitCode, 0U);
+    EXPECT_EQ(getKeriInstallDir(), "C:\\Keri\\");
+}

@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <thread>
+
+#include "core/core_wrapper.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/registry_value.h"
+#include "utl/utl_registry.h"
+
+using NS_UTL::RegistryKey;
+
+namespace {
+
+const std::string kSubKey = "SOFTWARE\\Quorkeri tests\\Key";
+
+// The system gives a new handle the lowest free number, so a handle that stays open shows in the next one's.
+uintptr_t nextHandle() {
+    const HANDLE event = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    ::CloseHandle(event);
+    return reinterpret_cast<uintptr_t>(event);
+}
+
+bool keyExists(const std::string& subKey, REGSAM view) {
+    HKEY key = nullptr;
+    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_QUERY_VALUE | view, &key) != ERROR_SUCCESS)
+        return false;
+    ::RegCloseKey(key);
+    return true;
+}
+
+bool runsOn64BitWindows() {
+    BOOL wow64 = FALSE;
+    EXPECT_TRUE(::IsWow64Process(::GetCurrentProcess(), &wow64));
+    return wow64 != FALSE;
+}
+
+} // namespace
+
+TEST(RegistryKeyWin32, CreatesAMissingKeyAndThenMissesTheValue) {
+    test::RegistryValue value(kSubKey, "v", "");
+    value.removeKey();
+    ASSERT_FALSE(keyExists(kSubKey, 0));
+    test::LogRecorder log;
+    RegistryKey key;
+    EXPECT_TRUE(key.open(kSubKey));
+    EXPECT_TRUE(keyExists(kSubKey, 0));
+    std::string text;
+    EXPECT_FALSE(key.getValue("v", text));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN NS_UTL::RegistryKey::getValue(v) - error 2"}));
+}
+
+TEST(RegistryKeyWin32, SeesThe32BitViewAndTheOneThatThePathSpells) {
+    test::RegistryValue value(kSubKey, "v", "");
+    value.set(REG_SZ, std::string("x\0", 2));
+    EXPECT_TRUE(keyExists(kSubKey, KEY_WOW64_32KEY));
+    EXPECT_EQ(keyExists(kSubKey, KEY_WOW64_64KEY), !runsOn64BitWindows());
+    if (!runsOn64BitWindows()) return;
+    RegistryKey key;
+    ASSERT_TRUE(key.open("SOFTWARE\\Wow6432Node\\Quorkeri tests\\Key"));
+    std::string text;
+    EXPECT_TRUE(key.getValue("v", text));
+    EXPECT_EQ(text, "x");
+}
+
+TEST(RegistryKeyWin32, KeepsTheKeyOpenForTheProcesssLife) {
+    test::RegistryValue value(kSubKey, "v", "");
+    value.set(REG_SZ, std::string("x\0", 2));
+    {
+        // What the registry library itself keeps from its first use on is not to count.
+        RegistryKey first;
+        ASSERT_TRUE(first.open(kSubKey));
+    }
+    const uintptr_t before = nextHandle();
+    {
+        RegistryKey key;
+        ASSERT_TRUE(key.open(kSubKey));
+        std::string text;
+        EXPECT_TRUE(key.getValue("v", text));
+    }
+    EXPECT_GT(nextHandle(), before);
+}
+
+TEST(RegistryKeyWin32, ReportsAKeyThatCannotBeOpenedWithTheThreadsLastError) {
+    test::LogRecorder log;
+    // No key's name is that long.
+    const std::string subKey = "SOFTWARE\\" + std::string(300, 'k');
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    RegistryKey key;
+    EXPECT_FALSE(key.open(subKey));
+    // The registry's calls return their error instead of setting it.
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - RegistryKey: failed open '" + subKey +
+                                                     "': " + NS_CORE::systemErrorText(ERROR_ACCESS_DENIED)}));
+}
+
+TEST(RegistryKeyWin32, FollowsAValueThatGrowsBetweenTheReads) {
+    test::RegistryValue value(kSubKey, "v", "");
+    value.set(REG_SZ, std::string(17, 'x'));
+    RegistryKey key;
+    ASSERT_TRUE(key.open(kSubKey));
+    // Another thread makes it ever longer, so that a read can find less room than the one before asked for.
+    std::atomic<bool> stop = false;
+    std::thread writer([&] {
+        for (size_t size = 17; !stop; size = size < 20000 ? size + 7 : 17) value.set(REG_SZ, std::string(size, 'x'));
+    });
+    for (int i = 0; i < 500; ++i) {
+        std::string text;
+        EXPECT_TRUE(key.getValue("v", text));
+        EXPECT_EQ(text, std::string(text.size(), 'x'));
+        EXPECT_GE(text.size(), 17U);
+    }
+    stop = true;
+    writer.join();
+}
