@@ -181,7 +181,7 @@ void writePadded(Output& out, const FormatSpec& spec, const char* text, size_t l
     char* const to = out.claim(width);
     const size_t padding = width - length;
     const size_t before = spec.has(kLeftJustify) ? 0 : padding;
-    std::fill_n(before == 0 ? to + length : to, padding, ' ');
+    if (padding != 0) std::memset(before == 0 ? to + length : to, ' ', padding);
     std::memcpy(to + before, text, length);
 }
 
@@ -288,9 +288,9 @@ void appendDecimal(Output& out, uint32_t value) {
 void writeZeroPadded(Output& out, size_t width, char sign, const char* digits, size_t length) {
     const size_t signLength = sign == '\0' ? 0 : 1;
     const size_t zeros = width > length + signLength ? width - length - signLength : 0;
-    if (signLength != 0) out.append(sign);
-    char* const to = out.claim(zeros + length);
-    std::fill_n(to, zeros, '0');
+    char* to = out.claim(signLength + zeros + length);
+    if (signLength != 0) *to++ = sign;
+    if (zeros != 0) std::memset(to, '0', zeros);
     std::memcpy(to + zeros, digits, length);
 }
 
