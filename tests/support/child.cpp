@@ -2,7 +2,10 @@
 
 #include <cstdio>
 #include <map>
+#include <system_error>
 #include <utility>
+
+#include "tests/support/temp_dir.h"
 
 namespace test {
 namespace {
@@ -28,6 +31,13 @@ std::string childCommandLine(const std::string& program, const std::string& name
 
 std::string childCommandLine(const std::string& name, const std::vector<std::string>& arguments) {
     return childCommandLine(thisProgram(), name, arguments);
+}
+
+void linkThisProgram(const std::filesystem::path& path) {
+    const std::filesystem::path from = fromText(thisProgram());
+    std::error_code otherVolume;
+    std::filesystem::create_hard_link(from, path, otherVolume);
+    if (otherVolume) std::filesystem::copy_file(from, path);
 }
 
 std::optional<int> runAsChild(int argc, char** argv) {

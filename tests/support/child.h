@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -27,6 +28,12 @@ std::string thisProgram();
 std::string childCommandLine(const std::string& program, const std::string& name,
                              const std::vector<std::string>& arguments = {});
 std::string childCommandLine(const std::string& name, const std::vector<std::string>& arguments = {});
+
+// Puts the running program to `path` as well.
+void linkThisProgram(const std::filesystem::path& path);
+
+// Runs a command line in a plain way of the tests' own and answers the exit code.
+int runAndWait(const std::string& commandLine);
 
 // For main: the child's exit code when the arguments ask for one.
 std::optional<int> runAsChild(int argc, char** argv);

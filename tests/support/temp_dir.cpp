@@ -21,6 +21,15 @@ std::filesystem::path parentDirectory(TempDir::Where where) {
 
 } // namespace
 
+std::string utf8(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+}
+
+std::filesystem::path fromText(const std::string& text) {
+    return std::u8string(text.begin(), text.end());
+}
+
 TempDir::TempDir(Where where) {
     std::random_device random;
     m_path = parentDirectory(where) / ("quorkeri-" + std::to_string(random()) + std::to_string(random()));
@@ -30,17 +39,19 @@ TempDir::TempDir(Where where) {
 TempDir::~TempDir() {
     // A test may have taken rights away from what it made.
     std::error_code error;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_path, error)) {
-        if (!entry.is_symlink())
-            std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
-                                         std::filesystem::perm_options::add, error);
+    const std::filesystem::recursive_directory_iterator end;
+    for (std::filesystem::recursive_directory_iterator entry(m_path, error); !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (!entry->is_symlink(ignored))
+            std::filesystem::permissions(entry->path(), std::filesystem::perms::owner_all,
+                                         std::filesystem::perm_options::add, ignored);
     }
     std::filesystem::remove_all(m_path, error);
 }
 
 std::string TempDir::file(const std::string& name) const {
-    const std::u8string text = (m_path / std::u8string(name.begin(), name.end())).u8string();
-    return {text.begin(), text.end()};
+    return utf8(m_path / fromText(name));
 }
 
 std::string readFile(const std::filesystem::path& path) {

@@ -5,6 +5,10 @@
 
 namespace test {
 
+// Between paths and their UTF-8 texts, as the system's own calls take them.
+std::string utf8(const std::filesystem::path& path);
+std::filesystem::path fromText(const std::string& text);
+
 // A directory of the test's own, with all that is in it; gone when the object ends.
 class TempDir {
 public:
