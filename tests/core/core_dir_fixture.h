@@ -25,8 +25,8 @@ protected:
     Report changeDirectory(const std::filesystem::path& program, const std::string& suffix) {
         std::filesystem::create_directories(program.parent_path());
         test::linkThisProgram(program);
-        EXPECT_EQ(test::runAndWait(
-                      test::childCommandLine(test::utf8(program), "change-directory", {m_dir.file("report"), suffix})),
+        EXPECT_EQ(test::runAndWait(test::childCommandLineOf(test::utf8(program), "change-directory",
+                                                            {m_dir.file("report"), suffix})),
                   0);
         std::ifstream in(m_dir.path() / "report", std::ios::binary);
         Report report;

@@ -22,15 +22,15 @@ ChildProgram::ChildProgram(const char* name, Run run) {
     children()[name] = std::move(run);
 }
 
-std::string childCommandLine(const std::string& program, const std::string& name,
-                             const std::vector<std::string>& arguments) {
+std::string childCommandLineOf(const std::string& program, const std::string& name,
+                               const std::vector<std::string>& arguments) {
     std::string line = '"' + program + "\" " + kChildWord + ' ' + name;
     for (const std::string& argument : arguments) line += " \"" + argument + '"';
     return line;
 }
 
 std::string childCommandLine(const std::string& name, const std::vector<std::string>& arguments) {
-    return childCommandLine(thisProgram(), name, arguments);
+    return childCommandLineOf(thisProgram(), name, arguments);
 }
 
 void linkThisProgram(const std::filesystem::path& path) {

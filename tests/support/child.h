@@ -24,10 +24,11 @@ public:
 // The running program's own path, UTF-8.
 std::string thisProgram();
 
-// The command line that makes `program` such a child. Arguments must hold no double quote and not end in a backslash.
-std::string childCommandLine(const std::string& program, const std::string& name,
-                             const std::vector<std::string>& arguments = {});
+// The command line that makes the running program, or `program`, such a child. Arguments must hold no double quote and
+// not end in a backslash.
 std::string childCommandLine(const std::string& name, const std::vector<std::string>& arguments = {});
+std::string childCommandLineOf(const std::string& program, const std::string& name,
+                               const std::vector<std::string>& arguments = {});
 
 // Puts the running program to `path` as well.
 void linkThisProgram(const std::filesystem::path& path);
