@@ -42,6 +42,12 @@ void answerSlowly(int /*signum*/) {
     g_order.push_back(0);
 }
 
+// Cases may share a process: each begins with what the handlers recorded empty.
+class LinuxSignalTest : public testing::Test {
+protected:
+    LinuxSignalTest() { g_order.clear(); }
+};
+
 size_t threadCount() {
     size_t count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
@@ -61,7 +67,7 @@ void forbidSignalChanges() {
     ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
 }
 
-TEST(SignalTest, LogsASignalThatCannotBeCaught) {
+TEST_F(LinuxSignalTest, LogsASignalThatCannotBeCaught) {
     test::LogRecorder log;
     {
         const Signal signal(SIGKILL, &answerAndTell);
@@ -69,7 +75,7 @@ TEST(SignalTest, LogsASignalThatCannotBeCaught) {
     EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::Signal - failed to install signal handler for 9"});
 }
 
-TEST(SignalTest, LogsAHandlerThatCannotBePutBack) {
+TEST_F(LinuxSignalTest, LogsAHandlerThatCannotBePutBack) {
     test::LogRecorder log;
     std::thread([] {
         const Signal signal(SIGTERM, &answerAndTell);
@@ -78,7 +84,7 @@ TEST(SignalTest, LogsAHandlerThatCannotBePutBack) {
     EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::~Signal - failed to restore signal handler for 15"});
 }
 
-TEST(SignalTest, AnswersOnAThreadOfItsOwnAndStaysInstalled) {
+TEST_F(LinuxSignalTest, AnswersOnAThreadOfItsOwnAndStaysInstalled) {
     {
         const Signal signal(SIGTERM, &answerAndTell);
         for (int i = 0; i < 3; ++i) {
@@ -90,7 +96,7 @@ TEST(SignalTest, AnswersOnAThreadOfItsOwnAndStaysInstalled) {
     EXPECT_NE(g_answeringThread, std::this_thread::get_id());
 }
 
-TEST(SignalTest, AnswersInTheOrderOfArrivalAndBeforeTheLastObjectEnds) {
+TEST_F(LinuxSignalTest, AnswersInTheOrderOfArrivalAndBeforeTheLastObjectEnds) {
     {
         const Signal first(SIGTERM, &answerAndTell);
         const Signal second(SIGINT, &answerAndTell);
@@ -102,7 +108,7 @@ TEST(SignalTest, AnswersInTheOrderOfArrivalAndBeforeTheLastObjectEnds) {
     EXPECT_EQ(g_order, (std::vector<int>{SIGINT, SIGTERM, SIGINT}));
 }
 
-TEST(SignalTest, WaitsForAHandlerThatIsAtWork) {
+TEST_F(LinuxSignalTest, WaitsForAHandlerThatIsAtWork) {
     std::atomic<bool> ended{false};
     std::thread other;
     {
@@ -119,7 +125,7 @@ TEST(SignalTest, WaitsForAHandlerThatIsAtWork) {
     EXPECT_EQ(g_order, std::vector<int>{0});
 }
 
-TEST(SignalTest, LeavesNoThreadBehind) {
+TEST_F(LinuxSignalTest, LeavesNoThreadBehind) {
     // The thread sanitizer adds a thread of its own to the first one.
     std::thread([] {}).join();
     const size_t before = threadCount();
@@ -134,7 +140,7 @@ TEST(SignalTest, LeavesNoThreadBehind) {
     EXPECT_EQ(threadCount(), before);
 }
 
-TEST(SignalTest, PutsTheWholePreviousActionBack) {
+TEST_F(LinuxSignalTest, PutsTheWholePreviousActionBack) {
     struct sigaction before = {};
     before.sa_handler = SIG_IGN;
     before.sa_flags = SA_NODEFER;
@@ -148,7 +154,7 @@ TEST(SignalTest, PutsTheWholePreviousActionBack) {
     EXPECT_NE(after.sa_flags & SA_NODEFER, 0);
 }
 
-TEST(SignalTest, LeavesErrnoAndInterruptedCallsAlone) {
+TEST_F(LinuxSignalTest, LeavesErrnoAndInterruptedCallsAlone) {
     const Signal signal(SIGTERM, &answerAndTell);
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);

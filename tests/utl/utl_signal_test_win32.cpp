@@ -15,14 +15,14 @@ void count(int signum) {
     g_lastSignal = signum;
 }
 
-TEST(SignalTest, CallsTheHandlerForARaisedSignal) {
+TEST(Win32SignalTest, CallsTheHandlerForARaisedSignal) {
     const Signal signal(SIGBREAK, &count);
     std::raise(SIGBREAK);
     EXPECT_EQ(g_calls, 1);
     EXPECT_EQ(g_lastSignal, 21);
 }
 
-TEST(SignalTest, AnswersOnceBecauseTheRuntimeResetsTheHandler) {
+TEST(Win32SignalTest, AnswersOnceBecauseTheRuntimeResetsTheHandler) {
     const Signal signal(SIGTERM, &count);
     std::raise(SIGTERM);
     EXPECT_EQ(g_calls, 1);

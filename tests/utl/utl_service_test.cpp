@@ -1,0 +1,405 @@
+#include "utl/utl_service.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <latch>
+#include <semaphore>
+#include <thread>
+
+#include "core/core_socket.h"
+#include "tests/support/child.h"
+#include "tests/support/self_process.h"
+#include "tests/utl/utl_service_fixture.h"
+
+namespace NS_UTL {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path programDirectory() {
+    const std::string path = test::thisProgram();
+    return fs::path(std::u8string(path.begin(), path.end())).parent_path();
+}
+
+Service hostWithAnchor(const std::string& anchor, const std::string& logDirectory) {
+    return Service(anchor, "name", "display", logDirectory, "service.log", {}, {});
+}
+
+TEST_F(ServiceTest, StatusHoldsZeroesAtConstruction) {
+    EXPECT_EQ(makeHost({}, {}).status(), ServiceStatus{});
+}
+
+TEST_F(ServiceTest, WorksInTheProgramsDirectoryWithoutAnAnchor) {
+    const Service host = hostWithAnchor("", m_logs.file(""));
+    EXPECT_TRUE(fs::equivalent(fs::current_path(), programDirectory()));
+    EXPECT_TRUE(m_hook.failures().empty());
+}
+
+TEST_F(ServiceTest, WorksAboveTheAnchor) {
+    const Service host = hostWithAnchor(programDirectory().filename().string(), m_logs.file(""));
+    EXPECT_TRUE(fs::equivalent(fs::current_path(), programDirectory().parent_path()));
+    EXPECT_TRUE(m_hook.failures().empty());
+}
+
+TEST_F(ServiceTest, FailsACheckForAnAnchorThatIsNotThereAndGoesOn) {
+    const fs::path before = fs::current_path();
+    const Service host = hostWithAnchor("bin", m_logs.file(""));
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service", 41, 0, "bin"}));
+    EXPECT_EQ(fs::current_path(), before);
+}
+
+TEST_F(ServiceTest, LogsToItsFileAndRotatesItPastFiveMillionBytes) {
+    const Service host = hostWithAnchor("", m_logs.file(""));
+    test::writeFile(m_logs.path() / "service.log", std::string(4999000, 'x'));
+    MLOG(Warn, "F", "below");
+    EXPECT_FALSE(fs::exists(m_logs.path() / "service.log.old"));
+    EXPECT_TRUE(test::readFile(m_logs.path() / "service.log").ends_with(" F - below\n"));
+    MLOG(Warn, "F", "%s", std::string(2000, 'y'));
+    EXPECT_GT(fs::file_size(m_logs.path() / "service.log.old"), 5000000U);
+    EXPECT_FALSE(fs::exists(m_logs.path() / "service.log"));
+}
+
+// Which words choose which mode. In console mode the run callback's result is the answer.
+class ServiceModeTest : public ServiceTest, public testing::WithParamInterface<std::vector<std::string>> {};
+class ConsoleModeWordsTest : public ServiceModeTest {};
+class ServiceModeWordsTest : public ServiceModeTest {};
+
+TEST_P(ConsoleModeWordsTest, RunInConsole) {
+    makeHost([](int, char**) { return 42; }, [] {});
+    EXPECT_EQ(run(GetParam()), 42);
+    EXPECT_EQ(m_journal.entries(), Lines{});
+}
+
+INSTANTIATE_TEST_SUITE_P(AnyPosition, ConsoleModeWordsTest,
+                         testing::Values(std::vector<std::string>{"program", "service-console"},
+                                         std::vector<std::string>{"program", "x", "service-console"},
+                                         std::vector<std::string>{"program", "x", "service-install", "service-console"},
+                                         std::vector<std::string>{"program", "service-console", "service-remove"},
+                                         std::vector<std::string>{"service-console", "x"}));
+
+// Nothing but a service control manager starts a service; a test is not one.
+TEST_P(ServiceModeWordsTest, FailToStartTheDispatcher) {
+    bool hasRun = false;
+    makeHost(
+        [&hasRun](int, char**) {
+            hasRun = true;
+            return 42;
+        },
+        [] {});
+    EXPECT_EQ(run(GetParam()), 1);
+    EXPECT_FALSE(hasRun);
+    const Lines entries = m_journal.entries();
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_TRUE(
+        entries[0].starts_with("CRIT UTL::Service::runService - failed to start service control dispather for "
+                               "'quorkeri_test_service': "))
+        << entries[0];
+}
+
+INSTANTIATE_TEST_SUITE_P(NoWordOfOurs, ServiceModeWordsTest,
+                         testing::Values(std::vector<std::string>{}, std::vector<std::string>{"program"},
+                                         std::vector<std::string>{"service-console"},
+                                         std::vector<std::string>{"program", "unknown"},
+                                         std::vector<std::string>{"program", "Service-Console"},
+                                         std::vector<std::string>{"program", "service-console "},
+                                         std::vector<std::string>{"program", "x", "service-install"},
+                                         std::vector<std::string>{"program", "SERVICE-INSTALL"},
+                                         std::vector<std::string>{"service-remove", "x"}));
+
+TEST_F(ServiceTest, ConsoleModePassesTheArgumentsOn) {
+    Lines seen;
+    makeHost(
+        [&seen](int argc, char** argv) {
+            seen.assign(argv, argv + argc);
+            return 0;
+        },
+        [] {});
+    EXPECT_EQ(run({"program", "service-console", "more"}), 0);
+    EXPECT_EQ(seen, (Lines{"program", "service-console", "more"}));
+}
+
+TEST_F(ServiceTest, ConsoleModeSaysSoWhereNormIsOn) {
+    ASSERT_TRUE(NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8));
+    makeHost([](int, char**) { return 0; }, [] {});
+    EXPECT_EQ(run({"program", "service-console"}), 0);
+    EXPECT_EQ(m_journal.entries(), Lines{"NORM UTL::Service::runService - running 'quorkeri_test_service' in console"});
+}
+
+TEST_F(ServiceTest, ConsoleModeThrowsForAnEmptyRunCallback) {
+    makeHost({}, [] {});
+    EXPECT_THROW(run({"program", "service-console"}), std::bad_function_call);
+}
+
+TEST_F(ServiceTest, SignalHandlerLogsTheNumberAndCallsTheStopCallback) {
+    makeHost({}, [this] { m_journal.add("stop"); });
+    Service::signalHandler(15);
+    EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::signalHandler - 15", "stop"}));
+}
+
+TEST_F(ServiceTest, SignalHandlerFailsACheckWithoutAHost) {
+    makeHost({}, [this] { m_journal.add("stop"); });
+    Service::clearInstance();
+    Service::signalHandler(15);
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service", 119, 0, ""}));
+    EXPECT_EQ(m_journal.entries(), Lines{});
+}
+
+TEST_F(ServiceTest, ServiceMainFailsACheckWithoutAHost) {
+    makeHost({}, {});
+    Service::clearInstance();
+    Service::serviceMain(0, nullptr);
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 192, 0, ""}));
+    EXPECT_EQ(m_journal.entries(), Lines{});
+}
+
+TEST_F(ServiceTest, ControlHandlerFailsACheckWithoutAHostAndReportsNothing) {
+    makeHost({}, {});
+    Service::clearInstance();
+    Service::controlHandler(ServiceControl::Stop);
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 141, 0, ""}));
+    EXPECT_EQ(m_journal.entries(), Lines{});
+}
+
+TEST_F(ServiceTest, HostThatEndsIsNoInstanceAnyMore) {
+    makeHost({}, {});
+    m_host.reset();
+    Service::signalHandler(2);
+    EXPECT_EQ(m_hook.single().line, 119);
+}
+
+TEST_F(ServiceTest, CountsAsRunningBeforeTheWorkBegins) {
+    makeHost(
+        [this](int, char**) {
+            m_journal.add("run");
+            return 0;
+        },
+        [] {});
+    Service::serviceMain(0, nullptr);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::serviceMain - RegisterServiceCtrlHandler", kStartPending, kRunning,
+                     "INFO UTL::Service::serviceMain - ==== Start 'quorkeri_test_service'", "run",
+                     "INFO UTL::Service::serviceMain - ==== Completed 'quorkeri_test_service'", kStopped}));
+}
+
+TEST_F(ServiceTest, PassesTheManagersArgumentsToTheWork) {
+    Lines seen;
+    makeHost(
+        [&seen](int argc, char** argv) {
+            seen.assign(argv, argv + argc);
+            return 0;
+        },
+        [] {});
+    std::string name = kName;
+    std::string extra = "extra";
+    char* argv[] = {name.data(), extra.data(), nullptr};
+    Service::serviceMain(2, argv);
+    EXPECT_EQ(seen, (Lines{kName, "extra"}));
+}
+
+TEST_F(ServiceTest, ReportsTheWorksResultAsTheServicesOwnExitCode) {
+    makeHost([](int, char**) { return -7; }, [] {});
+    Service::serviceMain(0, nullptr);
+    EXPECT_EQ(m_journal.entries().back(), "report 16 1 5 0 4294967289 0 0");
+}
+
+TEST_F(ServiceTest, ThrowsForAnEmptyRunCallbackOnceItIsRunning) {
+    makeHost({}, [] {});
+    EXPECT_THROW(Service::serviceMain(0, nullptr), std::bad_function_call);
+    EXPECT_EQ(m_host->status().currentState, ServiceState::Running);
+}
+
+TEST_F(ServiceTest, ReportsNothingWhenTheControlHandlerCannotBeRegistered) {
+    bool hasRun = false;
+    makeHost(
+        [&hasRun](int, char**) {
+            hasRun = true;
+            return 0;
+        },
+        [] {});
+    // The platform's own, which refuses because no dispatcher has been started.
+    ServiceManagerCalls calls = ServiceManagerCalls::platform();
+    calls.setStatus = [this](void*, const ServiceStatus& status) { m_journal.add(reportText(status)); };
+    m_host->setServiceManager(std::move(calls));
+    Service::serviceMain(0, nullptr);
+    EXPECT_FALSE(hasRun);
+    const Lines entries = m_journal.entries();
+    ASSERT_EQ(entries.size(), 2U);
+    EXPECT_EQ(entries[0], "INFO UTL::Service::serviceMain - RegisterServiceCtrlHandler");
+    const std::string expected =
+        "CRIT UTL::Service::serviceMain - failed to register control handler for 'quorkeri_test_service': ";
+    EXPECT_TRUE(entries[1].starts_with(expected)) << entries[1];
+    EXPECT_GT(entries[1].size(), expected.size());
+}
+
+// A service at work on a thread of its own, as the manager would have it.
+class RunningServiceTest : public ServiceTest {
+protected:
+    void SetUp() override {
+        makeHost(
+            [this](int, char**) {
+                m_begun.release();
+                m_goOn.acquire();
+                return 0;
+            },
+            [this] {
+                m_journal.add("stop");
+                if (m_stopEndsWork) m_goOn.release();
+            });
+        m_thread = std::thread([] { Service::serviceMain(0, nullptr); });
+        m_begun.acquire();
+        m_journal.clear();
+    }
+    ~RunningServiceTest() override {
+        if (m_thread.joinable()) finish();
+    }
+    void finish() {
+        m_goOn.release();
+        m_thread.join();
+    }
+
+    std::atomic<bool> m_stopEndsWork{false};
+    std::counting_semaphore<10> m_begun{0};
+    std::counting_semaphore<10> m_goOn{0};
+    std::thread m_thread;
+};
+
+TEST_F(RunningServiceTest, StopCallsTheCallbackBeforeItReportsStopPending) {
+    Service::controlHandler(1);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending}));
+    m_journal.clear();
+    finish();
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::serviceMain - ==== Completed 'quorkeri_test_service'", kStopped}));
+}
+
+TEST_F(RunningServiceTest, ShutdownIsAStopUnderItsOwnName) {
+    Service::controlHandler(5);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_SHUTDOWN", "stop", kStopPending}));
+    m_journal.clear();
+    finish();
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::serviceMain - ==== Completed 'quorkeri_test_service'", kStopped}));
+}
+
+TEST_F(RunningServiceTest, TwoStopsCallTheCallbackTwice) {
+    Service::controlHandler(1);
+    Service::controlHandler(1);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending,
+                     "INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending}));
+}
+
+TEST_F(RunningServiceTest, InterrogateReportsTheStateUnchanged) {
+    Service::controlHandler(4);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_INTERROGATE", kRunning}));
+    Service::controlHandler(1);
+    Service::controlHandler(4);
+    EXPECT_EQ(m_journal.entries().back(), kStopPending);
+}
+
+TEST_F(RunningServiceTest, PauseFailsACheckAndReportsTheStateUnchanged) {
+    Service::controlHandler(2);
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 166, 0, ""}));
+    EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_PAUSE", kRunning}));
+}
+
+TEST_F(RunningServiceTest, ContinueFailsACheckAndReportsTheStateUnchanged) {
+    Service::controlHandler(3);
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 172, 0, ""}));
+    EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_CONTINUE", kRunning}));
+}
+
+TEST_F(RunningServiceTest, UnknownControlsFailACheckAndReportTheStateUnchanged) {
+    Lines expected;
+    for (const uint32_t control : {0U, 6U, 128U, 255U, 256U, 4294967295U}) {
+        m_hook.clear();
+        Service::controlHandler(control);
+        EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 180, 0, std::to_string(control)}));
+        expected.push_back(kRunning);
+    }
+    EXPECT_EQ(m_journal.entries(), expected);
+}
+
+TEST_F(RunningServiceTest, ControlsAfterTheEndReportNothing) {
+    finish();
+    m_journal.clear();
+    Service::controlHandler(1);
+    Service::controlHandler(4);
+    Service::controlHandler(2);
+    EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop",
+                                          "INFO UTL::Service::controlHandler - SERVICE_CONTROL_INTERROGATE",
+                                          "INFO UTL::Service::controlHandler - SERVICE_CONTROL_PAUSE"}));
+    EXPECT_EQ(m_host->status().currentState, ServiceState::Stopped);
+}
+
+TEST_F(RunningServiceTest, InstanceIsClearedOnlyWhenServiceMainIsDone) {
+    std::atomic<bool> isDone{false};
+    std::thread finisher([this, &isDone] {
+        EXPECT_FALSE(isDone);
+        m_goOn.release();
+    });
+    Service::clearInstance();
+    isDone = true;
+    EXPECT_EQ(m_journal.entries().back(), kStopped);
+    finisher.join();
+    m_thread.join();
+}
+
+// A companion that is gone within a microsecond of the stop request: the work's end and the handler's report meet.
+TEST_F(ServiceTest, LastReportIsStoppedHoweverFastTheWorkEnds) {
+    for (int round = 0; round < 200; ++round) {
+        std::binary_semaphore begun{0};
+        std::binary_semaphore goOn{0};
+        makeHost(
+            [&](int, char**) {
+                begun.release();
+                goOn.acquire();
+                return 0;
+            },
+            [&goOn] { goOn.release(); });
+        m_journal.clear();
+        std::thread work([] { Service::serviceMain(0, nullptr); });
+        begun.acquire();
+        Service::controlHandler(ServiceControl::Stop);
+        work.join();
+        Lines reports = m_journal.entries();
+        std::erase_if(reports, [](const std::string& entry) { return !entry.starts_with("report"); });
+        ASSERT_EQ(reports.back(), kStopped) << "round " << round;
+        ASSERT_EQ(std::count(reports.begin(), reports.end(), kStopped), 1);
+    }
+}
+
+// Looks at the socket library when the exit handlers have run, and tells it by the exit code.
+struct AfterExit {
+    bool m_isArmed = false;
+    ~AfterExit() {
+        if (m_isArmed) std::_Exit(NS_CORE::winsockInitialised() ? 42 : 41);
+    }
+};
+[[gnu::init_priority(101)]] AfterExit g_afterExit;
+
+const test::ChildProgram g_exitChild("service_exit", [](const std::vector<std::string>& arguments) {
+    g_afterExit.m_isArmed = true;
+    if (arguments.at(0) == "service") {
+        Service host("", "name", "display", ".", "unused.log", [](int, char**) { return 0; }, [] {});
+        NS_CORE::MasterLogger::setImplementation(nullptr);
+        host.setServiceManager({[](const char*) -> void* { return &g_afterExit; }, [](void*, const ServiceStatus&) {}});
+        Service::serviceMain(0, nullptr);
+    }
+    return 0;
+});
+
+TEST(ServiceExitTest, LeavesTheSocketLibraryAloneInServiceModeOnly) {
+    EXPECT_EQ(test::SelfProcess("service_exit", {"service"}).wait(), 42);
+    EXPECT_EQ(test::SelfProcess("service_exit", {"console"}).wait(), 41);
+}
+
+} // namespace
+} // namespace NS_UTL

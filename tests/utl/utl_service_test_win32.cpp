@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "core/core_scopedhandle.h"
+#include "core/core_wrapper.h"
+#include "tests/support/child.h"
+#include "tests/utl/utl_service_fixture.h"
+#include "utl/utl_service.h"
+
+namespace NS_UTL {
+namespace {
+
+struct ScHandleTraits {
+    using Value = SC_HANDLE;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::CloseServiceHandle(value); }
+};
+using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
+
+// Against the machine's own service control manager; the service is installed, and never started.
+class ServiceInstallTest : public ServiceTest {
+protected:
+    void SetUp() override { makeHost({}, {}); }
+    ~ServiceInstallTest() override {
+        const ScopedScHandle service = open();
+        if (service) ::DeleteService(service.get());
+    }
+    ScopedScHandle open() const { return ScopedScHandle(::OpenServiceA(m_manager.get(), kName, SERVICE_ALL_ACCESS)); }
+    static std::string program() { return test::thisProgram(); }
+    static std::string text(DWORD error) { return NS_CORE::systemErrorText(error); }
+
+    const ScopedScHandle m_manager{::OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
+    const Lines m_installed = {"INFO UTL::Service::run - installed service 'quorkeri_test_service' running '" +
+                               program() + "'"};
+};
+
+TEST_F(ServiceInstallTest, RegistersTheProgramAsItIs) {
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    EXPECT_EQ(m_journal.entries(), m_installed);
+    const ScopedScHandle service = open();
+    ASSERT_TRUE(service);
+    std::vector<BYTE> buffer(8192);
+    auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGA*>(buffer.data());
+    DWORD needed = 0;
+    ASSERT_TRUE(::QueryServiceConfigA(service.get(), config, static_cast<DWORD>(buffer.size()), &needed));
+    EXPECT_EQ(config->dwServiceType, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
+    EXPECT_EQ(config->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
+    EXPECT_EQ(config->dwErrorControl, static_cast<DWORD>(SERVICE_ERROR_NORMAL));
+    EXPECT_EQ(config->lpBinaryPathName, program());
+    EXPECT_STREQ(config->lpDisplayName, "Test Service");
+    EXPECT_STREQ(config->lpServiceStartName, "LocalSystem");
+}
+
+TEST_F(ServiceInstallTest, InstallingTwiceSucceedsTwice) {
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    EXPECT_EQ(m_journal.entries(), (Lines{m_installed[0], m_installed[0]}));
+}
+
+TEST_F(ServiceInstallTest, RemovesWhatItInstalled) {
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    m_journal.clear();
+    EXPECT_EQ(run({"program", "service-remove"}), 0);
+    EXPECT_EQ(m_journal.entries(), Lines{"INFO UTL::Service::run - removed service 'quorkeri_test_service'"});
+    EXPECT_FALSE(open());
+}
+
+TEST_F(ServiceInstallTest, RemovingAServiceThatIsNotThereFailsWithBothMessages) {
+    EXPECT_EQ(run({"program", "service-remove"}), 1);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"CRIT UTL::Service::remove - failed to open service 'quorkeri_test_service': " +
+                         text(ERROR_SERVICE_DOES_NOT_EXIST),
+                     "WARN UTL::Service::run - failed to remove service 'quorkeri_test_service'"}));
+}
+
+TEST_F(ServiceInstallTest, AServiceHeldOpenByAnotherProgramCannotBeDeletedTwiceOrInstalledAgain) {
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    const ScopedScHandle held = open();
+    EXPECT_EQ(run({"program", "service-remove"}), 0);
+    m_journal.clear();
+    EXPECT_EQ(run({"program", "service-remove"}), 1);
+    EXPECT_EQ(run({"program", "service-install"}), 1);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"CRIT UTL::Service::remove - failed to delete service 'quorkeri_test_service': " +
+                         text(ERROR_SERVICE_MARKED_FOR_DELETE),
+                     "WARN UTL::Service::run - failed to remove service 'quorkeri_test_service'",
+                     "CRIT UTL::Service::install - failed to create service 'quorkeri_test_service': " +
+                         text(ERROR_SERVICE_MARKED_FOR_DELETE),
+                     "WARN UTL::Service::run - failed to install service 'quorkeri_test_service' running '" +
+                         program() + "'"}));
+}
+
+TEST_F(ServiceInstallTest, ANameThatTheManagerRefusesIsACriticalMessage) {
+    EXPECT_FALSE(m_host->install("", "Test Service", program()));
+    const Lines entries = m_journal.entries();
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_TRUE(entries[0].starts_with("CRIT UTL::Service::install - failed to create service '': ")) << entries[0];
+}
+
+TEST_F(ServiceTest, ServiceModeFromAPromptFailsWithTheSystemsText) {
+    makeHost({}, {});
+    EXPECT_EQ(run({"program"}), 1);
+    EXPECT_EQ(m_journal.entries(), Lines{"CRIT UTL::Service::runService - failed to start service control dispather "
+                                         "for 'quorkeri_test_service': " +
+                                         NS_CORE::systemErrorText(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT)});
+}
+
+TEST_F(ServiceTest, ConsoleModeAnswersEachOfItsThreeSignalsAndPutsTheHandlersBack) {
+    makeHost(
+        [](int, char**) {
+            for (const int signum : {SIGINT, SIGTERM, SIGBREAK}) std::raise(signum);
+            return 5;
+        },
+        [this] { m_journal.add("stop"); });
+    EXPECT_EQ(run({"program", "service-console"}), 5);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::signalHandler - 2", "stop", "INFO UTL::Service::signalHandler - 15", "stop",
+                     "INFO UTL::Service::signalHandler - 21", "stop"}));
+    for (const int signum : {SIGINT, SIGTERM, SIGBREAK}) EXPECT_EQ(std::signal(signum, SIG_DFL), SIG_DFL);
+}
+
+} // namespace
+} // namespace NS_UTL
