@@ -51,6 +51,11 @@ bool hasNoUsers(int32_t* users) {
     return *users == 0;
 }
 
+void dropInstance() ABSL_EXCLUSIVE_LOCKS_REQUIRED(g_instanceMutex) {
+    g_instance = nullptr;
+    g_instanceMutex.Await(absl::Condition(&hasNoUsers, &g_instanceUsers));
+}
+
 // Handlers for all of console mode's signals; they end in the reverse order, whichever way the scope is left.
 class ConsoleSignals {
 public:
@@ -113,13 +118,13 @@ Service::Service(const std::string& anchor, std::string name, std::string displa
 }
 
 Service::~Service() {
-    clearInstance();
+    const absl::MutexLock lock(&g_instanceMutex);
+    if (g_instance == this) dropInstance();
 }
 
 void Service::clearInstance() {
     const absl::MutexLock lock(&g_instanceMutex);
-    g_instance = nullptr;
-    g_instanceMutex.Await(absl::Condition(&hasNoUsers, &g_instanceUsers));
+    dropInstance();
 }
 
 int Service::run(int argc, char** argv) {

@@ -126,6 +126,7 @@ TEST_F(ServiceTest, ConsoleModeSaysSoWhereNormIsOn) {
     ASSERT_TRUE(NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8));
     makeHost([](int, char**) { return 0; }, [] {});
     EXPECT_EQ(run({"program", "service-console"}), 0);
+    EXPECT_TRUE(NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0));
     EXPECT_EQ(m_journal.entries(), Lines{"NORM UTL::Service::runService - running 'quorkeri_test_service' in console"});
 }
 
