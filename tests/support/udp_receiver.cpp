@@ -6,10 +6,10 @@
 
 namespace test {
 
-UdpReceiver::UdpReceiver() {
+UdpReceiver::UdpReceiver(uint16_t port) {
     EXPECT_TRUE(m_socket.create(AF_INET, SOCK_DGRAM, /*protocol=*/0, /*flags=*/0));
     sockaddr_in address;
-    EXPECT_TRUE(NS_CORE::SetSockAddr("127.0.0.1", 0, address));
+    EXPECT_TRUE(NS_CORE::SetSockAddr("127.0.0.1", port, address));
     const auto socket = static_cast<SystemSocket>(m_socket.handle());
     EXPECT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     socklen_t size = sizeof address;

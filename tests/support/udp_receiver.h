@@ -25,10 +25,10 @@ struct Datagram {
     uint16_t senderPort;
 };
 
-// Listens on a port of the loopback address that the system chooses.
+// Listens on a port of the loopback address, one that the system chooses unless it is given.
 class UdpReceiver {
 public:
-    UdpReceiver();
+    explicit UdpReceiver(uint16_t port = 0);
 
     uint16_t port() const { return m_port; }
 

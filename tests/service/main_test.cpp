@@ -1,0 +1,122 @@
+#include "service/main.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/core_paths.h"
+#include "core/core_product.h"
+#include "core/core_v2masterlogger.h"
+#include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/temp_dir.h"
+#include "utl/utl_processutils.h"
+#include "utl/utl_service.h"
+
+namespace service {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+int runWith(const std::vector<std::string>& words) {
+    ArgumentVector arguments(test::thisProgram(), words);
+    return runProcess(arguments);
+}
+
+// The program as its entry runs it.
+const test::ChildProgram g_application("application", &runWith);
+
+// The same, and then what is left of it: 100 when all is as it should be.
+const test::ChildProgram g_applicationAfter("application_after", [](const std::vector<std::string>& words) {
+    if (!NS_CORE::productIdentifier().empty()) return 1;
+    if (runWith(words) != 1) return 2;
+    if (NS_CORE::productIdentifier() != "ravelin") return 3;
+    if (NS_CORE::dotPath(NS_CORE::PathKind::Logs) != "./work/logs") return 4;
+    if (NS_CORE::dotPath(NS_CORE::PathKind::Dumps) != "./work/dumps") return 5;
+    const test::HookRecorder hook;
+    NS_UTL::Service::signalHandler(2);
+    if (hook.failures().empty() || hook.single().line != 119) return 6;
+    MLOG(Crit, "After", "to nobody's file");
+    return 100;
+});
+
+// Console mode with a companion that cannot be started, stopped during the first pause.
+const test::ChildProgram g_console("application_console", [](const std::vector<std::string>& arguments) {
+    std::thread stopper([log = arguments.at(0)] {
+        while (!fs::exists(log) || test::readFile(log).find("Run: '") == std::string::npos) std::this_thread::yield();
+        std::raise(SIGTERM);
+    });
+    const int result = runWith({"other", "service-console"});
+    stopper.join();
+    return result;
+});
+
+// An installation around a copy of this program.
+class MainTest : public testing::Test {
+protected:
+    MainTest() {
+        for (const char* directory : {"bin", "settings", "work/logs"}) fs::create_directories(m_dir.path() / directory);
+        const std::string self = test::thisProgram();
+        fs::copy_file(std::u8string(self.begin(), self.end()), m_dir.path() / "bin" / "program.exe");
+    }
+
+    unsigned long runChild(const std::string& name, const std::vector<std::string>& arguments) {
+        unsigned long exitCode = 99;
+        const std::string program = m_dir.file("bin/program.exe");
+        EXPECT_EQ(NS_UTL::ProcessUtils::start(test::childCommandLine(program, name, arguments).c_str(), &exitCode),
+                  NS_UTL::ProcessUtils::Result::Finished);
+        return exitCode;
+    }
+
+    std::string logFile() const { return m_dir.file("work/logs/service.log"); }
+
+    // The log's records, without their stamps.
+    Lines logLines() const {
+        std::istringstream text(test::readFile(m_dir.path() / "work/logs/service.log"));
+        Lines lines;
+        for (std::string line; std::getline(text, line);) {
+            constexpr size_t kStampLength = sizeof("2019-11-20 20 14:49:57 ") - 1;
+            if (line.size() > kStampLength) lines.push_back(line.substr(kStampLength));
+        }
+        return lines;
+    }
+
+    test::TempDir m_dir;
+};
+
+TEST_F(MainTest, WithoutWordsRunsUnderTheManagerAndPassesItsFailureOn) {
+    EXPECT_EQ(runChild("application", {}), 1UL);
+    const Lines lines = logLines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(
+        lines[0].starts_with("UTL::Service::runService - failed to start service control dispather for "
+                             "'quorkeri_service.exe': "))
+        << lines[0];
+}
+
+TEST_F(MainTest, LeavesIdentityAndPathsSetTheHostClearedAndTheLogClosed) {
+    EXPECT_EQ(runChild("application_after", {}), 100UL);
+    EXPECT_EQ(logLines().size(), 1U) << "nothing is logged to the file after the globals are gone";
+}
+
+TEST_F(MainTest, ConsoleModeRunsTheWorkUntilASignalAndReturnsItsResult) {
+    EXPECT_EQ(runChild("application_console", {logFile()}), 0UL);
+    Lines lines = logLines();
+    ASSERT_GE(lines.size(), 7U);
+    EXPECT_EQ(lines[0], "Run - Running");
+    EXPECT_EQ(lines[1], "CopyDependencies - Copying dependencies");
+    const Lines end(lines.end() - 4, lines.end());
+    EXPECT_TRUE(end[0].starts_with("NS_UTL::ProcessUtils::start - failed to start 'quorkeri_wrapper.exe': ")) << end[0];
+    EXPECT_EQ(end[1], "Run - Run: 'quorkeri_wrapper.exe' failed");
+    EXPECT_EQ(end[2], "UTL::Service::signalHandler - 15");
+    EXPECT_EQ(end[3], "Stop - Stop");
+}
+
+} // namespace
+} // namespace service

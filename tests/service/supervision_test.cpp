@@ -1,0 +1,304 @@
+#include "service/supervision.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/core_v2masterlogger.h"
+#include "core/core_wrapper.h"
+#include "tests/service/process_gauge.h"
+#include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/udp_receiver.h"
+#include "utl/utl_processutils.h"
+
+// What supervision does in each state when each event comes. "-" cannot happen.
+//
+//                    companion ends   start fails       stop                           pause over
+//     deploying      -                -                 lost; datagram sent            -
+//     companion runs warn, pause      -                 end at the companion's end     -
+//     start fails    -                warn, pause       end, no warning                -
+//     pausing        -                -                 end when the pause is over     start again
+namespace service {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Lines = std::vector<std::string>;
+using std::chrono::milliseconds;
+
+constexpr const char* kRunning = "INFO Run - Running";
+constexpr const char* kStop = "INFO Stop - Stop";
+constexpr const char* kFailed = "WARN Run - Run: 'quorkeri_wrapper.exe' failed";
+
+constexpr uint32_t kShortDelayMs = 50;
+
+// Supervision on a thread of its own, with steps that wait for the test's word. Each step tells when it has begun.
+class SupervisionTest : public testing::Test {
+protected:
+    ~SupervisionTest() override {
+        if (m_thread.joinable()) m_thread.join();
+    }
+
+    void begin(uint32_t delayMs = kShortDelayMs) {
+        m_supervisor =
+            std::make_unique<Supervisor>(Supervisor::Steps{[this] { deploy(); },
+                                                           [this](const char* commandLine) {
+                                                               EXPECT_STREQ(commandLine, "quorkeri_wrapper.exe");
+                                                               start();
+                                                           }},
+                                         delayMs);
+        m_thread = std::thread([this] { m_result = m_supervisor->run(0, nullptr); });
+        m_deploying.acquire();
+    }
+    void beginWithCompanion(uint32_t delayMs = kShortDelayMs) {
+        begin(delayMs);
+        m_deployed.release();
+        m_started.acquire();
+    }
+    // The pause has begun when its warning is there.
+    void awaitPause(size_t warnings = 1) {
+        while (static_cast<size_t>(std::ranges::count(m_log.lines(), kFailed)) < warnings) std::this_thread::yield();
+    }
+    void awaitEnd() {
+        m_thread.join();
+        EXPECT_EQ(m_result, 0);
+    }
+
+    test::HookRecorder m_hook;
+    test::LogRecorder m_log;
+    test::UdpReceiver m_companionPort{34002};
+    std::counting_semaphore<100> m_deploying{0}; // told by the steps ...
+    std::counting_semaphore<100> m_started{0};
+    std::counting_semaphore<100> m_deployed{0}; // ... and by the test
+    std::counting_semaphore<100> m_ended{0};
+    std::atomic<int> m_starts{0};
+    std::unique_ptr<Supervisor> m_supervisor;
+    std::thread m_thread;
+    std::atomic<int> m_result{-1};
+
+private:
+    void deploy() {
+        m_deploying.release();
+        m_deployed.acquire();
+    }
+    void start() {
+        ++m_starts;
+        m_started.release();
+        m_ended.acquire();
+    }
+};
+
+TEST_F(SupervisionTest, DeployingAndStopIsLostButTheDatagramIsSent) {
+    begin();
+    m_supervisor->stop();
+    EXPECT_EQ(m_companionPort.receive().bytes.size(), 10U);
+    m_deployed.release();
+    m_started.acquire();
+    m_ended.release();
+    m_started.acquire(); // and again: nothing of the request is left
+    m_supervisor->stop();
+    m_ended.release();
+    awaitEnd();
+    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop, kFailed, kStop}));
+}
+
+TEST_F(SupervisionTest, CompanionRunsAndEndsIsStartedAgainAfterThePause) {
+    beginWithCompanion();
+    const Clock::time_point before = Clock::now();
+    m_ended.release();
+    m_started.acquire();
+    EXPECT_GE(Clock::now() - before, milliseconds(kShortDelayMs));
+    m_supervisor->stop();
+    m_ended.release();
+    awaitEnd();
+    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kFailed, kStop}));
+}
+
+TEST_F(SupervisionTest, CompanionRunsAndStopEndsWhenTheCompanionEnds) {
+    beginWithCompanion();
+    m_supervisor->stop();
+    const test::Datagram datagram = m_companionPort.receive();
+    EXPECT_EQ(datagram.bytes.size(), 10U);
+    EXPECT_EQ(datagram.senderAddress, "127.0.0.1");
+    EXPECT_EQ(m_result, -1) << "does not wait for the companion";
+    m_ended.release();
+    awaitEnd();
+    EXPECT_EQ(m_starts, 1);
+    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop}));
+    EXPECT_TRUE(m_hook.failures().empty());
+}
+
+TEST_F(SupervisionTest, CompanionRunsAndTwoStopsSendTwoDatagrams) {
+    beginWithCompanion();
+    m_supervisor->stop();
+    m_supervisor->stop();
+    EXPECT_EQ(m_companionPort.receive().bytes.size(), 10U);
+    EXPECT_EQ(m_companionPort.receive().bytes.size(), 10U);
+    m_ended.release();
+    awaitEnd();
+    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop, kStop}));
+}
+
+TEST_F(SupervisionTest, CompanionThatIgnoresTheDatagramHoldsTheEnd) {
+    beginWithCompanion(/*delayMs=*/0);
+    m_supervisor->stop();
+    m_companionPort.receive();
+    EXPECT_FALSE(m_started.try_acquire_for(milliseconds(100)));
+    EXPECT_EQ(m_result, -1);
+    m_ended.release();
+    awaitEnd();
+}
+
+// To supervision a start that fails is a start step that returns; the step logs it.
+TEST_F(SupervisionTest, StartFailsAndStopMeanwhileEndsWithoutAWarning) {
+    beginWithCompanion();
+    m_supervisor->stop();
+    m_ended.release();
+    awaitEnd();
+    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop}));
+}
+
+TEST_F(SupervisionTest, PausingAndStopEndsWhenThePauseIsOverWithoutAnotherStart) {
+    beginWithCompanion(/*delayMs=*/300);
+    const Clock::time_point before = Clock::now();
+    m_ended.release();
+    awaitPause();
+    m_supervisor->stop();
+    EXPECT_EQ(m_companionPort.receive().bytes.size(), 10U);
+    awaitEnd();
+    EXPECT_GE(Clock::now() - before, milliseconds(300));
+    EXPECT_EQ(m_starts, 1);
+    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kFailed, kStop}));
+}
+
+TEST_F(SupervisionTest, PausingAndPauseOverStartsAgain) {
+    beginWithCompanion();
+    m_ended.release();
+    awaitPause();
+    m_started.acquire();
+    EXPECT_EQ(m_starts, 2);
+    m_supervisor->stop();
+    m_ended.release();
+    awaitEnd();
+}
+
+TEST_F(SupervisionTest, StopBeforeTheWorkBeginsIsLost) {
+    Supervisor::Steps steps{[] {},
+                            [this](const char*) {
+                                if (++m_starts == 2) m_supervisor->stop();
+                            }};
+    m_supervisor = std::make_unique<Supervisor>(std::move(steps), /*restartDelayMs=*/0);
+    m_supervisor->stop();
+    EXPECT_EQ(m_supervisor->run(0, nullptr), 0);
+    EXPECT_EQ(m_log.lines(), (Lines{kStop, kRunning, kFailed, kStop}));
+}
+
+// Real programs from here on: the production start step, on a program that the test chooses.
+class RealCompanionTest : public SupervisionTest {
+protected:
+    // Supervises `commandLine` until it has been started that many times, and stops while the last one runs.
+    void supervise(const std::string& commandLine, int starts, uint32_t delayMs) {
+        const Supervisor::Steps production = Supervisor::Steps::production();
+        Supervisor supervisor({[] {},
+                               [&](const char*) {
+                                   if (++m_starts == starts) supervisor.stop();
+                                   m_startTimes.push_back(Clock::now());
+                                   production.start(commandLine.c_str());
+                                   m_endTimes.push_back(Clock::now());
+                               }},
+                              delayMs);
+        EXPECT_EQ(supervisor.run(0, nullptr), 0);
+    }
+
+    test::TempDir m_dir;
+    std::vector<Clock::time_point> m_startTimes;
+    std::vector<Clock::time_point> m_endTimes;
+};
+
+const test::ChildProgram g_ends("supervision_ends",
+                                [](const std::vector<std::string>& arguments) { return std::stoi(arguments.at(0)); });
+
+TEST_F(RealCompanionTest, ThereIsNoCompanion) {
+    supervise(m_dir.file("nothing.exe"), 3, /*delayMs=*/1);
+    const std::string startFailed =
+        "WARN NS_UTL::ProcessUtils::start - failed to start '" + m_dir.file("nothing.exe") + "': ";
+    const Lines lines = m_log.lines();
+    ASSERT_EQ(lines.size(), 7U);
+    EXPECT_EQ(lines[0], kRunning);
+    EXPECT_TRUE(lines[1].starts_with(startFailed) && lines[1].size() > startFailed.size()) << lines[1];
+    EXPECT_EQ(lines[2], kFailed);
+    EXPECT_EQ(lines[3], lines[1]);
+    EXPECT_EQ(lines[4], kFailed);
+    EXPECT_EQ(lines[5], kStop);
+    EXPECT_EQ(lines[6], lines[1]);
+}
+
+TEST_F(RealCompanionTest, CompanionIsNotAProgram) {
+    const std::string path = m_dir.file("text.exe");
+    test::writeFile(m_dir.path() / "text.exe", std::string(1000, '\x01'));
+    std::filesystem::permissions(m_dir.path() / "text.exe", std::filesystem::perms::owner_all);
+    supervise(path, 2, /*delayMs=*/1);
+    const Lines lines = m_log.lines();
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_TRUE(lines[1].starts_with("WARN NS_UTL::ProcessUtils::start - failed to start '" + path + "': "))
+        << lines[1];
+    EXPECT_EQ(lines[2], kFailed);
+}
+
+TEST_F(RealCompanionTest, CompanionThatEndsAtOnceIsStartedTwentyTimesOver) {
+    constexpr int kStarts = 20;
+    supervise(test::childCommandLine("supervision_ends", std::vector<std::string>{"3"}), kStarts, /*delayMs=*/20);
+    EXPECT_EQ(m_starts, kStarts);
+    Lines expected = {kRunning};
+    expected.insert(expected.end(), kStarts - 1, kFailed);
+    expected.push_back(kStop);
+    EXPECT_EQ(m_log.lines(), expected);
+    for (size_t i = 1; i < m_startTimes.size(); ++i)
+        EXPECT_GE(m_startTimes[i] - m_endTimes[i - 1], milliseconds(20)) << "start " << i;
+}
+
+TEST_F(RealCompanionTest, ThePausesOfTheServiceAreFiveSeconds) {
+    const Supervisor::Steps production = Supervisor::Steps::production();
+    Supervisor supervisor({[] {},
+                           [&](const char*) {
+                               m_startTimes.push_back(Clock::now());
+                               if (++m_starts == 2) supervisor.stop();
+                           }});
+    EXPECT_EQ(supervisor.run(0, nullptr), 0);
+    EXPECT_GE(m_startTimes[1] - m_startTimes[0], milliseconds(5000));
+    EXPECT_LT(m_startTimes[1] - m_startTimes[0], milliseconds(5300));
+}
+
+TEST(RestartTest, AThousandRestartsLeaveNothingBehind) {
+    // Not recorded: the records would be the memory that grows.
+    NS_CORE::MasterLogger::setImplementation(nullptr);
+    constexpr int kWarmUp = 100;
+    constexpr int kRestarts = 1000;
+    const std::string commandLine = test::childCommandLine("supervision_ends", std::vector<std::string>{"0"});
+    const Supervisor::Steps production = Supervisor::Steps::production();
+    test::ProcessGauge before = {};
+    int starts = 0;
+    Supervisor supervisor({[] {},
+                           [&](const char*) {
+                               if (++starts == kWarmUp) before = test::ProcessGauge::read();
+                               if (starts == kWarmUp + kRestarts) supervisor.stop();
+                               production.start(commandLine.c_str());
+                           }},
+                          /*restartDelayMs=*/0);
+    EXPECT_EQ(supervisor.run(0, nullptr), 0);
+    const test::ProcessGauge after = test::ProcessGauge::read();
+    EXPECT_EQ(after.handles, before.handles);
+    EXPECT_EQ(after.threads, before.threads);
+    EXPECT_LE(after.memoryBytes, before.memoryBytes + 64 * 1024);
+}
+
+} // namespace
+} // namespace service

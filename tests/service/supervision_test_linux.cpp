@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "service/supervision.h"
+#include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/self_process.h"
+
+namespace service {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// No further descriptor, while it lives.
+class NoMoreDescriptors {
+public:
+    NoMoreDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        const rlimit none = {0, m_before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoMoreDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+    NoMoreDescriptors(const NoMoreDescriptors&) = delete;
+    NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
+
+private:
+    rlimit m_before = {};
+};
+
+Supervisor::Steps stopsOnce(Supervisor*& supervisor, int& starts) {
+    return {[] {},
+            [&](const char*) {
+                ++starts;
+                supervisor->stop();
+            }};
+}
+
+TEST(StopTest, FailsACheckWithoutASocketAndStillEndsTheLoop) {
+    const test::HookRecorder hook;
+    const test::LogRecorder log;
+    int starts = 0;
+    Supervisor* target = nullptr;
+    Supervisor supervisor(stopsOnce(target, starts), /*restartDelayMs=*/0);
+    target = &supervisor;
+    {
+        const NoMoreDescriptors limit;
+        EXPECT_EQ(supervisor.run(0, nullptr), 0);
+    }
+    EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "main", 113, 0, ""}));
+    EXPECT_EQ(starts, 1);
+    const Lines lines = log.lines();
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_EQ(lines[1], "INFO Stop - Stop");
+    EXPECT_EQ(lines[2], "WARN CORE::SmartSocket::create(2,2,0) - failed to open socket");
+}
+
+TEST(StopTest, FailsACheckWhenTheDatagramCannotBeSentAndStillEndsTheLoop) {
+    const test::HookRecorder hook;
+    const test::LogRecorder log;
+    int starts = 0;
+    Supervisor* target = nullptr;
+    Supervisor supervisor(stopsOnce(target, starts), /*restartDelayMs=*/0);
+    target = &supervisor;
+    // A network of the thread's own, whose loopback has not been brought up.
+    bool isSeparate = false;
+    std::thread([&] {
+        isSeparate = ::unshare(CLONE_NEWNET) == 0;
+        if (isSeparate) EXPECT_EQ(supervisor.run(0, nullptr), 0);
+    }).join();
+    if (!isSeparate) GTEST_SKIP() << "only root may have a network of its own";
+    EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "main", 122, 0, ""}));
+    EXPECT_EQ(
+        log.lines(),
+        (Lines{"INFO Run - Running", "INFO Stop - Stop",
+               "WARN NS_CORE::Udp4Socket::send(10,34002,127.0.0.1) - failed in sendto (101: Network is unreachable)"}));
+}
+
+const test::ChildProgram g_stopsProcess("supervision_stops_process", [](const std::vector<std::string>& /*arguments*/) {
+    test::HookRecorder hook;
+    hook.answerStop(true);
+    Supervisor supervisor({[] {}, [](const char*) {}}, /*restartDelayMs=*/0);
+    const NoMoreDescriptors limit;
+    supervisor.stop();
+    return 0;
+});
+
+TEST(StopTest, EndsTheProcessThereWhenTheHookSaysSo) {
+    EXPECT_EQ(test::SelfProcess("supervision_stops_process").wait(), -SIGSEGV);
+}
+
+} // namespace
+} // namespace service
