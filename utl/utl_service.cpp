@@ -157,7 +157,7 @@ int Service::runRemove() {
 
 int Service::runService(bool asService, int argc, char** argv) {
     if (!asService) return runInConsole(argc, argv);
-    if (runDispatcher()) return 0;
+    if (m_manager.runDispatcher(m_name.c_str())) return 0;
     const uint32_t error = NS_CORE::lastSystemError();
     // The spelling of the message is what administrators search their logs for.
     MLOG(Crit, "UTL::Service::runService", "failed to start service control dispather for '%s': %s", m_name,

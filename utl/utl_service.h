@@ -15,6 +15,11 @@ struct ServiceManagerCalls {
     // The manager's name for one running service; null when there is none.
     using StatusHandle = void*;
 
+    // Hands the calling thread to the manager, which calls Service::serviceMain on a thread of its own, until the
+    // service has stopped. False when no manager started this process, with the reason as the thread's last system
+    // error.
+    std::function<bool(const char* serviceName)> runDispatcher;
+
     // Registers Service::controlHandler for the service of this name. Null on failure, with the reason as the thread's
     // last system error.
     std::function<StatusHandle(const char* serviceName)> registerControlHandler;
@@ -112,10 +117,6 @@ private:
     void runAsService(int argc, char** argv);
     void control(uint32_t control);
     void requestStop();
-
-    // The platform's: hands the first thread to the manager until the service has stopped. False when the manager does
-    // not take it, with the reason as the thread's last system error.
-    [[nodiscard]] bool runDispatcher();
 
     std::string m_name;
     std::string m_displayName;

@@ -21,7 +21,11 @@ std::span<const int32_t> ServicePlatform::consoleSignals() {
 }
 
 ServiceManagerCalls ServiceManagerCalls::platform() {
-    return {[](const char*) -> StatusHandle {
+    return {[](const char*) {
+                failUnsupported();
+                return false;
+            },
+            [](const char*) -> StatusHandle {
                 failUnsupported();
                 return nullptr;
             },
@@ -38,11 +42,6 @@ bool Service::install(const std::string& /*name*/, const std::string& /*displayN
 bool Service::remove() {
     failUnsupported();
     ServicePlatform::logManagerNotOpened("UTL::Service::remove");
-    return false;
-}
-
-bool Service::runDispatcher() {
-    failUnsupported();
     return false;
 }
 

@@ -51,6 +51,17 @@ void WINAPI enterServiceMain(DWORD argc, char** argv) {
     Service::serviceMain(argc, argv);
 }
 
+bool runDispatcher(const char* serviceName) {
+    std::string name = serviceName;
+    std::array<SERVICE_TABLE_ENTRYA, 2> table = {};
+    table[0] = {name.data(), &enterServiceMain};
+    return ::StartServiceCtrlDispatcherA(table.data()) != 0;
+}
+
+ServiceManagerCalls::StatusHandle registerControlHandler(const char* serviceName) {
+    return ::RegisterServiceCtrlHandlerA(serviceName, &enterControlHandler);
+}
+
 void reportStatus(ServiceManagerCalls::StatusHandle handle, const ServiceStatus& status) {
     SERVICE_STATUS record = {};
     record.dwServiceType = status.serviceType;
@@ -71,10 +82,7 @@ std::span<const int32_t> ServicePlatform::consoleSignals() {
 }
 
 ServiceManagerCalls ServiceManagerCalls::platform() {
-    return {[](const char* serviceName) -> StatusHandle {
-                return ::RegisterServiceCtrlHandlerA(serviceName, &enterControlHandler);
-            },
-            &reportStatus};
+    return {&runDispatcher, &registerControlHandler, &reportStatus};
 }
 
 bool Service::install(const std::string& name, const std::string& displayName, const std::string& executablePath) {
@@ -107,12 +115,6 @@ bool Service::remove() {
         return false;
     }
     return true;
-}
-
-bool Service::runDispatcher() {
-    std::array<SERVICE_TABLE_ENTRYA, 2> table = {};
-    table[0] = {m_name.data(), &enterServiceMain};
-    return ::StartServiceCtrlDispatcherA(table.data()) != 0;
 }
 
 } // namespace NS_UTL

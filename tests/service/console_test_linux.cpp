@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +11,7 @@
 #include "core/core_v2masterlogger.h"
 #include "service/supervision.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/semaphore.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_service.h"
 
@@ -58,7 +58,7 @@ protected:
 
     test::TempDir m_dir;
     std::function<void()> m_start;
-    std::counting_semaphore<kSignals> m_stopped{0};
+    test::Semaphore m_stopped;
     Supervisor m_supervisor;
     NS_UTL::Service m_host;
     test::LogRecorder m_log; // after the host, which installs its own

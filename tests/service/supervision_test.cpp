@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/semaphore.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/udp_receiver.h"
 #include "utl/utl_processutils.h"
@@ -75,10 +75,10 @@ protected:
     test::HookRecorder m_hook;
     test::LogRecorder m_log;
     test::UdpReceiver m_companionPort{34002};
-    std::counting_semaphore<100> m_deploying{0}; // told by the steps ...
-    std::counting_semaphore<100> m_started{0};
-    std::counting_semaphore<100> m_deployed{0}; // ... and by the test
-    std::counting_semaphore<100> m_ended{0};
+    test::Semaphore m_deploying; // told by the steps ...
+    test::Semaphore m_started;
+    test::Semaphore m_deployed; // ... and by the test
+    test::Semaphore m_ended;
     std::atomic<int> m_starts{0};
     std::unique_ptr<Supervisor> m_supervisor;
     std::thread m_thread;
@@ -151,7 +151,7 @@ TEST_F(SupervisionTest, CompanionThatIgnoresTheDatagramHoldsTheEnd) {
     beginWithCompanion(/*delayMs=*/0);
     m_supervisor->stop();
     m_companionPort.receive();
-    EXPECT_FALSE(m_started.try_acquire_for(milliseconds(100)));
+    EXPECT_FALSE(m_started.acquireWithin(milliseconds(100)));
     EXPECT_EQ(m_result, -1);
     m_ended.release();
     awaitEnd();

@@ -8,3 +8,10 @@ int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
+
+// Read by the thread sanitizer where there is one. Abseil's mutex hides its own workings from the sanitizer, which
+// then does not see how the memory that a thread waits on is handed to the thread that wakes it.
+extern "C" const char* __tsan_default_suppressions();
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:synchronization_internal::Waiter::Post\n";
+}

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -65,7 +66,16 @@ protected:
         m_host = std::make_unique<Service>("", kName, "Test Service", m_logs.file(""), "service.log", std::move(run),
                                            std::move(stop));
         NS_CORE::MasterLogger::setImplementation(std::make_unique<JournalLogImpl>(m_journal));
-        m_host->setServiceManager({[](const char*) -> void* {
+        m_host->setServiceManager({[](const char* name) {
+                                       std::thread manager([name] {
+                                           std::string word = name;
+                                           char* argv[] = {word.data(), nullptr};
+                                           Service::serviceMain(1, argv);
+                                       });
+                                       manager.join();
+                                       return true;
+                                   },
+                                   [](const char*) -> void* {
                                        static int handle;
                                        return &handle;
                                    },

@@ -2,17 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <latch>
-#include <semaphore>
 #include <thread>
 
 #include "core/core_socket.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"
+#include "tests/support/semaphore.h"
 #include "tests/utl/utl_service_fixture.h"
 
 namespace NS_UTL {
@@ -81,23 +81,10 @@ INSTANTIATE_TEST_SUITE_P(AnyPosition, ConsoleModeWordsTest,
                                          std::vector<std::string>{"program", "service-console", "service-remove"},
                                          std::vector<std::string>{"service-console", "x"}));
 
-// Nothing but a service control manager starts a service; a test is not one.
-TEST_P(ServiceModeWordsTest, FailToStartTheDispatcher) {
-    bool hasRun = false;
-    makeHost(
-        [&hasRun](int, char**) {
-            hasRun = true;
-            return 42;
-        },
-        [] {});
-    EXPECT_EQ(run(GetParam()), 1);
-    EXPECT_FALSE(hasRun);
-    const Lines entries = m_journal.entries();
-    ASSERT_EQ(entries.size(), 1U);
-    EXPECT_TRUE(
-        entries[0].starts_with("CRIT UTL::Service::runService - failed to start service control dispather for "
-                               "'quorkeri_test_service': "))
-        << entries[0];
+TEST_P(ServiceModeWordsTest, RunUnderTheManager) {
+    makeHost([](int, char**) { return 42; }, [] {});
+    EXPECT_EQ(run(GetParam()), 0);
+    EXPECT_EQ(m_journal.entries().back(), "report 16 1 5 0 42 0 0");
 }
 
 INSTANTIATE_TEST_SUITE_P(NoWordOfOurs, ServiceModeWordsTest,
@@ -109,6 +96,26 @@ INSTANTIATE_TEST_SUITE_P(NoWordOfOurs, ServiceModeWordsTest,
                                          std::vector<std::string>{"program", "x", "service-install"},
                                          std::vector<std::string>{"program", "SERVICE-INSTALL"},
                                          std::vector<std::string>{"service-remove", "x"}));
+
+// Nothing but a service control manager starts a service; a test is not one.
+TEST_F(ServiceTest, ServiceModeFailsWhereNoManagerStartedTheProcess) {
+    bool hasRun = false;
+    makeHost(
+        [&hasRun](int, char**) {
+            hasRun = true;
+            return 42;
+        },
+        [] {});
+    m_host->setServiceManager(ServiceManagerCalls::platform());
+    EXPECT_EQ(run({"program"}), 1);
+    EXPECT_FALSE(hasRun);
+    const Lines entries = m_journal.entries();
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_TRUE(
+        entries[0].starts_with("CRIT UTL::Service::runService - failed to start service control dispather for "
+                               "'quorkeri_test_service': "))
+        << entries[0];
+}
 
 TEST_F(ServiceTest, ConsoleModePassesTheArgumentsOn) {
     Lines seen;
@@ -263,8 +270,8 @@ protected:
     }
 
     std::atomic<bool> m_stopEndsWork{false};
-    std::counting_semaphore<10> m_begun{0};
-    std::counting_semaphore<10> m_goOn{0};
+    test::Semaphore m_begun;
+    test::Semaphore m_goOn;
     std::thread m_thread;
 };
 
@@ -356,8 +363,8 @@ TEST_F(RunningServiceTest, InstanceIsClearedOnlyWhenServiceMainIsDone) {
 // A companion that is gone within a microsecond of the stop request: the work's end and the handler's report meet.
 TEST_F(ServiceTest, LastReportIsStoppedHoweverFastTheWorkEnds) {
     for (int round = 0; round < 200; ++round) {
-        std::binary_semaphore begun{0};
-        std::binary_semaphore goOn{0};
+        test::Semaphore begun;
+        test::Semaphore goOn;
         makeHost(
             [&](int, char**) {
                 begun.release();
@@ -391,7 +398,8 @@ const test::ChildProgram g_exitChild("service_exit", [](const std::vector<std::s
     if (arguments.at(0) == "service") {
         Service host("", "name", "display", ".", "unused.log", [](int, char**) { return 0; }, [] {});
         NS_CORE::MasterLogger::setImplementation(nullptr);
-        host.setServiceManager({[](const char*) -> void* { return &g_afterExit; }, [](void*, const ServiceStatus&) {}});
+        host.setServiceManager({[](const char*) { return true; }, [](const char*) -> void* { return &g_afterExit; },
+                                [](void*, const ServiceStatus&) {}});
         Service::serviceMain(0, nullptr);
     }
     return 0;

@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/child.h"
+#include "tests/support/semaphore.h"
 #include "tests/utl/utl_service_fixture.h"
 #include "utl/utl_processutils.h"
 #include "utl/utl_service.h"
@@ -40,6 +40,7 @@ TEST_F(ServiceTest, RemoveFailsWithoutAManager) {
 
 TEST_F(ServiceTest, ServiceModeFailsWithoutAManager) {
     makeHost({}, {});
+    m_host->setServiceManager(ServiceManagerCalls::platform());
     EXPECT_EQ(run({"program"}), 1);
     EXPECT_EQ(m_journal.entries(),
               Lines{"CRIT UTL::Service::runService - failed to start service control dispather for "
@@ -47,7 +48,7 @@ TEST_F(ServiceTest, ServiceModeFailsWithoutAManager) {
 }
 
 TEST_F(ServiceTest, ConsoleModeAnswersInterruptAndTerminateWhileTheWorkGoesOn) {
-    std::counting_semaphore<10> stopped{0};
+    test::Semaphore stopped;
     std::thread::id stopThread;
     makeHost(
         [&](int, char**) {
@@ -84,7 +85,7 @@ TEST_F(ServiceTest, ConsoleModePutsTheHandlersBackWhateverEndsIt) {
 // The signal may interrupt any thread at any point, in the logger's lock too.
 TEST_F(ServiceTest, ConsoleModeAnswersTwoHundredSignalsWhileOtherThreadsLog) {
     constexpr int kSignals = 200;
-    std::counting_semaphore<kSignals> stopped{0};
+    test::Semaphore stopped;
     int stops = 0; // of the answering thread
     makeHost(
         [&](int, char**) {

@@ -103,6 +103,7 @@ TEST_F(ServiceInstallTest, ANameThatTheManagerRefusesIsACriticalMessage) {
 
 TEST_F(ServiceTest, ServiceModeFromAPromptFailsWithTheSystemsText) {
     makeHost({}, {});
+    m_host->setServiceManager(ServiceManagerCalls::platform());
     EXPECT_EQ(run({"program"}), 1);
     EXPECT_EQ(m_journal.entries(), Lines{"CRIT UTL::Service::runService - failed to start service control dispather "
                                          "for 'quorkeri_test_service': " +

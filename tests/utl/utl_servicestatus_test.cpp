@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -82,13 +82,17 @@ TEST_F(ServiceStatusReporterTest, EndsWithStoppedWhenStopPendingIsReportedAtTheS
         std::vector<uint32_t> reported;
         reporter.begin();
         reporter.connect([&reported](const ServiceStatus& status) { reported.push_back(status.currentState); });
-        std::latch start(2);
+        std::atomic<int> missing{2};
+        const auto meet = [&missing] {
+            --missing;
+            while (missing > 0) std::this_thread::yield();
+        };
         std::thread handler([&] {
-            start.arrive_and_wait();
+            meet();
             reporter.enter(ServiceState::StopPending);
             reporter.repeat();
         });
-        start.arrive_and_wait();
+        meet();
         reporter.enterStopped(0);
         handler.join();
         ASSERT_EQ(reported.back(), ServiceState::Stopped) << "round " << round;

@@ -12,12 +12,12 @@
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
-#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/log_recorder.h"
+#include "tests/support/semaphore.h"
 #include "utl/utl_signal.h"
 
 namespace NS_UTL {
@@ -26,9 +26,9 @@ namespace {
 using Lines = std::vector<std::string>;
 
 std::vector<int> g_order; // written by the answering thread alone
-std::counting_semaphore<1000> g_answered{0};
+test::Semaphore g_answered;
 std::thread::id g_answeringThread;
-std::binary_semaphore g_goOn{0};
+test::Semaphore g_goOn;
 
 void answerAndTell(int signum) {
     g_order.push_back(signum);
