@@ -69,7 +69,7 @@ protected:
     unsigned long runChild(const std::string& name, const std::vector<std::string>& arguments) {
         unsigned long exitCode = 99;
         const std::string program = m_dir.file("bin/program.exe");
-        EXPECT_EQ(NS_UTL::ProcessUtils::start(test::childCommandLine(program, name, arguments).c_str(), &exitCode),
+        EXPECT_EQ(NS_UTL::ProcessUtils::start(test::childCommandLineOf(program, name, arguments).c_str(), &exitCode),
                   NS_UTL::ProcessUtils::Result::Finished);
         return exitCode;
     }

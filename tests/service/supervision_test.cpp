@@ -255,7 +255,7 @@ TEST_F(RealCompanionTest, CompanionIsNotAProgram) {
 
 TEST_F(RealCompanionTest, CompanionThatEndsAtOnceIsStartedTwentyTimesOver) {
     constexpr int kStarts = 20;
-    supervise(test::childCommandLine("supervision_ends", std::vector<std::string>{"3"}), kStarts, /*delayMs=*/20);
+    supervise(test::childCommandLine("supervision_ends", {"3"}), kStarts, /*delayMs=*/20);
     EXPECT_EQ(m_starts, kStarts);
     Lines expected = {kRunning};
     expected.insert(expected.end(), kStarts - 1, kFailed);
@@ -282,7 +282,7 @@ TEST(RestartTest, AThousandRestartsLeaveNothingBehind) {
     NS_CORE::MasterLogger::setImplementation(nullptr);
     constexpr int kWarmUp = 100;
     constexpr int kRestarts = 1000;
-    const std::string commandLine = test::childCommandLine("supervision_ends", std::vector<std::string>{"0"});
+    const std::string commandLine = test::childCommandLine("supervision_ends", {"0"});
     const Supervisor::Steps production = Supervisor::Steps::production();
     test::ProcessGauge before = {};
     int starts = 0;

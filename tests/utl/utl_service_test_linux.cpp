@@ -138,7 +138,7 @@ TEST_F(ServiceTest, FailsACheckWhenTheProgramsDirectoryCannotBeEntered) {
     fs::copy_file(test::thisProgram(), directory / "program");
     unsigned long exitCode = 0;
     const std::string line =
-        test::childCommandLine((directory / "program").string(), "service_homeless", {directory.string()});
+        test::childCommandLineOf((directory / "program").string(), "service_homeless", {directory.string()});
     EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), ProcessUtils::Result::Finished);
     EXPECT_EQ(exitCode, 34UL);
 }
@@ -158,7 +158,7 @@ TEST_F(ServiceTest, FailsACheckWhenTheProgramsPathIsTooLongToInstall) {
     fs::create_directories(directory);
     fs::copy_file(test::thisProgram(), directory / "program");
     unsigned long exitCode = 0;
-    const std::string line = test::childCommandLine((directory / "program").string(), "service_deep");
+    const std::string line = test::childCommandLineOf((directory / "program").string(), "service_deep");
     EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), ProcessUtils::Result::Finished);
     EXPECT_EQ(exitCode, 70UL);
 }
