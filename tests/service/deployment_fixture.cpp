@@ -30,7 +30,7 @@ std::string DeploymentTest::join(const std::string& directory, const std::string
 
 std::vector<std::string> DeploymentTest::deploy(const std::vector<std::string>& how) {
     unsigned long exitCode = 99;
-    const std::string commandLine = test::childCommandLine(m_program, "deploy", how);
+    const std::string commandLine = test::childCommandLineOf(m_program, "deploy", how);
     EXPECT_EQ(NS_UTL::ProcessUtils::start(commandLine.c_str(), &exitCode), NS_UTL::ProcessUtils::Result::Finished);
     EXPECT_EQ(exitCode, 0U);
     std::ifstream log(m_dir.path() / "log.txt", std::ios::binary);
