@@ -51,14 +51,14 @@ void WINAPI enterServiceMain(DWORD argc, char** argv) {
     Service::serviceMain(argc, argv);
 }
 
-bool runDispatcher(const char* serviceName) {
+bool dispatch(const char* serviceName) {
     std::string name = serviceName;
     std::array<SERVICE_TABLE_ENTRYA, 2> table = {};
     table[0] = {name.data(), &enterServiceMain};
     return ::StartServiceCtrlDispatcherA(table.data()) != 0;
 }
 
-ServiceManagerCalls::StatusHandle registerControlHandler(const char* serviceName) {
+ServiceManagerCalls::StatusHandle registerHandler(const char* serviceName) {
     return ::RegisterServiceCtrlHandlerA(serviceName, &enterControlHandler);
 }
 
@@ -82,7 +82,7 @@ std::span<const int32_t> ServicePlatform::consoleSignals() {
 }
 
 ServiceManagerCalls ServiceManagerCalls::platform() {
-    return {&runDispatcher, &registerControlHandler, &reportStatus};
+    return {&dispatch, &registerHandler, &reportStatus};
 }
 
 bool Service::install(const std::string& name, const std::string& displayName, const std::string& executablePath) {
