@@ -117,13 +117,15 @@ private:
         return line;
     }
 
-    // The end of the text is one.
-    bool atLineEnd() const { return m_rest.empty() || m_rest.starts_with("\n") || m_rest.starts_with("\r\n"); }
+    // The end of the text is one, too, and so is a CRLF that it cuts in half.
+    bool atLineEnd() const {
+        return m_rest.empty() || m_rest == "\r" || m_rest.starts_with("\n") || m_rest.starts_with("\r\n");
+    }
 
     bool takeLineEnd() {
-        if (m_rest.empty()) return true;
-        if (!take("\n") && !take("\r\n")) return false;
-        ++m_line;
+        if (!atLineEnd()) return false;
+        take("\r");
+        if (take("\n")) ++m_line;
         return true;
     }
 

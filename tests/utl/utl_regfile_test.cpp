@@ -181,6 +181,10 @@ TEST(RegFile, ReadsAllItsEncodingsAndLineEnds) {
     EXPECT_EQ(valueOf("\xef\xbb\xbf" + underKey(value + "\n")), expected);
     EXPECT_EQ(valueOf("Windows Registry Editor Version 5.00 \r\n\r\n[" + kKey + "]\r\n" + value + "\r\n\r\n"),
               expected);
+    // Cut off between the two characters of a line's end; a carriage return elsewhere ends nothing.
+    EXPECT_TRUE(parsed(kHeader + "[HKLM\\A]\r").hasKey("HKLM\\A"));
+    EXPECT_EQ(valueOf(underKey(value + "\r")), expected);
+    EXPECT_EQ(errorOf(underKey(value + "\r\r\n")), "3: the value's data is not followed by the line's end");
     EXPECT_EQ(valueOf(utf16(u"Windows Registry Editor Version 5.00\r\n\r\n[HKLM\\SOFTWARE\\Test]\r\n"
                             u"\"v\"=\"\u00e9\U0001F511\"\r\n")),
               expected);
@@ -202,6 +206,7 @@ TEST(RegFile, LetsKeyNamesHoldBracketsAndTextHoldLineBreaks) {
 TEST(RegFile, AcceptsAFileOfNothingButItsHeader) {
     EXPECT_FALSE(parsed("REGEDIT4").hasKey("HKLM"));
     EXPECT_FALSE(parsed(kHeader).hasKey("HKLM"));
+    EXPECT_FALSE(parsed("REGEDIT4\r").hasKey("HKLM"));
 }
 
 TEST(RegFile, SaysWhichLineIsWrongAndWhy) {
