@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <functional>
+#include <thread>
 
 #include "core/core_smartsocket.h"
 #include "core/core_socket.h"
@@ -25,7 +27,12 @@ namespace {
 constexpr int32_t kInet = 2;
 constexpr int32_t kDatagram = 2;
 
-// From here on, and for this process's life, setsockopt is refused with EPERM.
+// What Linux takes from a thread for good is taken from one that ends with the test.
+void onItsOwnThread(const std::function<void()>& test) {
+    std::thread(test).join();
+}
+
+// From here on setsockopt is refused to this thread with EPERM.
 void refuseSocketOptions() {
     sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -52,18 +59,20 @@ TEST(SmartSocket, IsNotInheritedByChildren) {
 }
 
 TEST(SmartSocket, StaysEmptyWhenItsOptionIsRefused) {
-    refuseSocketOptions();
-    test::LogRecorder log;
-    SmartSocket socket;
-    EXPECT_FALSE(socket.create(kInet, kDatagram, /*protocol=*/0, NS_CORE::SocketFlag::ReuseAddr));
-    EXPECT_FALSE(socket.isOpen());
-    ASSERT_EQ(log.lines().size(), 2U);
-    EXPECT_EQ(log.lines()[0], "WARN CORE::SmartSocket::setReuseAddr - failed to set REUSEADDR");
-    EXPECT_EQ(withoutLine(log.lines()[1]), "WARN Log at core_smartsocket");
-    // Nothing was left open.
-    const int next = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
-    EXPECT_TRUE(socket.create(kInet, kDatagram, /*protocol=*/0, /*flags=*/0));
-    EXPECT_EQ(static_cast<int>(socket.handle()), next + 1);
+    onItsOwnThread([] {
+        refuseSocketOptions();
+        test::LogRecorder log;
+        SmartSocket socket;
+        EXPECT_FALSE(socket.create(kInet, kDatagram, /*protocol=*/0, NS_CORE::SocketFlag::ReuseAddr));
+        EXPECT_FALSE(socket.isOpen());
+        ASSERT_EQ(log.lines().size(), 2U);
+        EXPECT_EQ(log.lines()[0], "WARN CORE::SmartSocket::setReuseAddr - failed to set REUSEADDR");
+        EXPECT_EQ(withoutLine(log.lines()[1]), "WARN Log at core_smartsocket");
+        // Nothing was left open.
+        const int next = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+        EXPECT_TRUE(socket.create(kInet, kDatagram, /*protocol=*/0, /*flags=*/0));
+        EXPECT_EQ(static_cast<int>(socket.handle()), next + 1);
+    });
 }
 
 TEST(Udp4Socket, SaysWhereTheOpenFailed) {
@@ -91,12 +100,15 @@ TEST(Udp4Socket, SaysWhereTheOpenFailed) {
 }
 
 TEST(Udp4Socket, ReportsANetworkThatCannotBeReached) {
-    // A network with nothing in it, not even the loopback.
-    ASSERT_EQ(::unshare(CLONE_NEWNET), 0);
-    Udp4Socket socket;
-    ASSERT_TRUE(socket.open(/*flags=*/0, NS_CORE::kAnyAddress));
-    test::LogRecorder log;
-    EXPECT_FALSE(socket.send("127.0.0.1", 34002, "0123456789", 10));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN NS_CORE::Udp4Socket::send(10,34002,127.0.0.1) - failed in "
-                                                     "sendto (101: Network is unreachable)"}));
+    onItsOwnThread([] {
+        // A network with nothing in it, not even the loopback.
+        ASSERT_EQ(::unshare(CLONE_NEWNET), 0);
+        Udp4Socket socket;
+        ASSERT_TRUE(socket.open(/*flags=*/0, NS_CORE::kAnyAddress));
+        test::LogRecorder log;
+        EXPECT_FALSE(socket.send("127.0.0.1", 34002, "0123456789", 10));
+        EXPECT_EQ(log.lines(),
+                  (std::vector<std::string>{"WARN NS_CORE::Udp4Socket::send(10,34002,127.0.0.1) - failed in "
+                                            "sendto (101: Network is unreachable)"}));
+    });
 }

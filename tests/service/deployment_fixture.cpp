@@ -5,23 +5,11 @@
 #include <random>
 
 #include "tests/support/child.h"
-#include "utl/utl_processutils.h"
-
-namespace {
-
-// Hard links cost nothing, but not every file system has them.
-void linkOrCopy(const std::filesystem::path& from, const std::filesystem::path& to) {
-    std::error_code error;
-    std::filesystem::create_hard_link(from, to, error);
-    if (error) std::filesystem::copy_file(from, to);
-}
-
-} // namespace
 
 DeploymentTest::DeploymentTest() {
     std::filesystem::create_directory(m_bin);
     std::filesystem::create_directory(m_keri);
-    linkOrCopy(test::thisProgram(), m_program);
+    test::linkThisProgram(m_program);
 }
 
 std::string DeploymentTest::join(const std::string& directory, const std::string& name) {
@@ -29,10 +17,7 @@ std::string DeploymentTest::join(const std::string& directory, const std::string
 }
 
 std::vector<std::string> DeploymentTest::deploy(const std::vector<std::string>& how) {
-    unsigned long exitCode = 99;
-    const std::string commandLine = test::childCommandLineOf(m_program, "deploy", how);
-    EXPECT_EQ(NS_UTL::ProcessUtils::start(commandLine.c_str(), &exitCode), NS_UTL::ProcessUtils::Result::Finished);
-    EXPECT_EQ(exitCode, 0U);
+    EXPECT_EQ(test::runAndWait(test::childCommandLineOf(m_program, "deploy", how)), 0);
     std::ifstream log(m_dir.path() / "log.txt", std::ios::binary);
     std::vector<std::string> lines;
     for (std::string line; std::getline(log, line);) lines.push_back(line);

@@ -3,7 +3,7 @@
 
 #include "service/deployment.h"
 #include "tests/service/deployment_fixture.h"
-#include "utl/utl_processutils.h"
+#include "tests/support/child.h"
 
 namespace {
 
@@ -67,9 +67,6 @@ TEST_F(DeploymentTest, SkipsASourceThatCannotBeRead) {
 
 TEST_F(DeploymentTest, FindsTheDirectoryOfTheSampleThatServesBothPlatforms) {
     m_location.removeKey();
-    const std::string import = "regedit.exe /S " + test::dataFile("keri.reg");
-    unsigned long exitCode = 99;
-    ASSERT_EQ(NS_UTL::ProcessUtils::start(import.c_str(), &exitCode), NS_UTL::ProcessUtils::Result::Finished);
-    EXPECT_EQ(exitCode, 0U);
+    EXPECT_EQ(test::runAndWait("regedit.exe /S " + test::dataFile("keri.reg")), 0);
     EXPECT_EQ(getKeriInstallDir(), "C:\\Keri\\");
 }
