@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <regex>
 
 #include "core/core_dir.h"
+#include "core/core_scopedfd.h"
 #include "tests/core/core_dir_fixture.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
@@ -49,7 +51,7 @@ TEST_F(DirOfAnotherProgram, APathOf1024CharactersIsTooLong) {
     EXPECT_TRUE(std::regex_match(report.log[1], std::regex("WARN Log at core_dir:[0-9]+"))) << report.log[1];
 }
 
-// Where there is no /proc, the system cannot tell the program's path. The test's process stays there.
+// Where there is no /proc, the system cannot tell the program's path.
 class DirWithoutProc : public testing::Test {
 protected:
     void SetUp() override {
@@ -57,9 +59,17 @@ protected:
         if (::geteuid() != 0) {
             ASSERT_EQ(::unshare(CLONE_NEWUSER), 0);
         }
+        m_root.reset(::open("/", O_PATH | O_CLOEXEC));
         ASSERT_EQ(::chroot("/dev"), 0);
         ASSERT_EQ(::chdir("/"), 0);
     }
+    void TearDown() override {
+        ASSERT_EQ(::fchdir(m_root.get()), 0);
+        ASSERT_EQ(::chroot("."), 0);
+    }
+
+private:
+    ScopedFd m_root;
 };
 
 TEST_F(DirWithoutProc, TheModuleFilenameIsEmptyAndNoFailure) {
