@@ -6,6 +6,7 @@
 
 #include "core/core_paths.h"
 #include "core/core_product.h"
+#include "core/core_testinterface.h"
 #include "core/core_v2masterlogger.h"
 #include "service/supervision.h"
 #include "utl/utl_service.h"
@@ -42,7 +43,12 @@ int main(int argc, char** argv) {
     };
     NS_UTL::Service host(kAnchor, kServiceName, kDisplayName, NS_CORE::dotPath(NS_CORE::PathKind::Logs), kLogFileName,
                          std::move(run), std::move(stop));
+    // The host has moved to the installation. Under the service control manager the process began elsewhere, where
+    // start-up could not find the files.
+    NS_CORE::TestInterface& testInterface = NS_CORE::TestInterface::instance();
+    testInterface.readMissingFiles();
     const int result = host.run(argc, argv);
+    testInterface.sendPending();
     NS_UTL::Service::clearInstance();
     return result;
 }

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace NS_CORE {
+
+// The documents that go to the collector. Pure functions; the same bytes on every platform.
+
+enum class FailureKind : uint32_t { Assertion, Alert };
+
+// What every report of this process says of it. All texts are ready to be written (escapeXml).
+struct ReportSource {
+    std::string server;
+    std::string product;
+    std::string softwareVersion;
+    std::string hostName;
+    std::string os;
+    std::string buildId;
+    std::string buildTime;
+    std::string logAddress; // empty: not written
+};
+
+// One report of a failure. The texts are written escaped.
+struct FailureReport {
+    FailureKind kind;
+    std::string_view file;
+    int32_t line;
+    std::string_view condition;
+    std::string_view message;
+    std::string_view backtrace;
+    int32_t level;
+    uint64_t count; // not reported before
+    uint64_t total;
+    int32_t utc; // seconds since 1970
+    bool aborts;
+};
+
+// The text with <, >, &, ' and " as entities. One without any of them comes back as it is; otherwise the answer lies
+// in `buffer`. Nothing else is changed, so control characters and bytes that are not UTF-8 go out as they are.
+std::string_view escapeXml(std::string_view text, std::string& buffer);
+std::string escapedXml(std::string_view text);
+
+std::string assertDocument(const FailureReport& report, const ReportSource& source);
+
+// Asks for this machine's log files. `line` is free text.
+std::string logRequestDocument(std::string_view file, std::string_view line, std::string_view server);
+
+// A stack trace between the lines that mark it.
+std::string framedBacktrace(std::string_view trace);
+
+} // namespace NS_CORE
