@@ -36,7 +36,7 @@ namespace NS_CORE {
 // document too large for a datagram is told at WARN, once for its record, and not sent.
 //
 // Any thread may call anything, also while its log records are being served: the object's lock is never held while
-// something else is called. Sending does not block.
+// something is called that may log. Sending does not block.
 class TestInterface {
 public:
     static constexpr size_t kMaxRecords = 256;

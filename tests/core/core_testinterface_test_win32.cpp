@@ -22,7 +22,7 @@ TEST_F(TestInterfaceTest, TellsThatTheSocketCannotBeCreated) {
     EXPECT_EQ(log.lines().size(), told);
     interface.requestSendLogs("a", "1");
     EXPECT_TRUE(hasLine(log.lines(), "WARN TestInterface:requestSendLogs - d_socket is null\n"));
-    NS_CORE::setWinsockCleanupAtExit(false);
+    NS_CORE::WinsockInit();
 }
 
 } // namespace
