@@ -25,11 +25,20 @@ void ServiceStatusReporter::enter(uint32_t state) {
 }
 
 void ServiceStatusReporter::enterStopped(uint32_t serviceSpecificExitCode) {
-    const absl::MutexLock lock(&m_mutex);
-    if (isFinal()) return;
-    m_status.serviceSpecificExitCode = serviceSpecificExitCode;
-    m_status.currentState = ServiceState::Stopped;
-    report();
+    Report report;
+    ServiceStatus last;
+    {
+        const absl::MutexLock lock(&m_mutex);
+        if (isFinal()) return;
+        m_status.serviceSpecificExitCode = serviceSpecificExitCode;
+        m_status.currentState = ServiceState::Stopped;
+        last = m_status;
+        report = m_report;
+    }
+    // Outside the lock, and still the last report: whoever comes after it sees that the service has stopped, and
+    // whoever was before it has reported. Under Wine this call waits for a control handler that is at work, so the
+    // handler must not have to wait for it.
+    if (report) report(last);
 }
 
 void ServiceStatusReporter::repeat() {

@@ -45,11 +45,14 @@ struct ServiceStatus {
 
 // The service's status, and the order in which it is reported. The service main and the control handler change the
 // status from two threads; each change and its report happen under one lock, so that the manager sees the changes in
-// the order in which they were made. "Stopped" is final: nothing changes or is reported after it. Without that, a
-// control handler that is slower than the end of the work would leave the service in "stop pending" for good.
+// the order in which they were made. Only the last report is made after the lock is released, because the manager's
+// library may let it wait for a handler that is at work. "Stopped" is final: nothing changes or is reported after it.
+// Without that, a control handler that is slower than the end of the work would leave the service in "stop pending" for
+// good.
 class ServiceStatusReporter {
 public:
-    // Hands one status to the manager. Called under the lock: it must not call back, and should not block.
+    // Hands one status to the manager. Called under the lock (but for the last): it must not call back, and should not
+    // block.
     using Report = std::function<void(const ServiceStatus&)>;
 
     // All fields 0, and nobody to report to.

@@ -75,6 +75,23 @@ TEST_F(ServiceStatusReporterTest, ReportsNothingAfterStopped) {
     EXPECT_EQ(m_reporter.status(), (ServiceStatus{0x10, 1, 5, 0, 3, 0, 0}));
 }
 
+// The manager's library may make the last report wait until a handler that is at work has returned; then the handler
+// must not wait for the report.
+TEST_F(ServiceStatusReporterTest, LetsAHandlerReturnWhileStoppedIsBeingReported) {
+    std::vector<uint32_t> reported;
+    m_reporter.begin();
+    m_reporter.connect([&](const ServiceStatus& status) {
+        reported.push_back(status.currentState);
+        std::thread handler([&] {
+            m_reporter.enter(ServiceState::StopPending);
+            m_reporter.repeat();
+        });
+        handler.join();
+    });
+    m_reporter.enterStopped(0);
+    EXPECT_EQ(reported, (std::vector<uint32_t>{ServiceState::Stopped}));
+}
+
 // The race of a companion that ends within a microsecond of the datagram, two hundred times over.
 TEST_F(ServiceStatusReporterTest, EndsWithStoppedWhenStopPendingIsReportedAtTheSameMoment) {
     for (int round = 0; round < 200; ++round) {
