@@ -17,7 +17,7 @@
 // (the port is bound) or unbound (with the error), datagram (length and sender) and ending (the exit code). Line breaks
 // and per cent signs in a text are written as %0A, %0D and %25.
 //
-// What it does is in quorkeri_wrapper.settings, also beside it, one "name value" per line; without it the program
+// It ends by itself after ten minutes. What it does is in quorkeri_wrapper.settings, also beside it, one "name value" per line; without it the program
 // listens on UDP 127.0.0.1:34002 and ends with 0 on any datagram.
 //
 //     ignore N      takes N datagrams before one ends it ("all": none ever does)
@@ -26,6 +26,7 @@
 //     bindAfter MS  waits before it binds the port
 //     bindWhen FILE waits until this file is there before it binds the port
 //     quick         looks for the datagram without a pause and ends at once when it is there, without a record
+//     prompt        ends at once when the datagram is there, without a record
 //     hold FILE     keeps this file open
 //     mute          binds no port and stays until it is ended
 namespace {
@@ -93,6 +94,14 @@ int end(const Records& records, int code) {
     return code;
 }
 
+// A companion that nobody ends any more, because its test was killed, must not keep the port for ever.
+void endAfterTenMinutes() {
+    std::thread([] {
+        std::this_thread::sleep_for(std::chrono::minutes(10));
+        companion::endNow(9);
+    }).detach();
+}
+
 [[noreturn]] void stayForever() {
     for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
@@ -118,6 +127,10 @@ int serve(const Settings& settings, const Records& records) {
         port.spin();
         companion::endNow(0);
     }
+    if (settings.contains("prompt")) {
+        port.receive();
+        companion::endNow(0);
+    }
     const std::string ignored = settings.contains("ignore") ? settings.at("ignore") : "0";
     const long long limit = ignored == "all" ? -1 : std::stoll(ignored);
     for (long long count = 0; limit < 0 || count <= limit; ++count) {
@@ -136,6 +149,7 @@ int main() {
     const Records records(directory / "quorkeri_wrapper.records");
     const Settings settings = readSettings(directory / "quorkeri_wrapper.settings");
     records.addLines(startRecords(openThings));
+    endAfterTenMinutes();
     if (settings.contains("crash")) companion::crash();
     if (settings.contains("exit")) return end(records, std::stoi(settings.at("exit")));
     if (settings.contains("hold") && !companion::hold(directory / pathOf(settings.at("hold")))) return end(records, 4);

@@ -29,6 +29,10 @@ std::string askObject(HANDLE handle, OBJECT_INFORMATION_CLASS what) {
     return text->Buffer ? toUtf8(text->Buffer, text->Length / static_cast<int>(sizeof(wchar_t))) : "";
 }
 
+LONG WINAPI endByException(EXCEPTION_POINTERS* /*exception*/) {
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
 } // namespace
 
 std::filesystem::path ownFile() {
@@ -94,7 +98,8 @@ void endNow(int code) {
 }
 
 void crash() {
-    SetErrorMode(SEM_NOGPFAULTERRORBOX | SEM_FAILCRITICALERRORS);
+    // The process ends with the exception's code, as after any crash, but no debugger is started first.
+    SetUnhandledExceptionFilter(&endByException);
     RaiseException(STATUS_ACCESS_VIOLATION, EXCEPTION_NONCONTINUABLE, 0, nullptr);
     endNow(7);
 }

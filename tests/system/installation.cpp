@@ -1,8 +1,8 @@
 #include "tests/system/installation.h"
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
-#include <regex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -22,19 +22,37 @@ void place(const fs::path& from, const fs::path& to) {
 }
 
 std::string readIfThere(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) return "";
+    std::string bytes(static_cast<size_t>(in.tellg()), '\0');
+    in.seekg(0);
+    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<size_t>(in.gcount()));
+    return bytes;
 }
 
-// Cheap and different in every place, so that a torn or shifted copy shows.
+// Cheap and different in every place and in every library, so that a torn or shifted copy shows.
 std::string libraryBytes(size_t library, size_t size) {
     std::string bytes(size, '\0');
     uint32_t state = 2463534242U + static_cast<uint32_t>(library);
-    for (char& byte : bytes) {
+    for (size_t at = 0; at < size; at += sizeof(state)) {
         state = state * 1664525U + 1013904223U;
-        byte = static_cast<char>(state >> 24);
+        std::memcpy(&bytes[at], &state, std::min(sizeof(state), size - at));
     }
     return bytes;
+}
+
+// The length of a record's stamp, "2024-03-05 05 07:08:09 ": the day twice, a blank behind. 0 when there is none.
+size_t stampLength(const std::string& line) {
+    constexpr std::string_view kPattern = "dddd-dd-dd dd dd:dd:dd ";
+    if (line.size() < kPattern.size()) return 0;
+    for (size_t i = 0; i < kPattern.size(); ++i) {
+        const bool isDigit = line[i] >= '0' && line[i] <= '9';
+        if (kPattern[i] == 'd' ? !isDigit : line[i] != kPattern[i]) return 0;
+    }
+    constexpr size_t kDay = 8;
+    constexpr size_t kDayAgain = 11;
+    return line.compare(kDay, 2, line, kDayAgain, 2) == 0 ? kPattern.size() : 0;
 }
 
 std::string unescaped(std::string text) {
@@ -80,7 +98,7 @@ Installation::Installation(std::string_view directoryName)
 }
 
 Installation::~Installation() {
-    endCompanions();
+    endPrograms();
     unregisterKeri(m_root);
 }
 
@@ -109,14 +127,11 @@ bool Installation::areLibrariesCopied() const {
 }
 
 std::vector<std::string> Installation::log() const {
-    static const std::regex stamp(R"(^(\d{4})-(\d\d)-(\d\d) (\d\d) \d\d:\d\d:\d\d )");
     std::vector<std::string> entries;
     std::istringstream in(readIfThere(logFile()));
     for (std::string line; std::getline(in, line);) {
-        std::smatch match;
-        const bool isEntry = std::regex_search(line, match, stamp) && match[3] == match[4];
-        if (isEntry)
-            entries.push_back(match.suffix());
+        if (const size_t length = stampLength(line))
+            entries.push_back(line.substr(length));
         else if (!entries.empty())
             entries.back() += '\n' + line;
         else
@@ -148,8 +163,13 @@ std::vector<Record> Installation::records(const std::string& event) const {
 
 Record Installation::awaitRecord(const std::string& event, size_t count, std::chrono::milliseconds limit) const {
     if (!await([&] { return records(event).size() >= count; }, limit)) {
+        std::vector<std::string> lines;
+        for (const Record& record : records()) {
+            if (record.event != "environment" && record.event != "handle")
+                lines.push_back(std::to_string(record.processId) + ' ' + record.event + ' ' + record.text);
+        }
         throw std::runtime_error("The companion did not record '" + event + "' " + std::to_string(count) +
-                                 " times. The log:\n" + joined(log()));
+                                 " times. Its records:\n" + joined(lines) + "The log:\n" + joined(log()));
     }
     return records(event)[count - 1];
 }
@@ -159,16 +179,8 @@ void Installation::clearTraces() const {
     fs::remove(logFile());
 }
 
-void Installation::endCompanions() const {
-    std::set<uint32_t> running;
-    for (const Record& record : records()) {
-        if (record.event == "started") running.insert(record.processId);
-        if (record.event == "ending") running.erase(record.processId);
-    }
-    for (const uint32_t processId : running) {
-        endProcess(processId, m_root);
-        static_cast<void>(await([&] { return !processRuns(processId, m_root); }, std::chrono::seconds(2)));
-    }
+void Installation::endPrograms() const {
+    endProcessesBelow(m_root);
 }
 
 } // namespace test

@@ -70,8 +70,8 @@ public:
     // Forgets log and records, for the next round in the same installation.
     void clearTraces() const;
 
-    // Ends the companions that still run.
-    void endCompanions() const;
+    // Ends the programs of this installation that still run.
+    void endPrograms() const;
 
 private:
     TempDir m_directory;

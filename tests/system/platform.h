@@ -29,10 +29,17 @@ std::string notAProgramText();
 void endProcess(uint32_t processId, const std::filesystem::path& root);
 bool processRuns(uint32_t processId, const std::filesystem::path& root);
 
+// Ends, by their ids, all processes whose program lies below `root`, until there is none: one that was about to start
+// another may leave it behind. Throws when one stays.
+void endProcessesBelow(const std::filesystem::path& root);
+
 // Writes the Keri software's entry: its install location as a string value (Windows: the real registry, where a 32-bit
 // set-up program's entry lies; Linux: settings/registry.reg below the installation's root).
 void registerKeri(const std::filesystem::path& root, const std::string& location);
 void unregisterKeri(const std::filesystem::path& root);
+
+// How long ago the file was last written.
+std::chrono::microseconds sinceWritten(const std::filesystem::path& file);
 
 // Sends `length` bytes to UDP 127.0.0.1:port.
 void sendDatagram(uint16_t port, size_t length);

@@ -105,6 +105,22 @@ void endProcess(uint32_t processId, const std::filesystem::path& root) {
     if (processRuns(processId, root)) ::kill(static_cast<pid_t>(processId), SIGKILL);
 }
 
+void endProcessesBelow(const std::filesystem::path& root) {
+    const auto isNobodyLeft = [&] {
+        bool isNone = true;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+            const std::string name = entry.path().filename().string();
+            if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+            const auto processId = static_cast<uint32_t>(std::stoul(name));
+            if (!processRuns(processId, root)) continue;
+            endProcess(processId, root);
+            isNone = false;
+        }
+        return isNone;
+    };
+    if (!await(isNobodyLeft, std::chrono::seconds(5))) throw std::runtime_error("a program cannot be ended");
+}
+
 void registerKeri(const std::filesystem::path& root, const std::string& location) {
     writeFile(registryFile(root),
               "Windows Registry Editor Version 5.00\r\n\r\n"
@@ -118,6 +134,11 @@ void registerKeri(const std::filesystem::path& root, const std::string& location
 void unregisterKeri(const std::filesystem::path& root) {
     std::error_code error;
     std::filesystem::remove(registryFile(root), error);
+}
+
+std::chrono::microseconds sinceWritten(const std::filesystem::path& file) {
+    const auto age = std::filesystem::file_time_type::clock::now() - std::filesystem::last_write_time(file);
+    return std::chrono::duration_cast<std::chrono::microseconds>(age);
 }
 
 void sendDatagram(uint16_t port, size_t length) {

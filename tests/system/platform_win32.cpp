@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <tlhelp32.h>
+
 #include <stdexcept>
 
 #include "core/core_scopedhandle.h"
@@ -94,6 +96,23 @@ void endProcess(uint32_t processId, const std::filesystem::path& root) {
     if (process) ::TerminateProcess(process.get(), kEndedFromOutside);
 }
 
+void endProcessesBelow(const std::filesystem::path& root) {
+    const auto isNobodyLeft = [&] {
+        const FileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+        PROCESSENTRY32W entry{};
+        entry.dwSize = sizeof(entry);
+        bool isNone = true;
+        for (BOOL isThere = ::Process32FirstW(snapshot.get(), &entry); isThere;
+             isThere = ::Process32NextW(snapshot.get(), &entry)) {
+            if (!processRuns(entry.th32ProcessID, root)) continue;
+            endProcess(entry.th32ProcessID, root);
+            isNone = false;
+        }
+        return isNone;
+    };
+    if (!await(isNobodyLeft, std::chrono::seconds(5))) throw std::runtime_error("a program cannot be ended");
+}
+
 void registerKeri(const std::filesystem::path& /*root*/, const std::string& location) {
     HKEY key = nullptr;
     // The 64-bit view, spelled out, so that the entry lies where the Keri software's 32-bit set-up puts it.
@@ -109,6 +128,19 @@ void registerKeri(const std::filesystem::path& /*root*/, const std::string& loca
 
 void unregisterKeri(const std::filesystem::path& /*root*/) {
     ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, KEY_WOW64_64KEY, 0);
+}
+
+std::chrono::microseconds sinceWritten(const std::filesystem::path& file) {
+    // The standard library's file times are whole seconds on this platform.
+    WIN32_FILE_ATTRIBUTE_DATA attributes{};
+    if (!::GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &attributes)) fail("GetFileAttributesExW");
+    FILETIME now{};
+    ::GetSystemTimeAsFileTime(&now);
+    const auto ticks = [](const FILETIME& time) {
+        return (static_cast<int64_t>(time.dwHighDateTime) << 32) + time.dwLowDateTime;
+    };
+    constexpr int64_t kTicksPerMicrosecond = 10;
+    return std::chrono::microseconds((ticks(now) - ticks(attributes.ftLastWriteTime)) / kTicksPerMicrosecond);
 }
 
 void sendDatagram(uint16_t port, size_t length) {

@@ -182,8 +182,8 @@ TEST(ServiceManager, ReportsRunningWithinAHundredMillisecondsWhateverThereIsToCo
     installation.putLibraries(kLargeLibrary);
     SupervisedService service(installation);
     const ServiceHandle handle = openInstalledService();
-    // The machine may be busy with something else for a moment, so the best of five counts.
-    constexpr int kStarts = 5;
+    // The machine may be busy with something else for a moment, so the best of three counts.
+    constexpr int kStarts = 3;
     int64_t best = INT64_MAX;
     for (int i = 0; i < kStarts; ++i) {
         ASSERT_TRUE(::StartServiceW(handle.get(), 0, nullptr)) << ::GetLastError();

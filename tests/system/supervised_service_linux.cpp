@@ -1,12 +1,35 @@
 #include <signal.h>
 
+#include <fstream>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 
+#include "tests/system/await.h"
 #include "tests/system/platform.h"
 #include "tests/system/supervised_service.h"
 
 namespace test {
+
+namespace {
+
+// The UDP datagrams that were sent in this network, which is the tests' own.
+long sentDatagrams() {
+    std::ifstream in("/proc/self/net/snmp");
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        long received = 0;
+        long noPort = 0;
+        long errors = 0;
+        long sent = 0;
+        // The first line that begins so holds the fields' names.
+        if (fields >> name >> received >> noPort >> errors >> sent && name == "Udp:") return sent;
+    }
+    throw std::runtime_error("/proc/self/net/snmp says nothing about UDP");
+}
+
+} // namespace
 
 struct SupervisedService::State {
     const Installation& installation;
@@ -26,7 +49,11 @@ void SupervisedService::start() {
 }
 
 void SupervisedService::requestStop() {
+    const long before = sentDatagrams();
     if (::kill(static_cast<pid_t>(processId()), SIGTERM) != 0) throw std::runtime_error("the process is gone");
+    // The signal is handled on a thread of the service's own; the datagram is the last that it does.
+    if (!await([&] { return sentDatagrams() > before; }, std::chrono::seconds(5)))
+        throw std::runtime_error("no stop datagram was sent");
 }
 
 bool SupervisedService::hasStopped() {

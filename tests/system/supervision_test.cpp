@@ -241,7 +241,7 @@ TEST(CommandLine, OutsideADirectoryNamedBinItSaysSoAndGoesOn) {
     Process process(program, {"service-remove"}, installation.output());
     EXPECT_EQ(process.awaitExit(seconds(15)), 1);
     const std::string output = readFile(installation.output());
-    EXPECT_NE(output.find("[CRIT] CORE::Assert::failDefault - GASSERT failed at utl_service:41 (CHECKF) (bin)\n"),
+    EXPECT_NE(output.find("[CRIT] CORE::Assert::failDefault - GASSERT failed at utl_service:41 (CHECKF) (bin)"),
               std::string::npos)
         << output;
 }
