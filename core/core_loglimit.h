@@ -3,11 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
-
-#include "absl/container/flat_hash_map.h"
 
 namespace NS_CORE {
 
@@ -52,7 +51,9 @@ private:
         uint64_t endMs;
         int32_t heldBack;
     };
-    using Periods = absl::flat_hash_map<Key, Period>;
+    // A hash container would bring the C++ library's streams and locales into every unit that logs, and with them
+    // a quarter of a megabyte into the exe, for a few hundred texts at the most.
+    using Periods = std::map<Key, Period>;
 
     void reportEnded(uint64_t nowMs);
     void makeRoom(size_t textLength, uint64_t nowMs);
