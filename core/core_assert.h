@@ -84,11 +84,10 @@ private:
 // GASSERT(level, expression) and GASSERT(level, expression, message): an assertion that counts while `level` is not
 // greater than the process's assertion level. The message, anything that std::string can be made from, is
 // evaluated only on failure. GASSERT_AT is the same with a published place.
-#define GASSERT_AT(unit, line, level_, expression, ...)                                                                \
-    static_cast<void>(                                                                                                 \
-        ::NS_CORE::Assert::level() < (level_) || (expression) ||                                                       \
+#define GASSERT_AT(unit, line, level_, expression, ...)          \
+    static_cast<void>(                                           \
+        ::NS_CORE::Assert::level() < (level_) || (expression) || \
         ::NS_CORE::Assert::fail(#expression, ::NS_CORE::Place{unit, line}, level_, ::std::string{__VA_ARGS__}))
-#define GASSERT(level_, expression, ...)                                                                               \
-    static_cast<void>(                                                                                                 \
-        ::NS_CORE::Assert::level() < (level_) || (expression) ||                                                       \
-        ::NS_CORE::Assert::fail(#expression, ::NS_CORE::here(), level_, ::std::string{__VA_ARGS__}))
+#define GASSERT(level_, expression, ...)                                       \
+    static_cast<void>(::NS_CORE::Assert::level() < (level_) || (expression) || \
+                      ::NS_CORE::Assert::fail(#expression, ::NS_CORE::here(), level_, ::std::string{__VA_ARGS__}))

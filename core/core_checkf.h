@@ -11,8 +11,8 @@
 //     if (!CHECKF(isOpen(), "")) return -1;
 //
 // CHECKF_AT is the same with a published place, which does not move when the file is edited.
-#define CHECKF_AT(unit, line, condition, ...)                                                                          \
-    ((condition) ||                                                                                                    \
+#define CHECKF_AT(unit, line, condition, ...) \
+    ((condition) ||                           \
      ::NS_CORE::Assert::fail("CHECKF", ::NS_CORE::Place{unit, line}, 0, ::NS_CORE::formatString(__VA_ARGS__)))
-#define CHECKF(condition, ...)                                                                                         \
+#define CHECKF(condition, ...) \
     ((condition) || ::NS_CORE::Assert::fail("CHECKF", ::NS_CORE::here(), 0, ::NS_CORE::formatString(__VA_ARGS__)))

@@ -56,8 +56,8 @@ void HookRecorder::clear() {
 }
 
 void PrintTo(const FailedCheck& check, std::ostream* out) {
-    *out << check.expression << " at " << check.file << ':' << check.line << " level " << check.level << " \"" << check.message
-         << '"';
+    *out << check.expression << " at " << check.file << ':' << check.line << " level " << check.level << " \""
+         << check.message << '"';
 }
 
 } // namespace test

@@ -14,8 +14,8 @@ std::vector<std::string> g_lines;
 
 class RecordingLogImpl : public NS_CORE::LogImpl {
 public:
-    void log(uint32_t level, uint32_t threadNumber, const NS_CORE::LevelEntry& levelEntry, uint8_t /*implementationBits*/,
-             const char* text, size_t textLength) override {
+    void log(uint32_t level, uint32_t threadNumber, const NS_CORE::LevelEntry& levelEntry,
+             uint8_t /*implementationBits*/, const char* text, size_t textLength) override {
         const std::lock_guard lock(g_mutex);
         const std::string body(text, textLength);
         g_records.push_back({level, threadNumber, body});
