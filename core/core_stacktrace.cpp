@@ -122,13 +122,15 @@ std::string functionName(std::string_view demangled) {
 }
 
 std::string readableName(const std::string& linkerName) {
-    const char* mangled = linkerName.c_str();
-    if (linkerName.starts_with("__Z")) ++mangled;
-    if (std::string_view(mangled).substr(0, 2) != "_Z") return linkerName;
+    // Shared libraries' names may carry a version, "name@VERSION".
+    const std::string name = linkerName.substr(0, linkerName.find('@'));
+    const char* mangled = name.c_str();
+    if (name.starts_with("__Z")) ++mangled;
+    if (std::string_view(mangled).substr(0, 2) != "_Z") return name;
     int status = 0;
     const std::unique_ptr<char, decltype(&std::free)> demangled(
         abi::__cxa_demangle(mangled, /*output_buffer=*/nullptr, /*length=*/nullptr, &status), &std::free);
-    return demangled ? functionName(demangled.get()) : linkerName;
+    return demangled ? functionName(demangled.get()) : name;
 }
 
 WalkStep walkStep(uint64_t programCounter, uint64_t returnAddress) {

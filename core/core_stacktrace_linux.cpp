@@ -1,12 +1,15 @@
 #include "core/core_stacktrace_linux.h"
 
+#include <elfutils/libdwelf.h>
 #include <elfutils/libdwfl.h>
+#include <fcntl.h>
 #include <link.h>
 #include <unistd.h>
 #include <unwind.h>
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -14,6 +17,7 @@
 #include "absl/container/flat_hash_map.h"
 #include "absl/synchronization/mutex.h"
 #include "core/core_neverdestroyed.h"
+#include "core/core_scopedfd.h"
 #include "core/core_stacktrace_platform.h"
 #include "core/core_stacktracetext.h"
 #include "core/core_v2masterlogger.h"
@@ -67,13 +71,45 @@ std::string debugSearchPath() {
     return formatString("%s:%s/symbols:/usr/lib/debug", directory, directory);
 }
 
+// Whether the file carries the module's own build id.
+bool belongsToModule(int fd, Dwfl_Module* module) {
+    const unsigned char* wanted = nullptr;
+    GElf_Addr address = 0;
+    const int wantedSize = dwfl_module_build_id(module, &wanted, &address);
+    elf_version(EV_CURRENT);
+    Elf* const elf = elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr);
+    const void* found = nullptr;
+    const ssize_t foundSize = elf == nullptr ? -1 : dwelf_elf_gnu_build_id(elf, &found);
+    const bool isSame =
+        wantedSize > 0 && foundSize == wantedSize && std::memcmp(found, wanted, static_cast<size_t>(wantedSize)) == 0;
+    elf_end(elf);
+    return isSame;
+}
+
+// By the build id in the system's store, else by the name that the image tells, beside the executable and in "symbols"
+// below that. The library's standard way would ask servers on the network too, which is not for a crashing process.
+int findDebugInformation(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base, const char* image,
+                         const char* debugName, GElf_Word checksum, char** found) {
+    const int stored = dwfl_build_id_find_debuginfo(module, userData, name, base, image, debugName, checksum, found);
+    if (stored >= 0 || debugName == nullptr) return stored;
+    const std::string directory = moduleDirectory(executablePath());
+    for (const std::string& place : {directory, directory + "/symbols"}) {
+        const std::string path = formatString("%s/%s", place, debugName);
+        ScopedFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file || !belongsToModule(file.get(), module)) continue;
+        *found = ::strdup(path.c_str());
+        return file.release();
+    }
+    return -1;
+}
+
 // False when the library cannot be had.
 bool openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.library) return true;
     session.searchPath = debugSearchPath();
     session.searchPathText = session.searchPath.data();
     session.callbacks.find_elf = dwfl_linux_proc_find_elf;
-    session.callbacks.find_debuginfo = dwfl_standard_find_debuginfo;
+    session.callbacks.find_debuginfo = &findDebugInformation;
     session.callbacks.section_address = dwfl_offline_section_address;
     session.callbacks.debuginfo_path = &session.searchPathText;
     session.library.reset(dwfl_begin(&session.callbacks));
@@ -130,9 +166,12 @@ bool addToLibrary(Dwfl* library, const LoadedModule& module) {
     return false;
 }
 
-// Brings the library's list of modules up to date.
+// Brings the library's list of modules up to date, from its beginning when it changed: modules that it has already
+// cannot be told to it again.
 void updateModules(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.generation == currentGeneration()) return;
+    session.library.reset();
+    if (!openLibrary(session)) return;
     ModuleList list;
     dl_iterate_phdr(&addModule, &list);
     dwfl_report_begin(session.library.get());
@@ -223,7 +262,7 @@ StackTrace::Frame describeFrame(const RawFrame& frame) {
     updateModules(session);
     const uintptr_t address = lookUpAddress(frame);
     const auto [entry, isNew] = session.known.try_emplace(address);
-    if (isNew) entry->second = lookUp(session.library.get(), address);
+    if (isNew && session.library) entry->second = lookUp(session.library.get(), address);
     return entry->second;
 }
 

@@ -36,7 +36,7 @@ std::string moduleDirectory(std::string_view moduleFile);
 std::string functionName(std::string_view demangled);
 
 // A readable name for a linker's one: demangled where it is mangled the way of the Itanium C++ ABI, with or without
-// another underscore before it, and shortened to functionName; any other as it is.
+// another underscore before it, and shortened to functionName; any other as it is. A version behind '@' is left out.
 std::string readableName(const std::string& linkerName);
 
 // What the walk does with a frame.

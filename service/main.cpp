@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "core/core_crashguard.h"
 #include "core/core_paths.h"
 #include "core/core_product.h"
 #include "core/core_testinterface.h"
@@ -25,7 +26,7 @@ constexpr const char* kLogFileName = "service.log";
 } // namespace
 
 int runProcess(ArgumentVector& arguments) {
-    return applicationStart(arguments.count(), arguments.values());
+    return NS_CORE::guard(arguments.count(), arguments.values(), &applicationStart);
 }
 
 int applicationStart(int argc, char** argv) {

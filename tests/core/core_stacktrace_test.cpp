@@ -163,6 +163,8 @@ TEST(ReadableName, DemanglesTheCompilersNamesAndKeepsOthers) {
     EXPECT_EQ(NS_CORE::readableName("__ZN2ns1fEiPKc"), "ns::f");
     EXPECT_EQ(NS_CORE::readableName("main"), "main");
     EXPECT_EQ(NS_CORE::readableName("_Zbroken"), "_Zbroken");
+    EXPECT_EQ(NS_CORE::readableName("__libc_start_main@@GLIBC_2.34"), "__libc_start_main");
+    EXPECT_EQ(NS_CORE::readableName("_ZSt9terminatev@GLIBCXX_3.4"), "std::terminate");
     EXPECT_EQ(NS_CORE::readableName(""), "");
 }
 

@@ -1,0 +1,253 @@
+#include "core/core_crashguard.h"
+
+#include <windows.h>
+// dbghelp.h needs windows.h before it.
+#include <dbghelp.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <string>
+
+#include "core/core_crashreport.h"
+#include "core/core_crashreport_platform.h"
+#include "core/core_scopedhandle.h"
+#include "core/core_seh_win32.h"
+#include "core/core_throwsite_win32.h"
+#include "core/core_utf8_win32.h"
+#include "core/core_v2masterlogger.h"
+#include "core/core_wrapper.h"
+
+namespace NS_CORE {
+
+const char crashreport_platform::kSeparator = '\\';
+
+namespace {
+
+// Codes of the exceptions that stand for what this runtime library does not tell by one: error severity, and the bit
+// that marks codes as not Microsoft's.
+constexpr DWORD kTerminateCode = 0xE0000001;
+constexpr DWORD kAbortCode = 0xE0000002;
+
+// Left on the guarded thread's stack when it overflows, for the exception to be handled at all.
+constexpr ULONG kStackGuarantee = 64 * 1024;
+
+// Of the thread that writes the dump of an overflowed stack.
+constexpr SIZE_T kWriterStack = 512 * 1024;
+
+struct FileTraits {
+    using Value = HANDLE;
+    static Value empty() { return INVALID_HANDLE_VALUE; }
+    static void close(Value value) { ::CloseHandle(value); }
+};
+
+struct ThreadTraits {
+    using Value = HANDLE;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::CloseHandle(value); }
+};
+
+// 0 while nothing is guarded. Only ever compared with the reading thread's own id.
+volatile DWORD g_guardedThread = 0;
+
+// site  null, or where it really happened: goes along as the exception's only argument.
+[[noreturn]] void raiseForGood(DWORD code, const ThrowSite* site) {
+    const auto argument = reinterpret_cast<ULONG_PTR>(site);
+    ::RaiseException(code, EXCEPTION_NONCONTINUABLE, /*nNumberOfArguments=*/1, &argument);
+    __builtin_unreachable();
+}
+
+// A C++ exception that nobody catches does not become a structured one by itself. It comes here with the stack as it
+// was thrown, and so do pure virtual calls. Other threads are not guarded and end the process as they always did.
+std::terminate_handler g_terminateBefore = nullptr;
+
+[[noreturn]] void onTerminate() {
+    if (::GetCurrentThreadId() == g_guardedThread) {
+        const ThrowSite site = findThrowSite();
+        raiseForGood(kTerminateCode, &site);
+    }
+    if (g_terminateBefore != nullptr) g_terminateBefore();
+    std::abort();
+}
+
+// When it returns, abort ends the process.
+void onAbort(int /*signal*/) {
+    if (::GetCurrentThreadId() == g_guardedThread) raiseForGood(kAbortCode, /*site=*/nullptr);
+}
+
+void onInvalidParameter(const wchar_t* expression, const wchar_t* function, const wchar_t* file, unsigned int line,
+                        uintptr_t /*reserved*/) {
+    if (!MasterLogger::isOn(LogLevel::Crit)) return;
+    const auto text = [](const wchar_t* wide) { return wide != nullptr ? std::optional(toUtf8(wide)) : std::nullopt; };
+    const auto pointer = [](const std::optional<std::string>& narrow) { return narrow ? narrow->c_str() : nullptr; };
+    const std::optional<std::string> expressionText = text(expression);
+    const std::optional<std::string> functionText = text(function);
+    const std::optional<std::string> fileText = text(file);
+    MasterLogger::logText(
+        LogLevel::Crit, invalidParameterText(pointer(expressionText), pointer(functionText), pointer(fileText), line));
+}
+
+// Turns the ends of a C++ program on this thread into structured exceptions while it lives.
+class FaultsAsExceptions {
+public:
+    FaultsAsExceptions() {
+        g_guardedThread = ::GetCurrentThreadId();
+        g_terminateBefore = std::set_terminate(&onTerminate);
+        m_abortBefore = std::signal(SIGABRT, &onAbort);
+    }
+    ~FaultsAsExceptions() {
+        std::signal(SIGABRT, m_abortBefore);
+        std::set_terminate(g_terminateBefore);
+        g_guardedThread = 0;
+    }
+    FaultsAsExceptions(const FaultsAsExceptions&) = delete;
+    FaultsAsExceptions& operator=(const FaultsAsExceptions&) = delete;
+
+private:
+    void (*m_abortBefore)(int);
+};
+
+// One run under guard, with what its fault leaves for the report.
+struct GuardedRun {
+    int argc;
+    char** argv;
+    ApplicationMain applicationMain;
+    int result;
+    bool isDumpBegun;
+    bool isDumpWritten;
+    DWORD dumpError; // of the system, when it is not written
+    CrashNames names;
+};
+
+// An exception as the dump is to tell it: what stands for a C++ exception happened where that was thrown.
+class ToldException {
+public:
+    explicit ToldException(EXCEPTION_POINTERS* caught) : m_pointers(*caught) {
+        const EXCEPTION_RECORD& record = *caught->ExceptionRecord;
+        if (record.ExceptionCode != kTerminateCode || record.NumberParameters != 1) return;
+        const auto* const site = reinterpret_cast<const ThrowSite*>(record.ExceptionInformation[0]);
+        if (site == nullptr || site->instruction == 0) return;
+        m_record = record;
+        m_record.ExceptionAddress = reinterpret_cast<void*>(uintptr_t{site->instruction});
+        m_context = *caught->ContextRecord;
+        m_context.Eip = site->instruction;
+        m_context.Esp = site->stack;
+        m_context.Ebp = site->frame;
+        m_pointers = {&m_record, &m_context};
+    }
+    ToldException(const ToldException&) = delete;
+    ToldException& operator=(const ToldException&) = delete;
+
+    EXCEPTION_POINTERS* pointers() { return &m_pointers; }
+
+private:
+    EXCEPTION_RECORD m_record{};
+    CONTEXT m_context{};
+    EXCEPTION_POINTERS m_pointers;
+};
+
+// The dump file's last error after the writer said that it is done, or ERROR_SUCCESS. Some writers do not notice
+// that nothing reaches the disk.
+DWORD emptyFileError(HANDLE file) {
+    LARGE_INTEGER size{};
+    if (::GetFileSizeEx(file, &size) == FALSE) return ::GetLastError();
+    return size.QuadPart == 0 ? ERROR_DISK_FULL : ERROR_SUCCESS;
+}
+
+void writeDump(GuardedRun& run, EXCEPTION_POINTERS* exception, DWORD faultingThread) {
+    run.names = crashNames();
+    ::CreateDirectoryA(run.names.dumpsDirectory.c_str(), /*lpSecurityAttributes=*/nullptr);
+    const ScopedHandle<FileTraits> file(
+        ::CreateFileA(run.names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                      /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS, /*dwFlagsAndAttributes=*/0,
+                      /*hTemplateFile=*/nullptr));
+    const DWORD createError = file ? ERROR_SUCCESS : ::GetLastError();
+    MINIDUMP_EXCEPTION_INFORMATION information{faultingThread, exception, /*ClientPointers=*/TRUE};
+    const BOOL isWritten = ::MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file.get(),
+                                               MiniDumpWithDataSegs, exception != nullptr ? &information : nullptr,
+                                               /*UserStreamParam=*/nullptr, /*CallbackParam=*/nullptr);
+    run.dumpError = isWritten == FALSE ? ::GetLastError() : file ? emptyFileError(file.get()) : createError;
+    run.isDumpWritten = run.dumpError == ERROR_SUCCESS;
+}
+
+// What the writer's thread needs of the faulting one, which waits.
+struct DumpOrder {
+    GuardedRun& run;
+    EXCEPTION_POINTERS* exception;
+    DWORD faultingThread;
+};
+
+DWORD WINAPI writeDumpForOther(void* order) {
+    const auto& from = *static_cast<DumpOrder*>(order);
+    writeDump(from.run, from.exception, from.faultingThread);
+    return 0;
+}
+
+// On an overflowed stack there is no room for the writer; a thread of its own brings a stack along.
+void writeDumpOfOverflow(GuardedRun& run, EXCEPTION_POINTERS* exception) {
+    DumpOrder order{run, exception, ::GetCurrentThreadId()};
+    const ScopedHandle<ThreadTraits> writer(::CreateThread(/*lpThreadAttributes=*/nullptr, kWriterStack,
+                                                           &writeDumpForOther, &order,
+                                                           STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
+    if (writer)
+        ::WaitForSingleObject(writer.get(), INFINITE);
+    else
+        writeDump(run, exception, order.faultingThread);
+}
+
+// The filter of the guard. A fault of the writer itself comes here again, and gives the dump up.
+SehVerdict onFault(EXCEPTION_POINTERS* exception, void* context) {
+    auto& run = *static_cast<GuardedRun*>(context);
+    if (run.isDumpBegun) return SehVerdict::ExecuteHandler;
+    run.isDumpBegun = true;
+    if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW)
+        writeDumpOfOverflow(run, exception);
+    else
+        writeDump(run, ToldException(exception).pointers(), ::GetCurrentThreadId());
+    return SehVerdict::ExecuteHandler;
+}
+
+void runApplication(void* context) {
+    auto& run = *static_cast<GuardedRun*>(context);
+    run.result = run.applicationMain(run.argc, run.argv);
+}
+
+void logDumpOf(void* context) {
+    const auto& run = *static_cast<GuardedRun*>(context);
+    logDump(run.names, run.isDumpWritten ? std::nullopt : std::optional(systemErrorText(run.dumpError)));
+}
+
+void appendToHistoryOf(void* context) {
+    appendToHistory(static_cast<GuardedRun*>(context)->names);
+}
+
+SehVerdict giveUp(EXCEPTION_POINTERS* /*exception*/, void* /*context*/) {
+    return SehVerdict::ExecuteHandler;
+}
+
+// After a fault anything may be broken: what fails here must not keep the rest from being done.
+void reportFault(GuardedRun& run) {
+    runGuarded(&logDumpOf, &giveUp, &run);
+    runGuarded(&appendToHistoryOf, &giveUp, &run);
+}
+
+void reserveStack() {
+    ULONG size = kStackGuarantee;
+    ::SetThreadStackGuarantee(&size);
+}
+
+} // namespace
+
+int guard(int argc, char** argv, ApplicationMain applicationMain) {
+    if (isGuardSwitchedOff(argc, argv)) return applicationMain(argc, argv);
+    ::_set_invalid_parameter_handler(&onInvalidParameter);
+    reserveStack();
+    const FaultsAsExceptions faultsAsExceptions;
+    GuardedRun run{argc, argv, applicationMain, 0, false, false, ERROR_INVALID_DATA, {}};
+    if (runGuarded(&runApplication, &onFault, &run) == SehOutcome::Returned) return run.result;
+    reportFault(run);
+    return kCrashResult;
+}
+
+} // namespace NS_CORE

@@ -1,0 +1,51 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tests/support/crash_kinds.h"
+
+namespace test {
+namespace {
+
+// A page of a file that has none.
+[[gnu::noinline]] void readBeyondFile() {
+    const int fd = ::memfd_create("empty", MFD_CLOEXEC);
+    const volatile char* const page =
+        static_cast<const volatile char*>(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0));
+    static_cast<void>(*page);
+}
+
+[[gnu::noinline]] void sendFault() {
+    ::kill(::getpid(), SIGSEGV);
+}
+
+} // namespace
+
+// A core file takes its time, and would stay.
+void endQuietlyOnUnhandledFaults() {
+    const rlimit none{0, 0};
+    ::setrlimit(RLIMIT_CORE, &none);
+}
+
+// The sanitizers have handlers of their own, which end the process with these codes.
+bool isEndByUnhandledFault(int64_t exitCode) {
+    constexpr int64_t kAddressSanitizer = 1;
+    constexpr int64_t kThreadSanitizer = 66;
+    return exitCode == -SIGSEGV || exitCode == kAddressSanitizer || exitCode == kThreadSanitizer;
+}
+
+const int64_t kCrashExitCode = 129;
+
+std::vector<std::string> platformCrashKinds() {
+    return {"bus", "sent"};
+}
+
+void platformCrash(const std::string& kind) {
+    if (kind == "bus") readBeyondFile();
+    if (kind == "sent") sendFault();
+}
+
+} // namespace test
