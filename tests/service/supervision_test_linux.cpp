@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/resource.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
 #include <string>
 #include <thread>
 #include <vector>
@@ -10,28 +11,13 @@
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/refused_call_linux.h"
 #include "tests/support/self_process.h"
 
 namespace service {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// No further descriptor, while it lives.
-class NoMoreDescriptors {
-public:
-    NoMoreDescriptors() {
-        ::getrlimit(RLIMIT_NOFILE, &m_before);
-        const rlimit none = {0, m_before.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoMoreDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
-    NoMoreDescriptors(const NoMoreDescriptors&) = delete;
-    NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
-
-private:
-    rlimit m_before = {};
-};
 
 Supervisor::Steps stopsOnce(Supervisor*& supervisor, int& starts) {
     return {[] {},
@@ -48,10 +34,10 @@ TEST(StopTest, FailsACheckWithoutASocketAndStillEndsTheLoop) {
     Supervisor* target = nullptr;
     Supervisor supervisor(stopsOnce(target, starts), /*restartDelayMs=*/0);
     target = &supervisor;
-    {
-        const NoMoreDescriptors limit;
+    std::thread([&supervisor] {
+        test::refuseCall(SYS_socket, EMFILE);
         EXPECT_EQ(supervisor.run(0, nullptr), 0);
-    }
+    }).join();
     EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "main", 113, 0, ""}));
     EXPECT_EQ(starts, 1);
     const Lines lines = log.lines();
@@ -86,7 +72,7 @@ const test::ChildProgram g_stopsProcess("supervision_stops_process", [](const st
     test::HookRecorder hook;
     hook.answerStop(true);
     Supervisor supervisor({[] {}, [](const char*) {}}, /*restartDelayMs=*/0);
-    const NoMoreDescriptors limit;
+    test::refuseCall(SYS_socket, EMFILE);
     supervisor.stop();
     return 0;
 });

@@ -1,22 +1,20 @@
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/log_recorder.h"
+#include "tests/support/refused_call_linux.h"
 #include "tests/support/semaphore.h"
 #include "utl/utl_signal.h"
 
@@ -54,19 +52,6 @@ size_t threadCount() {
     return count;
 }
 
-// The kernel refuses the calling thread every further change of a signal's action, as a sandbox would.
-void forbidSignalChanges() {
-    sock_filter filter[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_rt_sigaction, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog program = {static_cast<unsigned short>(std::size(filter)), filter};
-    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-}
-
 TEST_F(LinuxSignalTest, LogsASignalThatCannotBeCaught) {
     test::LogRecorder log;
     {
@@ -79,7 +64,7 @@ TEST_F(LinuxSignalTest, LogsAHandlerThatCannotBePutBack) {
     test::LogRecorder log;
     std::thread([] {
         const Signal signal(SIGTERM, &answerAndTell);
-        forbidSignalChanges();
+        test::refuseCall(SYS_rt_sigaction, EPERM);
     }).join();
     EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::~Signal - failed to restore signal handler for 15"});
 }
@@ -157,16 +142,16 @@ TEST_F(LinuxSignalTest, PutsTheWholePreviousActionBack) {
 TEST_F(LinuxSignalTest, LeavesErrnoAndInterruptedCallsAlone) {
     const Signal signal(SIGTERM, &answerAndTell);
     int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, /*protocol=*/0, ends), 0);
     const pthread_t reader = ::pthread_self();
     std::thread sender([reader, ends] {
         ::pthread_kill(reader, SIGTERM);
         g_answered.acquire();
-        EXPECT_EQ(::write(ends[1], "x", 1), 1);
+        EXPECT_EQ(::send(ends[1], "x", 1, /*flags=*/0), 1);
     });
     errno = 0;
     char byte = 0;
-    EXPECT_EQ(::read(ends[0], &byte, 1), 1) << "interrupted";
+    EXPECT_EQ(::recv(ends[0], &byte, 1, /*flags=*/0), 1) << "interrupted";
     EXPECT_EQ(errno, 0);
     sender.join();
 }
