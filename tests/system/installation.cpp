@@ -14,11 +14,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A second name for the same file where that can be had: a program is tens of megabytes with its debug information.
-void place(const fs::path& from, const fs::path& to) {
+void placeCopy(const fs::path& from, const fs::path& to) {
+    fs::remove(to);
+    // The standard library's copy_file is in text mode on Windows.
+    writeFile(to, readFile(from));
+    fs::permissions(to, fs::perms::owner_all);
+}
+
+// A second name for the same file where that can be had: the program is large with its debug information.
+void placeLink(const fs::path& from, const fs::path& to) {
     std::error_code error;
     fs::create_hard_link(from, to, error);
-    if (error) fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+    if (error) placeCopy(from, to);
 }
 
 std::string readIfThere(const fs::path& path) {
@@ -90,7 +97,7 @@ Installation::Installation(std::string_view directoryName)
     fs::create_directories(logFile().parent_path());
     fs::create_directories(m_root / "settings");
     fs::create_directories(keri());
-    place(SERVICE_PROGRAM, program());
+    placeLink(SERVICE_PROGRAM, program());
     putCompanion();
     constexpr size_t kSmall = 1000;
     putLibraries(kSmall);
@@ -111,8 +118,8 @@ void Installation::putLibraries(size_t bytes) const {
 }
 
 void Installation::putCompanion() const {
-    fs::remove(companion());
-    place(COMPANION_PROGRAM, companion());
+    // A file of its own: Wine takes two running programs that are the same file for one, and mixes up their paths.
+    placeCopy(COMPANION_PROGRAM, companion());
 }
 
 void Installation::setCompanion(const std::string& settings) const {

@@ -237,7 +237,7 @@ TEST(CommandLine, OutsideADirectoryNamedBinItSaysSoAndGoesOn) {
     const std::filesystem::path elsewhere = installation.root() / "elsewhere";
     std::filesystem::create_directories(elsewhere);
     const std::filesystem::path program = elsewhere / installation.program().filename();
-    std::filesystem::copy_file(installation.program(), program);
+    std::filesystem::create_hard_link(installation.program(), program);
     Process process(program, {"service-remove"}, installation.output());
     EXPECT_EQ(process.awaitExit(seconds(15)), 1);
     const std::string output = readFile(installation.output());
