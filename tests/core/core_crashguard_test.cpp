@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <thread>
 
@@ -69,6 +71,18 @@ const test::ChildProgram g_guardedTwice("guarded-twice", [](const std::vector<st
     return guardWith({});
 });
 
+// What the guard needs from the fault to its result, dump and both lines included.
+const test::ChildProgram g_timed("guarded-timed", [](const std::vector<std::string>& arguments) {
+    g_kind = arguments.at(0);
+    fs::current_path(arguments.at(1));
+    NS_CORE::setDefaultPaths();
+    const auto start = std::chrono::steady_clock::now();
+    guardWith({});
+    const auto taken = std::chrono::steady_clock::now() - start;
+    std::printf("%lld\n", static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(taken).count()));
+    return 0;
+});
+
 // An installation's directories, as the service has them before its first crash.
 class CrashGuardTest : public testing::Test {
 protected:
@@ -132,6 +146,18 @@ TEST_F(CrashGuardTest, SecondCrashOverwritesTheDumpAndAddsToTheHistory) {
     EXPECT_EQ(dumps, 1);
     EXPECT_LT(fs::file_size(dumpFile()), 50'000'000U);
     expectHistory(2);
+}
+
+TEST_F(CrashGuardTest, IsDoneBeforeTheReportIsGivenUp) {
+    SelfProcess child("guarded-timed", {"null", directory()});
+    const std::string output = outputOf(child);
+    EXPECT_EQ(child.wait(), 0);
+    ASSERT_TRUE(output.starts_with(writtenLine())) << output;
+    const int milliseconds = std::stoi(output.substr(writtenLine().size()));
+    std::printf("from fault to result: %d ms\n", milliseconds);
+    RecordProperty("milliseconds", milliseconds);
+    EXPECT_LT(milliseconds, 30'000);
+    expectHistory(1);
 }
 
 TEST_F(CrashGuardTest, WithCritOffStillWritesDumpAndHistory) {

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <source_location>
 #include <sstream>
 
 #include "core/core_stacktrace_platform.h"
 #include "core/core_stacktracetext.h"
 #include "core/core_v2masterlogger.h"
+#include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 
@@ -251,6 +253,12 @@ std::string pingPong(int calls, Action action);
 } // namespace tracetest
 
 namespace {
+
+// For symbols_test, which gives it to programs with and without symbols.
+const test::ChildProgram g_trace("trace", [](const std::vector<std::string>&) {
+    std::printf("%s\n", tracetest::outermost(&tracetest::ask).c_str());
+    return 0;
+});
 
 // "#02 in tracetest::innermost() at core_stacktrace_test.cpp:205 (core_tests.exe)" with any line.
 void expectFrame(const std::string& line, const std::string& number, const std::string& function) {
