@@ -13,8 +13,8 @@ namespace NS_UTL {
 //   runtime resets a signal to its default action before it calls the handler, so a handler is called once.
 // - Linux: always one thread of this unit's own, so that a handler may do whatever a thread may do: log, lock, use
 //   sockets. Signals are answered one after the other, in the order of their arrival, and the handler stays installed.
-//   The end of the last object waits until that thread has answered what had arrived and is gone; a handler must not
-//   destroy a Signal.
+//   A signal that is still unanswered when its object ends is dropped. The end of the last object waits until a handler
+//   at work has returned and the thread is gone; a handler must not destroy a Signal.
 class Signal {
 public:
     using Handler = void (*)(int signum);
