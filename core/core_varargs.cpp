@@ -351,48 +351,6 @@ void writeFloating(Output& out, const FormatSpec& spec, double value) {
     writeText(out, text, buffer, std::min(static_cast<size_t>(length), sizeof buffer - 1));
 }
 
-// A conversion that has no argument which suits it, written from a neutral value.
-void writeNeutral(Output& out, const FormatSpec& spec) {
-    switch (spec.conversion) {
-        case 'd':
-        case 'i':
-        case 'u':
-        case 'o':
-        case 'x':
-        case 'X':
-            writeSigned(out, spec, 0, sizeof(int));
-            break;
-        case 'f':
-        case 'F':
-        case 'e':
-        case 'E':
-        case 'g':
-        case 'G':
-        case 'a':
-        case 'A':
-            writeFloating(out, spec, 0);
-            break;
-        case 'c':
-            writeCharacter(out, spec, '?');
-            break;
-        case 'p':
-            writePointer(out, spec, 0);
-            break;
-        case 's':
-            break;
-        default: {
-            const std::string character = formatString("%c", static_cast<char>(spec.conversion));
-            out.append(character.data(), character.size());
-            report(kUnknownConversionLine, character);
-        }
-    }
-}
-
-void writeMismatch(Output& out, const FormatSpec& spec, int32_t writer) {
-    reportMismatch(spec, writer);
-    writeNeutral(out, spec);
-}
-
 bool isIntegerConversion(int32_t conversion) {
     switch (conversion) {
         case 'd':
@@ -421,6 +379,38 @@ bool isFloatingConversion(int32_t conversion) {
         default:
             return false;
     }
+}
+
+// A conversion that has no argument which suits it, written from a neutral value.
+void writeNeutral(Output& out, const FormatSpec& spec) {
+    if (isIntegerConversion(spec.conversion)) {
+        writeSigned(out, spec, 0, sizeof(int));
+        return;
+    }
+    if (isFloatingConversion(spec.conversion)) {
+        writeFloating(out, spec, 0);
+        return;
+    }
+    switch (spec.conversion) {
+        case 'c':
+            writeCharacter(out, spec, '?');
+            break;
+        case 'p':
+            writePointer(out, spec, 0);
+            break;
+        case 's':
+            break;
+        default: {
+            const std::string character = formatString("%c", static_cast<char>(spec.conversion));
+            out.append(character.data(), character.size());
+            report(kUnknownConversionLine, character);
+        }
+    }
+}
+
+void writeMismatch(Output& out, const FormatSpec& spec, int32_t writer) {
+    reportMismatch(spec, writer);
+    writeNeutral(out, spec);
 }
 
 void writeIntegerArgument(Output& out, const FormatSpec& spec, const Argument& argument, int32_t writer) {
