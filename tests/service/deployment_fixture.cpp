@@ -31,8 +31,11 @@ void DeploymentTest::registerDirectory(const std::string& directory) {
 void DeploymentTest::makeLibraries(size_t size) {
     std::minstd_rand random(20191120);
     for (const char* name : kLibraries) {
-        std::string bytes(size, '\0');
-        std::ranges::generate(bytes, [&] { return static_cast<char>(random() >> 8); });
+        // A prime period, so that no block of the copy is like another.
+        std::string pattern(65521, '\0');
+        std::ranges::generate(pattern, [&] { return static_cast<char>(random() >> 8); });
+        std::string bytes;
+        while (bytes.size() < size) bytes.append(pattern, 0, size - bytes.size());
         test::writeFile(inKeri(name), bytes);
     }
 }

@@ -57,7 +57,13 @@ std::string TempDir::file(const std::string& name) const {
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     EXPECT_TRUE(in.is_open()) << path;
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::string bytes;
+    char block[65536];
+    do {
+        in.read(block, sizeof block);
+        bytes.append(block, static_cast<size_t>(in.gcount()));
+    } while (in);
+    return bytes;
 }
 
 void writeFile(const std::filesystem::path& path, const std::string& bytes) {
