@@ -17,8 +17,8 @@
 // (the port is bound) or unbound (with the error), datagram (length and sender) and ending (the exit code). Line breaks
 // and per cent signs in a text are written as %0A, %0D and %25.
 //
-// It ends by itself after ten minutes. What it does is in quorkeri_wrapper.settings, also beside it, one "name value" per line; without it the program
-// listens on UDP 127.0.0.1:34002 and ends with 0 on any datagram.
+// It ends by itself after ten minutes. What it does is in quorkeri_wrapper.settings, also beside it, one "name value"
+// per line; without it the program listens on UDP 127.0.0.1:34002 and ends with 0 on any datagram.
 //
 //     ignore N      takes N datagrams before one ends it ("all": none ever does)
 //     exit CODE     ends at once with this code
