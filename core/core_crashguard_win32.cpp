@@ -12,7 +12,7 @@
 
 #include "core/core_crashreport.h"
 #include "core/core_crashreport_platform.h"
-#include "core/core_scopedhandle.h"
+#include "core/core_scopedhandle_win32.h"
 #include "core/core_seh_win32.h"
 #include "core/core_throwsite_win32.h"
 #include "core/core_utf8_win32.h"
@@ -35,18 +35,6 @@ constexpr ULONG kStackGuarantee = 64 * 1024;
 
 // Of the thread that writes the dump of an overflowed stack.
 constexpr SIZE_T kWriterStack = 512 * 1024;
-
-struct FileTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-
-struct ThreadTraits {
-    using Value = HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
 
 // 0 while nothing is guarded. Only ever compared with the reading thread's own id.
 volatile DWORD g_guardedThread = 0;
@@ -158,7 +146,7 @@ DWORD emptyFileError(HANDLE file) {
 void writeDump(GuardedRun& run, EXCEPTION_POINTERS* exception, DWORD faultingThread) {
     run.names = crashNames();
     ::CreateDirectoryA(run.names.dumpsDirectory.c_str(), /*lpSecurityAttributes=*/nullptr);
-    const ScopedHandle<FileTraits> file(
+    const ScopedFileHandle file(
         ::CreateFileA(run.names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                       /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS, /*dwFlagsAndAttributes=*/0,
                       /*hTemplateFile=*/nullptr));
@@ -187,9 +175,8 @@ DWORD WINAPI writeDumpForOther(void* order) {
 // On an overflowed stack there is no room for the writer; a thread of its own brings a stack along.
 void writeDumpOfOverflow(GuardedRun& run, EXCEPTION_POINTERS* exception) {
     DumpOrder order{run, exception, ::GetCurrentThreadId()};
-    const ScopedHandle<ThreadTraits> writer(::CreateThread(/*lpThreadAttributes=*/nullptr, kWriterStack,
-                                                           &writeDumpForOther, &order,
-                                                           STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
+    const ScopedKernelHandle writer(::CreateThread(/*lpThreadAttributes=*/nullptr, kWriterStack, &writeDumpForOther,
+                                                   &order, STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
     if (writer)
         ::WaitForSingleObject(writer.get(), INFINITE);
     else

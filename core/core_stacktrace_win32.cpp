@@ -7,7 +7,7 @@
 
 #include <cstddef>
 
-#include "core/core_scopedhandle.h"
+#include "core/core_scopedhandle_win32.h"
 #include "core/core_stacktrace_platform.h"
 #include "core/core_stacktracetext.h"
 #include "core/core_v2masterlogger.h"
@@ -22,12 +22,6 @@ constexpr DWORD kBufferSize = 1024; // of paths, and of names
 
 static_assert(sizeof(IMAGEHLP_MODULE64) == 0x690, "with the fields on the PDB and the machine type");
 static_assert(sizeof(MODULEENTRY32) == 0x224, "the narrow form");
-
-struct SnapshotTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
 
 // What a call that fills a path buffer has filled in; empty when it failed, or the buffer was too small.
 std::string pathIn(const char* buffer, DWORD length) {
@@ -153,7 +147,7 @@ StackTrace::~StackTrace() {
 
 void StackTrace::loadModules() {
     if (m_modulesLoaded) return;
-    const ScopedHandle<SnapshotTraits> snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, /*th32ProcessID=*/0));
+    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, /*th32ProcessID=*/0));
     if (!snapshot) return;
     MODULEENTRY32 entry{};
     entry.dwSize = sizeof(entry);

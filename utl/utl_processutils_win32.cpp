@@ -2,24 +2,17 @@
 
 #include <string>
 
-#include "core/core_scopedhandle.h"
+#include "core/core_scopedhandle_win32.h"
 #include "core/core_wrapper.h"
 #include "utl/utl_processutils_platform.h"
 
 namespace NS_UTL::processutils_platform {
 namespace {
 
-struct KernelHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value handle) { ::CloseHandle(handle); }
-};
-using ScopedKernelHandle = NS_CORE::ScopedHandle<KernelHandleTraits>;
-
 // The process is closed before its thread.
 struct Child {
-    ScopedKernelHandle thread;
-    ScopedKernelHandle process;
+    NS_CORE::ScopedKernelHandle thread;
+    NS_CORE::ScopedKernelHandle process;
 };
 
 // ERROR_SUCCESS, or the system's code.
