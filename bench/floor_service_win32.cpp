@@ -6,7 +6,7 @@
 
 // The floor that the service is measured against: the same life with the bare system calls and nothing else. It starts
 // the companion, waits for its end, starts it again five seconds later, and on a stop request sends the datagram. No
-// libraries, no log, no checks.
+// libraries, no checks, and no log, unless the command line asks for the records that the service commits on a stop.
 namespace {
 
 constexpr wchar_t g_name[] = L"floor_service";
@@ -16,6 +16,19 @@ constexpr int kStopDatagramSize = 10;
 
 SERVICE_STATUS_HANDLE g_status = nullptr;
 std::atomic<bool> g_running{false};
+bool g_commitsRecords = false;
+
+// One record of the log, committed by itself.
+void commitRecord() {
+    if (!g_commitsRecords) return;
+    const HANDLE file = ::CreateFileA("floor.log", FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                      OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const char record[] = "2024-03-05 05 07:08:09 UTL::Service::controlHandler - SERVICE_CONTROL_STOP\n";
+    DWORD written = 0;
+    ::WriteFile(file, record, sizeof(record) - 1, &written, nullptr);
+    ::FlushFileBuffers(file);
+    ::CloseHandle(file);
+}
 
 void report(DWORD state) {
     SERVICE_STATUS status{};
@@ -38,6 +51,8 @@ void sendStopDatagram() {
 
 void WINAPI handleControl(DWORD control) {
     if (control != SERVICE_CONTROL_STOP) return;
+    commitRecord(); // the control
+    commitRecord(); // the stop
     g_running = false;
     // Before the datagram: the companion's end leads to the last report.
     report(SERVICE_STOP_PENDING);
@@ -67,12 +82,14 @@ void WINAPI serviceMain(DWORD /*argc*/, wchar_t** /*argv*/) {
         ::Sleep(kRestartDelayMs);
         if (!g_running) break;
     }
+    commitRecord(); // the completion
     report(SERVICE_STOPPED);
 }
 
 } // namespace
 
-int WINAPI WinMain(HINSTANCE /*instance*/, HINSTANCE /*previousInstance*/, LPSTR /*commandLine*/, int /*showState*/) {
+int WINAPI WinMain(HINSTANCE /*instance*/, HINSTANCE /*previousInstance*/, LPSTR commandLine, int /*showState*/) {
+    g_commitsRecords = *commandLine != '\0';
     WSADATA data;
     if (::WSAStartup(MAKEWORD(2, 2), &data) != 0) return 1;
     wchar_t name[] = L"floor_service";
