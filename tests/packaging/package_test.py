@@ -1,0 +1,600 @@
+"""scripts/package, from outside: every fact that its packages state, read back by readers that are not its own.
+
+package_test.py ROOT
+"""
+
+import contextlib
+import hashlib
+import http.server
+import json
+import os
+import pathlib
+import re
+import shutil
+import stat
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+import uuid
+import xml.etree.ElementTree as xml
+import zipfile
+
+import pe
+
+ROOT = pathlib.Path(sys.argv.pop(1)).resolve()
+PACKAGE = ROOT / "scripts/package"
+TREE = ROOT / "build/windows-x86"
+UNSIGNED = 'These packages are NOT SIGNED: Windows shows "Unknown publisher" and SmartScreen may warn.'
+SIGNED = "The program and the MSI are signed; Windows shows by whom"
+# Windows' own, on every system that the manifest names; the api-ms-win-crt-* are the universal C runtime's.
+SYSTEM_DLLS = {"kernel32.dll", "advapi32.dll", "ws2_32.dll", "dbghelp.dll", "user32.dll", "shell32.dll", "bcrypt.dll"}
+
+made = {}  # what setUpModule made: name -> directory
+told = {}  # and what the script printed with it
+
+
+def output(*command, **more):
+    return subprocess.run(command, check=True, capture_output=True, text=True, **more).stdout.strip()
+
+
+def cached(variable):
+    return re.search(rf"^{variable}:\w+=(.*)$", (TREE / "CMakeCache.txt").read_text(), re.M).group(1)
+
+
+def run_package(*arguments, **more):
+    environment = {name: value for name, value in os.environ.items()
+                   if not name.startswith("QUORKERI_") and name != "SOURCE_DATE_EPOCH"} | more.pop("env", {})
+    return subprocess.run([more.pop("script", PACKAGE), *map(str, arguments)], capture_output=True, text=True, check=False,
+                          env=environment, timeout=240, **more)
+
+
+def make(name, *arguments, **more):
+    made[name] = WORK / name
+    result = run_package("--out", made[name], *arguments, **more)
+    if result.returncode != 0:
+        raise AssertionError(f"scripts/package ended with {result.returncode}:\n{result.stdout}{result.stderr}")
+    told[name] = result.stdout
+
+
+def make_certificate(name, use):
+    key, certificate = WORK / f"{name}.key", WORK / f"{name}.pem"
+    output("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", f"/CN=Throwaway {name}",
+           "-addext", f"extendedKeyUsage={use}", "-keyout", str(key), "-out", str(certificate))
+    return ["--sign-cert", certificate, "--sign-key", key]
+
+
+def setUpModule():
+    global WORK, VERSION, STAMP, NAME, EPOCH, SIGNER
+    directory = tempfile.TemporaryDirectory(prefix="quorkeri-packages-")
+    unittest.addModuleCleanup(directory.cleanup)
+    WORK = pathlib.Path(directory.name)
+    make("plain", cwd=ROOT)
+    # Elsewhere, in another zone, with other rights for what is made.
+    make("again", cwd="/", umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"})
+    SIGNER = make_certificate("signer", "codeSigning")
+    make("signed", *SIGNER)
+    VERSION = cached("CMAKE_PROJECT_VERSION")
+    STAMP = f"{cached('QUORKERI_RELEASE_TAG').removeprefix('release_')}_{cached('QUORKERI_BUILD_ID')}"
+    NAME = f"quorkeri-service-{VERSION}"
+    EPOCH = int(output("git", "-C", str(ROOT), "log", "-1", "--format=%ct"))
+
+
+def package(kind, name="plain"):
+    return made[name] / f"{NAME}{kind}"
+
+
+def unpacked(kind, name="plain"):
+    """The files of a zip, by their names below its top directory."""
+    with zipfile.ZipFile(package(kind, name)) as archive:
+        return {entry.split("/", 1)[1]: archive.read(entry) for entry in archive.namelist()}
+
+
+def exe(name="plain"):
+    return pe.Image(unpacked("-win32.zip", name)["bin/quorkeri_service.exe"])
+
+
+def unstripped():
+    return pe.Image(unpacked("-symbols.zip")["quorkeri_service.exe"])
+
+
+MSI = ["-win32.msi"] if (ROOT / "scripts/lib/package-msi").exists() else []
+
+
+class OutputTest(unittest.TestCase):
+    def test_holds_the_packages_and_nothing_else(self):
+        self.assertEqual(sorted(path.name for path in made["plain"].iterdir()),
+                         ["SHA256SUMS"] + [NAME + kind for kind in ["-symbols.zip", *MSI, "-win32.zip", ".cdx.json"]])
+
+    def test_can_be_read_by_anybody(self):
+        for path in made["again"].iterdir():
+            self.assertEqual(stat.S_IMODE(path.stat().st_mode), 0o644, path)
+
+    def test_is_covered_by_the_checksums(self):
+        self.assertEqual(output("sha256sum", "--strict", "-c", "SHA256SUMS", cwd=made["plain"]).count(": OK"), 3 + len(MSI))
+        lines = (made["plain"] / "SHA256SUMS").read_text().splitlines()
+        self.assertEqual([line.split("  ")[1] for line in lines],
+                         sorted(path.name for path in made["plain"].iterdir() if path.name != "SHA256SUMS"))
+
+    def test_is_the_same_bytes_each_time_and_from_anywhere(self):
+        for path in made["plain"].iterdir():
+            self.assertEqual(path.read_bytes(), (made["again"] / path.name).read_bytes(), path.name)
+
+    def test_is_told_on_the_screen(self):
+        self.assertIn(f"Quorvane Keri Wrapper {VERSION} ({STAMP}) in {made['plain']}:\n", told["plain"])
+        self.assertRegex(told["plain"], rf"\n +\d+  {re.escape(NAME)}-win32\.zip\n")
+        self.assertTrue(told["plain"].endswith("before you trust them.\n"), told["plain"])
+
+
+class ZipTest(unittest.TestCase):
+    def entries(self, kind):
+        with zipfile.ZipFile(package(kind)) as archive:
+            self.assertIsNone(archive.testzip())
+            return archive.infolist()
+
+    def test_has_one_top_directory(self):
+        for kind, top in (("-win32.zip", NAME), ("-symbols.zip", f"{NAME}-symbols")):
+            self.assertEqual({entry.filename.split("/")[0] for entry in self.entries(kind)}, {top})
+
+    def test_is_laid_out_as_an_installation(self):
+        prefix = WORK / "installation"
+        output("cmake", "--install", str(TREE), "--prefix", str(prefix))
+        installed = {path.relative_to(prefix).as_posix() + ("/" if path.is_dir() else "") for path in prefix.rglob("*")}
+        packed = {entry.filename.split("/", 1)[1] for entry in self.entries("-win32.zip")} - {""}
+        self.assertEqual(packed, installed - {"bin/quorkeri_service.pdb"} | {"README.txt", "THIRD-PARTY-NOTICES.txt"})
+        self.assertLessEqual({"bin/quorkeri_service.exe", "settings/testing.ini.sample", "assets/", "work/tmp/", "work/logs/",
+                              "work/dumps/"}, packed)
+
+    def test_holds_the_symbols_apart(self):
+        self.assertEqual(sorted(unpacked("-symbols.zip")), ["", "quorkeri_service.exe", "quorkeri_service.pdb"])
+
+    def test_has_the_same_times_and_modes_whatever_the_machine_has(self):
+        moment = time.gmtime(EPOCH)[:5] + (EPOCH % 60 // 2 * 2,)
+        for kind in ("-win32.zip", "-symbols.zip"):
+            entries = self.entries(kind)
+            self.assertEqual([entry.filename for entry in entries], sorted(entry.filename for entry in entries))
+            for entry in entries:
+                mode = entry.external_attr >> 16
+                if entry.is_dir():
+                    expected = stat.S_IFDIR | 0o755
+                elif entry.filename.endswith((".exe", ".cmd")):
+                    expected = stat.S_IFREG | 0o755
+                else:
+                    expected = stat.S_IFREG | 0o644
+                self.assertEqual((entry.date_time, oct(mode), entry.extra, entry.comment),
+                                 (moment, oct(expected), b"", b""), entry.filename)
+                self.assertEqual(bool(entry.external_attr & 0x10), entry.is_dir(), entry.filename)
+
+    def test_is_unpacked_by_another_reader(self):
+        target = WORK / "unpacked"
+        target.mkdir()
+        output("cmake", "-E", "tar", "xf", str(package("-win32.zip")), cwd=target)
+        for name, content in unpacked("-win32.zip").items():
+            path = target / NAME / name
+            self.assertTrue(path.is_dir() if name.endswith("/") or not name else path.read_bytes() == content, name)
+
+
+class TextsTest(unittest.TestCase):
+    def text(self, file, name="plain"):
+        content = unpacked("-win32.zip", name)[file]
+        self.assertEqual(content.count(b"\n"), content.count(b"\r\n"), "line ends")
+        self.assertEqual(content.count(b"\r"), content.count(b"\r\n"), "line ends")
+        return content.decode().replace("\r\n", "\n")
+
+    def test_readme_says_what_this_is_and_how_to_run_it(self):
+        readme = self.text("README.txt")
+        self.assertTrue(readme.startswith(f"Quorvane Keri Wrapper {VERSION} ({STAMP})\n"), readme[:200])
+        self.assertNotRegex(readme, r"@[A-Z]+@")
+        for words in ("service-install", "net start quorkeri_service.exe", "service-remove", "### Reading service.log"):
+            self.assertIn(words, readme)
+        self.assertNotIn("cmake --preset", readme, "that is for developers")
+
+    def test_readme_and_screen_say_whether_it_is_signed(self):
+        for name, does, does_not in (("plain", UNSIGNED, SIGNED), ("signed", SIGNED, UNSIGNED)):
+            for text in (self.text("README.txt", name), told[name]):
+                self.assertIn(does, text)
+                self.assertNotIn(does_not, text)
+
+    def test_notices_hold_each_licence(self):
+        notices = self.text("THIRD-PARTY-NOTICES.txt")
+        sources = [ROOT / "build/deps/src/abseil/LICENSE", pathlib.Path("/usr/share/common-licenses/GPL-3"),
+                   pathlib.Path("/usr/share/doc/mingw-w64-i686-dev/copyright")]
+        for source in sources:
+            self.assertIn(source.read_text(), notices, source)
+        for words in ("Apache License", "GCC RUNTIME LIBRARY EXCEPTION\n\nVersion 3.1", "You have permission to propagate a work "
+                      "of Target Code", "Files: mingw-w64-libraries/winpthreads/*", "License: ZPL-2.1"):
+            self.assertIn(words, notices)
+
+
+class ProgramTest(unittest.TestCase):
+    def test_is_a_small_32_bit_program_without_a_window_of_its_own(self):
+        image = exe()
+        self.assertEqual((hex(image.machine), image.subsystem), ("0x14c", 2))
+        self.assertLess(len(image.data), 1500000)
+
+    def test_needs_nothing_but_windows(self):
+        names = [name.lower() for name in exe().imports()]
+        self.assertIn("kernel32.dll", names)
+        for name in names:
+            self.assertTrue(name in SYSTEM_DLLS or name.startswith("api-ms-win-crt-"), name)
+
+    def test_is_hardened(self):
+        image = exe()
+        flags = image.dll_characteristics
+        self.assertEqual(flags & (pe.DYNAMIC_BASE | pe.NX_COMPAT), pe.DYNAMIC_BASE | pe.NX_COMPAT)
+        self.assertEqual(flags & (pe.NO_SEH | pe.HIGH_ENTROPY), 0)
+        self.assertEqual(image.characteristics & pe.RELOCS_STRIPPED, 0)
+        for name, section in image.sections.items():
+            self.assertNotEqual(section[4] & (pe.EXECUTE | pe.WRITE), pe.EXECUTE | pe.WRITE, f"{name} can be written and run")
+
+    def test_can_lie_at_any_address(self):
+        image = exe()
+        self.assertGreater(sum(1 for _ in image.relocations()), 1000)
+        directory = WORK / "moved"
+        (directory / "bin").mkdir(parents=True)
+        (directory / "work/logs").mkdir(parents=True)
+        program = directory / "bin/quorkeri_service.exe"
+        program.write_bytes(image.moved(0x20000000))
+        self.assertEqual(pe.Image(program.read_bytes()).base, 0x20000000)
+        # With nothing at the address that it was linked for, whatever still points there would end this.
+        result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=120, check=False)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("failed to open service 'quorkeri_service.exe'", (directory / "work/logs/service.log").read_text())
+
+    def test_guards_the_frames_of_its_functions(self):
+        code = output("i686-w64-mingw32-objdump", "-d", "--no-show-raw-insn", str(self.symbols() / "quorkeri_service.exe"))
+        self.assertGreater(len(re.findall(r"call .*<___stack_chk_fail>", code)), 100)
+
+    def symbols(self):
+        target = WORK / "symbols"
+        if not target.exists():
+            with zipfile.ZipFile(package("-symbols.zip")) as archive:
+                archive.extractall(target)
+        return target / f"{NAME}-symbols"
+
+    def test_tells_its_version(self):
+        file_version, product_version, texts = exe().version()
+        numbers = tuple(int(part) for part in VERSION.split(".")) + (0,)
+        self.assertEqual((file_version, product_version), (numbers, numbers))
+        expected = {"CompanyName": "Quorvane", "FileDescription": "Quorvane Keri Wrapper", "FileVersion": VERSION,
+                    "InternalName": "quorkeri_service", "OriginalFilename": "quorkeri_service.exe",
+                    "ProductName": "Quorvane Keri Wrapper", "ProductVersion": STAMP}
+        self.assertEqual({name: texts.get(name) for name in expected}, expected)
+        self.assertIn("040904B0", texts)
+        self.assertEqual(texts["Translation"], struct.pack("<HH", 0x0409, 1200))
+
+    def test_tells_the_stamp_that_windows_shows(self):
+        data = bytes(exe().data)
+        for text in (f"$Name: {cached('QUORKERI_RELEASE_TAG')} $", cached("QUORKERI_BUILD_ID"), STAMP):
+            self.assertIn(text.encode() + b"\0", data)
+
+    def test_has_a_manifest(self):
+        (manifest,) = exe().resources(pe.MANIFEST).values()
+        root = xml.fromstring(manifest)
+        v3, compatibility = "{urn:schemas-microsoft-com:asm.v3}", "{urn:schemas-microsoft-com:compatibility.v1}"
+        (level,) = root.iter(f"{v3}requestedExecutionLevel")
+        self.assertEqual(level.attrib, {"level": "asInvoker", "uiAccess": "false"})
+        self.assertEqual([system.attrib["Id"] for system in root.iter(f"{compatibility}supportedOS")],
+                         ["{35138b9a-5d96-4fbd-8e2d-a2440225f93a}", "{4a2f28e3-53b9-4441-ba9c-d69d4a4a6e38}",
+                          "{1f676c76-80e1-4239-95bb-83d0f6d0da78}", "{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"])
+        (page,) = root.iter("{http://schemas.microsoft.com/SMI/2019/WindowsSettings}activeCodePage")
+        self.assertEqual(page.text, "UTF-8")
+
+    def test_has_an_icon_in_three_sizes(self):
+        image = exe()
+        (group,) = image.resources(pe.GROUP_ICON).values()
+        icons = image.resources(pe.ICON)
+        reserved, kind, count = struct.unpack_from("<HHH", group)
+        self.assertEqual((reserved, kind, count), (0, 1, 3))
+        for i, side in enumerate((16, 32, 48)):
+            width, height, _, _, _, depth, size, number = struct.unpack_from("<BBBBHHIH", group, 6 + 14 * i)
+            self.assertEqual((width, height, depth, size), (side, side, 32, len(icons[number])))
+            if icons[number].startswith(b"\x89PNG\r\n\x1a\n"):
+                self.assertEqual(struct.unpack_from(">II", icons[number], 16), (side, side))
+            else:
+                self.assertEqual(struct.unpack_from("<Iii", icons[number]), (40, side, 2 * side))
+
+    def test_has_the_checksum_of_its_bytes(self):
+        for name in ("plain", "signed"):
+            image = exe(name)
+            self.assertEqual(hex(image.checksum), hex(image.computed_checksum()), name)
+
+    def test_is_the_unstripped_program_without_its_symbols(self):
+        image, whole = exe(), unstripped()
+        self.assertEqual(image.symbol_count, 0)
+        self.assertTrue([name for name in whole.sections if name.startswith(".debug")])
+        self.assertFalse([name for name in image.sections if name.startswith(".debug")])
+        self.assertEqual((image.timestamp, image.entry, image.base), (whole.timestamp, whole.entry, whole.base))
+        self.assertEqual(image.debug_file(), whole.debug_file())
+        for name, section in image.sections.items():
+            self.assertEqual(section[:2], whole.sections[name][:2], name)
+            if name != ".buildid":  # holds an offset in the file; compared above by its meaning
+                self.assertEqual(image.section(name), whole.section(name), name)
+
+    def test_belongs_to_the_pdb(self):
+        file, guid, age = exe().debug_file()
+        self.assertEqual((file, age), ("quorkeri_service.pdb", 1))
+        summary = output("llvm-pdbutil-19", "dump", "--summary", str(self.symbols() / file))
+        self.assertIn("GUID: {" + str(uuid.UUID(bytes_le=guid)).upper() + "}", summary)
+
+    def test_leaves_a_dump_that_the_symbols_explain(self):
+        image = exe()
+        # The program as it is shipped, but for an illegal instruction where a run begins.
+        names = output("i686-w64-mingw32-nm", str(self.symbols() / "quorkeri_service.exe"))
+        address = int(re.search(r"^([0-9a-f]+) T __ZN6NS_UTL7Service3runEiPPc$", names, re.M).group(1), 16)
+        at = image.offset(address - image.base)
+        image.data[at:at + 2] = b"\x0f\x0b"
+        directory = WORK / "crashed"
+        for part in ("bin", "work/logs", "work/dumps"):
+            (directory / part).mkdir(parents=True)
+        program = directory / "bin/quorkeri_service.exe"
+        program.write_bytes(image.data)
+        result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=120, check=False)
+        self.assertEqual(result.returncode, 129)
+        (dump,) = (directory / "work/dumps").glob("*.dmp")
+        self.assertIn(STAMP, dump.name)
+        trace = output(str(ROOT / "scripts/dump-backtrace"), str(dump), str(self.symbols() / "quorkeri_service.exe"))
+        self.assertRegex(trace, r"frame #0: .*NS_UTL::Service::run\(.* at utl_service\.cpp:[1-9]")
+        self.assertRegex(trace, r"frame #[1-9]: .*NS_CORE::guard\(.* at core_crashguard_win32\.cpp:[1-9]")
+
+
+class BillOfMaterialsTest(unittest.TestCase):
+    def setUp(self):
+        self.bill = json.loads(package(".cdx.json").read_text())
+
+    def component(self, name):
+        (found,) = [part for part in self.bill["components"] if part["name"] == name]
+        return found
+
+    def test_is_a_document_of_its_kind(self):
+        self.assertEqual((self.bill["bomFormat"], self.bill["specVersion"], self.bill["version"]), ("CycloneDX", "1.5", 1))
+        self.assertRegex(self.bill["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$")
+        self.assertEqual(self.bill["metadata"]["timestamp"], time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(EPOCH)))
+        parts = self.bill["components"] + self.bill["metadata"]["tools"]["components"]
+        references = [part["bom-ref"] for part in parts] + [self.bill["metadata"]["component"]["bom-ref"]]
+        self.assertEqual(len(references), len(set(references)))
+        for part in parts:
+            self.assertIn(part["type"], ("library", "application", "operating-system"))
+            self.assertTrue(part["name"] and part["version"], part)
+        (dependency,) = self.bill["dependencies"]
+        self.assertEqual(dependency["ref"], self.bill["metadata"]["component"]["bom-ref"])
+        self.assertEqual(dependency["dependsOn"], [part["bom-ref"] for part in self.bill["components"]])
+
+    def test_names_the_product_and_the_bytes_that_are_shipped(self):
+        for name in ("plain", "signed"):
+            product = json.loads(package(".cdx.json", name).read_text())["metadata"]["component"]
+            self.assertEqual((product["name"], product["version"], product["purl"]),
+                             ("quorkeri-service", VERSION, f"pkg:generic/quorkeri-service@{VERSION}"))
+            (file,) = product["components"]
+            self.assertEqual(file["hashes"], [{"alg": "SHA-256", "content": hashlib.sha256(exe(name).data).hexdigest()}])
+            properties = {entry["name"]: entry["value"] for entry in product["properties"]}
+            self.assertEqual(properties["quorvane:release"], STAMP)
+            commit = output("git", "-C", str(ROOT), "rev-parse", "HEAD")
+            changed = "-changed" if output("git", "-C", str(ROOT), "status", "--porcelain") else ""
+            self.assertEqual(properties["quorvane:commit"], commit + changed)
+
+    def test_has_the_versions_that_the_machine_has(self):
+        for name, debian in (("libstdc++", "g++-mingw-w64-i686-posix"), ("libgcc", "gcc-mingw-w64-i686-posix"),
+                             ("winpthreads", "mingw-w64-i686-dev"), ("mingw-w64-runtime", "mingw-w64-i686-dev")):
+            version = output("dpkg-query", "-W", "-f", "${Version}", debian)
+            part = self.component(name)
+            self.assertEqual(part["version"], version.rsplit("-", 1)[0])
+            self.assertTrue(part["purl"].startswith(
+                f"pkg:deb/debian/{debian}@{version}?arch=".replace("+", "%2B")), part["purl"])
+        # Debian's build of it names itself by no more than the first number.
+        major = output("i686-w64-mingw32-g++-posix", "-dumpversion").split("-")[0]
+        self.assertEqual(self.component("libstdc++")["version"].split(".")[0], major)
+        changelog = (ROOT / "build/deps/src/abseil/debian/changelog").read_text()
+        self.assertEqual(self.component("abseil")["version"], re.match(r"abseil \(([^)-]+)-", changelog).group(1))
+        (image,) = [part for part in self.bill["metadata"]["tools"]["components"] if part["type"] == "operating-system"]
+        self.assertEqual((image["name"], image["version"]), ("debian", pathlib.Path("/etc/debian_version").read_text().strip()))
+
+    def test_gives_each_licence(self):
+        licences = {part["name"]: part["licenses"][0].get("expression") or part["licenses"][0]["license"]["id"]
+                    for part in self.bill["components"]}
+        self.assertEqual(licences, {"abseil": "Apache-2.0", "libstdc++": "GPL-3.0-or-later WITH GCC-exception-3.1",
+                                    "libgcc": "GPL-3.0-or-later WITH GCC-exception-3.1", "winpthreads": "MIT AND BSD-3-Clause",
+                                    "mingw-w64-runtime": "ZPL-2.1"})
+
+    def test_covers_every_library_that_is_linked(self):
+        flags = cached("CMAKE_CXX_STANDARD_LIBRARIES")
+        purls = "".join(part["purl"] for part in self.bill["components"])
+        libraries = re.findall(r"-l(\S+)", flags)
+        self.assertIn("stdc++", libraries)
+        for library in libraries:
+            file = output("i686-w64-mingw32-g++-posix", f"-print-file-name=lib{library}.a")
+            owner = output("dpkg-query", "-S", os.path.realpath(file)).split(":")[0]
+            self.assertIn(f"/{owner.replace('+', '%2B')}@", purls, library)
+
+
+class TimeStamper(http.server.BaseHTTPRequestHandler):
+    """A time-stamping authority of RFC 3161 on the loopback."""
+
+    def do_POST(self):
+        query = WORK / "query.tsq"
+        query.write_bytes(self.rfile.read(int(self.headers["Content-Length"])))
+        reply = subprocess.run(["openssl", "ts", "-reply", "-config", WORK / "tsa.conf", "-queryfile", query], check=True,
+                               capture_output=True).stdout
+        self.send_response(200)
+        self.send_header("Content-Type", "application/timestamp-reply")
+        self.end_headers()
+        self.wfile.write(reply)
+
+    def log_message(self, *arguments):
+        pass
+
+
+@contextlib.contextmanager
+def time_stamper():
+    make_certificate("clock", "critical,timeStamping")
+    (WORK / "tsa.conf").write_text(
+        f"[tsa]\ndefault_tsa = clock\n[clock]\nserial = {WORK}/serial\nsigner_cert = {WORK}/clock.pem\n"
+        f"signer_key = {WORK}/clock.key\ncerts = {WORK}/clock.pem\nsigner_digest = sha256\ndefault_policy = 1.2.3.4\n"
+        "digests = sha256\n")
+    (WORK / "serial").write_text("01\n")
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), TimeStamper) as server:
+        thread = threading.Thread(target=server.serve_forever)
+        thread.start()
+        try:
+            yield f"http://127.0.0.1:{server.server_port}/"
+        finally:
+            server.shutdown()
+            thread.join()
+
+
+class SignatureTest(unittest.TestCase):
+    def verify(self, name, kind, *options):
+        if kind == "exe":
+            file = WORK / "verified.exe"
+            file.write_bytes(exe(name).data)
+        else:
+            file = package("-win32.msi", name)
+        result = subprocess.run(["osslsigncode", "verify", "-CAfile", WORK / "signer.pem", *options, "-in", file],
+                                capture_output=True, text=True, check=False)
+        return result.returncode, result.stdout + result.stderr
+
+    def test_is_not_there_unless_asked_for(self):
+        self.assertEqual(exe().directory(pe.CERTIFICATES), (0, 0))
+        for kind in ("exe", *(["msi"] if MSI else [])):
+            code, text = self.verify("plain", kind)
+            self.assertNotEqual(code, 0)
+            self.assertRegex(text, "(?i)no signature found")
+
+    def test_is_the_one_of_the_certificate(self):
+        self.assertIn("good only as long as the certificate", told["signed"])
+        for kind in ("exe", *(["msi"] if MSI else [])):
+            code, text = self.verify("signed", kind)
+            self.assertEqual(code, 0, text)
+            self.assertRegex(text, r"Subject: ?/CN=Throwaway signer")
+            self.assertIn("Message digest algorithm: SHA256", text)
+            self.assertIn("Text description: Quorvane Keri Wrapper", text)
+
+    def test_no_longer_fits_when_a_byte_changes(self):
+        image = exe("signed")
+        image.data[image.offset(image.entry)] ^= 1
+        changed = WORK / "changed.exe"
+        changed.write_bytes(image.data)
+        result = subprocess.run(["osslsigncode", "verify", "-CAfile", WORK / "signer.pem", "-in", changed],
+                                capture_output=True, text=True, check=False)
+        self.assertNotEqual(result.returncode, 0)
+
+    def test_leaves_the_symbols_as_they_are(self):
+        self.assertEqual(package("-symbols.zip", "signed").read_bytes(), package("-symbols.zip").read_bytes())
+        image, signed = exe(), exe("signed")
+        for name in image.sections:
+            self.assertEqual(image.section(name), signed.section(name), name)
+
+    def test_is_asked_for_by_the_environment_and_stamped_by_a_server(self):
+        with time_stamper() as url:
+            make("stamped", env={"QUORKERI_SIGN_CERT": str(SIGNER[1]), "QUORKERI_SIGN_KEY": str(SIGNER[3]),
+                                 "QUORKERI_TIMESTAMP_URL": url})
+        self.assertNotIn("good only as long as", told["stamped"])
+        for kind in ("exe", *(["msi"] if MSI else [])):
+            code, text = self.verify("stamped", kind, "-TSA-CAfile", WORK / "clock.pem")
+            self.assertEqual(code, 0, text)
+            self.assertRegex(text, "(?i)timestamp.* verified|timestamp verification: ok")
+
+    def test_reads_the_keys_password_from_a_file(self):
+        locked, password = WORK / "locked.key", WORK / "password"
+        password.write_text("secret")
+        output("openssl", "rsa", "-aes256", "-in", str(SIGNER[3]), "-out", str(locked), "-passout", "pass:secret")
+        make("locked", "--sign-cert", SIGNER[1], "--sign-key", locked, env={"QUORKERI_SIGN_PASSWORD_FILE": str(password)})
+        self.assertEqual(self.verify("locked", "exe")[0], 0)
+
+
+class RefusalTest(unittest.TestCase):
+    """What cannot be done is said in a sentence, and the directory stays as it was."""
+
+    def refused(self, code, sentence, *arguments, **more):
+        out = WORK / "kept"
+        out.mkdir(exist_ok=True)
+        (out / "SHA256SUMS").write_text("of before\n")
+        if "--out" not in arguments:
+            arguments = ("--out", out, *arguments)
+        result = run_package(*arguments, **more)
+        self.assertEqual(result.returncode, code, result.stdout + result.stderr)
+        self.assertIn(f"package: {sentence}", result.stderr)
+        self.assertEqual([(path.name, path.read_text()) for path in out.iterdir()], [("SHA256SUMS", "of before\n")])
+        return result
+
+    def test_options(self):
+        usage = "usage: package [--out DIR] [--sign-cert FILE --sign-key FILE [--timestamp-url URL]]\n"
+        for sentence, arguments in (("unknown option '--frob'\n", ["--frob"]), ("unknown option 'x'\n", ["x"]),
+                                    ("--sign-cert needs a value\n", ["--sign-cert"]), ("--out needs a value\n", ["--out", ""]),
+                                    ("a certificate needs its key: --sign-key FILE\n", SIGNER[:2]),
+                                    ("a key needs its certificate: --sign-cert FILE\n", SIGNER[2:]),
+                                    ("a time stamp needs a signature: --sign-cert FILE --sign-key FILE\n",
+                                     ["--timestamp-url", "http://127.0.0.1/"]),
+                                    ("'ftp://x' is no http address\n", SIGNER + ["--timestamp-url", "ftp://x"])):
+            self.assertTrue(self.refused(2, sentence, *arguments).stderr.endswith(usage))
+
+    def test_certificates(self):
+        self.refused(1, f"cannot read '{WORK}/none'\n", "--sign-cert", WORK / "none", "--sign-key", SIGNER[3])
+        self.refused(1, f"cannot read '{WORK}'\n", "--sign-cert", SIGNER[1], "--sign-key", WORK)
+        make_certificate("other", "codeSigning")
+        self.refused(1, f"'quorkeri_service.exe' cannot be signed with '{SIGNER[1]}'\n", "--sign-cert", SIGNER[1],
+                     "--sign-key", WORK / "other.key")
+
+    def test_a_time_stamp_that_nobody_gives(self):
+        result = self.refused(1, f"'quorkeri_service.exe' cannot be signed with '{SIGNER[1]}'\n", *SIGNER,
+                              "--timestamp-url", "http://127.0.0.1:9/")
+        self.assertIn("http://127.0.0.1:9/", result.stderr)
+
+    def test_a_directory_that_cannot_be_written(self):
+        file = WORK / "file"
+        file.write_text("")
+        for out in (file, file / "below"):
+            self.refused(1, f"the directory '{out}' cannot be made; choose another with --out DIR\n", "--out", out)
+        self.assertEqual(file.read_text(), "")
+        # A directory that not even root can write to.
+        self.refused(1, "the directory '/proc/self' cannot be written; choose another with --out DIR\n", "--out", "/proc/self")
+
+    def test_times(self):
+        for moment in ("yesterday", "-1", "0", "12345678901"):
+            self.refused(1, f"SOURCE_DATE_EPOCH is '{moment}', not seconds since 1970 of a day from 1980 on\n",
+                         env={"SOURCE_DATE_EPOCH": moment})
+
+    def checkout(self, name):
+        """Another checkout of what is committed, with a compiler driver that refuses to work."""
+        tree = WORK / name
+        output("git", "clone", "-q", "--shared", str(ROOT), str(tree))
+        (tree / "build").mkdir()
+        (tree / "build/deps").symlink_to((ROOT / "build/deps").resolve())
+        tools = WORK / f"{name}-tools"
+        tools.mkdir()
+        (tools / "cmake").write_text("#!/bin/sh\necho 'error: no work today'\nexit 1\n")
+        (tools / "cmake").chmod(0o755)
+        return tree, {"PATH": f"{tools}:{os.environ['PATH']}"}
+
+    def test_a_build_that_fails_and_changes_that_are_not_committed(self):
+        tree, environment = self.checkout("checkout")
+        script = tree / "scripts/package"
+        note = "Note: the tree has changes that are not committed"
+        result = self.refused(1, "the build failed\n", script=script, env=environment)
+        self.assertIn("error: no work today\n", result.stderr)
+        self.assertNotIn(note, result.stdout)
+        (tree / "extra").write_text("")
+        result = self.refused(1, "the build failed\n", script=script, env=environment)
+        self.assertIn(note, result.stdout)
+
+    def test_a_tree_that_is_no_checkout(self):
+        tree, environment = self.checkout("export")
+        shutil.rmtree(tree / ".git")
+        environment["GIT_CEILING_DIRECTORIES"] = str(WORK)
+        script = tree / "scripts/package"
+        self.refused(1, "this tree is no git checkout; set SOURCE_DATE_EPOCH to the time that the packages are to carry\n",
+                     script=script, env=environment)
+        self.refused(1, "the build failed\n", script=script, env=environment | {"SOURCE_DATE_EPOCH": "1700000000"})
+
+    def test_help_is_no_refusal(self):
+        result = run_package("--help")
+        self.assertEqual(result.returncode, 0)
+        self.assertIn("quorkeri-service-<version>-win32.msi", result.stdout)
+        self.assertNotIn("set -euo", result.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()
