@@ -128,10 +128,14 @@ void Service::clearInstance() {
 }
 
 int Service::run(int argc, char** argv) {
-    if (argc < 2) return runService(/*asService=*/true, argc, argv);
-    if (argv[1] == kInstallWord) return runInstall();
-    if (argv[1] == kRemoveWord) return runRemove();
-    return runService(/*asService=*/!hasConsoleWord(argc, argv), argc, argv);
+    if (argc >= 2 && argv[1] == kInstallWord) return runInstall();
+    if (argc >= 2 && argv[1] == kRemoveWord) return runRemove();
+    return runService(/*asService=*/!isConsoleMode(argc, argv), argc, argv);
+}
+
+bool Service::isConsoleMode(int argc, char** argv) {
+    if (argc < 2 || argv[1] == kInstallWord || argv[1] == kRemoveWord) return false;
+    return hasConsoleWord(argc, argv);
 }
 
 int Service::runInstall() {

@@ -74,6 +74,10 @@ public:
     // run callback's result.
     [[nodiscard]] int run(int argc, char** argv);
 
+    // True when `run` with these arguments is console mode: the console word stands anywhere, element 0 included,
+    // behind no first word for installation or removal.
+    [[nodiscard]] static bool isConsoleMode(int argc, char** argv);
+
     // Registers the executable as a service that starts by itself, under the system's account. A service of this name
     // that is there already counts as success and stays as it is. Needs administrator rights.
     [[nodiscard]] bool install(const std::string& name, const std::string& displayName,

@@ -1,0 +1,240 @@
+"""Console mode at a terminal: its lines appear there, and what is typed there ends it.
+
+console_test.py SERVICE COMPANION [WINE_RUN UTL_TESTS]
+
+The native program is given a pseudo-terminal of its own. The Windows program runs under Wine, which makes a Windows
+console of such a terminal: what a console program writes comes out with its screen's control sequences, and Control-C
+comes in as a console event. Ctrl+Break has no key on a terminal, and this Wine refuses to generate its event, so it is
+left to the test of the handler.
+"""
+
+import os
+import pathlib
+import pty
+import re
+import select
+import shutil
+import signal
+import sys
+import tempfile
+import termios
+import time
+import tty
+import unittest
+
+SERVICE, COMPANION = map(pathlib.Path, sys.argv[1:3])
+WINE = sys.argv[3:5]
+del sys.argv[1:5]
+
+LIMIT = 30  # seconds for anything that is waited for
+CONTROL_C = b"\x03"
+# Nobody has registered the Keri software: what console mode says of itself on an ordinary machine.
+COMPLAINT = "[CRIT] getKeriInstallDir - "
+
+
+def plain(screen):
+    """What a reader sees of a terminal's bytes: blanks for a step to the right, nothing for other sequences."""
+    stepped = re.sub(rb"\x1b\[(\d*)C", lambda step: b" " * int(step[1] or 1), screen)
+    text = re.sub(rb"\x1b(\[[?0-9;]*[A-Za-z]|\][^\x07]*\x07)", b"", stepped)
+    return text.replace(b"\r", b"").decode("utf-8", "replace")
+
+
+class Terminal:
+    """A program at a terminal of its own."""
+
+    def __init__(self, command, is_raw):
+        self.screen = b""
+        self.code = None
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:
+            os.environ["TERM"] = "xterm"
+            if is_raw:
+                tty.setraw(0)
+                mode = termios.tcgetattr(0)
+                mode[3] |= termios.ISIG
+                termios.tcsetattr(0, termios.TCSANOW, mode)
+            os.execv(command[0], command)
+
+    def read(self, seconds):
+        """False at the end of the output."""
+        if not select.select([self.fd], [], [], seconds)[0]:
+            return True
+        try:
+            piece = os.read(self.fd, 65536)
+        except OSError:
+            return False
+        self.screen += piece
+        return bool(piece)
+
+    def type(self, keys):
+        os.write(self.fd, keys)
+
+    def await_true(self, what, is_true):
+        until = time.monotonic() + LIMIT
+        while not is_true():
+            if time.monotonic() > until or not self.read(0.02) and not is_true():
+                raise AssertionError(f"{what}; the screen: {plain(self.screen)!r}")
+
+    def await_text(self, text):
+        self.await_true(f"no {text!r}", lambda: text in plain(self.screen))
+
+    def await_end(self):
+        until = time.monotonic() + LIMIT
+        while self.read(0.02):
+            if time.monotonic() > until:
+                raise AssertionError(f"no end; the screen: {plain(self.screen)!r}")
+        self.code = os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+        return self.code
+
+    def close(self):
+        if self.code is None:
+            os.kill(self.pid, signal.SIGKILL)
+            os.waitpid(self.pid, 0)
+        os.close(self.fd)
+
+
+class ConsoleTest(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory(prefix="console ")
+        self.addCleanup(directory.cleanup)
+        self.root = pathlib.Path(directory.name)
+        for name in ("bin", "settings", "work/logs"):
+            (self.root / name).mkdir(parents=True)
+        self.program = self.root / "bin" / SERVICE.name
+        shutil.copy(SERVICE, self.program)
+        shutil.copy(COMPANION, self.root / "bin" / "quorkeri_wrapper.exe")
+
+    def at_terminal(self, *command):
+        terminal = Terminal([str(word) for word in command], is_raw=bool(WINE))
+        self.addCleanup(terminal.close)
+        return terminal
+
+    def log(self):
+        try:
+            return (self.root / "work/logs/service.log").read_text("utf-8")
+        except FileNotFoundError:
+            return ""
+
+    def records(self):
+        """What the companion has written about itself: time, process id, event, text."""
+        try:
+            return (self.root / "bin/quorkeri_wrapper.records").read_text("utf-8").splitlines()
+        except FileNotFoundError:
+            return []
+
+    def events(self):
+        return [line.split(" ")[2] for line in self.records()]
+
+    def await_companion(self, terminal):
+        terminal.await_true("the companion does not run", lambda: "ready" in self.events())
+
+    def assert_stopped_once(self):
+        self.assertEqual(self.events().count("datagram"), 1)
+        self.assertEqual(self.log().count(" Stop - Stop\n"), 1)
+
+
+class NativeTest(ConsoleTest):
+    def test_lines_appear_and_control_c_stops_it(self):
+        terminal = self.at_terminal(self.program, "service-console")
+        terminal.await_text(COMPLAINT)
+        self.await_companion(terminal)
+        terminal.type(CONTROL_C)
+        self.assertEqual(terminal.await_end(), 0)
+        self.assert_stopped_once()
+        # Nothing but the logger's own lines, and the terminal's echo of the key.
+        self.assertRegex(plain(terminal.screen), r"\A\[CRIT\] getKeriInstallDir - [^\n]+\n\^C\Z")
+
+
+class WindowsTest(ConsoleTest):
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(self.end_programs)
+
+    def end_programs(self):
+        """What a failed test leaves running would fail the others. It works in this test's own directory; the service
+        may be about to start the companion again."""
+        for _ in range(100):
+            found = [process for process in pathlib.Path("/proc").glob("[0-9]*") if self.works_here(process)]
+            if not found:
+                return
+            for process in found:
+                os.kill(int(process.name), signal.SIGKILL)
+            time.sleep(0.05)
+
+    def works_here(self, process):
+        try:
+            return os.readlink(process / "cwd").startswith(str(self.root))
+        except OSError:
+            return False  # ended meanwhile
+
+    def wine(self, *words):
+        return self.at_terminal(WINE[0], *words)
+
+    def child(self, name, *arguments):
+        return self.wine(WINE[1], "--run-child", name, *arguments)
+
+    def windows(self, path):
+        return "Z:" + str(path).replace("/", "\\")
+
+    def parent(self, how, file, *command):
+        return self.child("console-parent", how, self.windows(self.root / file), *command)
+
+    def service(self, how, file="unused"):
+        return self.parent(how, file, self.windows(self.program), "service-console")
+
+    def text(self, how, file="unused"):
+        return self.parent(how, file, self.windows(WINE[1]), "--run-child", "console-text",
+                           self.windows(self.root / "found"))
+
+    def test_its_lines_appear_at_a_prompt(self):
+        """The key is another test's: at this prompt Wine makes two events of it, and the second ends any program."""
+        prompt = self.wine("cmd")
+        prompt.await_text(">")
+        prompt.type(b'start /wait /b "" "' + os.fsencode(self.windows(self.program)) + b'" service-console\r')
+        prompt.await_text(COMPLAINT)
+        self.await_companion(prompt)
+
+    def test_the_exit_code_and_the_consoles_code_page(self):
+        parent = self.service("lend")
+        parent.await_text(COMPLAINT)
+        self.await_companion(parent)
+        parent.type(CONTROL_C)
+        parent.await_end()
+        self.assert_stopped_once()
+        self.assertRegex(plain(parent.screen), r"\nended with 0, code pages (\d+) \1\n")
+
+    def test_a_program_without_a_console_is_given_its_parents(self):
+        """Wine's runtime does not open a stream that began without a handle again, so only the event is seen. It comes
+        from the parent, because Wine gives the key to a terminal's own session only."""
+        parent = self.service("alone", "now")
+        self.await_companion(parent)
+        (self.root / "now").touch()
+        parent.await_end()
+        self.assert_stopped_once()
+        self.assertIn("ended with 0,", plain(parent.screen))
+
+    def test_redirected_output_arrives_byte_for_byte(self):
+        parent = self.service("redirect", "output")
+        self.await_companion(parent)
+        parent.type(CONTROL_C)
+        parent.await_end()
+        self.assertEqual((self.root / "output").read_bytes(),
+                         b"[CRIT] getKeriInstallDir - Could not locate KERI install directory from registry\r\n")
+        self.assertNotIn("CRIT", plain(parent.screen))
+
+    def test_text_outside_ascii_is_readable(self):
+        parent = self.text("lend")
+        parent.await_end()
+        self.assertEqual((self.root / "found").read_text(), "code page 65001")
+        self.assertRegex(plain(parent.screen),
+                         r"output é Ж 測試 *\n+errors é Ж 測試 *\n+ended with 7, code pages (?!65001)(\d+) \1\n")
+
+    def test_redirected_text_keeps_its_bytes(self):
+        parent = self.text("redirect", "output")
+        parent.await_end()
+        self.assertEqual((self.root / "output").read_bytes(), "output é Ж 測試\r\n".encode())
+        self.assertRegex(plain(parent.screen), r"errors é Ж 測試 *\n+ended with 7,")
+
+
+if __name__ == "__main__":
+    unittest.main(defaultTest="WindowsTest" if WINE else "NativeTest")

@@ -1,0 +1,50 @@
+#include "utl/utl_parentconsole_win32.h"
+
+#include <windows.h>
+
+#include <io.h>
+
+#include <cstdio>
+
+namespace NS_UTL {
+namespace {
+
+// A file, a pipe, the null device: anything that is there and is no console.
+bool isRedirected(std::FILE* stream) {
+    const int fd = ::_fileno(stream);
+    if (fd < 0) return false;
+    const auto handle = reinterpret_cast<HANDLE>(::_get_osfhandle(fd));
+    DWORD mode = 0;
+    return ::GetFileType(handle) != FILE_TYPE_UNKNOWN && !::GetConsoleMode(handle, &mode);
+}
+
+// True when the stream goes to the console now. In text mode, because some terminals want a line to end in CR and LF.
+bool leadToConsole(std::FILE* stream) {
+    if (isRedirected(stream) || !std::freopen("CONOUT$", "wt", stream)) return false;
+    // A character's bytes have to reach the console in one piece.
+    std::setvbuf(stream, nullptr, _IOFBF, BUFSIZ);
+    return true;
+}
+
+// Wine lends every child its parent's console, whatever the child's subsystem: there it is attached already.
+bool attach() {
+    return ::AttachConsole(ATTACH_PARENT_PROCESS) || ::GetLastError() == ERROR_ACCESS_DENIED;
+}
+
+} // namespace
+
+ParentConsole::ParentConsole() {
+    if (!attach()) return;
+    ::SetConsoleCtrlHandler(/*HandlerRoutine=*/nullptr, /*Add=*/FALSE);
+    const bool outputToConsole = leadToConsole(stdout);
+    const bool errorsToConsole = leadToConsole(stderr);
+    if (!outputToConsole && !errorsToConsole) return;
+    const UINT before = ::GetConsoleOutputCP();
+    if (before != ::GetACP() && ::SetConsoleOutputCP(::GetACP())) m_codePageBefore = before;
+}
+
+ParentConsole::~ParentConsole() {
+    if (m_codePageBefore != 0 && ::GetConsoleOutputCP() == ::GetACP()) ::SetConsoleOutputCP(m_codePageBefore);
+}
+
+} // namespace NS_UTL
