@@ -1,0 +1,153 @@
+// The custom actions of the installer package, as packaging/setup/quorkeri.wxs names them. Each returns
+// ERROR_SUCCESS, or ERROR_INSTALL_FAILURE after it has logged a sentence that says what to do.
+
+#include <windows.h>
+
+#include <msi.h>
+#include <msiquery.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+#include "packaging/setup/setup_files.h"
+#include "packaging/setup/setup_service.h"
+#include "packaging/setup/setup_session.h"
+
+namespace setup {
+namespace {
+
+// The installation's directory as the property holds it: before costing, exactly as it was given.
+std::wstring directoryOf(const Session& session, const wchar_t* property) {
+    return withoutSeparator(session.property(property));
+}
+
+// A service of our name counts as ours when it runs the program in this directory or, in an upgrade, in that of the
+// version that is replaced.
+bool isOurs(const Session& session, const Registration& service) {
+    if (isSamePath(service.program, serviceProgram(directoryOf(session, L"INSTALLDIR")))) return true;
+    const bool isUpgrade = !session.property(L"OTHERFOUND").empty();
+    return isUpgrade && isSamePath(service.program, serviceProgram(directoryOf(session, L"INSTALLEDDIR")));
+}
+
+std::wstring foreignServiceText(const Registration& service) {
+    return L"A service named '" + std::wstring(kServiceName) + L"' is registered already and runs '" + service.program +
+           L"', which does not belong to this installation. If it is an earlier copy of this product, remove it there ("
+           L"net stop, then service-remove, or sc delete " +
+           kServiceName + L"), or install into its directory with INSTALLDIR. Nothing was changed.";
+}
+
+std::wstring markedText() {
+    return L"The service '" + std::wstring(kServiceName) +
+           L"' is marked for deletion and goes away when every program that looks at it has ended. Close the services "
+           L"window, the task manager and the event viewer (or restart the machine) and start again. Nothing was "
+           L"changed.";
+}
+
+bool isElevated() {
+    HANDLE token = nullptr;
+    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, /*OpenAsSelf=*/TRUE, &token) &&
+        !::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &token))
+        return false;
+    TOKEN_ELEVATION elevation = {};
+    DWORD size = 0;
+    const BOOL known = ::GetTokenInformation(token, TokenElevation, &elevation, sizeof(elevation), &size);
+    ::CloseHandle(token);
+    return known && elevation.TokenIsElevated;
+}
+
+// Between 0 and 600; nothing for any other text.
+std::optional<unsigned> stopSeconds(const std::wstring& text) {
+    constexpr unsigned kMost = 600;
+    if (text.empty() || text.size() > 3 || text.find_first_not_of(L"0123456789") != std::wstring::npos)
+        return std::nullopt;
+    const unsigned seconds = static_cast<unsigned>(std::stoul(text));
+    return seconds <= kMost ? std::optional(seconds) : std::nullopt;
+}
+
+// Looks at everything that can be looked at before the first change. False after a sentence.
+bool canInstall(const Session& session, const std::optional<Registration>& service) {
+    const std::wstring given = session.property(L"INSTALLDIR");
+    std::optional<std::wstring> problem = directoryProblem(given);
+    // The person who starts the installation with a window may have less rights than the installation itself.
+    if (!problem && isElevated()) problem = writingProblem(binDirectory(withoutSeparator(given)));
+    if (!problem && service && !isOurs(session, *service)) problem = foreignServiceText(*service);
+    if (!problem && service && service->isMarkedForDeletion) problem = markedText();
+    if (!problem) return true;
+    session.logError(*problem);
+    return false;
+}
+
+} // namespace
+} // namespace setup
+
+extern "C" {
+
+// Immediate, before costing: judges the directory and the service's name, and notes for the others whether the service
+// runs (RestoreService) and whether it is somebody else's (FOREIGNSERVICE).
+__declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::optional<setup::Registration> service = setup::registration();
+    const bool isRemoval = session.property(L"REMOVE") == L"ALL";
+    const std::wstring seconds = session.property(L"STOPTIMEOUT");
+    if (!setup::stopSeconds(seconds)) {
+        session.logError(L"STOPTIMEOUT is '" + seconds +
+                         L"'. It has to be a number of seconds from 0 to 600. Nothing was changed.");
+        return ERROR_INSTALL_FAILURE;
+    }
+    if (!isRemoval && !setup::canInstall(session, service)) return ERROR_INSTALL_FAILURE;
+    if (service && !setup::isOurs(session, *service)) {
+        session.log(L"the service runs '" + service->program + L"' and is left alone");
+        session.setProperty(L"FOREIGNSERVICE", L"1");
+    } else if (service && service->isRunning) {
+        session.setProperty(L"RestoreService", L"running");
+    }
+    return ERROR_SUCCESS;
+}
+
+// Deferred; data: the seconds that the service gets, a bar, the installation's directory.
+__declspec(dllexport) UINT __stdcall StopService(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::wstring data = session.actionData();
+    const size_t bar = std::min(data.find(L'|'), data.size());
+    const std::wstring directory = setup::withoutSeparator(data.substr(std::min(bar + 1, data.size())));
+    const unsigned seconds = setup::stopSeconds(data.substr(0, bar)).value_or(0);
+    if (!setup::stopEverything(session, directory, seconds * 1000)) return ERROR_INSTALL_FAILURE;
+    constexpr unsigned kLimitMs = 5000;
+    const std::wstring held = setup::heldFile(directory, kLimitMs);
+    if (held.empty()) return ERROR_SUCCESS;
+    session.logError(
+        L"'" + held +
+        L"' is held open by another program. Close that program (a restart of the machine does it as well) "
+        L"and start again. Nothing was changed.");
+    return ERROR_INSTALL_FAILURE;
+}
+
+// Rollback twin of StopService; data: "running" when the service ran before.
+__declspec(dllexport) UINT __stdcall RestoreService(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    if (session.actionData() == L"running") setup::startAgain(session);
+    return ERROR_SUCCESS;
+}
+
+// Deferred, after the service is registered.
+__declspec(dllexport) UINT __stdcall SetRecovery(MSIHANDLE installation) {
+    setup::setRecovery(setup::Session(installation));
+    return ERROR_SUCCESS;
+}
+
+// Commit, at the end of a removal that nothing can take back any more; data: the installation's directory. Removes what
+// the service and the administrator have written. The companion, and whatever else lies there, stays.
+__declspec(dllexport) UINT __stdcall Purge(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::wstring directory = setup::withoutSeparator(session.actionData());
+    std::wstring failed;
+    for (const wchar_t* name : {L"\\work", L"\\settings", L"\\assets"}) {
+        if (!setup::removeTree(directory + name, failed)) session.log(L"not removed: " + failed);
+    }
+    ::RemoveDirectoryW(setup::binDirectory(directory).c_str());
+    ::RemoveDirectoryW(directory.c_str());
+    return ERROR_SUCCESS;
+}
+
+} // extern "C"

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace setup {
+
+// File names that set-up knows. The companion is not part of the product: it is ended, never removed.
+inline constexpr const wchar_t* kServiceFile = L"quorkeri_service.exe";
+inline constexpr const wchar_t* kCompanionFile = L"quorkeri_wrapper.exe";
+
+// The paths of one installation. A directory has no separator at its end here.
+std::wstring withoutSeparator(std::wstring directory);
+std::wstring binDirectory(const std::wstring& directory);
+std::wstring serviceProgram(const std::wstring& directory);
+std::wstring companionProgram(const std::wstring& directory);
+
+// Equal for the file system, which ignores case; short names count as their long ones where the file is there.
+bool isSamePath(const std::wstring& a, const std::wstring& b);
+
+// Why this text cannot be the installation's directory, as a sentence that says what to do; nothing when it can. Looks
+// at the text and the drive alone.
+std::optional<std::wstring> directoryProblem(std::wstring_view directory);
+
+// Why files cannot be made there, in the same form. The nearest directory that exists is tried with a file of its own,
+// which is gone again afterwards.
+std::optional<std::wstring> writingProblem(const std::wstring& directory);
+
+// The first program or library of the installation that somebody holds open, the companion's excepted; empty when there
+// is none. Asks again for up to `limitMs` milliseconds, because a program that has ended lets go of its file a moment
+// later.
+std::wstring heldFile(const std::wstring& directory, unsigned limitMs);
+
+// Removes the directory with all that is in it. A link is removed, what it leads to is not. False, with `failed` naming
+// the first thing that stays, when something could not be removed; the rest is gone all the same.
+bool removeTree(const std::wstring& directory, std::wstring& failed);
+
+} // namespace setup
