@@ -11,6 +11,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import stat
 import struct
 import subprocess
@@ -54,7 +55,7 @@ def run_package(*arguments, **more):
 
 def make(name, *arguments, **more):
     made[name] = WORK / name
-    result = run_package("--out", made[name], *arguments, **more)
+    result = run_package("--out", name if more.get("cwd") == WORK else made[name], *arguments, **more)
     if result.returncode != 0:
         raise AssertionError(f"scripts/package ended with {result.returncode}:\n{result.stdout}{result.stderr}")
     told[name] = result.stdout
@@ -73,8 +74,8 @@ def setUpModule():
     unittest.addModuleCleanup(directory.cleanup)
     WORK = pathlib.Path(directory.name)
     make("plain", cwd=ROOT)
-    # Elsewhere, in another zone, with other rights for what is made.
-    make("again", cwd="/", umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"})
+    # Elsewhere, to a relative path, in another zone, with other rights for what is made.
+    make("again", cwd=WORK, umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"})
     SIGNER = make_certificate("signer", "codeSigning")
     make("signed", *SIGNER)
     VERSION = cached("CMAKE_PROJECT_VERSION")
@@ -213,6 +214,7 @@ class ProgramTest(unittest.TestCase):
     def test_is_a_small_32_bit_program_without_a_window_of_its_own(self):
         image = exe()
         self.assertEqual((hex(image.machine), image.subsystem), ("0x14c", 2))
+        self.assertEqual((image.system, image.subsystem_version), ((6, 1), (6, 1)))
         self.assertLess(len(image.data), 1500000)
 
     def test_needs_nothing_but_windows(self):
@@ -497,12 +499,17 @@ class SignatureTest(unittest.TestCase):
             self.assertEqual(code, 0, text)
             self.assertRegex(text, "(?i)timestamp.* verified|timestamp verification: ok")
 
-    def test_reads_the_keys_password_from_a_file(self):
+    def test_reads_the_keys_password_from_a_file_and_takes_the_time_it_is_given(self):
         locked, password = WORK / "locked.key", WORK / "password"
         password.write_text("secret")
         output("openssl", "rsa", "-aes256", "-in", str(SIGNER[3]), "-out", str(locked), "-passout", "pass:secret")
-        make("locked", "--sign-cert", SIGNER[1], "--sign-key", locked, env={"QUORKERI_SIGN_PASSWORD_FILE": str(password)})
-        self.assertEqual(self.verify("locked", "exe")[0], 0)
+        make("locked", "--sign-cert", SIGNER[1], "--sign-key", locked,
+             env={"QUORKERI_SIGN_PASSWORD_FILE": str(password), "SOURCE_DATE_EPOCH": "1700000000"})
+        code, text = self.verify("locked", "exe")
+        self.assertEqual(code, 0, text)
+        self.assertIn("Signing time: Nov 14 22:13:20 2023 GMT", text)
+        with zipfile.ZipFile(package("-win32.zip", "locked")) as archive:
+            self.assertEqual({entry.date_time for entry in archive.infolist()}, {(2023, 11, 14, 22, 13, 20)})
 
 
 class RefusalTest(unittest.TestCase):
@@ -551,6 +558,34 @@ class RefusalTest(unittest.TestCase):
         self.assertEqual(file.read_text(), "")
         # A directory that not even root can write to.
         self.refused(1, "the directory '/proc/self' cannot be written; choose another with --out DIR\n", "--out", "/proc/self")
+
+    def test_a_disk_that_is_full(self):
+        for size in ("1m", "14m"):
+            disk = WORK / f"disk-{size}"
+            disk.mkdir()
+            output("mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", str(disk))
+            try:
+                result = run_package("--out", disk)
+                self.assertEqual(result.returncode, 1, result.stdout)
+                self.assertIn("No space left on device", result.stderr)
+                self.assertRegex(result.stderr.splitlines()[-1], "^package: (that failed|the build failed|the installation cannot)")
+                self.assertNotIn("Traceback", result.stderr)
+                self.assertEqual(list(disk.iterdir()), [])
+            finally:
+                output("umount", str(disk))
+
+    def test_an_end_halfway(self):
+        out = WORK / "halfway"
+        out.mkdir()
+        (out / "SHA256SUMS").write_text("of before\n")
+        with subprocess.Popen([PACKAGE, "--out", out], stdout=subprocess.PIPE, text=True, start_new_session=True) as process:
+            while process.stdout.readline() not in ("Packing ...\n", ""):
+                pass
+            os.killpg(process.pid, signal.SIGTERM)
+            process.communicate(timeout=60)
+        self.assertNotEqual(process.returncode, 0)
+        self.assertEqual([path.name for path in out.iterdir()], ["SHA256SUMS"])
+        self.assertEqual((out / "SHA256SUMS").read_text(), "of before\n")
 
     def test_times(self):
         for moment in ("yesterday", "-1", "0", "12345678901"):

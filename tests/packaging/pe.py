@@ -22,6 +22,8 @@ class Image:
         self.entry = self.u32(self.optional + 16)
         self.base = self.u32(self.optional + 28)
         self.checksum = self.u32(self.optional + 64)
+        self.system = (self.u16(self.optional + 40), self.u16(self.optional + 42))
+        self.subsystem_version = (self.u16(self.optional + 48), self.u16(self.optional + 50))
         self.subsystem = self.u16(self.optional + 68)
         self.dll_characteristics = self.u16(self.optional + 70)
         self.sections = {}
