@@ -28,6 +28,7 @@ namespace {
 
 } // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 uintptr_t __stack_chk_guard = 0xBB40E600;
@@ -47,3 +48,4 @@ uintptr_t __stack_chk_guard = 0xBB40E600;
     __builtin_trap();
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
