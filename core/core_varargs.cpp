@@ -280,9 +280,11 @@ size_t decimalLength(uint32_t value) {
     }
 }
 
-void appendDecimal(Output& out, uint32_t value) {
-    const size_t length = decimalLength(value);
-    decimalDigits(value, out.claim(length) + length);
+// With zeros before the digits when these are fewer than minLength.
+void appendDecimal(Output& out, uint32_t value, size_t minLength) {
+    const size_t length = std::max(decimalLength(value), minLength);
+    char* const to = out.claim(length);
+    for (char* first = decimalDigits(value, to + length); first != to;) *--first = '0';
 }
 
 void writeZeroPadded(Output& out, size_t width, char sign, const char* digits, size_t length) {
@@ -471,24 +473,36 @@ void writeConversion(Output& out, const FormatSpec& spec, const Argument* argume
         writeMismatch(out, spec, kNoArgumentLeft);
 }
 
-// Writes the conversions that most messages are made of: text for a bare %s, decimal digits for a bare %d, %i or %u.
-// Leaves all others alone, and answers false.
-bool writePlain(Output& out, char conversion, const Argument& argument) {
-    switch (conversion) {
+// Whether the argument under this conversion is what appendDecimal writes: neither negative nor of more than 32 bits.
+bool isShortDecimal(char conversion, const Argument& argument) {
+    if (conversion != 'd' && conversion != 'i' && conversion != 'u') return false;
+    if (argument.kind != Kind::Unsigned && argument.kind != Kind::Signed) return false;
+    return argument.integer <= std::numeric_limits<uint32_t>::max();
+}
+
+// Writes the conversions that most messages are made of: text for a bare %s, decimal digits for a bare %d, %i or %u,
+// and for these with zeros to a width of one digit, as %02d. Answers how many characters of the format that took;
+// leaves all others alone, and answers 0.
+size_t writeCommon(Output& out, const char* conversion, const Argument& argument) {
+    switch (*conversion) {
         case 's':
-            if ((argument.kind != Kind::Text && argument.kind != Kind::CString) || !argument.text) return false;
+            if ((argument.kind != Kind::Text && argument.kind != Kind::CString) || !argument.text) return 0;
             out.append(argument.text, argument.length);
-            return true;
+            return 1;
         case 'd':
         case 'i':
         case 'u':
-            if (argument.kind != Kind::Unsigned && argument.kind != Kind::Signed) return false;
-            // A negative number, or one that takes 64 bits.
-            if (argument.integer > std::numeric_limits<uint32_t>::max()) return false;
-            appendDecimal(out, static_cast<uint32_t>(argument.integer));
-            return true;
+            if (!isShortDecimal(*conversion, argument)) return 0;
+            appendDecimal(out, static_cast<uint32_t>(argument.integer), /*minLength=*/1);
+            return 1;
+        case '0': {
+            const char width = conversion[1];
+            if (width < '1' || width > '9' || !isShortDecimal(conversion[2], argument)) return 0;
+            appendDecimal(out, static_cast<uint32_t>(argument.integer), static_cast<size_t>(width - '0'));
+            return 3;
+        }
         default:
-            return false;
+            return 0;
     }
 }
 
@@ -605,8 +619,8 @@ void walk(Output& out, std::string_view format, const Argument* args, size_t cou
         }
         const Argument* const argument = conversions < count ? &args[conversions] : nullptr;
         ++conversions;
-        if (argument && writePlain(out, *cursor, *argument)) {
-            ++cursor;
+        if (const size_t taken = argument ? writeCommon(out, cursor, *argument) : 0; taken != 0) {
+            cursor += taken;
             continue;
         }
         Parser parser(cursor);
