@@ -176,7 +176,14 @@ TEST(ServiceManager, ShowsStopPendingDuringThePauseAndRemovesARunningServiceWhen
     EXPECT_FALSE(processRuns(service.processId(), installation.root()));
 }
 
-TEST(ServiceManager, ReportsRunningWithinAHundredMillisecondsWhateverThereIsToCopy) {
+// How long the manager's caller waits for the control handler.
+int64_t microsecondsOfControl(DWORD control) {
+    const int64_t before = test::nowMicroseconds();
+    EXPECT_EQ(test::control(control), 0U);
+    return test::nowMicroseconds() - before;
+}
+
+TEST(ServiceManager, ReportsRunningWithin100MsAndAnswersWithin50WhateverThereIsToCopy) {
     const Installation installation;
     constexpr size_t kLargeLibrary = 20U << 20U;
     installation.putLibraries(kLargeLibrary);
@@ -185,6 +192,8 @@ TEST(ServiceManager, ReportsRunningWithinAHundredMillisecondsWhateverThereIsToCo
     // The machine may be busy with something else for a moment, so the best of three counts.
     constexpr int kStarts = 3;
     int64_t best = INT64_MAX;
+    int64_t bestAnswer = INT64_MAX;
+    int64_t bestStop = INT64_MAX;
     for (int i = 0; i < kStarts; ++i) {
         ASSERT_TRUE(::StartServiceW(handle.get(), 0, nullptr)) << ::GetLastError();
         const auto isRunning = [&] { return statusOf(handle).dwCurrentState == SERVICE_RUNNING; };
@@ -203,13 +212,20 @@ TEST(ServiceManager, ReportsRunningWithinAHundredMillisecondsWhateverThereIsToCo
         const int64_t took = (ticks(now) - ticks(created)) / kTicksPerMillisecond;
         std::printf("running %lld ms after the process was created\n", static_cast<long long>(took));
         best = std::min(best, took);
+        bestAnswer = std::min(bestAnswer, microsecondsOfControl(SERVICE_CONTROL_INTERROGATE));
+        EXPECT_TRUE(installation.records("started").empty()) << "the answer came after the copying";
         installation.awaitRecord("ready", 1, seconds(20));
         EXPECT_TRUE(installation.areLibrariesCopied());
-        ASSERT_EQ(control(SERVICE_CONTROL_STOP), 0U);
+        bestStop = std::min(bestStop, microsecondsOfControl(SERVICE_CONTROL_STOP));
         ASSERT_TRUE(await([&] { return statusOf(handle).dwCurrentState == SERVICE_STOPPED; }, seconds(5)));
         installation.clearTraces();
     }
     EXPECT_LE(best, 100);
+    std::printf("answered after %lld us while copying, a stop after %lld us\n", static_cast<long long>(bestAnswer),
+                static_cast<long long>(bestStop));
+    constexpr int64_t kLongestAnswerUs = 50'000;
+    EXPECT_LE(bestAnswer, kLongestAnswerUs);
+    EXPECT_LE(bestStop, kLongestAnswerUs);
 }
 
 TEST(ServiceManager, SaysWhichLibraryAnotherProgramHoldsOpen) {
