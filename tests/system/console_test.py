@@ -42,12 +42,13 @@ def plain(screen):
 class Terminal:
     """A program at a terminal of its own."""
 
-    def __init__(self, command, is_raw):
+    def __init__(self, command, directory, is_raw):
         self.screen = b""
         self.code = None
         self.pid, self.fd = pty.fork()
         if self.pid == 0:
             os.environ["TERM"] = "xterm"
+            os.chdir(directory)
             if is_raw:
                 tty.setraw(0)
                 mode = termios.tcgetattr(0)
@@ -105,7 +106,7 @@ class ConsoleTest(unittest.TestCase):
         shutil.copy(COMPANION, self.root / "bin" / "quorkeri_wrapper.exe")
 
     def at_terminal(self, *command):
-        terminal = Terminal([str(word) for word in command], is_raw=bool(WINE))
+        terminal = Terminal([str(word) for word in command], self.root, is_raw=bool(WINE))
         self.addCleanup(terminal.close)
         return terminal
 

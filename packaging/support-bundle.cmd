@@ -1,0 +1,99 @@
+@echo off
+rem Gathers what an inquiry about the service needs into one new folder below work\tmp, and nothing else: its logs and
+rem dumps, its settings, and what Windows says about program, processes and registration. Reads only; needs no rights
+rem beyond that. Ends with 0, with 1 when nothing was made, with 2 when something could not be copied.
+setlocal EnableExtensions DisableDelayedExpansion
+set "SERVICE=quorkeri_service.exe"
+set "COMPANION=quorkeri_wrapper.exe"
+for %%I in ("%~dp0..") do set "ROOT=%%~fI"
+set "BIN=%ROOT%\bin"
+set "LOGS=%ROOT%\work\logs"
+set "TEMPORARY=%ROOT%\work\tmp"
+
+if not exist "%LOGS%\" (
+  echo There is no directory "%LOGS%".
+  echo This command belongs into the directory "bin" of an installation; if it is there, nothing has been logged yet.
+  exit /b 1
+)
+
+rem A number for a name: dates look different in every country.
+set NUMBER=0
+:nextName
+set /a NUMBER+=1
+set "OUT=%TEMPORARY%\support-%NUMBER%"
+if exist "%OUT%" goto nextName
+if exist "%OUT%.zip" goto nextName
+mkdir "%OUT%" 2>nul
+if not exist "%OUT%\" (
+  echo "%TEMPORARY%" cannot be written: nothing was gathered.
+  echo Run this command as an administrator, or make room on the disk.
+  exit /b 1
+)
+mkdir "%OUT%\logs" "%OUT%\dumps" "%OUT%\settings"
+set RESULT=0
+
+call :gather "%LOGS%" "service.log*" logs
+call :gather "%LOGS%" "dumps.log" logs
+call :gather "%ROOT%\work\dumps" "*.dmp" dumps
+call :gather "%ROOT%\settings" "testing.ini" settings
+call :gather "%ROOT%\settings" "testing.alt.ini" settings
+call :gather "%ROOT%\settings" "assert.exclude" settings
+
+set "REPORT=%OUT%\system.txt"
+>"%REPORT%" echo Gathered %DATE% %TIME% on %COMPUTERNAME% from "%ROOT%"
+call :tell "Windows" ver
+call :tell "Programs and libraries" dir "%BIN%"
+call :tell "Hash of the service" certutil -hashfile "%BIN%\%SERVICE%" SHA256
+call :tell "Logs, dumps and temporary files" dir /s "%ROOT%\work"
+call :tell "Registration" sc qc "%SERVICE%"
+call :tell "State" sc query "%SERVICE%"
+call :tell "State with process id" sc queryex "%SERVICE%"
+call :tell "Recovery" sc qfailure "%SERVICE%"
+call :tell "Registration as it is stored" reg query "HKLM\SYSTEM\CurrentControlSet\Services\%SERVICE%"
+call :tell "Process of the service" tasklist /v /fi "imagename eq %SERVICE%"
+call :tell "Process of the companion" tasklist /v /fi "imagename eq %COMPANION%"
+if not exist "%REPORT%" set RESULT=2
+
+rem Windows 10 and later can make an archive of it. The folder stays, too.
+set "ARCHIVE="
+if not exist "%SystemRoot%\System32\tar.exe" goto done
+"%SystemRoot%\System32\tar.exe" -a -c -f "%OUT%.zip" -C "%TEMPORARY%" "support-%NUMBER%" 2>nul
+if not errorlevel 1 set "ARCHIVE=%OUT%.zip"
+
+:done
+if %RESULT%==2 echo Not everything could be copied; the rest is there.
+if defined ARCHIVE echo The support bundle is "%ARCHIVE%", made from the folder of that name.
+if not defined ARCHIVE echo The support bundle is the folder "%OUT%".
+exit /b %RESULT%
+
+rem :gather DIRECTORY FILES TO: copies what is there.
+:gather
+if not exist "%~1\" exit /b 0
+pushd "%~1"
+for %%F in (%~2) do call :copyOne "%%~F" "%~3"
+popd
+exit /b 0
+
+:copyOne
+if not exist "%~1" exit /b 0
+copy /b /y "%~1" "%OUT%\%~2" >nul 2>nul
+if not errorlevel 1 exit /b 0
+echo Could not be copied: "%CD%\%~1"
+set RESULT=2
+exit /b 0
+
+rem :tell TITLE COMMAND...: what a command says, or that it failed.
+:tell
+set "TITLE=%~1"
+set "WORDS="
+:nextWord
+shift
+if "%~1"=="" goto say
+set WORDS=%WORDS% %1
+goto nextWord
+:say
+>>"%REPORT%" echo.
+>>"%REPORT%" echo == %TITLE%:%WORDS%
+%WORDS% >>"%REPORT%" 2>&1
+if errorlevel 1 >>"%REPORT%" echo It ended with %ERRORLEVEL%.
+exit /b 0
