@@ -22,8 +22,12 @@ using ApplicationMain = int (*)(int argc, char** argv);
 // A fault writes the dump (crashNames, core_crashreport.h, says where): on Windows a minidump, on Linux the stack
 // trace as text. Then it logs "Wrote minidump for ..." or "Failed to write minidump for ..." at CRIT, whichever is
 // true, and adds a line to dumps.log. All of it is done on this thread while others run on, without another lock than
-// the logger's. The application's stack is given up without destructors; the caller goes on with the ordinary way out
-// of the process.
+// the logger's and, for five seconds at most, the symbol library's. The application's stack is given up without
+// destructors; the caller goes on with the ordinary way out of the process.
+//
+// The report may fail, never keep the process: what faults in it is left out, and what takes too long
+// (g_crashPatienceMs, core_crashreport.h) is left out on Linux and ends the process on Windows. That, and a fault on
+// the way out, ends it with kCrashResult as well.
 //
 // On Windows a bad argument to a function of the runtime library is logged at CRIT from then on, on any thread, and
 // the function returns its error to its caller.

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,8 +35,8 @@
 
 // The fault's handler does what a handler may do and no more: it walks the stack, writes the addresses to the dump
 // with plain system calls, and jumps back into guard. There, in an ordinary context again, the dump is written once
-// more with names, and the log and the history get their lines. Should memory be so broken that this fails or hangs,
-// the addresses are on the disk already.
+// more with names, and the log and the history get their lines. Should memory be so broken that one of these fails or
+// hangs, it is left for the next, and the addresses are on the disk already.
 
 namespace NS_CORE {
 
@@ -47,10 +48,8 @@ constexpr std::array kFaultSignals = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 constexpr size_t kMaxDumpedFrames = 256;
 // Enough for the handler, the unwinder and the sanitizers' share of both.
 constexpr size_t kSignalStack = 256 * 1024;
-// How long the report and the way out of the process may take.
-constexpr unsigned kReportSeconds = 30;
 
-// What is left to do after a fault; a fault meanwhile goes on with the next.
+// What is left to do after a fault; a fault meanwhile goes on with the next, and so does what takes too long.
 enum class Step : int { None, DumpNames, Log, History, Done };
 
 struct Fault {
@@ -205,15 +204,42 @@ void leaveOutHandler(Fault& fault) {
     fault.frameCount -= first;
 }
 
-void onReportHangs(int /*signal*/) {
-    ::_exit(kCrashResult & 0xff);
+void startLimit() {
+    const uint32_t milliseconds = g_crashPatienceMs.load();
+    itimerval timer{};
+    timer.it_value.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    timer.it_value.tv_usec = static_cast<suseconds_t>(milliseconds % 1000 * 1000);
+    ::setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+// Gives up what the fault has come in the way of, and goes on with the next.
+[[noreturn]] void goOnWithNextStep(Prepared& process) {
+    const Step step = process.step.load();
+    if (step == Step::Done) ::_exit(kCrashResult & 0xff);
+    process.step.store(static_cast<Step>(static_cast<int>(step) + 1));
+    startLimit();
+    ::siglongjmp(process.resume, 1);
+}
+
+// Whatever it waits for, a lock of another thread for example: the report leaves it.
+void onReportHangs(int signal) {
+    Prepared& process = prepared();
+    if (process.thread == threadId()) goOnWithNextStep(process);
+    // The signal is the process's and may come to any thread.
+    ::syscall(SYS_tgkill, ::getpid(), process.thread, signal);
 }
 
 void limitReport() {
     struct sigaction action{};
     action.sa_handler = &onReportHangs;
+    // A limit that was met must not keep the next from being noticed.
+    action.sa_flags = SA_ONSTACK | SA_NODEFER;
     ::sigaction(SIGALRM, &action, nullptr);
-    ::alarm(kReportSeconds);
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+    startLimit();
 }
 
 // Leaves the fault to whoever had the signal before the guard, by letting it come once more.
@@ -226,22 +252,18 @@ void passOn(const Prepared& process, int signal, const siginfo_t& info) {
 void onFault(int signal, siginfo_t* info, void* /*context*/) {
     Prepared& process = prepared();
     if (process.thread != threadId()) return passOn(process, signal, *info);
-    const Step step = process.step.load();
-    if (step == Step::Done) ::_exit(kCrashResult & 0xff);
-    if (step == Step::None) {
-        limitReport();
-        Fault& fault = process.fault;
-        fault.signal = signal;
-        fault.code = info->si_code;
-        fault.address = reinterpret_cast<uintptr_t>(info->si_addr);
-        fault.dumpError = EFAULT; // unless the next three lines come through
-        process.step.store(Step::DumpNames);
-        fault.frameCount = walkRaw(fault.frames.data(), fault.frames.size());
-        leaveOutHandler(fault);
-        fault.dumpError = dumpAddresses(process);
-    } else {
-        process.step.store(static_cast<Step>(static_cast<int>(step) + 1));
-    }
+    if (process.step.load() != Step::None) goOnWithNextStep(process);
+    Fault& fault = process.fault;
+    fault.signal = signal;
+    fault.code = info->si_code;
+    fault.address = reinterpret_cast<uintptr_t>(info->si_addr);
+    fault.frameCount = 0;
+    fault.dumpError = EFAULT; // unless the lines behind the limit come through
+    process.step.store(Step::DumpNames);
+    limitReport();
+    fault.frameCount = walkRaw(fault.frames.data(), fault.frames.size());
+    leaveOutHandler(fault);
+    fault.dumpError = dumpAddresses(process);
     ::siglongjmp(process.resume, 1);
 }
 
@@ -293,9 +315,12 @@ void doStep(Step step, Fault& fault) {
 void reportFault(Prepared& process) {
     while (process.step.load() != Step::Done) {
         const Step step = process.step.load();
+        startLimit();
         doStep(step, process.fault);
         process.step.store(static_cast<Step>(static_cast<int>(step) + 1));
     }
+    // From here on for the way out of the process.
+    startLimit();
 }
 
 // What the handler needs and must not fetch itself: names, and the unwinder, which is loaded by its first use.

@@ -14,6 +14,7 @@
 #include "core/core_crashreport_platform.h"
 #include "core/core_scopedhandle_win32.h"
 #include "core/core_seh_win32.h"
+#include "core/core_symbolturn.h"
 #include "core/core_throwsite_win32.h"
 #include "core/core_utf8_win32.h"
 #include "core/core_v2masterlogger.h"
@@ -33,8 +34,9 @@ constexpr DWORD kAbortCode = 0xE0000002;
 // Left on the guarded thread's stack when it overflows, for the exception to be handled at all.
 constexpr ULONG kStackGuarantee = 64 * 1024;
 
-// Of the thread that writes the dump of an overflowed stack.
+// Of the thread that writes the dump of an overflowed stack, and of the one that limits the report.
 constexpr SIZE_T kWriterStack = 512 * 1024;
+constexpr SIZE_T kWatchdogStack = 64 * 1024;
 
 // 0 while nothing is guarded. Only ever compared with the reading thread's own id.
 volatile DWORD g_guardedThread = 0;
@@ -76,6 +78,15 @@ void onInvalidParameter(const wchar_t* expression, const wchar_t* function, cons
         LogLevel::Crit, invalidParameterText(pointer(expressionText), pointer(functionText), pointer(fileText), line));
 }
 
+[[noreturn]] void endWithCrashResult() {
+    ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(kCrashResult));
+    __builtin_unreachable();
+}
+
+LONG WINAPI onFaultOnTheWayOut(EXCEPTION_POINTERS* /*exception*/) {
+    endWithCrashResult();
+}
+
 // Turns the ends of a C++ program on this thread into structured exceptions while it lives.
 class FaultsAsExceptions {
 public:
@@ -85,6 +96,7 @@ public:
         m_abortBefore = std::signal(SIGABRT, &onAbort);
     }
     ~FaultsAsExceptions() {
+        if (m_isKept) return;
         std::signal(SIGABRT, m_abortBefore);
         std::set_terminate(g_terminateBefore);
         g_guardedThread = 0;
@@ -92,8 +104,64 @@ public:
     FaultsAsExceptions(const FaultsAsExceptions&) = delete;
     FaultsAsExceptions& operator=(const FaultsAsExceptions&) = delete;
 
+    // After a fault: another one on the way out of the process must not change how it ends.
+    void keepForTheWayOut() {
+        m_isKept = true;
+        ::SetUnhandledExceptionFilter(&onFaultOnTheWayOut);
+    }
+
 private:
     void (*m_abortBefore)(int);
+    bool m_isKept = false;
+};
+
+// Ends the process when the report of a fault and the way out after it take too long: they may wait for a lock that
+// nobody gives back any more. Its thread is there before the fault, since a broken process may not start another.
+class Watchdog {
+public:
+    // Without handles or a thread there is no limit.
+    Watchdog() {
+        g_signs = {newEvent(), newEvent()};
+        m_thread.reset(::CreateThread(/*lpThreadAttributes=*/nullptr, kWatchdogStack, &watch, /*lpParameter=*/nullptr,
+                                      STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
+    }
+    ~Watchdog() {
+        // Else it watches until the process has ended.
+        if (m_limits) return;
+        ::SetEvent(g_signs.over);
+        if (m_thread) ::WaitForSingleObject(m_thread.get(), INFINITE);
+        ::CloseHandle(g_signs.over);
+        ::CloseHandle(g_signs.fault);
+    }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+    void beginLimit() {
+        m_limits = true;
+        ::SetEvent(g_signs.fault);
+    }
+
+private:
+    // Apart from the object, which the thread may outlive.
+    struct Signs {
+        HANDLE over;
+        HANDLE fault;
+    };
+    static inline Signs g_signs{};
+
+    static HANDLE newEvent() {
+        return ::CreateEventA(/*lpEventAttributes=*/nullptr, /*bManualReset=*/TRUE, /*bInitialState=*/FALSE,
+                              /*lpName=*/nullptr);
+    }
+    static DWORD WINAPI watch(void* /*parameter*/) {
+        const HANDLE signs[] = {g_signs.over, g_signs.fault};
+        if (::WaitForMultipleObjects(2, signs, /*bWaitAll=*/FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return 0;
+        ::Sleep(g_crashPatienceMs.load());
+        endWithCrashResult();
+    }
+
+    ScopedKernelHandle m_thread;
+    bool m_limits = false;
 };
 
 // One run under guard, with what its fault leaves for the report.
@@ -101,6 +169,7 @@ struct GuardedRun {
     int argc;
     char** argv;
     ApplicationMain applicationMain;
+    Watchdog* watchdog;
     int result;
     bool isDumpBegun;
     bool isDumpWritten;
@@ -135,12 +204,34 @@ private:
     EXCEPTION_POINTERS m_pointers;
 };
 
-// The dump file's last error after the writer said that it is done, or ERROR_SUCCESS. Some writers do not notice
-// that nothing reaches the disk.
-DWORD emptyFileError(HANDLE file) {
+constexpr ULONG32 kDumpSignature = 0x504d444d; // "MDMP"
+
+bool readAt(HANDLE file, DWORD position, void* to, DWORD size) {
+    OVERLAPPED from{};
+    from.Offset = position;
+    DWORD count = 0;
+    return ::ReadFile(file, to, size, &count, &from) != FALSE && count == size;
+}
+
+// Whether the file holds all that its own directory promises.
+bool isWholeDump(HANDLE file, uint64_t fileSize) {
+    MINIDUMP_HEADER header{};
+    if (!readAt(file, 0, &header, sizeof(header)) || header.Signature != kDumpSignature) return false;
+    for (DWORD index = 0; index < header.NumberOfStreams; ++index) {
+        MINIDUMP_DIRECTORY entry{};
+        const DWORD position = header.StreamDirectoryRva + index * static_cast<DWORD>(sizeof(entry));
+        if (!readAt(file, position, &entry, sizeof(entry))) return false;
+        if (uint64_t{entry.Location.Rva} + entry.Location.DataSize > fileSize) return false;
+    }
+    return true;
+}
+
+// What is wrong with the file after the writer said that it is done, or ERROR_SUCCESS. Some writers do not notice that
+// the disk takes nothing any more.
+DWORD errorOfDone(HANDLE file) {
     LARGE_INTEGER size{};
     if (::GetFileSizeEx(file, &size) == FALSE) return ::GetLastError();
-    return size.QuadPart == 0 ? ERROR_DISK_FULL : ERROR_SUCCESS;
+    return isWholeDump(file, static_cast<uint64_t>(size.QuadPart)) ? ERROR_SUCCESS : ERROR_DISK_FULL;
 }
 
 void writeDump(GuardedRun& run, EXCEPTION_POINTERS* exception, DWORD faultingThread) {
@@ -152,10 +243,12 @@ void writeDump(GuardedRun& run, EXCEPTION_POINTERS* exception, DWORD faultingThr
                       /*hTemplateFile=*/nullptr));
     const DWORD createError = file ? ERROR_SUCCESS : ::GetLastError();
     MINIDUMP_EXCEPTION_INFORMATION information{faultingThread, exception, /*ClientPointers=*/TRUE};
+    // Without one it is tried all the same.
+    const SymbolTurn turn(SymbolTurn::kTracePatienceMs);
     const BOOL isWritten = ::MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file.get(),
                                                MiniDumpWithDataSegs, exception != nullptr ? &information : nullptr,
                                                /*UserStreamParam=*/nullptr, /*CallbackParam=*/nullptr);
-    run.dumpError = isWritten == FALSE ? ::GetLastError() : file ? emptyFileError(file.get()) : createError;
+    run.dumpError = isWritten == FALSE ? ::GetLastError() : file ? errorOfDone(file.get()) : createError;
     run.isDumpWritten = run.dumpError == ERROR_SUCCESS;
 }
 
@@ -188,6 +281,7 @@ SehVerdict onFault(EXCEPTION_POINTERS* exception, void* context) {
     auto& run = *static_cast<GuardedRun*>(context);
     if (run.isDumpBegun) return SehVerdict::ExecuteHandler;
     run.isDumpBegun = true;
+    run.watchdog->beginLimit();
     if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW)
         writeDumpOfOverflow(run, exception);
     else
@@ -230,9 +324,11 @@ int guard(int argc, char** argv, ApplicationMain applicationMain) {
     if (isGuardSwitchedOff(argc, argv)) return applicationMain(argc, argv);
     ::_set_invalid_parameter_handler(&onInvalidParameter);
     reserveStack();
-    const FaultsAsExceptions faultsAsExceptions;
-    GuardedRun run{argc, argv, applicationMain, 0, false, false, ERROR_INVALID_DATA, {}};
+    FaultsAsExceptions faultsAsExceptions;
+    Watchdog watchdog;
+    GuardedRun run{argc, argv, applicationMain, &watchdog, 0, false, false, ERROR_INVALID_DATA, {}};
     if (runGuarded(&runApplication, &onFault, &run) == SehOutcome::Returned) return run.result;
+    faultsAsExceptions.keepForTheWayOut();
     reportFault(run);
     return kCrashResult;
 }

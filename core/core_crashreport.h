@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +12,10 @@ namespace NS_CORE {
 
 // Whether one of argv[1] and on is exactly "jitd".
 bool isGuardSwitchedOff(int argc, char** argv);
+
+// How long the report of a fault may take before the process is ended as if it had been made: on Windows all of it,
+// on Linux each of its parts, of which the next is then still tried. Tests shorten it.
+inline constinit std::atomic<uint32_t> g_crashPatienceMs{20'000};
 
 struct CrashNames {
     std::string version;        // tag and build id

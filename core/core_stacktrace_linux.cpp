@@ -20,6 +20,7 @@
 #include "core/core_scopedfd.h"
 #include "core/core_stacktrace_platform.h"
 #include "core/core_stacktracetext.h"
+#include "core/core_symbolturn.h"
 #include "core/core_v2masterlogger.h"
 
 namespace NS_CORE {
@@ -114,6 +115,12 @@ bool openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) 
     session.callbacks.debuginfo_path = &session.searchPathText;
     session.library.reset(dwfl_begin(&session.callbacks));
     return session.library != nullptr;
+}
+
+bool openTheLibrary() {
+    Session& session = theSession();
+    const absl::MutexLock lock(&session.mutex);
+    return openLibrary(session);
 }
 
 struct LoadedModule {
@@ -273,9 +280,10 @@ StackTrace::ProcessHandle stacktrace_platform::processHandle() {
 StackTrace::StackTrace() : StackTrace(stacktrace_platform::processHandle()) {}
 
 StackTrace::StackTrace(ProcessHandle process) {
-    Session& session = theSession();
-    const absl::MutexLock lock(&session.mutex);
-    if (process != stacktrace_platform::processHandle() || !openLibrary(session)) {
+    const bool hasTurn =
+        process == stacktrace_platform::processHandle() && SymbolTurn::take(SymbolTurn::kTracePatienceMs);
+    if (!hasTurn || !openTheLibrary()) {
+        if (hasTurn) SymbolTurn::giveBack();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", debugSearchPath());
         return;
     }
@@ -284,7 +292,9 @@ StackTrace::StackTrace(ProcessHandle process) {
 }
 
 // What the library has found out is kept for the next trace.
-StackTrace::~StackTrace() = default;
+StackTrace::~StackTrace() {
+    if (m_process != nullptr) SymbolTurn::giveBack();
+}
 
 void StackTrace::loadModules() {
     if (m_modulesLoaded) return;

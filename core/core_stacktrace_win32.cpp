@@ -10,6 +10,7 @@
 #include "core/core_scopedhandle_win32.h"
 #include "core/core_stacktrace_platform.h"
 #include "core/core_stacktracetext.h"
+#include "core/core_symbolturn.h"
 #include "core/core_v2masterlogger.h"
 
 namespace NS_CORE {
@@ -129,7 +130,9 @@ StackTrace::StackTrace(ProcessHandle process) {
     const std::string path = symbolSearchPath(currentDirectory(), executableDirectory(), systemRoot());
     // The library takes any handle and fails later.
     const bool isThisProcess = ::GetProcessId(process) == ::GetCurrentProcessId();
-    if (!isThisProcess || ::SymInitialize(process, path.c_str(), /*fInvadeProcess=*/FALSE) == FALSE) {
+    const bool hasTurn = isThisProcess && SymbolTurn::take(SymbolTurn::kTracePatienceMs);
+    if (!hasTurn || ::SymInitialize(process, path.c_str(), /*fInvadeProcess=*/FALSE) == FALSE) {
+        if (hasTurn) SymbolTurn::giveBack();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", path);
         return;
     }
@@ -142,7 +145,9 @@ StackTrace::StackTrace(ProcessHandle process) {
 }
 
 StackTrace::~StackTrace() {
-    if (m_process != nullptr) ::SymCleanup(m_process);
+    if (m_process == nullptr) return;
+    ::SymCleanup(m_process);
+    SymbolTurn::giveBack();
 }
 
 void StackTrace::loadModules() {

@@ -27,9 +27,8 @@ constexpr const char* kOtherExclusionsFile = "assert.exclude";
 
 constexpr std::string_view kSendFunction = "CORE::TestInterface::sendAsserts";
 
-// How long a thread whose failure stops the process waits for the one that is sending, and one that wants to walk
-// its stack for the one that does. Only so long, because that one may in turn wait for a lock of the logger's that
-// this thread holds.
+// How long a thread whose failure stops the process waits for the one that is sending. Only so long, because that one
+// may in turn wait for a lock of the logger's that this thread holds.
 constexpr absl::Duration kPatience = absl::Seconds(1);
 
 uint32_t abortBitOf(FailureKind kind) {
@@ -213,16 +212,10 @@ bool TestInterface::wantsTrace(const Failure& failure) {
     return record == nullptr || !record->traced;
 }
 
-std::string TestInterface::trace() {
-    {
-        const absl::MutexLock lock(&m_mutex);
-        if (!m_mutex.AwaitWithTimeout(absl::Condition(&negated, &m_tracing), kPatience)) return {};
-        m_tracing = true;
-    }
-    std::string text = framedBacktrace(StackTrace().toText());
-    const absl::MutexLock lock(&m_mutex);
-    m_tracing = false;
-    return text;
+// A function of its own, so that every backtrace begins with the same line.
+[[gnu::noinline]] std::string TestInterface::trace() {
+    const std::string text = StackTrace().toText();
+    return framedBacktrace(text);
 }
 
 // False for the first failure that finds no room.

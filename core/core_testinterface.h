@@ -130,7 +130,7 @@ private:
     Record* find(const Failure& failure) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
     Record* recordOf(const Failure& failure) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
     bool wantsTrace(const Failure& failure);
-    std::string trace();
+    static std::string trace();
     bool take(const Failure& failure, bool isTraced, std::string backtrace);
     void send(Pass pass);
     std::vector<Record> takeUnreported(Pass pass) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
@@ -152,10 +152,9 @@ private:
     bool m_addressRefused ABSL_GUARDED_BY(m_mutex) = false;
     uint64_t m_retryMs ABSL_GUARDED_BY(m_mutex) = 0;    // 0: the last sending went well
     uint64_t m_nextSendMs ABSL_GUARDED_BY(m_mutex) = 0; // not tried again before
-    // Rights that one thread has at a time, so that what they guard needs no lock while it calls others: to send, with
-    // m_socket, and to walk a stack, for the system's symbol library serves one caller only.
+    // The right to send, with m_socket, which one thread has at a time, so that no lock is needed while it calls
+    // others.
     bool m_sending ABSL_GUARDED_BY(m_mutex) = false;
-    bool m_tracing ABSL_GUARDED_BY(m_mutex) = false;
 
     Udp4Socket m_socket; // of the thread that has the right to send
 };

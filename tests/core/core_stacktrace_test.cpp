@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
+#include <regex>
 #include <source_location>
 #include <sstream>
+#include <thread>
 
 #include "core/core_stacktrace_platform.h"
 #include "core/core_stacktracetext.h"
@@ -229,6 +232,14 @@ uint32_t g_askingLine = 0;
     return text;
 }
 
+// What a thread is asked by, so that its traces can be told from another's.
+template <int thread>
+[[gnu::noinline]] std::string askAs() {
+    std::string text = ask();
+    g_sink = thread;
+    return text;
+}
+
 // Two functions in turn, since one that calls itself straight away looks like an endless stack.
 std::string pingPong(int calls, Action action);
 
@@ -323,6 +334,73 @@ TEST(StackTrace, NamesTheImageOfEachFrame) {
     ASSERT_EQ(frames.size(), 2U);
     EXPECT_NE(frames[1].image.find("core_tests"), std::string::npos) << frames[1].image;
     EXPECT_NE(frames[1].file.find("core_stacktrace_test.cpp"), std::string::npos) << frames[1].file;
+}
+
+TEST(StackTrace, KeepsTheTracesOfSeveralThreadsApart) {
+    constexpr int kTraces = 2;
+    std::vector<std::string> texts[2];
+    const auto trace = [](tracetest::Action action, std::vector<std::string>& into) {
+        for (int count = 0; count < kTraces; ++count) into.push_back(tracetest::outermost(action));
+    };
+    std::thread other(trace, &tracetest::askAs<1>, std::ref(texts[1]));
+    trace(&tracetest::askAs<0>, texts[0]);
+    other.join();
+    for (int thread = 0; thread < 2; ++thread) {
+        for (const std::string& text : texts[thread]) {
+            const Lines lines = split(text);
+            ASSERT_GE(lines.size(), 5U) << text;
+            expectFrame(lines[0], "#01", "ask");
+            EXPECT_TRUE(lines[1].starts_with("#02 in tracetest::askAs<" + std::to_string(thread) + ">() at ")) << text;
+            expectFrame(lines[2], "#03", "innermost");
+            expectFrame(lines[4], "#05", "outermost");
+        }
+    }
+}
+
+// What a line of a trace may be: "#07 in ?" alone ends a run of unknown frames.
+struct TraceLine {
+    size_t number = 0;
+    bool isEndOfRun = false;
+    bool isUnknown = false;
+};
+
+TraceLine parsed(const std::string& line) {
+    static const std::regex form(R"(#(\d\d) in (\?|.+\(\))( at [^/\\]+:[1-9]\d*)?( \([^/\\]+\))?)");
+    std::smatch parts;
+    if (!std::regex_match(line, parts, form)) {
+        ADD_FAILURE() << "no line of a trace: " << line;
+        return {};
+    }
+    const bool isUnknown = parts[2] == "?";
+    return {std::stoul(parts[1]), isUnknown && !parts[4].matched, isUnknown};
+}
+
+// Numbers count frames from the first behind the tracer's three. The end of a run bears its last frame's position
+// from the walk's start, so three more than it would have as a line.
+TEST(StackTrace, NumbersTheLinesOfAWalkThroughUnknownCode) {
+    std::string text;
+    // A new thread begins in code that has no symbols for us, on both platforms.
+    std::thread([&text] { text = tracetest::outermost(&tracetest::ask); }).join();
+    const Lines lines = split(text);
+    size_t runs = 0;
+    size_t lastNumber = 0;
+    for (size_t index = 0; index < lines.size(); ++index) {
+        const TraceLine line = parsed(lines[index]);
+        if (!line.isEndOfRun) {
+            EXPECT_GT(line.number, lastNumber) << text;
+            lastNumber = line.number;
+            continue;
+        }
+        ++runs;
+        ASSERT_GT(index, 0U);
+        EXPECT_TRUE(parsed(lines[index - 1]).isUnknown) << "a run has a line of its own first:\n" << text;
+        EXPECT_GE(line.number, lastNumber + StackTrace::kDiscardedFrames) << text;
+        if (index + 1 < lines.size()) {
+            EXPECT_EQ(parsed(lines[index + 1]).number + StackTrace::kDiscardedFrames, line.number + 1) << text;
+        }
+    }
+    EXPECT_GE(runs, 1U) << text;
+    EXPECT_EQ(parsed(lines.front()).number, 1U);
 }
 
 TEST(StackTrace, EndsAtAFunctionThatCallsItself) {

@@ -1,0 +1,40 @@
+#include <elfutils/libdwfl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include "core/core_stacktrace.h"
+#include "tests/support/planted_code.h"
+#include "tests/support/planted_code_platform.h"
+
+namespace test {
+
+void allowWriting(void* code, size_t size) {
+    const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const uintptr_t first = reinterpret_cast<uintptr_t>(code) / page * page;
+    const size_t length = reinterpret_cast<uintptr_t>(code) + size - first;
+    EXPECT_EQ(::mprotect(reinterpret_cast<void*>(first), length, PROT_READ | PROT_WRITE | PROT_EXEC), 0);
+}
+
+void* dumpWriter() {
+    return reinterpret_cast<void*>(&dwfl_addrmodule);
+}
+
+void holdSymbolLibrary() {
+    // Under the library's lock, which nobody else gets then.
+    makeHang(dumpWriter());
+    static std::atomic<bool> begins;
+    std::thread([] {
+        begins = true;
+        NS_CORE::StackTrace().toText();
+    }).detach();
+    while (!begins) std::this_thread::yield();
+    // No sign can come from where it hangs; the fault is right whether it is there already or not.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
+
+} // namespace test
