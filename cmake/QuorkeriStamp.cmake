@@ -27,3 +27,15 @@ quorkeri_check_stamp(QUORKERI_PLATFORM "[A-Za-z0-9_]+")
 
 # The version is the tag as the program itself reads it out of the keyword.
 string(REGEX REPLACE "^release_" "" QUORKERI_VERSION "${QUORKERI_RELEASE_TAG}")
+
+# The build id as seconds since 1970, for the time stamp in the exe's header: a debugger knows by it which build a dump
+# comes from, so it has to differ from build to build and must not come from the clock. "1" before two digits keeps a
+# leading zero from meaning anything.
+string(REGEX MATCH "^(..)(..)(..)-(..)(..)(..)$" _ "${QUORKERI_BUILD_ID}")
+math(EXPR quorkeri_month "1${CMAKE_MATCH_2} - 100")
+math(EXPR quorkeri_march_month "(${quorkeri_month} + 9) % 12")
+math(EXPR quorkeri_march_year "2000 + 1${CMAKE_MATCH_1} - 100 - ${quorkeri_march_month} / 10")
+math(EXPR quorkeri_days "365 * ${quorkeri_march_year} + ${quorkeri_march_year} / 4 - ${quorkeri_march_year} / 100 \
+ + ${quorkeri_march_year} / 400 + (153 * ${quorkeri_march_month} + 2) / 5 + 1${CMAKE_MATCH_3} - 101 - 719468")
+math(EXPR QUORKERI_BUILD_SECONDS "86400 * ${quorkeri_days} + 3600 * (1${CMAKE_MATCH_4} - 100) \
+  + 60 * (1${CMAKE_MATCH_5} - 100) + 1${CMAKE_MATCH_6} - 100")

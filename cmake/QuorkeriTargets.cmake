@@ -7,8 +7,18 @@ target_include_directories(quorkeri_options INTERFACE "${PROJECT_SOURCE_DIR}")
 target_compile_options(quorkeri_options INTERFACE
   -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual
   -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi -Wundef -Wvla -Wimplicit-fallthrough
-  -fno-omit-frame-pointer
-  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+  -fno-omit-frame-pointer)
+
+# Files are named from the tree's root, wherever that lies: the same sources give the same bytes. The last rule that
+# fits counts. A compile cache may hand over relative names in place of absolute ones.
+cmake_path(RELATIVE_PATH PROJECT_SOURCE_DIR BASE_DIRECTORY "${PROJECT_BINARY_DIR}" OUTPUT_VARIABLE quorkeri_way_up)
+if(NOT quorkeri_way_up STREQUAL ".")
+  target_compile_options(quorkeri_options INTERFACE "-ffile-prefix-map=${quorkeri_way_up}/=")
+endif()
+target_compile_options(quorkeri_options INTERFACE
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
+  "-ffile-prefix-map=${PROJECT_BINARY_DIR}=."
+  "-ffile-prefix-map=${PROJECT_BINARY_DIR}/=")
 
 if(WIN32)
   # DWARF 4, because Wine's dbghelp does not read version 5.
