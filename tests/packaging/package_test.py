@@ -50,8 +50,8 @@ def cached(variable):
 def run_package(*arguments, **more):
     environment = {name: value for name, value in os.environ.items()
                    if not name.startswith("QUORKERI_") and name != "SOURCE_DATE_EPOCH"} | more.pop("env", {})
-    return subprocess.run([more.pop("script", PACKAGE), *map(str, arguments)], capture_output=True, text=True, check=False,
-                          env=environment, timeout=240, **more)
+    command = [more.pop("script", PACKAGE), *map(str, arguments)]
+    return subprocess.run(command, capture_output=True, text=True, check=False, env=environment, timeout=240, **more)
 
 
 def make(name, *arguments, **more):
@@ -105,8 +105,8 @@ def unstripped():
 
 class OutputTest(unittest.TestCase):
     def test_holds_the_packages_and_nothing_else(self):
-        self.assertEqual(sorted(path.name for path in made["plain"].iterdir()),
-                         ["SHA256SUMS", f"{NAME}-symbols.zip", f"{NAME}-win32.msi", f"{NAME}-win32.zip", f"{NAME}.cdx.json"])
+        self.assertEqual(sorted(path.name for path in made["plain"].iterdir()), ["SHA256SUMS"] + [
+            NAME + kind for kind in ("-symbols.zip", "-win32.msi", "-win32.zip", ".cdx.json")])
 
     def test_can_be_read_by_anybody(self):
         for path in made["again"].iterdir():
@@ -144,8 +144,8 @@ class ZipTest(unittest.TestCase):
         installed = {path.relative_to(prefix).as_posix() + ("/" if path.is_dir() else "") for path in prefix.rglob("*")}
         packed = {entry.filename.split("/", 1)[1] for entry in self.entries("-win32.zip")} - {""}
         self.assertEqual(packed, installed - {"bin/quorkeri_service.pdb"} | {"README.txt", "THIRD-PARTY-NOTICES.txt"})
-        self.assertLessEqual({"bin/quorkeri_service.exe", "settings/testing.ini.sample", "assets/", "work/tmp/", "work/logs/",
-                              "work/dumps/"}, packed)
+        self.assertLessEqual({"bin/quorkeri_service.exe", "settings/testing.ini.sample", "assets/", "work/tmp/",
+                              "work/logs/", "work/dumps/"}, packed)
 
     def test_holds_the_symbols_apart(self):
         self.assertEqual(sorted(unpacked("-symbols.zip")), ["", "quorkeri_service.exe", "quorkeri_service.pdb"])
@@ -213,7 +213,8 @@ class TextsTest(unittest.TestCase):
     def type_commands(self, lines):
         """Has Windows' command processor run the commands, and looks for what is promised beside each."""
         script = WORK / "typed.cmd"
-        script.write_text("".join(f"@echo ^>{line[0].replace('%', '%%')}\r\n@{line[0]}\r\n" for line in lines), newline="")
+        typed = [f"@echo ^>{line[0].replace('%', '%%')}\r\n@{line[0]}\r\n" for line in lines]
+        script.write_text("".join(typed), newline="")
         said = subprocess.run([ROOT / "scripts/lib/wine-run", "cmd", "/c", "Z:" + str(script).replace("/", "\\")],
                               capture_output=True, text=True, check=False, timeout=120).stdout.replace("\r", "")
         answers = [(answer.split("\n", 1) + [""])[0:2] for answer in said.split(">")[1:]]
@@ -226,8 +227,10 @@ class TextsTest(unittest.TestCase):
 
     def wait_for(self, file, words):
         until = time.monotonic() + 30
-        while words not in (file.read_text() if file.exists() else ""):
-            self.assertLess(time.monotonic(), until, f"'{words}' in {file}")
+        while words not in (text := file.read_text() if file.exists() else "(not there)"):
+            if time.monotonic() > until:
+                log = file.parents[1] / "work/logs/service.log"
+                self.fail(f"no '{words}' in {file}: {text}\nThe log: {log.read_text() if log.exists() else ''}")
             time.sleep(0.05)
 
     def end_companion(self):
@@ -240,14 +243,23 @@ class TextsTest(unittest.TestCase):
                 self.assertIn(does, text)
                 self.assertNotIn(does_not, text)
 
+    def test_every_text_has_the_line_ends_of_windows(self):
+        texts = [name for name in unpacked("-win32.zip") if name.endswith((".txt", ".sample", ".cmd"))]
+        self.assertIn("settings/testing.ini.sample", texts)
+        for name in texts:
+            self.text(name)
+        self.assertEqual(self.text("settings/testing.ini.sample"),
+                         (ROOT / "packaging/settings/testing.ini.sample").read_text())
+
     def test_notices_hold_each_licence(self):
         notices = self.text("THIRD-PARTY-NOTICES.txt")
         sources = [ROOT / "build/deps/src/abseil/LICENSE", pathlib.Path("/usr/share/common-licenses/GPL-3"),
                    pathlib.Path("/usr/share/doc/mingw-w64-i686-dev/copyright")]
         for source in sources:
             self.assertIn(source.read_text(), notices, source)
-        for words in ("Apache License", "GCC RUNTIME LIBRARY EXCEPTION\n\nVersion 3.1", "You have permission to propagate a work "
-                      "of Target Code", "Files: mingw-w64-libraries/winpthreads/*", "License: ZPL-2.1"):
+        for words in ("Apache License", "GCC RUNTIME LIBRARY EXCEPTION\n\nVersion 3.1",
+                      "You have permission to propagate a work of Target Code", "License: ZPL-2.1",
+                      "Files: mingw-w64-libraries/winpthreads/*"):
             self.assertIn(words, notices)
 
 
@@ -258,20 +270,25 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual((image.system, image.subsystem_version), ((6, 1), (6, 1)))
         self.assertLess(len(image.data), 1500000)
 
+    def setup_library(self):
+        return pe.Image((TREE / "packaging/setup/quorkeri_setup.dll").read_bytes())
+
     def test_needs_nothing_but_windows(self):
-        names = [name.lower() for name in exe().imports()]
-        self.assertIn("kernel32.dll", names)
-        for name in names:
-            self.assertTrue(name in SYSTEM_DLLS or name.startswith("api-ms-win-crt-"), name)
+        for image, more in ((exe(), set()), (self.setup_library(), {"msi.dll"})):
+            names = [name.lower() for name in image.imports()]
+            self.assertIn("kernel32.dll", names)
+            for name in names:
+                self.assertTrue(name in SYSTEM_DLLS | more or name.startswith("api-ms-win-crt-"), name)
 
     def test_is_hardened(self):
-        image = exe()
-        flags = image.dll_characteristics
-        self.assertEqual(flags & (pe.DYNAMIC_BASE | pe.NX_COMPAT), pe.DYNAMIC_BASE | pe.NX_COMPAT)
-        self.assertEqual(flags & (pe.NO_SEH | pe.HIGH_ENTROPY), 0)
-        self.assertEqual(image.characteristics & pe.RELOCS_STRIPPED, 0)
-        for name, section in image.sections.items():
-            self.assertNotEqual(section[4] & (pe.EXECUTE | pe.WRITE), pe.EXECUTE | pe.WRITE, f"{name} can be written and run")
+        for image in (exe(), self.setup_library()):
+            flags = image.dll_characteristics
+            self.assertEqual(flags & (pe.DYNAMIC_BASE | pe.NX_COMPAT), pe.DYNAMIC_BASE | pe.NX_COMPAT)
+            self.assertEqual(flags & (pe.NO_SEH | pe.HIGH_ENTROPY), 0)
+            self.assertEqual(image.characteristics & pe.RELOCS_STRIPPED, 0)
+            for name, section in image.sections.items():
+                both = pe.EXECUTE | pe.WRITE
+                self.assertNotEqual(section[4] & both, both, f"{name} can be written and run")
 
     def test_can_lie_at_any_address(self):
         image = exe()
@@ -285,10 +302,12 @@ class ProgramTest(unittest.TestCase):
         # With nothing at the address that it was linked for, whatever still points there would end this.
         result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=120, check=False)
         self.assertEqual(result.returncode, 1)
-        self.assertIn("failed to open service 'quorkeri_service.exe'", (directory / "work/logs/service.log").read_text())
+        log = (directory / "work/logs/service.log").read_text()
+        self.assertIn("failed to open service 'quorkeri_service.exe'", log)
 
     def test_guards_the_frames_of_its_functions(self):
-        code = output("i686-w64-mingw32-objdump", "-d", "--no-show-raw-insn", str(self.symbols() / "quorkeri_service.exe"))
+        program = str(self.symbols() / "quorkeri_service.exe")
+        code = output("i686-w64-mingw32-objdump", "-d", "--no-show-raw-insn", program)
         self.assertGreater(len(re.findall(r"call .*<___stack_chk_fail>", code)), 100)
 
     def symbols(self):
@@ -393,7 +412,7 @@ class BillOfMaterialsTest(unittest.TestCase):
         return found
 
     def test_is_a_document_of_its_kind(self):
-        self.assertEqual((self.bill["bomFormat"], self.bill["specVersion"], self.bill["version"]), ("CycloneDX", "1.5", 1))
+        self.assertEqual([self.bill[name] for name in ("bomFormat", "specVersion", "version")], ["CycloneDX", "1.5", 1])
         self.assertRegex(self.bill["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$")
         self.assertEqual(self.bill["metadata"]["timestamp"], time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(EPOCH)))
         parts = self.bill["components"] + self.bill["metadata"]["tools"]["components"]
@@ -411,8 +430,10 @@ class BillOfMaterialsTest(unittest.TestCase):
             product = json.loads(package(".cdx.json", name).read_text())["metadata"]["component"]
             self.assertEqual((product["name"], product["version"], product["purl"]),
                              ("quorkeri-service", VERSION, f"pkg:generic/quorkeri-service@{VERSION}"))
-            (file,) = product["components"]
-            self.assertEqual(file["hashes"], [{"alg": "SHA-256", "content": hashlib.sha256(exe(name).data).hexdigest()}])
+            setup = (TREE / "packaging/setup/quorkeri_setup.dll").read_bytes()
+            self.assertEqual([(file["name"], file["hashes"]) for file in product["components"]], [
+                (file, [{"alg": "SHA-256", "content": hashlib.sha256(content).hexdigest()}])
+                for file, content in (("bin/quorkeri_service.exe", exe(name).data), ("quorkeri_setup.dll", setup))])
             properties = {entry["name"]: entry["value"] for entry in product["properties"]}
             self.assertEqual(properties["quorvane:release"], STAMP)
             commit = output("git", "-C", str(ROOT), "rev-parse", "HEAD")
@@ -433,14 +454,15 @@ class BillOfMaterialsTest(unittest.TestCase):
         changelog = (ROOT / "build/deps/src/abseil/debian/changelog").read_text()
         self.assertEqual(self.component("abseil")["version"], re.match(r"abseil \(([^)-]+)-", changelog).group(1))
         (image,) = [part for part in self.bill["metadata"]["tools"]["components"] if part["type"] == "operating-system"]
-        self.assertEqual((image["name"], image["version"]), ("debian", pathlib.Path("/etc/debian_version").read_text().strip()))
+        debian = pathlib.Path("/etc/debian_version").read_text().strip()
+        self.assertEqual((image["name"], image["version"]), ("debian", debian))
 
     def test_gives_each_licence(self):
         licences = {part["name"]: part["licenses"][0].get("expression") or part["licenses"][0]["license"]["id"]
                     for part in self.bill["components"]}
-        self.assertEqual(licences, {"abseil": "Apache-2.0", "libstdc++": "GPL-3.0-or-later WITH GCC-exception-3.1",
-                                    "libgcc": "GPL-3.0-or-later WITH GCC-exception-3.1", "winpthreads": "MIT AND BSD-3-Clause",
-                                    "mingw-w64-runtime": "ZPL-2.1"})
+        gcc = "GPL-3.0-or-later WITH GCC-exception-3.1"
+        self.assertEqual(licences, {"abseil": "Apache-2.0", "libstdc++": gcc, "libgcc": gcc,
+                                    "winpthreads": "MIT AND BSD-3-Clause", "mingw-w64-runtime": "ZPL-2.1"})
 
     def test_covers_every_library_that_is_linked(self):
         flags = cached("CMAKE_CXX_STANDARD_LIBRARIES")
@@ -459,8 +481,8 @@ class TimeStamper(http.server.BaseHTTPRequestHandler):
     def do_POST(self):
         query = WORK / "query.tsq"
         query.write_bytes(self.rfile.read(int(self.headers["Content-Length"])))
-        reply = subprocess.run(["openssl", "ts", "-reply", "-config", WORK / "tsa.conf", "-queryfile", query], check=True,
-                               capture_output=True).stdout
+        reply = subprocess.run(["openssl", "ts", "-reply", "-config", WORK / "tsa.conf", "-queryfile", query],
+                               check=True, capture_output=True).stdout
         self.send_response(200)
         self.send_header("Content-Type", "application/timestamp-reply")
         self.end_headers()
@@ -571,7 +593,8 @@ class RefusalTest(unittest.TestCase):
     def test_options(self):
         usage = "usage: package [--out DIR] [--sign-cert FILE --sign-key FILE [--timestamp-url URL]]\n"
         for sentence, arguments in (("unknown option '--frob'\n", ["--frob"]), ("unknown option 'x'\n", ["x"]),
-                                    ("--sign-cert needs a value\n", ["--sign-cert"]), ("--out needs a value\n", ["--out", ""]),
+                                    ("--sign-cert needs a value\n", ["--sign-cert"]),
+                                    ("--out needs a value\n", ["--out", ""]),
                                     ("a certificate needs its key: --sign-key FILE\n", SIGNER[:2]),
                                     ("a key needs its certificate: --sign-cert FILE\n", SIGNER[2:]),
                                     ("a time stamp needs a signature: --sign-cert FILE --sign-key FILE\n",
@@ -598,7 +621,8 @@ class RefusalTest(unittest.TestCase):
             self.refused(1, f"the directory '{out}' cannot be made; choose another with --out DIR\n", "--out", out)
         self.assertEqual(file.read_text(), "")
         # A directory that not even root can write to.
-        self.refused(1, "the directory '/proc/self' cannot be written; choose another with --out DIR\n", "--out", "/proc/self")
+        self.refused(1, "the directory '/proc/self' cannot be written; choose another with --out DIR\n",
+                     "--out", "/proc/self")
 
     def test_a_disk_that_is_full(self):
         for size in ("1m", "14m"):
@@ -609,7 +633,8 @@ class RefusalTest(unittest.TestCase):
                 result = run_package("--out", disk)
                 self.assertEqual(result.returncode, 1, result.stdout)
                 self.assertIn("No space left on device", result.stderr)
-                self.assertRegex(result.stderr.splitlines()[-1], "^package: (that failed|the build failed|the installation cannot)")
+                self.assertRegex(result.stderr.splitlines()[-1],
+                                 "^package: (that failed|the build failed|the installation cannot)")
                 self.assertNotIn("Traceback", result.stderr)
                 self.assertEqual(list(disk.iterdir()), [])
             finally:
@@ -619,7 +644,8 @@ class RefusalTest(unittest.TestCase):
         out = WORK / "halfway"
         out.mkdir()
         (out / "SHA256SUMS").write_text("of before\n")
-        with subprocess.Popen([PACKAGE, "--out", out], stdout=subprocess.PIPE, text=True, start_new_session=True) as process:
+        with subprocess.Popen([PACKAGE, "--out", out], stdout=subprocess.PIPE, text=True,
+                              start_new_session=True) as process:
             while process.stdout.readline() not in ("Packing ...\n", ""):
                 pass
             os.killpg(process.pid, signal.SIGTERM)
@@ -637,7 +663,7 @@ class RefusalTest(unittest.TestCase):
         """Another checkout of what is committed, with a compiler driver that refuses to work."""
         tree = WORK / name
         output("git", "clone", "-q", "--shared", str(ROOT), str(tree))
-        # Marks as of libraries that are there, which nothing comes to use. Never the real ones: what is missing is made.
+        # Marks as of libraries that are there; nothing comes to use them. Never the real ones: what is missing is made.
         for mark in ("windows-x86/complete", "src/abseil/CMakeLists.txt"):
             (tree / "build/deps" / mark).parent.mkdir(parents=True)
             shutil.copy(ROOT / "build/deps" / mark, tree / "build/deps" / mark)
@@ -663,8 +689,8 @@ class RefusalTest(unittest.TestCase):
         shutil.rmtree(tree / ".git")
         environment["GIT_CEILING_DIRECTORIES"] = str(WORK)
         script = tree / "scripts/package"
-        self.refused(1, "this tree is no git checkout; set SOURCE_DATE_EPOCH to the time that the packages are to carry\n",
-                     script=script, env=environment)
+        sentence = "this tree is no git checkout; set SOURCE_DATE_EPOCH to the time that the packages are to carry\n"
+        self.refused(1, sentence, script=script, env=environment)
         self.refused(1, "the build failed\n", script=script, env=environment | {"SOURCE_DATE_EPOCH": "1700000000"})
 
     def test_help_is_no_refusal(self):
