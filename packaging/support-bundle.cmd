@@ -9,6 +9,8 @@ for %%I in ("%~dp0..") do set "ROOT=%%~fI"
 set "BIN=%ROOT%\bin"
 set "LOGS=%ROOT%\work\logs"
 set "TEMPORARY=%ROOT%\work\tmp"
+rem By their full paths: a prompt looks into the current directory first, whoever put something there.
+set "SYSTEM=%SystemRoot%\System32"
 
 if not exist "%LOGS%\" (
   echo There is no directory "%LOGS%".
@@ -43,21 +45,22 @@ set "REPORT=%OUT%\system.txt"
 >"%REPORT%" echo Gathered %DATE% %TIME% on %COMPUTERNAME% from "%ROOT%"
 call :tell "Windows" ver
 call :tell "Programs and libraries" dir "%BIN%"
-call :tell "Hash of the service" certutil -hashfile "%BIN%\%SERVICE%" SHA256
+call :tell "Hash of the service" "%SYSTEM%\certutil.exe" -hashfile "%BIN%\%SERVICE%" SHA256
+call :tell "Version of the service" "%SYSTEM%\WindowsPowerShell\v1.0\powershell.exe" -NoProfile -NonInteractive -Command "(Get-Item -LiteralPath '%BIN%\%SERVICE%').VersionInfo | Format-List"
 call :tell "Logs, dumps and temporary files" dir /s "%ROOT%\work"
-call :tell "Registration" sc qc "%SERVICE%"
-call :tell "State" sc query "%SERVICE%"
-call :tell "State with process id" sc queryex "%SERVICE%"
-call :tell "Recovery" sc qfailure "%SERVICE%"
-call :tell "Registration as it is stored" reg query "HKLM\SYSTEM\CurrentControlSet\Services\%SERVICE%"
-call :tell "Process of the service" tasklist /v /fi "imagename eq %SERVICE%"
-call :tell "Process of the companion" tasklist /v /fi "imagename eq %COMPANION%"
+call :tell "Registration" "%SYSTEM%\sc.exe" qc "%SERVICE%"
+call :tell "State" "%SYSTEM%\sc.exe" query "%SERVICE%"
+call :tell "State with process id" "%SYSTEM%\sc.exe" queryex "%SERVICE%"
+call :tell "Recovery" "%SYSTEM%\sc.exe" qfailure "%SERVICE%"
+call :tell "Registration as it is stored" "%SYSTEM%\reg.exe" query "HKLM\SYSTEM\CurrentControlSet\Services\%SERVICE%"
+call :tell "Process of the service" "%SYSTEM%\tasklist.exe" /v /fi "imagename eq %SERVICE%"
+call :tell "Process of the companion" "%SYSTEM%\tasklist.exe" /v /fi "imagename eq %COMPANION%"
 if not exist "%REPORT%" set RESULT=2
 
 rem Windows 10 and later can make an archive of it. The folder stays, too.
 set "ARCHIVE="
-if not exist "%SystemRoot%\System32\tar.exe" goto done
-"%SystemRoot%\System32\tar.exe" -a -c -f "%OUT%.zip" -C "%TEMPORARY%" "support-%NUMBER%" 2>nul
+if not exist "%SYSTEM%\tar.exe" goto done
+"%SYSTEM%\tar.exe" -a -c -f "%OUT%.zip" -C "%TEMPORARY%" "support-%NUMBER%" 2>nul
 if not errorlevel 1 set "ARCHIVE=%OUT%.zip"
 
 :done

@@ -9,6 +9,7 @@ questions with an error; both are told and neither stops the command.
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -217,10 +218,17 @@ class WindowsTest(SupportBundleTest):
     def test_the_questions_are_asked(self):
         self.run_it()
         system = self.assert_gathered(2)
+        questions = re.sub(r'"C:\\windows\\System32\\(?:[^"\n]*\\)?(\w+)\.exe"', r"\1", system, flags=re.IGNORECASE)
         for question in ("ver", f'sc qc "{NAME}"', f'sc queryex "{NAME}"', f'sc qfailure "{NAME}"',
                          f'tasklist /v /fi "imagename eq {NAME}"',
-                         'tasklist /v /fi "imagename eq quorkeri_wrapper.exe"', "certutil -hashfile "):
-            self.assertIn(": " + question, system)
+                         'tasklist /v /fi "imagename eq quorkeri_wrapper.exe"', "certutil -hashfile ", "powershell "):
+            self.assertIn(": " + question, questions)
+
+    def test_programs_of_the_current_directory_are_not_asked(self):
+        for name in ("sc", "reg", "certutil", "tasklist", "powershell", "tar"):
+            (self.root / "bin" / f"{name}.cmd").write_bytes(b"@echo planted\r\n")
+        self.run_it(self.root / "bin")
+        self.assertNotRegex(self.assert_gathered(2), r"(?m)^planted")
 
 
 if __name__ == "__main__":
