@@ -37,13 +37,20 @@ std::string dayOfBuild(std::string_view buildDate) {
     return formatString("%s-%02d-%02d", parts[2], month / 3 + 1, *day);
 }
 
-// Lets the list be searched for a name that is not a string of its own.
+// Line first: most comparisons are then of two numbers. Lets the list be searched for a name that is not a string of
+// its own.
 struct InOrder {
-    using Place = std::pair<std::string, int32_t>;
-    using Sought = std::pair<std::string_view, int32_t>;
-    static Sought asSought(const Place& place) { return place; }
-    bool operator()(const Place& place, const Sought& sought) const { return asSought(place) < sought; }
-    bool operator()(const Sought& sought, const Place& place) const { return sought < asSought(place); }
+    using Place = std::pair<int32_t, std::string>;
+    using Sought = std::pair<int32_t, std::string_view>;
+    static bool isBefore(int32_t line, std::string_view unit, int32_t otherLine, std::string_view otherUnit) {
+        return line != otherLine ? line < otherLine : unit < otherUnit;
+    }
+    bool operator()(const Place& place, const Sought& sought) const {
+        return isBefore(place.first, place.second, sought.first, sought.second);
+    }
+    bool operator()(const Sought& sought, const Place& place) const {
+        return isBefore(sought.first, sought.second, place.first, place.second);
+    }
 };
 
 } // namespace
@@ -60,7 +67,7 @@ void AssertExclusions::takeLine(std::string_view line) {
     } else if (tokens[2] < m_buildDay) {
         ++m_passedDates;
     } else {
-        m_places.emplace_back(tokens[0], *number);
+        m_places.emplace_back(*number, tokens[0]);
     }
 }
 
@@ -69,7 +76,7 @@ void AssertExclusions::finish() {
 }
 
 bool AssertExclusions::contains(std::string_view unit, int32_t line) const {
-    return std::binary_search(m_places.begin(), m_places.end(), InOrder::Sought(unit, line), InOrder());
+    return std::binary_search(m_places.begin(), m_places.end(), InOrder::Sought(line, unit), InOrder());
 }
 
 } // namespace NS_CORE

@@ -36,8 +36,8 @@ public:
     int32_t passedDates() const { return m_passedDates; }
 
 private:
-    std::string m_buildDay; // "YYYY-MM-DD"
-    std::vector<std::pair<std::string, int32_t>> m_places;
+    std::string m_buildDay;                                // "YYYY-MM-DD"
+    std::vector<std::pair<int32_t, std::string>> m_places; // line and unit
     int32_t m_malformedDates = 0;
     int32_t m_passedDates = 0;
 };

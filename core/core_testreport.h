@@ -10,7 +10,7 @@ namespace NS_CORE {
 
 enum class FailureKind : uint32_t { Assertion, Alert };
 
-// What every report of this process says of it. All texts are ready to be written (escapeXml).
+// What every report of this process says of it. All texts are ready to be written (escapedXml).
 struct ReportSource {
     std::string server;
     std::string product;
@@ -37,9 +37,8 @@ struct FailureReport {
     bool aborts;
 };
 
-// The text with <, >, &, ' and " as entities. One without any of them comes back as it is; otherwise the answer lies
-// in `buffer`. Nothing else is changed, so control characters and bytes that are not UTF-8 go out as they are.
-std::string_view escapeXml(std::string_view text, std::string& buffer);
+// The text with <, >, &, ' and " as entities. Nothing else is changed, so control characters and bytes that are not
+// UTF-8 go out as they are.
 std::string escapedXml(std::string_view text);
 
 std::string assertDocument(const FailureReport& report, const ReportSource& source);

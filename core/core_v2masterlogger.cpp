@@ -210,11 +210,21 @@ void MasterLogger::logAt(uint32_t level, std::string_view file, int32_t line, st
         output(level, formatString("Log at %s:%d", file, line));
 }
 
-std::string MasterLogger::compose(std::string_view function, std::string message) {
+std::string MasterLogger::compose(std::string_view function, const char* format, varargs::Argument* args,
+                                  size_t count) {
+    constexpr std::string_view kBetween = " - ";
+    // Room for most messages, so that the record is one allocation.
+    constexpr size_t kUsualMessage = 200;
+    std::string text;
+    text.reserve(function.size() + kBetween.size() + kUsualMessage);
+    text += function;
+    text += kBetween;
+    varargs::formatPackInto(text, format, args, count);
+    const size_t start = function.size() + kBetween.size();
     const bool joinsDirectly =
-        message.empty() || std::string_view("(:-").find(message.front()) != std::string_view::npos;
-    if (!joinsDirectly) message.insert(0, " - ");
-    return message.insert(0, function);
+        text.size() == start || std::string_view("(:-").find(text[start]) != std::string_view::npos;
+    if (joinsDirectly) text.erase(function.size(), kBetween.size());
+    return text;
 }
 
 void MasterLogger::output(uint32_t level, std::string_view text) {

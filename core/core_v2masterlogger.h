@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -85,7 +86,9 @@ public:
     //           and the message for one that begins with '(', ':' or '-', else "name - message".
     template <class... Args>
     static void log(uint32_t level, std::string_view function, const char* format, const Args&... args) {
-        if (isOn(level)) output(level, compose(function, formatString(format, args...)));
+        if (!isOn(level)) return;
+        std::array<varargs::Argument, sizeof...(Args)> pack{varargs::argument(args)...};
+        output(level, compose(function, format, pack.data(), pack.size()));
     }
 
     // The same through the rate limit: the installed LogRImpl decides what becomes of a text that repeats. With rate
@@ -93,7 +96,9 @@ public:
     template <class... Args>
     static void logLimited(LogRate rate, uint32_t level, std::string_view function, const char* format,
                            const Args&... args) {
-        if (isOn(level)) outputLimited(rate, level, compose(function, formatString(format, args...)));
+        if (!isOn(level)) return;
+        std::array<varargs::Argument, sizeof...(Args)> pack{varargs::argument(args)...};
+        outputLimited(rate, level, compose(function, format, pack.data(), pack.size()));
     }
 
     // A finished text, without a function name.
@@ -144,7 +149,7 @@ public:
     static uint32_t threadNumber();
 
 private:
-    static std::string compose(std::string_view function, std::string message);
+    static std::string compose(std::string_view function, const char* format, varargs::Argument* args, size_t count);
     static void output(uint32_t level, std::string_view text);
     static void outputLimited(LogRate rate, uint32_t level, std::string_view text);
     static bool mayChangeLevel(uint32_t level);
