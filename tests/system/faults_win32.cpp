@@ -1,0 +1,123 @@
+#include <windows.h>
+
+#include <tlhelp32.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "core/core_scopedhandle_win32.h"
+#include "tests/support/child.h"
+#include "tests/support/temp_dir.h"
+#include "tests/system/platform.h"
+#include "tests/system/service_manager_win32.h"
+
+// What installed_test.py needs of Windows: this program's children do it and print what came of it.
+namespace test {
+namespace {
+
+using NS_CORE::ScopedFileHandle;
+using NS_CORE::ScopedKernelHandle;
+
+// The id of the service program's process that runs from below `root`.
+DWORD findService(const std::filesystem::path& root) {
+    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more; more = ::Process32NextW(snapshot.get(), &entry)) {
+        if (entry.szExeFile == std::wstring(L"quorkeri_service.exe") && processRuns(entry.th32ProcessID, root))
+            return entry.th32ProcessID;
+    }
+    throw std::runtime_error("the service program does not run");
+}
+
+// A process's first thread is the one that was created first.
+ScopedKernelHandle openMainThread(DWORD processId) {
+    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    ScopedKernelHandle first;
+    ULONGLONG firstTime = ~0ULL;
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry)) {
+        if (entry.th32OwnerProcessID != processId) continue;
+        ScopedKernelHandle thread(::OpenThread(THREAD_ALL_ACCESS, /*bInheritHandle=*/FALSE, entry.th32ThreadID));
+        FILETIME created{};
+        FILETIME unused{};
+        ::GetThreadTimes(thread.get(), &created, &unused, &unused, &unused);
+        const ULONGLONG time = (ULONGLONG{created.dwHighDateTime} << 32) + created.dwLowDateTime;
+        if (time >= firstTime) continue;
+        firstTime = time;
+        first = std::move(thread);
+    }
+    return first;
+}
+
+// Where the process's own program lies.
+DWORD imageBase(DWORD processId) {
+    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, processId));
+    MODULEENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    if (!::Module32First(snapshot.get(), &entry)) failWithLastError("Module32First");
+    return static_cast<DWORD>(reinterpret_cast<uintptr_t>(entry.modBaseAddr));
+}
+
+// Lets the thread go on at `address` as if it had called it from where it is. One that waits in the system goes on
+// when that ends.
+void callIn(HANDLE process, HANDLE thread, DWORD address) {
+    if (::SuspendThread(thread) == ~DWORD{0}) failWithLastError("SuspendThread");
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_FULL;
+    if (!::GetThreadContext(thread, &context)) failWithLastError("GetThreadContext");
+    const DWORD from = context.Eip;
+    context.Esp -= static_cast<DWORD>(sizeof(from));
+    context.Eip = address;
+    if (!::WriteProcessMemory(process, reinterpret_cast<void*>(uintptr_t{context.Esp}), &from, sizeof(from), nullptr))
+        failWithLastError("WriteProcessMemory");
+    if (!::SetThreadContext(thread, &context)) failWithLastError("SetThreadContext");
+    ::ResumeThread(thread);
+}
+
+// installation's root, offset of a function in the program's image or 0 for the address 0: has the main thread call it,
+// says so, and prints the process's exit code when it has ended.
+const ChildProgram g_callInMainThread("call-in-main-thread", [](const std::vector<std::string>& arguments) {
+    const DWORD processId = findService(fromText(arguments.at(0)));
+    const auto offset = static_cast<DWORD>(std::stoul(arguments.at(1)));
+    const ScopedKernelHandle process(::OpenProcess(PROCESS_ALL_ACCESS, /*bInheritHandle=*/FALSE, processId));
+    if (!process) failWithLastError("OpenProcess");
+    const ScopedKernelHandle thread = openMainThread(processId);
+    callIn(process.get(), thread.get(), offset == 0 ? 0 : imageBase(processId) + offset);
+    std::puts("called");
+    std::fflush(stdout);
+    constexpr DWORD kLimitMs = 60'000;
+    if (::WaitForSingleObject(process.get(), kLimitMs) != WAIT_OBJECT_0) {
+        std::puts("it runs on");
+        return 1;
+    }
+    DWORD code = 0;
+    ::GetExitCodeProcess(process.get(), &code);
+    std::printf("%lu\n", code);
+    return 0;
+});
+
+// The service's commands, as its manager takes them: start, or a control's number. Prints the last error, 0 for none,
+// and how many milliseconds it took.
+const ChildProgram g_serviceCommand("service-command", [](const std::vector<std::string>& arguments) {
+    const ServiceHandle service = openInstalledService();
+    const ULONGLONG start = ::GetTickCount64();
+    SERVICE_STATUS status{};
+    ::SetLastError(ERROR_SUCCESS);
+    if (arguments.at(0) == "start")
+        ::StartServiceW(service.get(), 0, nullptr);
+    else
+        ::ControlService(service.get(), static_cast<DWORD>(std::stoul(arguments.at(0))), &status);
+    const DWORD error = ::GetLastError();
+    std::printf("%lu %llu\n", error, ::GetTickCount64() - start);
+    return 0;
+});
+
+const ChildProgram g_removeLeftService("remove-left-service", [](const std::vector<std::string>& /*arguments*/) {
+    removeLeftService();
+    return 0;
+});
+
+} // namespace
+} // namespace test

@@ -1,0 +1,457 @@
+"""The installed program when something goes wrong: as a service on Windows (under Wine), in console mode on Linux.
+
+installed_test.py CMAKE BUILD COMPANION [WINE_RUN SYSTEM_TESTS PROGRAM NM]
+
+BUILD is installed with CMAKE as a set-up program would do it, into a directory of the test's own. The crashes are real
+ones of the running program: on Linux its main thread is sent the signal, on Windows it is made to call a function, or
+the address 0. PROGRAM is what was built, with the symbols that an installed one may be without.
+"""
+
+import ctypes
+import os
+import pathlib
+import random
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+CMAKE, BUILD = sys.argv[1:3]
+COMPANION = pathlib.Path(sys.argv[3])
+WINE_RUN, SYSTEM_TESTS, PROGRAM, NM = (sys.argv[4:8] + [None] * 4)[:4]
+del sys.argv[1:8]
+IS_WINDOWS = WINE_RUN is not None
+
+SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
+LIMIT = 30  # seconds for anything that is waited for
+STOP_PORT = 34002
+VERSION = "tag_ravelin_1_1_final_0_191120-144957"
+CRASH_RESULT = 4294967169 if IS_WINDOWS else 129
+DUMP = (".\\work\\dumps\\" if IS_WINDOWS else "./work/dumps/") + f"quorkeri_service-{VERSION}.dmp"
+WRITTEN = f"Wrote minidump for 'quorkeri_service' to '{DUMP}', version '{VERSION}'"
+FAILED = f"Failed to write minidump for 'quorkeri_service' to '{DUMP}', version '{VERSION}' ("
+
+LIBC = ctypes.CDLL(None, use_errno=True)
+CLONE_NEWNET = 0x40000000
+SYS_TGKILL = 234  # of this machine's processor
+MS_RDONLY = 1
+
+
+def enter_own_network():
+    """The stop port is fixed, and this machine may run something else on it."""
+    if LIBC.unshare(CLONE_NEWNET) == 0:
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+
+def await_true(what, is_true):
+    until = time.monotonic() + LIMIT
+    while not is_true():
+        if time.monotonic() > until:
+            raise AssertionError(what() if callable(what) else what)
+        time.sleep(0.02)
+
+
+def wine_path(path):
+    return "Z:" + str(path).replace("/", "\\")
+
+
+class LinuxProgram:
+    """Console mode: there is no service manager."""
+
+    def __init__(self, root):
+        self.root = root
+        self.process = None
+
+    def start(self):
+        # From elsewhere, as a service manager would.
+        self.process = subprocess.Popen([self.root / "bin" / "quorkeri_service", "service-console"], cwd="/",
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        return self.process.wait(LIMIT)
+
+    def crash(self, number):
+        """The result."""
+        LIBC.syscall(SYS_TGKILL, self.process.pid, self.process.pid, number)
+        return self.process.wait(LIMIT)
+
+    def runs(self):
+        return self.process.poll() is None
+
+    def remove(self):
+        if self.process and self.runs():
+            self.process.kill()
+            self.process.wait()
+
+
+class WindowsService:
+    """Under the service control manager, or in console mode."""
+
+    def __init__(self, root):
+        self.root = root
+        self.console = None
+        # Wine takes running programs that are one file for one program, and mixes up their paths.
+        self.helper = root.parent / "system_tests.exe"
+        shutil.copy(SYSTEM_TESTS, self.helper)
+        # An earlier test that was ended from outside may have left one.
+        self.wine([self.helper, "--run-child", "remove-left-service"])
+        self.wine([root / "bin" / "quorkeri_service.exe", "service-install"])
+        (root / "work" / "logs" / "service.log").unlink()
+
+    @staticmethod
+    def wine(command):
+        """What it prints. By a file: what Wine leaves running would keep a pipe open."""
+        with tempfile.TemporaryFile("w+") as output:
+            subprocess.run([WINE_RUN, *command], stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.DEVNULL,
+                           timeout=60, check=False)
+            output.seek(0)
+            return output.read().replace("\r", "")
+
+    def command(self, word):
+        """The service manager's error, and how long it took in seconds."""
+        error, milliseconds = self.wine([self.helper, "--run-child", "service-command", word]).split()
+        return int(error), int(milliseconds) / 1000
+
+    def start(self):
+        error, _ = self.command("start")
+        assert error == 0, error
+
+    def start_console(self):
+        self.console = subprocess.Popen([WINE_RUN, self.root / "bin" / "quorkeri_service.exe", "service-console"],
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def stop(self):
+        return self.command("1")[0]
+
+    def crash(self, function, wake):
+        """The result. `wake` ends what the main thread waits for."""
+        offset = offset_of(function) if function else 0
+        with open(self.root / "crash.txt", "w+", encoding="utf-8") as output:
+            caller = subprocess.Popen([WINE_RUN, self.helper, "--run-child", "call-in-main-thread",
+                                       wine_path(self.root), str(offset)], stdin=subprocess.DEVNULL, stdout=output)
+            said = lambda: (self.root / "crash.txt").read_text(encoding="utf-8").split()
+            await_true("nothing was called", lambda: "called" in said() or caller.poll() is not None)
+            wake()
+            caller.wait(90)
+            if self.console:
+                self.console.wait(LIMIT)
+            return int(said()[1])
+
+    def remove(self):
+        self.wine([self.helper, "--run-child", "remove-left-service"])
+        if self.console:
+            self.console.kill()
+            self.console.wait()
+
+
+def offset_of(function):
+    """From the beginning of the program's image."""
+    lines = subprocess.run([NM, PROGRAM], capture_output=True, text=True, check=True).stdout.splitlines()
+    addresses = {name: int(address, 16) for address, _, name in (line.split() for line in lines if line[0] != " ")}
+    return addresses[function] - addresses["__image_base__"]
+
+
+class InstalledTest(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.root = pathlib.Path(directory.name) / "installation"
+        subprocess.run([CMAKE, "--install", BUILD, "--prefix", self.root], check=True, stdout=subprocess.DEVNULL)
+        shutil.copy(COMPANION, self.root / "bin" / "quorkeri_wrapper.exe")
+        self.program = (WindowsService if IS_WINDOWS else LinuxProgram)(self.root)
+        self.addCleanup(self.end_companion)
+        self.addCleanup(self.program.remove)
+
+    # The companion, which outlives a service that crashes.
+
+    def records(self):
+        try:
+            return (self.root / "bin" / "quorkeri_wrapper.records").read_text(encoding="utf-8")
+        except FileNotFoundError:
+            return ""
+
+    def await_companion(self):
+        await_true(lambda: "the companion is not ready; the log: " + self.log(), lambda: " ready" in self.records())
+
+    def end_companion(self):
+        """As the service's stop would; nobody minds a datagram too much."""
+        if " started" in self.records():
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_port:
+                any_port.sendto(b"x", ("127.0.0.1", STOP_PORT))
+            await_true("the companion stays", lambda: " ending" in self.records())
+
+    def log(self):
+        try:
+            return (self.root / "work" / "logs" / "service.log").read_text(encoding="utf-8", errors="replace")
+        except OSError:
+            return ""
+
+    def await_log(self, text):
+        await_true(lambda: f"no {text!r} in\n{self.log()}", lambda: text in self.log())
+
+    def dump(self):
+        return self.root / "work" / "dumps" / f"quorkeri_service-{VERSION}.dmp"
+
+    def expect_history(self, count=1):
+        line = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d: quorkeri_service " + VERSION + r"\n"
+        history = (self.root / "work" / "logs" / "dumps.log").read_text(encoding="utf-8")
+        self.assertRegex(history.replace("\r", ""), rf"\A({line}){{{count}}}\Z")
+
+    def crash(self):
+        """The running service's main thread, in the way that needs least; the result."""
+        if not IS_WINDOWS:
+            return self.program.crash(signal.SIGSEGV)
+        # The service's main thread waits for the end of the service.
+        return self.program.crash(None, self.program.stop)
+
+    def backtrace(self):
+        """What a debugger says of the dump; on Linux the dump says it itself."""
+        if not IS_WINDOWS:
+            return self.dump().read_text(encoding="utf-8")
+        found = subprocess.run([SCRIPTS / "dump-backtrace", self.dump(), PROGRAM], capture_output=True, text=True,
+                               check=False)
+        self.assertEqual(found.returncode, 0, found.stdout + found.stderr)
+        return found.stdout
+
+    def expect_frames(self, *names):
+        """In that order, innermost first."""
+        text = self.backtrace()
+        trace = text.split("\n\n")[0]
+        at = 0
+        for name in names:
+            found = re.compile(name).search(trace, at)
+            self.assertTrue(found, f"{name} is missing, or not where it belongs, in\n{trace}")
+            at = found.end()
+        return text
+
+    def start(self):
+        self.program.start()
+        self.await_companion()
+
+
+class CrashTest(InstalledTest):
+    def test_leaves_dump_lines_and_result(self):
+        self.start()
+        self.assertEqual(self.crash(), CRASH_RESULT)
+        self.assertTrue(self.log().rstrip().endswith(WRITTEN), self.log())
+        self.expect_history()
+        if IS_WINDOWS:
+            self.expect_frames(r"frame #0: 0x0+\n", r"NS_UTL::Service::runService\(", r"at utl_service\.cpp:\d+",
+                               r"service::main\(", r"at main\.cpp:\d+", r"NS_CORE::guard\(",
+                               r"at core_crashguard_win32\.cpp:\d+", "WinMain")
+        else:
+            text = self.expect_frames(r"in NS_UTL::ProcessUtils::start\(\) at utl_processutils\.cpp:\d+",
+                                      r"in service::Supervisor::run\(\) at ",
+                                      r"in NS_UTL::Service::run\w*\(\) at ",
+                                      r"in service::main\(\) at main\.cpp:\d+",
+                                      r"in NS_CORE::guard\(\) at core_crashguard_linux\.cpp:\d+ \(quorkeri_service\)")
+            self.assertTrue(text.startswith(f"quorkeri_service {VERSION}\nSIGSEGV (code "), text)
+
+    def test_overwrites_the_dump_of_the_same_build_and_adds_to_the_history(self):
+        for _ in range(2):
+            self.start()
+            self.assertEqual(self.crash(), CRASH_RESULT)
+            self.end_companion()
+            (self.root / "bin" / "quorkeri_wrapper.records").unlink()
+        self.assertEqual(len(list(self.dump().parent.iterdir())), 1)
+        self.expect_history(2)
+
+    def test_in_every_other_way_is_reported_too(self):
+        """What the runtime library ends a program by: a pure virtual call, an abort, a failed check that stops."""
+        if not IS_WINDOWS:
+            self.start()
+            self.assertEqual(self.program.crash(signal.SIGABRT), CRASH_RESULT)
+            self.assertIn(WRITTEN, self.log())
+            self.assertIn("\nSIGABRT (code ", self.backtrace())
+            return
+        for function, frame in (("___cxa_pure_virtual", r"service::Supervisor::run\("),
+                                ("_abort", r"service::Supervisor::run\("),
+                                ("__ZN7NS_CORE6Assert11stopProcessEv", r"frame #0: .*NS_CORE::Assert::stopProcess\(")):
+            with self.subTest(function):
+                self.program.start_console()
+                self.await_companion()
+                # In console mode the main thread waits for the companion.
+                self.assertEqual(self.program.crash(function, self.end_companion), CRASH_RESULT)
+                self.assertTrue(self.log().rstrip().endswith(WRITTEN), self.log())
+                self.expect_frames(frame, r"service::main\(.* at main\.cpp:\d+", r"NS_CORE::guard\(")
+                for left in (self.dump(), self.root / "bin" / "quorkeri_wrapper.records",
+                             self.root / "work" / "logs" / "service.log"):
+                    left.unlink()
+        self.expect_history(3)
+
+    # What the installation is like when it happens.
+
+    def mount_dumps(self, flags, size):
+        dumps = str(self.root / "work" / "dumps").encode()
+        if LIBC.mount(b"small", dumps, b"tmpfs", flags, b"size=" + size) != 0:
+            self.skipTest("no right to mount: " + os.strerror(ctypes.get_errno()))
+        self.addCleanup(LIBC.umount, dumps)
+
+    def expect_failed_dump(self, reason):
+        self.start()
+        self.assertEqual(self.crash(), CRASH_RESULT)
+        self.assertIn(FAILED + reason, self.log())
+        self.assertNotIn(WRITTEN, self.log())
+        self.expect_history()
+
+    def test_with_a_full_disk_says_so(self):
+        self.mount_dumps(0, b"4096")
+        self.expect_failed_dump("" if IS_WINDOWS else "No space left on device)")
+
+    def test_with_dumps_that_are_read_only_says_so(self):
+        self.mount_dumps(MS_RDONLY, b"4096")
+        self.expect_failed_dump("" if IS_WINDOWS else "Read-only file system)")
+
+    def test_without_a_dumps_directory_makes_one(self):
+        (self.root / "work" / "dumps").rmdir()
+        self.start()
+        self.assertEqual(self.crash(), CRASH_RESULT)
+        self.assertIn(WRITTEN, self.log())
+        self.assertTrue(self.dump().exists())
+
+    def test_with_a_file_in_place_of_the_dumps_directory_says_so(self):
+        (self.root / "work" / "dumps").rmdir()
+        (self.root / "work" / "dumps").write_text("in the way")
+        self.expect_failed_dump("" if IS_WINDOWS else "Not a directory)")
+
+    def test_with_a_log_that_cannot_be_written_leaves_dump_and_history(self):
+        (self.root / "work" / "logs" / "service.log").mkdir()
+        self.start()
+        self.assertEqual(self.crash(), CRASH_RESULT)
+        self.assertGreater(self.dump().stat().st_size, 100)
+        self.expect_history()
+
+    def test_with_a_history_that_cannot_be_written_leaves_dump_and_log_line(self):
+        (self.root / "work" / "logs" / "dumps.log").mkdir()
+        self.start()
+        self.assertEqual(self.crash(), CRASH_RESULT)
+        self.assertIn(WRITTEN, self.log())
+        self.assertGreater(self.dump().stat().st_size, 100)
+
+
+class SettingsTest(InstalledTest):
+    """Files that nobody has checked: the service says what it does not understand, and runs."""
+
+    def write(self, data):
+        for name in ("testing.ini", "assert.exclude"):
+            (self.root / "settings" / name).write_bytes(data)
+
+    def expect_running(self, *messages):
+        self.start()
+        for message in messages:
+            self.await_log(message)
+        self.assertIn("Run - Running", self.log())
+        self.assertEqual(self.program.stop(), 0)
+        await_true("the service runs on", lambda: " ending" in self.records())
+
+    def test_directories_in_their_place(self):
+        for name in ("testing.ini", "assert.exclude"):
+            (self.root / "settings" / name).mkdir()
+        # On Windows a directory does not open, and is as good as no file.
+        told = [] if IS_WINDOWS else [f"CORE::readSettingsFile - failed reading 'settings/{name}': Is a directory"
+                                      for name in ("testing.ini", "assert.exclude")]
+        self.expect_running(*told)
+
+    def test_a_hundred_megabytes(self):
+        self.write(b"[nonsense]\n" + b"# " + b"x" * 997 + b"\n")
+        for name in ("testing.ini", "assert.exclude"):
+            os.truncate(self.root / "settings" / name, 100 << 20)
+        self.expect_running("NS_CORE::TestInterface::loadIni - unhandled section 'nonsense'",
+                            "'settings/testing.ini' is larger than 65536 bytes, the rest is ignored",
+                            "'settings/assert.exclude' is larger than 65536 bytes, the rest is ignored")
+
+    def test_no_text_at_all(self):
+        self.write(random.Random(7).randbytes(300_000))
+        self.expect_running("is larger than 65536 bytes, the rest is ignored")
+        self.assertLess(len(self.log()), 100_000)
+
+    def test_files_that_were_cut_while_they_were_written(self):
+        (self.root / "settings" / "testing.ini").write_text("[general]\nsend_port 25001\n[assert]\nsend ena")
+        (self.root / "settings" / "assert.exclude").write_text("core_x 1 2035-01-01\ncore_x 2 2035-")
+        self.expect_running("Log at core_testinterface:679",
+                            "'settings/assert.exclude': 1 entries ignored, their dates are not YYYY-MM-DD")
+
+    def test_files_that_open_and_cannot_be_read(self):
+        if IS_WINDOWS:
+            return  # there are no such files there
+        for name in ("testing.ini", "assert.exclude"):
+            (self.root / "settings" / name).symlink_to("/proc/self/mem")
+        self.expect_running("failed reading 'settings/testing.ini': Input/output error",
+                            "failed reading 'settings/assert.exclude': Input/output error")
+
+
+class ServiceReportsTest(InstalledTest if IS_WINDOWS else object):
+    """The service manager starts the process in a directory of its own, where no settings are. A control that the service
+    does not know is a failed check. The native program's reports are reports_test.py's."""
+
+    CHECK = "utl_service_win32:180"
+
+    def settings(self, address, port=25000):
+        (self.root / "settings" / "testing.ini").write_text(
+            f"[general]\nsend_address {address}\nsend_port {port}\n[assert]\nsend enable\nbacktrace enable\n")
+
+    def start_collector(self):
+        collector = subprocess.Popen(
+            [sys.executable, SCRIPTS / "collector", "--address", "127.0.0.1", "--port", "0", "--folder",
+             self.root / "kept"], stdout=subprocess.PIPE, text=True, encoding="utf-8")
+        self.addCleanup(collector.stdout.close)
+        self.addCleanup(collector.wait)
+        self.addCleanup(collector.kill)
+        self.settings("127.0.0.1", int(collector.stdout.readline().split("port ")[1].split(",")[0]))
+        return collector
+
+    def test_a_failed_check_reaches_the_collector(self):
+        collector = self.start_collector()
+        self.start()
+        self.assertEqual(self.program.command("130")[0], 0)
+        line = collector.stdout.readline()
+        self.assertIn(f" ASSERT {self.CHECK} (CHECKF) 130 - 1 new, 1 in all, continue - quorkeri_service.exe tag_", line)
+        self.assertIn(", with a backtrace [", line)
+        (document,) = (self.root / "kept").iterdir()
+        self.assertIn(b"  <product>ravelin</product>\n", document.read_bytes())
+        self.assertIn(b"NS_UTL::Service::controlHandler()", document.read_bytes())
+        self.assertEqual(self.program.stop(), 0)
+
+    def test_an_excluded_check_does_not(self):
+        collector = self.start_collector()
+        (self.root / "settings" / "assert.exclude").write_text("utl_service_win32 180 2035-01-01\n")
+        self.start()
+        self.assertEqual(self.program.command("130")[0], 0)
+        self.await_log(f"EXCLUDED_ASSERT failed at {self.CHECK} (CHECKF) (130)")
+        self.assertEqual(self.program.stop(), 0)
+        await_true("the service runs on", lambda: " ending" in self.records())
+        collector.terminate()
+        self.assertEqual(collector.stdout.read(), "")
+
+    def test_neither_names_nor_collectors_that_are_not_there_keep_a_control_waiting(self):
+        """Without a backtrace: a place's first one takes its time."""
+        for address, told in (("collector.example", "nothing is sent to 'collector.example'"), ("127.0.0.1", None)):
+            with self.subTest(address):
+                self.settings(address, 9)
+                ini = self.root / "settings" / "testing.ini"
+                ini.write_text(ini.read_text().replace("backtrace enable", "backtrace disable"))
+                self.start()
+                for control in ("131", "132", "133"):
+                    error, seconds = self.program.command(control)
+                    self.assertEqual(error, 0)
+                    self.assertLess(seconds, 0.5)
+                self.await_log(f"GASSERT failed at {self.CHECK} (CHECKF) (133)")
+                if told:
+                    self.assertEqual(self.log().count(told), 1)
+                self.assertEqual(self.program.stop(), 0)
+                await_true("the service runs on", lambda: "Completed" in self.log())
+                (self.root / "work" / "logs" / "service.log").unlink()
+                (self.root / "bin" / "quorkeri_wrapper.records").unlink()
+                time.sleep(0.5)
+
+
+if __name__ == "__main__":
+    if not IS_WINDOWS:
+        enter_own_network()
+    unittest.main(verbosity=2)
