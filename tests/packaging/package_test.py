@@ -12,7 +12,6 @@ import pathlib
 import re
 import shutil
 import signal
-import socket
 import stat
 import struct
 import subprocess
@@ -183,59 +182,14 @@ class TextsTest(unittest.TestCase):
         self.assertEqual(content.count(b"\r"), content.count(b"\r\n"), "line ends")
         return content.decode().replace("\r\n", "\n")
 
-    def test_readme_says_what_this_is_and_how_to_run_it(self):
+    def test_readme_says_what_this_is_and_all_that_an_administrator_needs(self):
         readme = self.text("README.txt")
         self.assertTrue(readme.startswith(f"Quorvane Keri Wrapper {VERSION} ({STAMP})\n"), readme[:200])
         self.assertNotRegex(readme, r"@[A-Z]+@")
-        for words in ("service-install", "net start quorkeri_service.exe", "service-remove", "### Reading service.log"):
-            self.assertIn(words, readme)
-        self.assertNotIn("cmake --preset", readme, "that is for developers")
-
-    def test_readme_leads_from_the_zip_to_a_running_service_and_back(self):
-        with zipfile.ZipFile(package("-win32.zip")) as archive:
-            archive.extractall(WORK / "unzipped")
-        installed = WORK / "unzipped" / NAME
-        shutil.copy(TREE / "tests/companion/quorkeri_wrapper.exe", installed / "bin")
-        top = self.text("README.txt").split("## For the administrator")[0]
-        lines = [re.split(" {3,}", line.strip()) for line in top.splitlines() if line.startswith("    ")]
-        self.assertEqual(lines[0], [rf"cd /d C:\Quorvane\{NAME}\bin"])
-        self.addCleanup(subprocess.run, [ROOT / "scripts/lib/wine-run", installed / "bin/quorkeri_service.exe",
-                                         "service-remove"], check=False, capture_output=True)
-        change = "cd /d Z:" + str(installed / "bin").replace("/", "\\")
-        self.addCleanup(self.end_companion)
-        self.type_commands([[change], *lines[1:5]])
-        # A stop is heard only by a companion that listens.
-        self.wait_for(installed / "bin/quorkeri_wrapper.records", " ready ")
-        self.type_commands([[change], *lines[5:]])
-        self.wait_for(installed / "work/logs/service.log", "==== Completed")
-        self.assertIn("installed service 'quorkeri_service.exe'", (installed / "work/logs/service.log").read_text())
-
-    def type_commands(self, lines):
-        """Has Windows' command processor run the commands, and looks for what is promised beside each."""
-        script = WORK / "typed.cmd"
-        typed = [f"@echo ^>{line[0].replace('%', '%%')}\r\n@{line[0]}\r\n" for line in lines]
-        script.write_text("".join(typed), newline="")
-        said = subprocess.run([ROOT / "scripts/lib/wine-run", "cmd", "/c", "Z:" + str(script).replace("/", "\\")],
-                              capture_output=True, text=True, check=False, timeout=120).stdout.replace("\r", "")
-        answers = [(answer.split("\n", 1) + [""])[0:2] for answer in said.split(">")[1:]]
-        self.assertEqual([command for command, _ in answers], [line[0] for line in lines], said)
-        for (command, answer), (_, *promised) in zip(answers, lines):
-            if promised:
-                expected = promised[0].removeprefix('"... ').split(";")[0].strip('"')
-                check = self.assertEqual if expected.isdigit() else self.assertIn
-                check(expected, re.sub(" +", " ", answer.strip()), f"{command}\n{said}")
-
-    def wait_for(self, file, words):
-        until = time.monotonic() + 30
-        while words not in (text := file.read_text() if file.exists() else "(not there)"):
-            if time.monotonic() > until:
-                log = file.parents[1] / "work/logs/service.log"
-                self.fail(f"no '{words}' in {file}: {text}\nThe log: {log.read_text() if log.exists() else ''}")
-            time.sleep(0.05)
-
-    def end_companion(self):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
-            sender.sendto(b"end", ("127.0.0.1", 34002))
+        guide = (ROOT / "README.md").read_text()
+        guide = guide[guide.index("## For the administrator\n"):guide.index("## For the developer\n")]
+        self.assertIn("service-install", guide)
+        self.assertTrue(readme.endswith(guide), "the guide is not there as it is")
 
     def test_readme_and_screen_say_whether_it_is_signed(self):
         for name, does, does_not in (("plain", UNSIGNED, SIGNED), ("signed", SIGNED, UNSIGNED)):
@@ -381,6 +335,35 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual((file, age), ("quorkeri_service.pdb", 1))
         summary = output("llvm-pdbutil-19", "dump", "--summary", str(self.symbols() / file))
         self.assertIn("GUID: {" + str(uuid.UUID(bytes_le=guid)).upper() + "}", summary)
+        self.assertIn(f"Signature: {exe().timestamp}\n", summary)
+        output(str(ROOT / "tests/system/pdb_test"), str(self.symbols() / file),
+               str(self.symbols() / "quorkeri_service.exe"))
+
+    def test_has_all_symbols_of_the_linker_s_pdb_and_no_trace_of_the_build_machine(self):
+        symbols = self.symbols() / "quorkeri_service.pdb"
+        publics = [output("llvm-pdbutil-19", "dump", "--publics", str(file)).split("Public Symbols", 1)[1]
+                   for file in (TREE / "service/quorkeri_service.pdb", symbols)]
+        self.assertGreater(publics[0].count("S_PUB32"), 1000)
+        self.assertTrue(publics[0] == publics[1])
+        content = symbols.read_bytes()
+        self.assertTrue(b"\0build/windows-x86/core/libcore.a\0" in content)
+        for place in (ROOT, (ROOT / "build/deps").resolve()):
+            self.assertFalse(str(place).encode() in content, place)
+        # As if it had been built elsewhere: the same in the end.
+        program, there = str(self.symbols() / "quorkeri_service.exe"), "/some/other/place" * 9
+        steps = [TREE / "service/quorkeri_service.pdb", WORK / "there.pdb", WORK / "back.pdb"]
+        for before, after, change in zip(steps, steps[1:], ([f"{ROOT}={there}"], [f"{there}/=", f"{there}=."])):
+            libraries = f"{(ROOT / 'build/deps').resolve()}/=build/deps/"
+            output(str(ROOT / "scripts/lib/package-pdb"), str(before), program, str(after), libraries, *change)
+        self.assertTrue(there.encode() in steps[1].read_bytes())
+        self.assertTrue(steps[2].read_bytes() == content)
+
+    def test_symbols_that_are_none_are_refused(self):
+        result = subprocess.run([ROOT / "scripts/lib/package-pdb", __file__, __file__, WORK / "none.pdb"],
+                                capture_output=True, text=True, check=False)
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.stderr, f"package-pdb: {__file__}: it is not a program database\n")
+        self.assertFalse((WORK / "none.pdb").exists())
 
     def test_leaves_a_dump_that_the_symbols_explain(self):
         image = exe()
