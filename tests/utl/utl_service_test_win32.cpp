@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/core_scopedhandle.h"
+#include "core/core_scopedhandle_win32.h"
 #include "core/core_wrapper.h"
 #include "tests/support/child.h"
 #include "tests/utl/utl_service_fixture.h"
@@ -21,6 +22,18 @@ struct ScHandleTraits {
 };
 using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
 
+// One test at a time, whatever process it runs in: all use one name of a service.
+class Turn {
+public:
+    Turn() { ::WaitForSingleObject(m_mutex.get(), INFINITE); }
+    ~Turn() { ::ReleaseMutex(m_mutex.get()); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+private:
+    const NS_CORE::ScopedKernelHandle m_mutex{::CreateMutexA(nullptr, FALSE, "quorkeri_test_service")};
+};
+
 // Against the machine's own service control manager; the service is installed, and never started.
 class ServiceInstallTest : public ServiceTest {
 protected:
@@ -33,6 +46,7 @@ protected:
     static std::string program() { return test::thisProgram(); }
     static std::string text(DWORD error) { return NS_CORE::systemErrorText(error); }
 
+    const Turn m_turn;
     const ScopedScHandle m_manager{::OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
     const Lines m_installed = {"INFO UTL::Service::run - installed service 'quorkeri_test_service' running '" +
                                program() + "'"};
