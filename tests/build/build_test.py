@@ -95,6 +95,21 @@ class BuildTest(unittest.TestCase):
     def test_another_directory_gives_the_same_program(self):
         self.assertIsNone(first_difference((BINARY / PROGRAM).read_bytes(), self.program))
 
+    def test_another_directory_gives_the_same_symbols_as_they_are_handed_out(self):
+        libraries = f"{pathlib.Path(LIBRARIES).resolve().parent}/=build/deps/"
+        handed_out = []
+        for tree, binary in ((SOURCE.resolve(), BINARY), (self.tree.resolve(), self.binary)):
+            out = self.tree / f"symbols-{len(handed_out)}"
+            run(SOURCE / "scripts/lib/package-pdb", (binary / PROGRAM).with_suffix(".pdb"), binary / PROGRAM, out, libraries,
+                f"{tree}/=", f"{tree}=.")
+            handed_out.append(out.read_bytes())
+        self.assertIsNone(first_difference(*handed_out))
+
+    def test_another_directory_gives_the_same_set_up_library(self):
+        library = "packaging/setup/quorkeri_setup.dll"
+        run("cmake", "--build", self.binary, "--target", "quorkeri_setup")
+        self.assertIsNone(first_difference((BINARY / library).read_bytes(), (self.binary / library).read_bytes()))
+
     def test_nothing_tells_where_it_was_built(self):
         for place in (SOURCE, SOURCE.resolve(), pathlib.Path(LIBRARIES).resolve().parents[2], self.tree):
             self.assertNotIn(str(place).encode() + b"/", self.program)
