@@ -47,7 +47,7 @@ void actOn(std::string_view start, std::function<void()> act) {
 }
 
 // Writes beyond what it was given, all over the memory that is to be given out next.
-void breakHeap() {
+[[maybe_unused]] void breakHeap() {
     constexpr size_t kBlocks = 200;
     constexpr size_t kBeyond = 512;
     void* blocks[10][kBlocks];
@@ -126,6 +126,7 @@ int application(int, char**) {
 
 // preparation, application, working directory, patience in milliseconds
 const test::ChildProgram g_spoilt("report-spoilt", [](const std::vector<std::string>& arguments) {
+    test::leaveMemoryBehind();
     fs::current_path(arguments.at(2));
     NS_CORE::setDefaultPaths();
     NS_CORE::g_crashPatienceMs = static_cast<uint32_t>(std::stoul(arguments.at(3)));
@@ -190,12 +191,15 @@ TEST_F(CrashReportFaultsTest, AFaultWithinTheLogIsReportedToo) {
     EXPECT_EQ(history(), historyLine());
 }
 
+// The sanitizers' memory is not what ships, and they tell of it in their own way.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(CrashReportFaultsTest, BrokenMemoryCannotKeepTheProcess) {
     EXPECT_EQ(runImpatiently("nothing", "heap"), test::kCrashExitCode);
     if (test::kDumpNeedsNoMemory) {
         EXPECT_GT(fs::file_size(dumpFile()), 100U);
     }
 }
+#endif
 
 TEST_F(CrashReportFaultsTest, WhatHappensOnTheWayOutDoesNotChangeTheResult) {
     for (const std::string kind : {"exit-faults", "exit-aborts"}) {

@@ -21,6 +21,9 @@ void endQuietlyOnUnhandledFaults();
 // Whether the answer of SelfProcess::wait() is that of such a fault.
 bool isEndByUnhandledFault(int64_t exitCode);
 
+// For a child whose report of a fault is given up half-way: what that had allocated is no leak to tell of.
+void leaveMemoryBehind();
+
 // Those that only this platform has.
 std::vector<std::string> platformCrashKinds();
 void platformCrash(const std::string& kind);

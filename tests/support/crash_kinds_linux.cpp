@@ -7,6 +7,9 @@
 
 #include "tests/support/crash_kinds.h"
 
+// Of the leak checker, where the program is built with it.
+extern "C" [[gnu::weak]] void __lsan_disable();
+
 namespace test {
 namespace {
 
@@ -35,6 +38,10 @@ bool isEndByUnhandledFault(int64_t exitCode) {
     constexpr int64_t kAddressSanitizer = 1;
     constexpr int64_t kThreadSanitizer = 66;
     return exitCode == -SIGSEGV || exitCode == kAddressSanitizer || exitCode == kThreadSanitizer;
+}
+
+void leaveMemoryBehind() {
+    if (&__lsan_disable != nullptr) __lsan_disable();
 }
 
 const int64_t kCrashExitCode = 129;

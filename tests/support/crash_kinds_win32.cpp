@@ -26,6 +26,8 @@ bool isEndByUnhandledFault(int64_t exitCode) {
     return exitCode == kUnhandledExitCode;
 }
 
+void leaveMemoryBehind() {}
+
 const int64_t kCrashExitCode = 4294967169;
 
 std::vector<std::string> platformCrashKinds() {
