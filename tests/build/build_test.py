@@ -100,7 +100,8 @@ class BuildTest(unittest.TestCase):
         handed_out = []
         for tree, binary in ((SOURCE.resolve(), BINARY), (self.tree.resolve(), self.binary)):
             out = self.tree / f"symbols-{len(handed_out)}"
-            run(SOURCE / "scripts/lib/package-pdb", (binary / PROGRAM).with_suffix(".pdb"), binary / PROGRAM, out, libraries,
+            program = binary / PROGRAM
+            run(SOURCE / "scripts/lib/package-pdb", program.with_suffix(".pdb"), program, out, libraries,
                 f"{tree}/=", f"{tree}=.")
             handed_out.append(out.read_bytes())
         self.assertIsNone(first_difference(*handed_out))

@@ -611,17 +611,16 @@ class RefusalTest(unittest.TestCase):
         for size in ("1m", "14m"):
             disk = WORK / f"disk-{size}"
             disk.mkdir()
-            output("mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", str(disk))
-            try:
-                result = run_package("--out", disk)
-                self.assertEqual(result.returncode, 1, result.stdout)
-                self.assertIn("No space left on device", result.stderr)
-                self.assertRegex(result.stderr.splitlines()[-1],
-                                 "^package: (that failed|the build failed|the installation cannot)")
-                self.assertNotIn("Traceback", result.stderr)
-                self.assertEqual(list(disk.iterdir()), [])
-            finally:
-                output("umount", str(disk))
+            # A file system of its own, which goes away with the command.
+            script = 'mount -t tmpfs -o size="$1" tmpfs "$2" && "$3" --out "$2"; code=$?; ls -A "$2"; exit $code'
+            result = subprocess.run(["unshare", "-rm", "sh", "-c", script, "sh", size, disk, PACKAGE],
+                                    capture_output=True, text=True, check=False, timeout=240)
+            self.assertEqual(result.returncode, 1, result.stdout)
+            self.assertIn("No space left on device", result.stderr)
+            self.assertRegex(result.stderr.splitlines()[-1],
+                             "^package: (that failed|the build failed|the installation cannot)")
+            self.assertNotIn("Traceback", result.stderr)
+            self.assertRegex(result.stdout, r"Building \.\.\.\n\Z", "nothing may be left")
 
     def test_an_end_halfway(self):
         out = WORK / "halfway"
