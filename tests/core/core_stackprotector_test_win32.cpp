@@ -8,7 +8,7 @@
 
 #include "tests/support/child.h"
 
-extern "C" uintptr_t __stack_chk_guard;
+extern "C" uintptr_t __stack_chk_guard; // NOLINT(bugprone-reserved-identifier)
 
 namespace {
 
