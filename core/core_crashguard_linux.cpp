@@ -212,11 +212,15 @@ void startLimit() {
     ::setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
+Step after(Step step) {
+    return step == Step::Done ? step : static_cast<Step>(static_cast<int>(step) + 1);
+}
+
 // Gives up what the fault has come in the way of, and goes on with the next.
 [[noreturn]] void goOnWithNextStep(Prepared& process) {
     const Step step = process.step.load();
     if (step == Step::Done) ::_exit(kCrashResult & 0xff);
-    process.step.store(static_cast<Step>(static_cast<int>(step) + 1));
+    process.step.store(after(step));
     startLimit();
     ::siglongjmp(process.resume, 1);
 }
@@ -244,7 +248,7 @@ void limitReport() {
 
 // Leaves the fault to whoever had the signal before the guard, by letting it come once more.
 void passOn(const Prepared& process, int signal, const siginfo_t& info) {
-    process.handlers->restore(signal);
+    if (process.handlers) process.handlers->restore(signal);
     // An instruction that faults does so again; a signal that was sent has to be sent again.
     if (info.si_code <= 0) ::raise(signal);
 }
@@ -274,6 +278,7 @@ std::string signalName(int signal) {
 
 std::string dumpText(const CrashNames& names, const Fault& fault) {
     std::vector<StackTrace::Frame> frames;
+    frames.reserve(fault.frameCount);
     for (size_t index = 0; index < fault.frameCount; ++index) frames.push_back(describeFrame(fault.frames[index]));
     std::string text = formatString("%s %s\n%s (code %d) at address 0x%x\n", names.name, names.version,
                                     signalName(fault.signal), fault.code, fault.address);
@@ -317,7 +322,7 @@ void reportFault(Prepared& process) {
         const Step step = process.step.load();
         startLimit();
         doStep(step, process.fault);
-        process.step.store(static_cast<Step>(static_cast<int>(step) + 1));
+        process.step.store(after(step));
     }
     // From here on for the way out of the process.
     startLimit();

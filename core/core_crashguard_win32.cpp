@@ -195,6 +195,7 @@ public:
     }
     ToldException(const ToldException&) = delete;
     ToldException& operator=(const ToldException&) = delete;
+    ~ToldException() = default;
 
     EXCEPTION_POINTERS* pointers() { return &m_pointers; }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is Windows'.
 struct _EXCEPTION_POINTERS; // <windows.h> stays out of headers
 
 namespace NS_CORE {

@@ -123,7 +123,7 @@ std::string functionName(std::string_view demangled) {
 
 std::string readableName(const std::string& linkerName) {
     // Shared libraries' names may carry a version, "name@VERSION".
-    const std::string name = linkerName.substr(0, linkerName.find('@'));
+    std::string name = linkerName.substr(0, linkerName.find('@'));
     const char* mangled = name.c_str();
     if (name.starts_with("__Z")) ++mangled;
     if (std::string_view(mangled).substr(0, 2) != "_Z") return name;

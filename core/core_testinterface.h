@@ -65,6 +65,7 @@ public:
     explicit TestInterface(Clock clock = Clock::ofSystem());
     TestInterface(const TestInterface&) = delete;
     TestInterface& operator=(const TestInterface&) = delete;
+    ~TestInterface() = default;
 
     // The process's own; it lives until the process has ended.
     static TestInterface& instance();

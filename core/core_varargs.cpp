@@ -73,6 +73,7 @@ public:
     }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
+    ~Output() = default;
 
     void append(const char* text, size_t length) { std::memcpy(claim(length), text, length); }
 

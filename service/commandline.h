@@ -24,6 +24,7 @@ public:
     ArgumentVector(std::string program, std::vector<std::string> words);
     ArgumentVector(const ArgumentVector&) = delete;
     ArgumentVector& operator=(const ArgumentVector&) = delete;
+    ~ArgumentVector() = default;
 
     // The number of words and 1.
     int count() const { return static_cast<int>(m_words.size()); }

@@ -42,6 +42,7 @@ public:
     explicit Supervisor(Steps steps = Steps::production(), uint32_t restartDelayMs = kRestartDelayMs);
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;
+    ~Supervisor() = default;
 
     // The service's run callback. Returns 0 when a stop request was noticed. The arguments do not matter.
     // Logs INFO "Running" and, before each restart, WARN "Run: '%s' failed".

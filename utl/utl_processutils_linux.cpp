@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/core_dir.h"
+#include "core/core_varargs.h"
 #include "utl/utl_commandline.h"
 #include "utl/utl_processutils_platform.h"
 
@@ -87,7 +88,7 @@ std::vector<std::string> programDirectories() {
 std::string findProgram(const std::string& name) {
     if (name.find('/') != std::string::npos) return name;
     for (const std::string& directory : programDirectories()) {
-        const std::string candidate = directory + '/' + name;
+        const std::string candidate = NS_CORE::formatString("%s/%s", directory, name);
         std::error_code error;
         const std::filesystem::file_status status = std::filesystem::status(candidate, error);
         if (std::filesystem::exists(status) && !std::filesystem::is_directory(status)) return candidate;
@@ -104,6 +105,7 @@ int launch(const char* commandLine, pid_t& child) {
     if (program.empty()) return ENOENT;
 
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
 

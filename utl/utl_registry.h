@@ -28,6 +28,7 @@ public:
     RegistryKey() = default;
     RegistryKey(const RegistryKey&) = delete;
     RegistryKey& operator=(const RegistryKey&) = delete;
+    ~RegistryKey() = default;
 
     // Opens `subKey`, a path with single backslashes, to query values. Once opened, the key stays open until the
     // process ends: neither this object nor its destruction closes it. On Windows a missing key is created, empty,

@@ -3,25 +3,14 @@
 
 #include <algorithm>
 
-#include "core/core_scopedhandle.h"
+#include "core/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"
 
 namespace test {
-namespace {
-
-struct KernelHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using KernelHandle = NS_CORE::ScopedHandle<KernelHandleTraits>;
-
-} // namespace
-
 struct SelfProcess::Process {
-    KernelHandle process;
-    KernelHandle output;
+    NS_CORE::ScopedKernelHandle process;
+    NS_CORE::ScopedKernelHandle output;
 };
 
 SelfProcess::SelfProcess(const std::string& childName, const std::vector<std::string>& arguments,
@@ -32,7 +21,7 @@ SelfProcess::SelfProcess(const std::string& childName, const std::vector<std::st
     HANDLE writeEnd = nullptr;
     EXPECT_TRUE(CreatePipe(&readEnd, &writeEnd, &inheritable, 0));
     m_process->output.reset(readEnd);
-    const KernelHandle childEnd(writeEnd);
+    const NS_CORE::ScopedKernelHandle childEnd(writeEnd);
     SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
 
     std::string commandLine = childCommandLine(childName, arguments);
@@ -46,7 +35,7 @@ SelfProcess::SelfProcess(const std::string& childName, const std::vector<std::st
     EXPECT_TRUE(CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE, 0, nullptr,
                                nullptr, &startup, &started));
     m_process->process.reset(started.hProcess);
-    const KernelHandle thread(started.hThread);
+    const NS_CORE::ScopedKernelHandle thread(started.hThread);
 }
 
 SelfProcess::~SelfProcess() {

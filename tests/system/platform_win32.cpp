@@ -6,27 +6,13 @@
 
 #include <stdexcept>
 
-#include "core/core_scopedhandle.h"
+#include "core/core_scopedhandle_win32.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
 
 namespace test {
 namespace {
-
-struct ProcessHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using ProcessHandle = NS_CORE::ScopedHandle<ProcessHandleTraits>;
-
-struct FileHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using FileHandle = NS_CORE::ScopedHandle<FileHandleTraits>;
 
 constexpr const wchar_t* kKeriKey =
     L"SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}";
@@ -80,7 +66,7 @@ std::string notAProgramText() {
 }
 
 bool processRuns(uint32_t processId, const std::filesystem::path& root) {
-    const ProcessHandle process(
+    const NS_CORE::ScopedKernelHandle process(
         ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, /*bInheritHandle=*/FALSE, processId));
     if (!process || ::WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0) return false;
     wchar_t name[1024];
@@ -91,14 +77,14 @@ bool processRuns(uint32_t processId, const std::filesystem::path& root) {
 
 void endProcess(uint32_t processId, const std::filesystem::path& root) {
     if (!processRuns(processId, root)) return;
-    const ProcessHandle process(::OpenProcess(PROCESS_TERMINATE, /*bInheritHandle=*/FALSE, processId));
+    const NS_CORE::ScopedKernelHandle process(::OpenProcess(PROCESS_TERMINATE, /*bInheritHandle=*/FALSE, processId));
     constexpr UINT kEndedFromOutside = 99;
     if (process) ::TerminateProcess(process.get(), kEndedFromOutside);
 }
 
 void endProcessesBelow(const std::filesystem::path& root) {
     const auto isNobodyLeft = [&] {
-        const FileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+        const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
         PROCESSENTRY32W entry{};
         entry.dwSize = sizeof(entry);
         bool isNone = true;
@@ -162,9 +148,9 @@ void sendDatagram(uint16_t port, size_t length) {
 Process::Process(const std::filesystem::path& program, const std::vector<std::string>& words,
                  const std::filesystem::path& output) {
     SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, /*bInheritHandle=*/TRUE};
-    const FileHandle file(::CreateFileW(output.c_str(), FILE_APPEND_DATA,
-                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &inheritable,
-                                        OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const NS_CORE::ScopedFileHandle file(::CreateFileW(output.c_str(), FILE_APPEND_DATA,
+                                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                                       &inheritable, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file) fail("CreateFileW");
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
