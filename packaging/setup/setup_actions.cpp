@@ -11,6 +11,7 @@
 #include <string>
 
 #include "packaging/setup/setup_files.h"
+#include "packaging/setup/setup_rights.h"
 #include "packaging/setup/setup_service.h"
 #include "packaging/setup/setup_session.h"
 
@@ -44,6 +45,12 @@ std::wstring markedText() {
            L"changed.";
 }
 
+std::wstring heldText(const std::wstring& file) {
+    return L"'" + file +
+           L"' is held open by another program. Close that program (a restart of the machine does it as "
+           L"well) and start again. Nothing was changed.";
+}
+
 bool isElevated() {
     HANDLE token = nullptr;
     if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, /*OpenAsSelf=*/TRUE, &token) &&
@@ -65,12 +72,22 @@ std::optional<unsigned> stopSeconds(const std::wstring& text) {
     return seconds <= kMost ? std::optional(seconds) : std::nullopt;
 }
 
+// A file that somebody holds is found now if it can be, because there is nothing to take back yet.
+bool isFree(const Session& session) {
+    constexpr unsigned kLimitMs = 2000; // a virus scanner lets go again
+    const std::wstring held = heldFile(directoryOf(session, L"INSTALLDIR"), Hold::OpenedElsewhere, kLimitMs);
+    if (held.empty()) return true;
+    session.logError(heldText(held));
+    return false;
+}
+
 // Looks at everything that can be looked at before the first change. False after a sentence.
 bool canInstall(const Session& session, const std::optional<Registration>& service) {
     const std::wstring given = session.property(L"INSTALLDIR");
     std::optional<std::wstring> problem = directoryProblem(given);
     // The person who starts the installation with a window may have less rights than the installation itself.
     if (!problem && isElevated()) problem = writingProblem(binDirectory(withoutSeparator(given)));
+    if (!problem) problem = keriProblem(withoutSeparator(given));
     if (!problem && service && !isOurs(session, *service)) problem = foreignServiceText(*service);
     if (!problem && service && service->isMarkedForDeletion) problem = markedText();
     if (!problem) return true;
@@ -84,7 +101,8 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
 extern "C" {
 
 // Immediate, before costing: judges the directory and the service's name, and notes for the others whether the service
-// runs (RestoreService) and whether it is somebody else's (FOREIGNSERVICE).
+// runs (RestoreService), whether it is somebody else's (FOREIGNSERVICE) and whether the directory is still to be made
+// (ProtectDirectory).
 __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::optional<setup::Registration> service = setup::registration();
@@ -95,7 +113,18 @@ __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
                          L"'. It has to be a number of seconds from 0 to 600. Nothing was changed.");
         return ERROR_INSTALL_FAILURE;
     }
+    if (!session.property(L"NEWERFOUND").empty()) {
+        session.logError(
+            L"A newer version of Quorvane Keri Wrapper is installed already. Nothing was changed. To go back "
+            L"to version " +
+            session.property(L"ProductVersion") +
+            L", remove the newer one first (Apps and features, or msiexec /x), then install this one.");
+        return ERROR_INSTALL_FAILURE;
+    }
     if (!isRemoval && !setup::canInstall(session, service)) return ERROR_INSTALL_FAILURE;
+    if (!setup::isFree(session)) return ERROR_INSTALL_FAILURE;
+    const std::wstring directory = setup::directoryOf(session, L"INSTALLDIR");
+    if (!setup::exists(directory)) session.setProperty(L"ProtectDirectory", directory);
     if (service && !setup::isOurs(session, *service)) {
         session.log(L"the service runs '" + service->program + L"' and is left alone");
         session.setProperty(L"FOREIGNSERVICE", L"1");
@@ -112,15 +141,31 @@ __declspec(dllexport) UINT __stdcall StopService(MSIHANDLE installation) {
     const size_t bar = std::min(data.find(L'|'), data.size());
     const std::wstring directory = setup::withoutSeparator(data.substr(std::min(bar + 1, data.size())));
     const unsigned seconds = setup::stopSeconds(data.substr(0, bar)).value_or(0);
+    const std::optional<setup::Registration> service = setup::registration();
     if (!setup::stopEverything(session, directory, seconds * 1000)) return ERROR_INSTALL_FAILURE;
     constexpr unsigned kLimitMs = 5000;
-    const std::wstring held = setup::heldFile(directory, kLimitMs);
+    const std::wstring held = setup::heldFile(directory, setup::Hold::OpenedOrRunning, kLimitMs);
     if (held.empty()) return ERROR_SUCCESS;
-    session.logError(
-        L"'" + held +
-        L"' is held open by another program. Close that program (a restart of the machine does it as well) "
-        L"and start again. Nothing was changed.");
+    session.logError(setup::heldText(held));
+    // Not left to the rollback, which not every kind of installation has.
+    if (service && service->isRunning && setup::isSamePath(service->program, setup::serviceProgram(directory)))
+        setup::startAgain(session);
     return ERROR_INSTALL_FAILURE;
+}
+
+// Deferred, when the directory has just been made; data: the directory, or nothing where it was there before. The
+// rights of a directory that somebody else has made are that person's.
+__declspec(dllexport) UINT __stdcall ProtectDirectory(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::wstring directory = setup::withoutSeparator(session.actionData());
+    if (directory.empty()) {
+        session.log(L"the directory was there before; its rights stay as they are");
+        return ERROR_SUCCESS;
+    }
+    const std::wstring failed = setup::protectDirectory(directory);
+    session.log(failed.empty() ? L"only administrators and SYSTEM may write in '" + directory + L"'"
+                               : L"the rights of '" + directory + L"' could not be set: " + failed);
+    return ERROR_SUCCESS;
 }
 
 // Rollback twin of StopService; data: "running" when the service ran before.

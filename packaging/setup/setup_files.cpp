@@ -65,9 +65,10 @@ void forEachEntry(const std::wstring& directory, const wchar_t* pattern, Visit v
     } while (::FindNextFileW(find.get(), &entry));
 }
 
-// Opened as if to be replaced.
-bool isHeld(const std::wstring& file) {
-    const ScopedFile handle(::CreateFileW(file.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, /*dwShareMode=*/0,
+// A file that runs may be opened for deletion, but not for writing.
+bool isHeld(const std::wstring& file, Hold hold) {
+    const DWORD access = hold == Hold::OpenedElsewhere ? DELETE : GENERIC_WRITE | DELETE;
+    const ScopedFile handle(::CreateFileW(file.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                           /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
                                           /*hTemplateFile=*/nullptr));
     if (handle) return false;
@@ -75,12 +76,12 @@ bool isHeld(const std::wstring& file) {
     return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION || error == ERROR_USER_MAPPED_FILE;
 }
 
-std::wstring heldNow(const std::wstring& directory) {
+std::wstring heldNow(const std::wstring& directory, Hold hold) {
     std::wstring held;
     const std::wstring companion = companionProgram(directory);
     for (const wchar_t* pattern : {L"*.exe", L"*.dll"}) {
         forEachEntry(binDirectory(directory), pattern, [&](const std::wstring& file, DWORD attributes) {
-            if (!isDirectory(attributes) && !isSamePath(file, companion) && isHeld(file)) held = file;
+            if (!isDirectory(attributes) && !isSamePath(file, companion) && isHeld(file, hold)) held = file;
             return held.empty();
         });
         if (!held.empty()) return held;
@@ -190,11 +191,29 @@ std::optional<std::wstring> writingProblem(const std::wstring& directory) {
            L"changed.";
 }
 
-std::wstring heldFile(const std::wstring& directory, unsigned limitMs) {
+std::optional<std::wstring> keriProblem(const std::wstring& directory) {
+    wchar_t keri[1024] = {};
+    DWORD size = sizeof(keri) - sizeof(wchar_t);
+    // The Keri software is a 32-bit package, as this library is one.
+    constexpr const wchar_t* kKey =
+        L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}";
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kKey, L"InstallLocation", RRF_RT_REG_SZ, /*pdwType=*/nullptr, keri, &size))
+        return std::nullopt;
+    if (!isSamePath(withoutSeparator(keri), binDirectory(directory))) return std::nullopt;
+    return L"'" + binDirectory(directory) +
+           L"' is where the Keri software is installed. Its libraries would be copied onto "
+           L"themselves and lost. Choose another directory with INSTALLDIR. Nothing was changed.";
+}
+
+bool exists(const std::wstring& path) {
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::wstring heldFile(const std::wstring& directory, Hold hold, unsigned limitMs) {
     constexpr DWORD kPauseMs = 50;
     const ULONGLONG end = ::GetTickCount64() + limitMs;
     for (;;) {
-        std::wstring held = heldNow(directory);
+        std::wstring held = heldNow(directory, hold);
         if (held.empty() || ::GetTickCount64() >= end) return held;
         ::Sleep(kPauseMs);
     }

@@ -27,10 +27,21 @@ std::optional<std::wstring> directoryProblem(std::wstring_view directory);
 // which is gone again afterwards.
 std::optional<std::wstring> writingProblem(const std::wstring& directory);
 
-// The first program or library of the installation that somebody holds open, the companion's excepted; empty when there
-// is none. Asks again for up to `limitMs` milliseconds, because a program that has ended lets go of its file a moment
-// later.
-std::wstring heldFile(const std::wstring& directory, unsigned limitMs);
+// The Keri software's directory is not the service's own: its libraries would be copied onto themselves, which empties
+// them. In the same form.
+std::optional<std::wstring> keriProblem(const std::wstring& directory);
+
+bool exists(const std::wstring& path);
+
+// What keeps a program or a library from being replaced.
+enum class Hold {
+    OpenedElsewhere, // a program has opened it and does not share it; the service and its companion never do that
+    OpenedOrRunning, // or it is in use as a program or library as well
+};
+
+// The first program or library of the installation that is held so, the companion's excepted; empty when there is none.
+// Asks again for up to `limitMs` milliseconds, because a program that has ended lets go of its file a moment later.
+std::wstring heldFile(const std::wstring& directory, Hold hold, unsigned limitMs);
 
 // Removes the directory with all that is in it. A link is removed, what it leads to is not. False, with `failed` naming
 // the first thing that stays, when something could not be removed; the rest is gone all the same.

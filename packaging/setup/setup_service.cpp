@@ -175,10 +175,12 @@ bool stopEverything(const Session& session, const std::wstring& directory, unsig
 
 void startAgain(const Session& session) {
     const ScopedScHandle service = openService(SERVICE_START);
-    if (!service || !::StartServiceW(service.get(), 0, /*lpServiceArgVectors=*/nullptr))
-        session.log(L"the service was not started again: " + errorText(::GetLastError()));
-    else
+    if (service && ::StartServiceW(service.get(), 0, /*lpServiceArgVectors=*/nullptr)) {
         session.log(L"the service was started again");
+        return;
+    }
+    const DWORD error = ::GetLastError();
+    if (error != ERROR_SERVICE_ALREADY_RUNNING) session.log(L"the service was not started again: " + errorText(error));
 }
 
 void setRecovery(const Session& session) {

@@ -26,7 +26,7 @@ std::optional<Registration> registration();
 // something still runs.
 bool stopEverything(const Session& session, const std::wstring& directory, unsigned politeMs);
 
-// Starts the service again after an installation that was taken back.
+// Starts the service again after an installation that was taken back; nothing to do when it runs.
 void startAgain(const Session& session);
 
 // Windows starts the service again after a minute when its process dies, twice; a day without a failure clears the
