@@ -10,42 +10,20 @@
 #include <spdlog/sinks/null_sink.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "bench/allocation_counter.h"
 #include "core/core_checkf.h"
 #include "core/core_testinterface.h"
 #include "core/core_v2masterlogger.h"
-
-namespace {
-
-uint64_t g_allocations = 0;
-
-} // namespace
-
-// Not inlined: seen from inside, the compiler takes the pairs for mismatched.
-[[gnu::noinline]] void* operator new(size_t size) {
-    ++g_allocations;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -104,13 +82,11 @@ template <class Check>
 void run(benchmark::State& state, Level level, Check check) {
     prepare(level);
     std::string name = "./quorkeri_wrapper.exe";
-    const uint64_t before = g_allocations;
+    const bench::AllocationCounter counter(state);
     for (auto _ : state) {
         benchmark::DoNotOptimize(name);
         check(name);
     }
-    state.counters["allocs"] =
-        benchmark::Counter(static_cast<double>(g_allocations - before), benchmark::Counter::kAvgIterations);
 }
 
 void thisLibrary(benchmark::State& state, Level level) {

@@ -7,32 +7,11 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <new>
 #include <pugixml.hpp>
 #include <string>
 
+#include "bench/allocation_counter.h"
 #include "core/core_testreport.h"
-
-namespace {
-
-uint64_t g_allocations = 0;
-
-} // namespace
-
-// Not inlined: seen from inside, the compiler takes the pairs for mismatched.
-[[gnu::noinline]] void* operator new(size_t size) {
-    ++g_allocations;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -112,15 +91,13 @@ template <class Build>
 void run(benchmark::State& state, Build build) {
     const FailureReport one = report(state.range(0));
     const ReportSource& from = source();
-    const uint64_t before = g_allocations;
+    const bench::AllocationCounter counter(state);
     size_t bytes = 0;
     for (auto _ : state) {
         const std::string document = build(one, from);
         bytes = document.size();
         benchmark::DoNotOptimize(document.data());
     }
-    state.counters["allocs"] =
-        benchmark::Counter(static_cast<double>(g_allocations - before), benchmark::Counter::kAvgIterations);
     state.counters["bytes"] = static_cast<double>(bytes);
 }
 

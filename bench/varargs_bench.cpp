@@ -13,32 +13,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <string>
 #include <string_view>
 
+#include "bench/allocation_counter.h"
 #include "core/core_varargs.h"
-
-namespace {
-
-uint64_t g_allocations = 0;
-
-} // namespace
-
-// Not inlined: seen from inside, the compiler takes the pairs for mismatched.
-[[gnu::noinline]] void* operator new(size_t size) {
-    ++g_allocations;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -124,13 +103,12 @@ const Message kMessages[] = {
 void run(benchmark::State& state, Writer writer) {
     const Values values;
     const Values* hidden = &values;
-    const uint64_t before = g_allocations;
+    const bench::AllocationCounter counter(state);
     for (auto _ : state) {
         benchmark::DoNotOptimize(hidden);
         std::string text = writer(*hidden);
         benchmark::DoNotOptimize(text.data());
     }
-    state.counters["allocs"] = static_cast<double>(g_allocations - before) / static_cast<double>(state.iterations());
 }
 
 void add(const Message& message, const char* way, Writer writer) {
