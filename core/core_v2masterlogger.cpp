@@ -155,6 +155,8 @@ bool mayTakeLock() {
 class ProcessLife {
 public:
     ProcessLife() { thisThread(); }
+    ProcessLife(const ProcessLife&) = delete;
+    ProcessLife& operator=(const ProcessLife&) = delete;
     ~ProcessLife();
 };
 

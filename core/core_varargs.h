@@ -119,7 +119,6 @@ Argument argument(const T& value) {
     } else if constexpr (OneOf<P, char*, const char*>) {
         return {{.text = value}, 0, Kind::CString};
     } else if constexpr (OneOf<P, std::string, std::string_view>) {
-        // NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): the length goes with it.
         return {{.text = value.data()}, value.size(), Kind::Text};
     } else {
         return {{.integer = reinterpret_cast<uintptr_t>(static_cast<P>(value))}, 0, Kind::Pointer};

@@ -28,6 +28,7 @@ OTHER_STAMP = ("release_build_test_2", "310203-040506", "Feb  3 2031", "07:08:09
 ENVIRONMENT = {"PATH": os.environ["PATH"], "HOME": "/nonexistent", "TZ": "Pacific/Auckland", "LC_ALL": "C",
                "CCACHE_DISABLE": "1"}
 PROGRAM = pathlib.Path("service/quorkeri_service.exe")
+SYMBOLS = pathlib.Path("service/quorkeri_service.pdb")
 
 
 def run(*command):
@@ -91,6 +92,7 @@ class BuildTest(unittest.TestCase):
         configure(cls.tree, STAMP)
         build(cls.tree)
         cls.program = (cls.binary / PROGRAM).read_bytes()
+        cls.symbols = (cls.binary / SYMBOLS).read_bytes()
 
     def test_another_directory_gives_the_same_program(self):
         self.assertIsNone(first_difference((BINARY / PROGRAM).read_bytes(), self.program))
@@ -111,9 +113,13 @@ class BuildTest(unittest.TestCase):
         run("cmake", "--build", self.binary, "--target", "quorkeri_setup")
         self.assertIsNone(first_difference((BINARY / library).read_bytes(), (self.binary / library).read_bytes()))
 
+    def test_another_directory_gives_the_same_symbols(self):
+        self.assertIsNone(first_difference((BINARY / SYMBOLS).read_bytes(), self.symbols))
+
     def test_nothing_tells_where_it_was_built(self):
         for place in (SOURCE, SOURCE.resolve(), pathlib.Path(LIBRARIES).resolve().parents[2], self.tree):
             self.assertNotIn(str(place).encode() + b"/", self.program)
+            self.assertNotIn(str(place).encode() + b"/", self.symbols)
 
     def test_the_header_has_the_time_of_the_build_id(self):
         moment = calendar.timegm(time.strptime(STAMP[1], "%y%m%d-%H%M%S"))
