@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/core_checkf.h"
+#include "core/core_paths.h"
+#include "core/core_testinterface.h"
+#include "core/core_v2masterlogger.h"
+#include "tests/service/process_gauge.h"
+#include "tests/support/child.h"
+#include "tests/support/self_process.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/udp_receiver.h"
+#include "utl/utl_service.h"
+
+// A service whose checks fail all the time: what becomes of its memory, its log and its reports.
+namespace service {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int32_t kThreads = 2;
+constexpr int32_t kFirstPlace = 200; // each thread has a place of its own
+// Each costs a line that is on the disk before the next, so they are fewer than in memory, and longer: four times what
+// the log holds.
+constexpr int32_t kToFile = 10'000; // a thread
+constexpr size_t kPadding = 1000;
+constexpr int32_t kInMemory = 500'000; // a thread
+
+void failChecks(int32_t thread, int32_t count, const std::string& padding) {
+    for (int32_t number = 0; number < count; ++number) {
+        static_cast<void>(
+            CHECKF_AT("main", kFirstPlace + thread, padding.empty() && number < 0, "%d%s", number, padding));
+    }
+}
+
+void failOnAllThreads(int32_t count, const std::string& padding) {
+    std::vector<std::thread> threads;
+    for (int32_t thread = 0; thread < kThreads; ++thread) threads.emplace_back(&failChecks, thread, count, padding);
+    for (std::thread& thread : threads) thread.join();
+}
+
+// What it has more than before: "handles threads bytes".
+std::string growthBy(int32_t count, const std::string& padding) {
+    failOnAllThreads(/*count=*/500, padding);
+    const test::ProcessGauge before = test::ProcessGauge::read();
+    failOnAllThreads(count, padding);
+    const test::ProcessGauge after = test::ProcessGauge::read();
+    return std::to_string(after.handles - before.handles) + ' ' + std::to_string(after.threads - before.threads) + ' ' +
+           std::to_string(after.memoryBytes - before.memoryBytes) + '\n';
+}
+
+// A service has no console.
+void leaveConsoleAlone() {
+    const NS_CORE::LevelEntry entry = NS_CORE::MasterLogger::levelEntry(NS_CORE::LogLevel::Crit);
+    NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit,
+                                         static_cast<uint8_t>(entry.flags & ~NS_CORE::LevelEntry::Console));
+}
+
+int work(int /*argc*/, char** /*argv*/) {
+    std::string growth = growthBy(kToFile, ' ' + std::string(kPadding, 'x'));
+    // The log is one of many possible readers of a failure; all others go on.
+    NS_CORE::MasterLogger::setImplementation(nullptr);
+    growth += growthBy(kInMemory, "");
+    std::FILE* const results = std::fopen("growth.txt", "w");
+    std::fwrite(growth.data(), 1, growth.size(), results);
+    std::fclose(results);
+    return 7;
+}
+
+// The application, but for its work.
+const test::ChildProgram g_failingService("failing_service", [](const std::vector<std::string>& /*arguments*/) {
+    leaveConsoleAlone();
+    NS_CORE::setDefaultPaths();
+    const NS_CORE::DefaultGlobals globals;
+    NS_UTL::Service host("bin", "name", "display name", NS_CORE::dotPath(NS_CORE::PathKind::Logs), "service.log", &work,
+                         [] {});
+    NS_CORE::TestInterface::instance().readMissingFiles();
+    std::array words = {std::string("program"), std::string(NS_UTL::Service::kConsoleWord)};
+    char* argv[] = {words[0].data(), words[1].data(), nullptr};
+    const int result = host.run(2, argv);
+    NS_CORE::TestInterface::instance().sendPending();
+    NS_UTL::Service::clearInstance();
+    return result;
+});
+
+// The lines that a thread left in a log, as numbers; each must be whole.
+struct LoggedNumbers {
+    std::array<std::vector<int32_t>, kThreads> ofThread;
+};
+
+void readLog(const fs::path& path, LoggedNumbers* numbers) {
+    std::istringstream text(test::readFile(path));
+    for (std::string line; std::getline(text, line);) {
+        constexpr size_t kStampLength = sizeof("2019-11-20 20 14:49:57 ") - 1;
+        const std::string head = "CORE::Assert::failDefault - GASSERT failed at main:20";
+        ASSERT_GE(line.size(), kStampLength);
+        const std::string record = line.substr(kStampLength);
+        ASSERT_TRUE(record.starts_with(head)) << line;
+        const auto thread = static_cast<size_t>(record.at(head.size()) - '0');
+        ASSERT_LT(thread, numbers->ofThread.size());
+        const std::string rest = record.substr(head.size() + 1);
+        const int32_t number = std::stoi(rest.substr(sizeof(" (CHECKF) (") - 1));
+        ASSERT_EQ(rest, " (CHECKF) (" + std::to_string(number) + ' ' + std::string(kPadding, 'x') + ')');
+        numbers->ofThread[thread].push_back(number);
+    }
+}
+
+uint64_t numberIn(const std::string& document, const std::string& element) {
+    const size_t at = document.find("<" + element + ">");
+    return at == std::string::npos ? 0 : std::stoull(document.substr(at + element.size() + 2));
+}
+
+TEST(FailingService, StaysUpTheSameSizeAndReadableOverAMillionFailures) {
+    // Every record is committed to the disk, which is not what this is about.
+    const test::TempDir dir(test::TempDir::Where::Memory);
+    const fs::path root = dir.path();
+    for (const char* directory : {"bin", "settings", "work/logs"}) fs::create_directories(root / directory);
+    test::UdpReceiver collector;
+    test::writeFile(root / "settings" / "testing.ini", "[general]\nsend_address 127.0.0.1\nsend_port " +
+                                                           std::to_string(collector.port()) +
+                                                           "\n[assert]\nsend enable\n");
+    test::linkThisProgram(root / "bin" / "program.exe");
+    const auto start = std::chrono::steady_clock::now();
+    const std::string commandLine = test::childCommandLineOf(dir.file("bin/program.exe"), "failing_service");
+    EXPECT_EQ(test::runAndWait(commandLine), 7);
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
+
+    std::istringstream growth(test::readFile(root / "growth.txt"));
+    for (const char* kind : {"with the log", "without it"}) {
+        int64_t handles = -1;
+        int64_t threads = -1;
+        int64_t bytes = -1;
+        growth >> handles >> threads >> bytes;
+        std::printf("%s: %lld bytes more\n", kind, static_cast<long long>(bytes));
+        EXPECT_EQ(handles, 0) << kind;
+        EXPECT_EQ(threads, 0) << kind;
+        EXPECT_LE(bytes, 256 * 1024) << kind;
+    }
+
+    LoggedNumbers numbers;
+    const fs::path log = root / "work" / "logs" / "service.log";
+    constexpr uintmax_t kLongestLine = kPadding + 200;
+    EXPECT_LE(fs::file_size(log), NS_UTL::Service::kLogFileLimit);
+    EXPECT_LE(fs::file_size(log.string() + ".old"), NS_UTL::Service::kLogFileLimit + kLongestLine);
+    EXPECT_EQ(std::distance(fs::directory_iterator(log.parent_path()), fs::directory_iterator()), 2);
+    readLog(log.string() + ".old", &numbers);
+    readLog(log, &numbers);
+    for (const std::vector<int32_t>& ofThread : numbers.ofThread) {
+        ASSERT_FALSE(ofThread.empty());
+        // None is missing between the first that is left and the last.
+        for (size_t index = 1; index < ofThread.size(); ++index) ASSERT_EQ(ofThread[index], ofThread[index - 1] + 1);
+        EXPECT_EQ(ofThread.back(), kToFile - 1);
+    }
+
+    // One record for each place: the first failure, what came in each period, and the rest at the end.
+    constexpr uint64_t kFailures = 2 * 500 + kToFile + kInMemory;
+    std::array<uint64_t, kThreads> counted{};
+    int64_t documents = 0;
+    while (counted[0] < kFailures || counted[1] < kFailures) {
+        const std::string bytes = collector.receive().bytes;
+        ASSERT_TRUE(bytes.ends_with("</assert>")) << bytes;
+        ++documents;
+        const auto place = static_cast<size_t>(numberIn(bytes, "line")) - kFirstPlace;
+        ASSERT_LT(place, counted.size()) << bytes;
+        counted[place] += numberIn(bytes, "count");
+        ASSERT_EQ(counted[place], numberIn(bytes, "total"));
+    }
+    const int64_t periods = seconds * 1000 / static_cast<int64_t>(NS_CORE::TestInterface::kReportPeriodMs) + 1;
+    EXPECT_LE(documents, kThreads * (2 + periods));
+    std::printf("%lld s, %lld documents\n", static_cast<long long>(seconds), static_cast<long long>(documents));
+}
+
+} // namespace
+} // namespace service
