@@ -201,7 +201,7 @@ namespace tracetest {
 
 using NS_CORE::StackTrace;
 
-volatile int g_sink = 0;
+thread_local volatile int g_sink = 0;
 
 using Action = std::string (*)();
 
@@ -223,7 +223,7 @@ using Action = std::string (*)();
     return text;
 }
 
-uint32_t g_askingLine = 0;
+thread_local uint32_t g_askingLine = 0;
 
 [[gnu::noinline]] std::string ask() {
     g_askingLine = std::source_location::current().line() + 1;
