@@ -114,6 +114,8 @@ public:
     PlatformInstallation(int32_t signum, Handler previousHandler, const struct sigaction& previousAction)
         : m_signum(signum), m_previousHandler(previousHandler), m_previousAction(previousAction) {}
 
+    PlatformInstallation(const PlatformInstallation&) = delete;
+    PlatformInstallation& operator=(const PlatformInstallation&) = delete;
     ~PlatformInstallation() override { dispatcher().release(); }
 
     bool undo() override {
