@@ -415,7 +415,10 @@ class ServiceReportsTest(InstalledTest if IS_WINDOWS else object):
         self.assertIn(", with a backtrace [", line)
         (document,) = (self.root / "kept").iterdir()
         self.assertIn(b"  <product>ravelin</product>\n", document.read_bytes())
-        self.assertIn(b"NS_UTL::Service::controlHandler()", document.read_bytes())
+        self.assertRegex(document.read_text(encoding="utf-8"),
+                         r"#01 in NS_CORE::TestInterface::trace\(\) at core_testinterface\.cpp:\d+ "
+                         r"\(quorkeri_service\.exe\)\n[\s\S]*\n#\d\d in NS_UTL::Service::controlHandler\(\) at "
+                         r"utl_service\w*\.cpp:\d+ \(quorkeri_service\.exe\)\n")
         self.assertEqual(self.program.stop(), 0)
 
     def test_an_excluded_check_does_not(self):
