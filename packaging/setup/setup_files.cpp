@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <array>
 
 #include "core/core_scopedhandle.h"
 #include "packaging/setup/setup_session.h"

@@ -49,9 +49,6 @@ class Table:
         self.columns = columns
         self.rows: list[dict[str, Value]] = []
 
-    def key(self, row: dict[str, Value]) -> tuple[Value, ...]:
-        return tuple(row[column.name] for column in self.columns if column.is_key)
-
     def set(self, *, where: dict[str, Value], **values: Value) -> None:
         """Changes the one row that has these values."""
         found = [row for row in self.rows if all(row[name] == value for name, value in where.items())]
@@ -120,10 +117,6 @@ class Database:
 
     def add_table(self, name: str, columns: list[Column]) -> None:
         self.tables[name] = Table(columns)
-
-    def row(self, table: str, **where: Value) -> dict[str, Value]:
-        (found,) = [row for row in self[table].rows if all(row[name] == value for name, value in where.items())]
-        return found
 
     def summary_place(self, wanted: int) -> int:
         """Where in the summary a property's value begins, behind its type."""

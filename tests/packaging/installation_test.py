@@ -547,6 +547,13 @@ class MsiRefusals(OnOneMachine):
                 self.assertRefused(lambda: install(OLD, f"STOPTIMEOUT={text}"),
                                    f"STOPTIMEOUT is '{text}'. It has to be a number of seconds from 0 to 600.")
 
+    def test_the_sentence_is_found_in_the_log(self):
+        self.assertEqual(install(OLD, "INSTALLDIR=here")[0], 1603)
+        code, said = prompt('type C:\\msiexec.log | find "Nothing was changed"')
+        self.assertEqual((code, said), (0, "INSTALLDIR is 'here'. It has to be a full path on a local drive: a letter, a colon, "
+                                           "a backslash, a name. Choose a directory such as C:\\QuorkeriService. Nothing was "
+                                           "changed.\n"))
+
     def test_a_directory_that_cannot_be_written(self):
         full = DRIVE / "ReadOnly"
         full.mkdir(exist_ok=True)
