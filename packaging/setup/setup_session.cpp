@@ -40,7 +40,7 @@ void Session::log(const std::wstring& text) const {
 }
 
 void Session::logError(const std::wstring& text) const {
-    process(m_handle, static_cast<INSTALLMESSAGE>(INSTALLMESSAGE_ERROR | MB_OK | MB_ICONERROR), text);
+    process(m_handle, INSTALLMESSAGE_ERROR, text);
 }
 
 std::wstring errorText(unsigned long code) {
