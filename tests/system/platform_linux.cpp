@@ -12,8 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
 #include <stdexcept>
 
 #include "core/core_scopedhandle.h"
@@ -73,6 +77,14 @@ std::string registryText(const std::string& text) {
     _exit(127);
 }
 
+// Nothing is left of it, or just what its parent may ask for.
+bool hasGivenUpAll(uint32_t processId) {
+    std::ifstream in("/proc/" + std::to_string(processId) + "/stat");
+    const std::string stat{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const size_t state = stat.rfind(") ");
+    return state == std::string::npos || stat[state + 2] == 'Z' || stat[state + 2] == 'X';
+}
+
 } // namespace
 
 std::string pathText(const std::filesystem::path& path) {
@@ -106,14 +118,17 @@ void endProcess(uint32_t processId, const std::filesystem::path& root) {
 }
 
 void endProcessesBelow(const std::filesystem::path& root) {
+    // A killed process loses its program before it gives back its port.
+    std::set<uint32_t> killed;
     const auto isNobodyLeft = [&] {
-        bool isNone = true;
+        bool isNone = std::ranges::all_of(killed, hasGivenUpAll);
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
             const std::string name = entry.path().filename().string();
             if (name.find_first_not_of("0123456789") != std::string::npos) continue;
             const auto processId = static_cast<uint32_t>(std::stoul(name));
             if (!processRuns(processId, root)) continue;
             endProcess(processId, root);
+            killed.insert(processId);
             isNone = false;
         }
         return isNone;
