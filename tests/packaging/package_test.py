@@ -613,7 +613,8 @@ class RefusalTest(unittest.TestCase):
             disk.mkdir()
             # A file system of its own, which goes away with the command.
             script = 'mount -t tmpfs -o size="$1" tmpfs "$2" && "$3" --out "$2"; code=$?; ls -A "$2"; exit $code'
-            result = subprocess.run(["unshare", "-rm", "sh", "-c", script, "sh", size, disk, PACKAGE],
+            own_user = [] if os.geteuid() == 0 else ["--map-root-user"]
+            result = subprocess.run(["unshare", "--mount", *own_user, "sh", "-c", script, "sh", size, disk, PACKAGE],
                                     capture_output=True, text=True, check=False, timeout=240)
             self.assertEqual(result.returncode, 1, result.stdout)
             self.assertIn("No space left on device", result.stderr)
