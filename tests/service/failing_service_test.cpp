@@ -134,6 +134,9 @@ TEST(FailingService, StaysUpTheSameSizeAndReadableOverAMillionFailures) {
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
 
+    // The runtime makes a lock's handle when it is first contended. One that a failure loses would be tens of
+    // thousands.
+    constexpr int64_t kMadeOnce = 256;
     std::istringstream growth(test::readFile(root / "growth.txt"));
     for (const char* kind : {"with the log", "without it"}) {
         int64_t handles = -1;
@@ -141,7 +144,7 @@ TEST(FailingService, StaysUpTheSameSizeAndReadableOverAMillionFailures) {
         int64_t bytes = -1;
         growth >> handles >> threads >> bytes;
         std::printf("%s: %lld bytes more\n", kind, static_cast<long long>(bytes));
-        EXPECT_EQ(handles, 0) << kind;
+        EXPECT_LE(handles, kMadeOnce) << kind;
         EXPECT_EQ(threads, 0) << kind;
         EXPECT_LE(bytes, 256 * 1024) << kind;
     }
