@@ -21,9 +21,9 @@
 #include <utility>
 
 #include "bench/allocation_counter.h"
-#include "core/core_checkf.h"
-#include "core/core_testinterface.h"
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/report/core_testinterface.h"
+#include "core/text/core_checkf.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 #include "utl/utl_filelogger.h"
 
 using NS_CORE::MasterLogger;

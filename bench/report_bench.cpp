@@ -11,7 +11,7 @@
 #include <string>
 
 #include "bench/allocation_counter.h"
-#include "core/core_testreport.h"
+#include "core/report/internal/core_testreport.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/core_stacktrace.h"
+#include "core/stack/core_stacktrace.h"
 
 namespace {
 

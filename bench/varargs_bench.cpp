@@ -17,7 +17,7 @@
 #include <string_view>
 
 #include "bench/allocation_counter.h"
-#include "core/core_varargs.h"
+#include "core/text/core_varargs.h"
 
 namespace {
 

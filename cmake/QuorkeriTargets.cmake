@@ -39,7 +39,7 @@ endif()
 # quorkeri_platform_sources(OUT DIR): every .cpp of DIR that belongs to the platform being built. The file's
 # name says which: unit_win32.cpp is Windows', unit_linux.cpp is Linux', all others are both's.
 function(quorkeri_platform_sources out dir)
-  file(GLOB sources CONFIGURE_DEPENDS "${dir}/*.cpp")
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${dir}/*.cpp")
   if(WIN32)
     list(FILTER sources EXCLUDE REGEX "_linux\\.cpp$")
   else()

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/core_assertexclusions.h"
-#include "core/core_settingsfile.h"
+#include "core/files/core_settingsfile.h"
+#include "core/report/internal/core_assertexclusions.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/core_assert.h"
-#include "core/core_guniquebuf.h"
+#include "core/check/core_assert.h"
+#include "core/memory/core_guniquebuf.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/core_settingsfile.h"
+#include "core/files/core_settingsfile.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "core/core_settingsfile.h"
-#include "core/core_testsettings.h"
+#include "core/files/core_settingsfile.h"
+#include "core/report/internal/core_testsettings.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/core_utf8.h"
+#include "core/text/core_utf8.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/core_assert.h"
-#include "core/core_varargs.h"
+#include "core/check/core_assert.h"
+#include "core/text/core_varargs.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "service/deployment.h"
 
-#include "core/core_dir.h"
-#include "core/core_v2masterlogger.h"
+#include "core/files/core_dir.h"
+#include "core/log/core_v2masterlogger.h"
 #include "service/deployment_platform.h"
 #include "utl/utl_fileutils.h"
 #include "utl/utl_registry.h"

@@ -2,7 +2,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/core_dir.h"
+#include "core/files/core_dir.h"
 #include "service/main.h"
 
 int main(int argc, char** argv) {

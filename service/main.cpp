@@ -4,11 +4,11 @@
 #include <string>
 #include <utility>
 
-#include "core/core_crashguard.h"
-#include "core/core_paths.h"
-#include "core/core_product.h"
-#include "core/core_testinterface.h"
-#include "core/core_v2masterlogger.h"
+#include "core/crash/core_crashguard.h"
+#include "core/identity/core_paths.h"
+#include "core/identity/core_product.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/report/core_testinterface.h"
 #include "service/supervision.h"
 #include "utl/utl_service.h"
 

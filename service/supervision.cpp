@@ -4,11 +4,11 @@
 #include <thread>
 #include <utility>
 
-#include "core/core_checkf.h"
-#include "core/core_guniquebuf.h"
-#include "core/core_socket.h"
-#include "core/core_udp4socket.h"
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_guniquebuf.h"
+#include "core/net/core_socket.h"
+#include "core/net/core_udp4socket.h"
+#include "core/text/core_checkf.h"
 #include "service/deployment.h"
 #include "utl/utl_processutils.h"
 

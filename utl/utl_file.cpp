@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/core_checkf.h"
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/text/core_checkf.h"
 
 namespace NS_UTL {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "core/core_scopedfd.h"
+#include "core/files/core_scopedfd.h"
 
 namespace NS_UTL {
 

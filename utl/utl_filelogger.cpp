@@ -3,9 +3,9 @@
 #include <string_view>
 #include <utility>
 
-#include "core/core_checkf.h"
-#include "core/core_time.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/text/core_checkf.h"
+#include "core/time/core_time.h"
 #include "utl/utl_file.h"
 #include "utl/utl_fileutils.h"
 

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <string>
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 
 namespace NS_UTL {
 

@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/core_scopedfd.h"
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_scopedfd.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
 #include "utl/utl_fileutils_platform.h"
 
 namespace NS_UTL {

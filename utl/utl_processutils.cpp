@@ -1,7 +1,7 @@
 #include "utl/utl_processutils.h"
 
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
 #include "utl/utl_processutils_platform.h"
 
 namespace NS_UTL {

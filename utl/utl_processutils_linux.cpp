@@ -13,8 +13,8 @@
 #include <system_error>
 #include <vector>
 
-#include "core/core_dir.h"
-#include "core/core_varargs.h"
+#include "core/files/core_dir.h"
+#include "core/text/core_varargs.h"
 #include "utl/utl_commandline.h"
 #include "utl/utl_processutils_platform.h"
 

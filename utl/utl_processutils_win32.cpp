@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "core/core_scopedhandle_win32.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "utl/utl_processutils_platform.h"
 
 namespace NS_UTL::processutils_platform {

@@ -9,11 +9,11 @@
 #include <utility>
 
 #include "absl/strings/ascii.h"
-#include "core/core_scopedfd.h"
-#include "core/core_utf8.h"
-#include "core/core_v2masterlogger.h"
-#include "core/core_varargs.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_scopedfd.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/text/core_utf8.h"
+#include "core/text/core_varargs.h"
 #include "utl/utl_registry.h"
 
 namespace NS_UTL {

@@ -1,9 +1,9 @@
 #include "utl/utl_registry.h"
 
-#include "core/core_checkf.h"
-#include "core/core_guniquebuf.h"
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_guniquebuf.h"
+#include "core/text/core_checkf.h"
 
 namespace NS_UTL {
 namespace {

@@ -6,9 +6,9 @@
 #include <csignal>
 #include <span>
 
-#include "core/core_scopedhandle.h"
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_scopedhandle.h"
 #include "utl/utl_service_platform.h"
 
 namespace NS_UTL {

@@ -1,6 +1,6 @@
 #include "utl/utl_signal.h"
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 
 namespace NS_UTL {
 

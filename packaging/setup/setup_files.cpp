@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "core/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle.h"
 #include "packaging/setup/setup_session.h"
 
 namespace setup {

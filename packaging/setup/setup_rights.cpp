@@ -5,7 +5,7 @@
 #include <aclapi.h>
 #include <sddl.h>
 
-#include "core/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle.h"
 #include "packaging/setup/setup_session.h"
 
 namespace setup {

@@ -7,7 +7,7 @@
 #include <array>
 #include <vector>
 
-#include "core/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle.h"
 #include "packaging/setup/setup_files.h"
 
 namespace setup {

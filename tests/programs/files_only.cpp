@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
 
 int main(int argc, char** argv) {
     if (argc != 2) return 2;

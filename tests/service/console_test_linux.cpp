@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 #include "service/supervision.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/semaphore.h"

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 #include "tests/service/deployment_fixture.h"
 #include "tests/service/deployment_surroundings.h"
 #include "tests/support/child.h"

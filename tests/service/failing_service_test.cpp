@@ -9,10 +9,10 @@
 #include <thread>
 #include <vector>
 
-#include "core/core_checkf.h"
-#include "core/core_paths.h"
-#include "core/core_testinterface.h"
-#include "core/core_v2masterlogger.h"
+#include "core/identity/core_paths.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/report/core_testinterface.h"
+#include "core/text/core_checkf.h"
 #include "tests/service/process_gauge.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"

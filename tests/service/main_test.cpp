@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "core/core_paths.h"
-#include "core/core_product.h"
-#include "core/core_v2masterlogger.h"
+#include "core/identity/core_paths.h"
+#include "core/identity/core_product.h"
+#include "core/log/core_v2masterlogger.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/temp_dir.h"

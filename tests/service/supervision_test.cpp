@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
 #include "tests/service/process_gauge.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"

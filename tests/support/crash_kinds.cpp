@@ -5,7 +5,7 @@
 #include <map>
 #include <stdexcept>
 
-#include "core/core_checkf.h"
+#include "core/text/core_checkf.h"
 
 namespace test {
 

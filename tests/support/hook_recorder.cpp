@@ -6,7 +6,7 @@
 #include <mutex>
 #include <ostream>
 
-#include "core/core_assert.h"
+#include "core/check/core_assert.h"
 
 namespace test {
 namespace {

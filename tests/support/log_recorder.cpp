@@ -3,7 +3,7 @@
 #include <memory>
 #include <mutex>
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 
 namespace test {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "core/core_stacktrace.h"
+#include "core/stack/core_stacktrace.h"
 #include "tests/support/planted_code.h"
 #include "tests/support/planted_code_platform.h"
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "core/core_utf8.h"
-#include "core/core_varargs.h"
+#include "core/text/core_utf8.h"
+#include "core/text/core_varargs.h"
 #include "tests/support/registry_value.h"
 #include "tests/support/temp_dir.h"
 

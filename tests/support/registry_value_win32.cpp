@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "core/core_utf8_win32.h"
+#include "core/text/core_utf8_win32.h"
 #include "tests/support/registry_value.h"
 
 namespace test {

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "core/core_scopedhandle_win32.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"
 

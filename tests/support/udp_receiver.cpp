@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/core_socket.h"
+#include "core/net/core_socket.h"
 
 namespace test {
 

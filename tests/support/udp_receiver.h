@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "core/core_smartsocket.h"
-#include "core/core_socket_platform.h"
+#include "core/net/core_smartsocket.h"
+#include "core/net/core_socket_platform.h"
 
 namespace test {
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "core/core_scopedhandle_win32.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/temp_dir.h"
 #include "tests/system/platform.h"

@@ -20,7 +20,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "core/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle.h"
 #include "tests/support/temp_dir.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"

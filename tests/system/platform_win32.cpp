@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-#include "core/core_scopedhandle_win32.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "core/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle.h"
 
 namespace test {
 

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "core/core_v2masterlogger.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/core_time.h"
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/time/core_time.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/self_process.h"

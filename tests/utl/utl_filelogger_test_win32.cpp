@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle.h"
 #include "tests/support/stream_capture.h"
 #include "tests/utl/filelogger_test.h"
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <random>
 
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"

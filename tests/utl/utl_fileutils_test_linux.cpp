@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "core/core_scopedfd.h"
+#include "core/files/core_scopedfd.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_fileutils.h"

@@ -5,8 +5,8 @@
 #include <regex>
 #include <thread>
 
-#include "core/core_scopedhandle.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/memory/core_scopedhandle.h"
 #include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/core_scopedhandle_win32.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_parentconsole_win32.h"

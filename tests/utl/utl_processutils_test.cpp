@@ -7,7 +7,7 @@
 #include <fstream>
 #include <thread>
 
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
 #include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/core_varargs.h"
+#include "core/text/core_varargs.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/registry_value.h"

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/registry_value.h"
 #include "utl/utl_registry.h"

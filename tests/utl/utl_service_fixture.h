@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/core_v2masterlogger.h"
+#include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_service.h"

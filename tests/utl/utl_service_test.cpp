@@ -9,7 +9,7 @@
 #include <functional>
 #include <thread>
 
-#include "core/core_socket.h"
+#include "core/net/core_socket.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"
 #include "tests/support/semaphore.h"

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "core/core_scopedhandle.h"
-#include "core/core_scopedhandle_win32.h"
-#include "core/core_wrapper.h"
+#include "core/files/core_wrapper.h"
+#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/utl/utl_service_fixture.h"
 #include "utl/utl_service.h"

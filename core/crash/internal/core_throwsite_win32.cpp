@@ -1,0 +1,60 @@
+#include "core/crash/internal/core_throwsite_win32.h"
+
+#include <cxxabi.h>
+#include <unwind.h>
+
+#include <array>
+#include <exception>
+
+namespace NS_CORE {
+namespace {
+
+constexpr int kFramePointerRegister = 5; // ebp, as this processor's unwind tables count
+
+struct Search {
+    ThrowSite site;
+    bool isTerminatePassed = false;
+};
+
+uintptr_t addressOf(const void* function) {
+    return reinterpret_cast<uintptr_t>(function);
+}
+
+// Whether the code belongs to what the runtime library goes through on its way from the throw to terminate.
+bool isOnTheWay(uintptr_t function) {
+    const std::array way = {
+        addressOf(reinterpret_cast<const void*>(&abi::__cxa_throw)),
+        addressOf(reinterpret_cast<const void*>(&abi::__cxa_rethrow)),
+        addressOf(reinterpret_cast<const void*>(&abi::__cxa_pure_virtual)),
+    };
+    for (const uintptr_t one : way) {
+        if (one == function) return true;
+    }
+    return false;
+}
+
+_Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
+    auto& search = *static_cast<Search*>(data);
+    int isBeforeInstruction = 0;
+    const uintptr_t instruction = _Unwind_GetIPInfo(context, &isBeforeInstruction);
+    // The call that never returns may be the last of its function.
+    const uintptr_t inside = isBeforeInstruction != 0 ? instruction : instruction - 1;
+    const uintptr_t function = addressOf(_Unwind_FindEnclosingFunction(reinterpret_cast<void*>(inside)));
+    if (!search.isTerminatePassed) {
+        search.isTerminatePassed = function == addressOf(reinterpret_cast<const void*>(&std::terminate));
+        return _URC_NO_REASON;
+    }
+    if (isOnTheWay(function)) return _URC_NO_REASON;
+    search.site = {instruction, _Unwind_GetCFA(context), _Unwind_GetGR(context, kFramePointerRegister)};
+    return _URC_END_OF_STACK;
+}
+
+} // namespace
+
+ThrowSite findThrowSite() {
+    Search search;
+    _Unwind_Backtrace(&visit, &search);
+    return search.site;
+}
+
+} // namespace NS_CORE

@@ -1,0 +1,72 @@
+#include "core/identity/core_paths.h"
+
+#include <array>
+#include <stdexcept>
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+#include "core/text/core_checkf.h"
+
+namespace NS_CORE {
+namespace {
+
+struct Entry {
+    std::string path;
+    bool is_set = false;
+};
+
+struct Kind {
+    const char* name;
+    const char* defaultPath;
+};
+
+constexpr std::array<Kind, 6> kKinds{{
+    {"Assets", "assets"},
+    {"Settings", "settings"},
+    {"Work", "work"},
+    {"Temp", "work/tmp"},
+    {"Logs", "work/logs"},
+    {"Dumps", "work/dumps"},
+}};
+
+size_t indexOf(PathKind kind) {
+    return static_cast<size_t>(kind);
+}
+
+Entry& entryOf(PathKind kind) {
+    // Never destroyed: what runs at process end, a crash dump included, may still ask for a path.
+    static auto& table = *new std::array<Entry, kKinds.size()>;
+    // Not at(): its text differs from one standard library to the next, and this one ends up in reports.
+    if (indexOf(kind) >= table.size()) throw std::out_of_range("invalid vector<T> subscript");
+    return table[indexOf(kind)];
+}
+
+} // namespace
+
+void setPath(PathKind kind, std::string path) {
+    Entry& entry = entryOf(kind);
+    entry.path = std::move(path);
+    entry.is_set = true;
+}
+
+const std::string& getPath(PathKind kind) {
+    // Named so that the assertion reads as it is published.
+    const Entry& pi = entryOf(kind);
+    GASSERT_AT("core_paths", 108, 1, pi.is_set, pathName(kind));
+    return pi.path;
+}
+
+std::string dotPath(PathKind kind) {
+    return absl::StrCat("./", getPath(kind));
+}
+
+const char* pathName(PathKind kind) {
+    if (!CHECKF_AT("core_paths", 125, indexOf(kind) < kKinds.size(), "")) return "?";
+    return kKinds[indexOf(kind)].name;
+}
+
+void setDefaultPaths() {
+    for (size_t i = 0; i < kKinds.size(); ++i) setPath(static_cast<PathKind>(i), kKinds[i].defaultPath);
+}
+
+} // namespace NS_CORE

@@ -1,0 +1,334 @@
+#include "core/stack/core_stacktrace_linux.h"
+
+#include <elfutils/libdwelf.h>
+#include <elfutils/libdwfl.h>
+#include <fcntl.h>
+#include <link.h>
+#include <unistd.h>
+#include <unwind.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/container/flat_hash_map.h"
+#include "absl/synchronization/mutex.h"
+#include "core/files/core_scopedfd.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_neverdestroyed.h"
+#include "core/stack/core_stacktrace_platform.h"
+#include "core/stack/core_stacktracetext.h"
+#include "core/stack/core_symbolturn.h"
+
+namespace NS_CORE {
+
+const char stacktrace_platform::kSeparator = '/';
+
+namespace {
+
+struct DwflCloser {
+    void operator()(Dwfl* session) const { dwfl_end(session); }
+};
+
+// How often the dynamic linker has loaded and unloaded modules so far.
+struct ModuleGeneration {
+    unsigned long long loads = 0;
+    unsigned long long unloads = 0;
+
+    bool operator==(const ModuleGeneration&) const = default;
+};
+
+// The symbol library's view of this process. One for all traces: opening and indexing the debug information is what
+// makes a trace slow, and the process's code does not change under it.
+struct Session {
+    absl::Mutex mutex{absl::kConstInit};
+    // Elements ':'-separated, as the library takes them. It keeps a pointer to the pointer.
+    std::string searchPath ABSL_GUARDED_BY(mutex);
+    char* searchPathText ABSL_GUARDED_BY(mutex) = nullptr;
+    Dwfl_Callbacks callbacks ABSL_GUARDED_BY(mutex){};
+    std::unique_ptr<Dwfl, DwflCloser> library ABSL_GUARDED_BY(mutex);
+    ModuleGeneration generation ABSL_GUARDED_BY(mutex);
+    absl::flat_hash_map<uintptr_t, StackTrace::Frame> known ABSL_GUARDED_BY(mutex);
+};
+
+Session& theSession() {
+    static NeverDestroyed<Session> session;
+    return *session;
+}
+
+std::string executablePath() {
+    std::array<char, 4096> buffer;
+    const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+    return length > 0 ? std::string(buffer.data(), static_cast<size_t>(length)) : std::string();
+}
+
+// Debug information apart from the image is looked for beside the executable, in "symbols" below that, and where the
+// system's packages put it.
+std::string debugSearchPath() {
+    const std::string directory = moduleDirectory(executablePath());
+    return formatString("%s:%s/symbols:/usr/lib/debug", directory, directory);
+}
+
+// Whether the file carries the module's own build id.
+bool belongsToModule(int fd, Dwfl_Module* module) {
+    const unsigned char* wanted = nullptr;
+    GElf_Addr address = 0;
+    const int wantedSize = dwfl_module_build_id(module, &wanted, &address);
+    elf_version(EV_CURRENT);
+    Elf* const elf = elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr);
+    const void* found = nullptr;
+    const ssize_t foundSize = elf == nullptr ? -1 : dwelf_elf_gnu_build_id(elf, &found);
+    const bool isSame =
+        wantedSize > 0 && foundSize == wantedSize && std::memcmp(found, wanted, static_cast<size_t>(wantedSize)) == 0;
+    elf_end(elf);
+    return isSame;
+}
+
+// By the build id in the system's store, else by the name that the image tells, beside the executable and in "symbols"
+// below that. The library's standard way would ask servers on the network too, which is not for a crashing process.
+int findDebugInformation(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base, const char* image,
+                         const char* debugName, GElf_Word checksum, char** found) {
+    const int stored = dwfl_build_id_find_debuginfo(module, userData, name, base, image, debugName, checksum, found);
+    if (stored >= 0 || debugName == nullptr) return stored;
+    const std::string directory = moduleDirectory(executablePath());
+    for (const std::string& place : {directory, directory + "/symbols"}) {
+        const std::string path = formatString("%s/%s", place, debugName);
+        ScopedFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file || !belongsToModule(file.get(), module)) continue;
+        *found = ::strdup(path.c_str());
+        return file.release();
+    }
+    return -1;
+}
+
+// False when the library cannot be had.
+bool openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
+    if (session.library) return true;
+    session.searchPath = debugSearchPath();
+    session.searchPathText = session.searchPath.data();
+    session.callbacks.find_elf = dwfl_linux_proc_find_elf;
+    session.callbacks.find_debuginfo = &findDebugInformation;
+    session.callbacks.section_address = dwfl_offline_section_address;
+    session.callbacks.debuginfo_path = &session.searchPathText;
+    session.library.reset(dwfl_begin(&session.callbacks));
+    return session.library != nullptr;
+}
+
+bool openTheLibrary() {
+    Session& session = theSession();
+    const absl::MutexLock lock(&session.mutex);
+    return openLibrary(session);
+}
+
+struct LoadedModule {
+    std::string image;
+    std::string name;
+    uint64_t base;
+    uint32_t size;
+};
+
+struct ModuleList {
+    std::vector<LoadedModule> modules;
+    ModuleGeneration generation;
+};
+
+// Called by the dynamic linker for each module. The executable has no name here; the kernel's own page, which has a
+// name without a directory, has no file to read.
+int addModule(dl_phdr_info* info, size_t /*size*/, void* data) {
+    auto& list = *static_cast<ModuleList*>(data);
+    list.generation = {info->dlpi_adds, info->dlpi_subs};
+    const std::string image = *info->dlpi_name == '\0' ? executablePath() : info->dlpi_name;
+    if (image.find('/') == std::string::npos) return 0;
+    uint64_t end = 0;
+    for (int index = 0; index < info->dlpi_phnum; ++index) {
+        const ElfW(Phdr)& header = info->dlpi_phdr[index];
+        if (header.p_type == PT_LOAD) end = std::max<uint64_t>(end, header.p_vaddr + header.p_memsz);
+    }
+    list.modules.push_back(
+        {image, image.substr(image.find_last_of('/') + 1), info->dlpi_addr, static_cast<uint32_t>(end)});
+    return 0;
+}
+
+int readGeneration(dl_phdr_info* info, size_t /*size*/, void* data) {
+    *static_cast<ModuleGeneration*>(data) = {info->dlpi_adds, info->dlpi_subs};
+    return 1; // it is the same for every module
+}
+
+ModuleGeneration currentGeneration() {
+    ModuleGeneration generation;
+    dl_iterate_phdr(&readGeneration, &generation);
+    return generation;
+}
+
+// Adds one module to those that are known.
+bool addToLibrary(Dwfl* library, const LoadedModule& module) {
+    if (dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), /*fd=*/-1, module.base,
+                        /*add_p_vaddr=*/true) != nullptr)
+        return true;
+    MLOG(Norm, "NS_CORE::StackTrace::loadModule", "failed to load image=%s module=%d base_addr=%d, size=%d",
+         module.image, module.name, module.base, module.size);
+    return false;
+}
+
+// Brings the library's list of modules up to date, from its beginning when it changed: modules that it has already
+// cannot be told to it again.
+void updateModules(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
+    if (session.generation == currentGeneration()) return;
+    session.library.reset();
+    if (!openLibrary(session)) return;
+    ModuleList list;
+    dl_iterate_phdr(&addModule, &list);
+    dwfl_report_begin(session.library.get());
+    for (const LoadedModule& module : list.modules) addToLibrary(session.library.get(), module);
+    dwfl_report_end(session.library.get(), /*removed=*/nullptr, /*arg=*/nullptr);
+    session.known.clear();
+    session.generation = list.generation;
+}
+
+std::string symbolAt(Dwfl_Module* module, uintptr_t address) {
+    GElf_Off offset = 0;
+    GElf_Sym symbol;
+    const char* const name = module == nullptr
+                                 ? nullptr
+                                 : dwfl_module_addrinfo(module, address, &offset, &symbol, /*shndxp=*/nullptr,
+                                                        /*elfp=*/nullptr, /*biasp=*/nullptr);
+    if (name == nullptr || *name == '\0') {
+        MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get symbol from addr %d : %d",
+             static_cast<uint64_t>(address), dwfl_errno());
+        return {};
+    }
+    return readableName(name) + "()";
+}
+
+StackTrace::Frame lookUp(Dwfl* library, uintptr_t address) {
+    StackTrace::Frame frame;
+    Dwfl_Module* const module = dwfl_addrmodule(library, address);
+    frame.symbol = symbolAt(module, address);
+    if (module == nullptr) {
+        MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get module info");
+        return frame;
+    }
+    if (Dwfl_Line* const source = dwfl_module_getsrc(module, address); source != nullptr) {
+        int line = 0;
+        const char* const file = dwfl_lineinfo(source, /*addr=*/nullptr, &line, /*col=*/nullptr, /*mtime=*/nullptr,
+                                               /*length=*/nullptr);
+        if (file != nullptr) frame.file = file;
+        frame.line = static_cast<uint32_t>(line);
+    }
+    const char* image = nullptr;
+    const char* debugFile = nullptr;
+    dwfl_module_info(module, /*userdata=*/nullptr, /*start=*/nullptr, /*end=*/nullptr, /*dwbias=*/nullptr,
+                     /*symbias=*/nullptr, &image, &debugFile);
+    if (image != nullptr) frame.image = image;
+    if (debugFile != nullptr) frame.pdb = debugFile;
+    return frame;
+}
+
+// An address inside the instruction that the frame stands at: the call's last byte for an address to come back to.
+uintptr_t lookUpAddress(const RawFrame& frame) {
+    return frame.isReturnAddress ? frame.programCounter - 1 : frame.programCounter;
+}
+
+struct RawWalk {
+    RawFrame* frames;
+    size_t count;
+    size_t limit;
+    size_t ownFrames; // still to be left out
+};
+
+_Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* data) {
+    auto& walk = *static_cast<RawWalk*>(data);
+    if (walk.ownFrames > 0) {
+        --walk.ownFrames;
+        return _URC_NO_REASON;
+    }
+    if (walk.count == walk.limit) return _URC_END_OF_STACK;
+    int isBeforeInstruction = 0;
+    const uintptr_t programCounter = _Unwind_GetIPInfo(context, &isBeforeInstruction);
+    walk.frames[walk.count++] = {programCounter, isBeforeInstruction == 0};
+    return _URC_NO_REASON;
+}
+
+} // namespace
+
+[[gnu::noinline]] size_t walkRaw(RawFrame* frames, size_t maxFrames) {
+    RawWalk walk{frames, 0, maxFrames, /*ownFrames=*/1};
+    _Unwind_Backtrace(&takeFrame, &walk);
+    // The process's first function has no caller, which some unwinders tell as a frame at address 0.
+    if (walk.count > 0 && frames[walk.count - 1].programCounter == 0) --walk.count;
+    return walk.count;
+}
+
+StackTrace::Frame describeFrame(const RawFrame& frame) {
+    Session& session = theSession();
+    const absl::MutexLock lock(&session.mutex);
+    if (!openLibrary(session)) return {};
+    updateModules(session);
+    const uintptr_t address = lookUpAddress(frame);
+    const auto [entry, isNew] = session.known.try_emplace(address);
+    if (isNew && session.library) entry->second = lookUp(session.library.get(), address);
+    return entry->second;
+}
+
+StackTrace::ProcessHandle stacktrace_platform::processHandle() {
+    return reinterpret_cast<StackTrace::ProcessHandle>(static_cast<intptr_t>(::getpid()));
+}
+
+StackTrace::StackTrace() : StackTrace(stacktrace_platform::processHandle()) {}
+
+StackTrace::StackTrace(ProcessHandle process) {
+    const bool hasTurn =
+        process == stacktrace_platform::processHandle() && SymbolTurn::take(SymbolTurn::kTracePatienceMs);
+    if (!hasTurn || !openTheLibrary()) {
+        if (hasTurn) SymbolTurn::giveBack();
+        MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", debugSearchPath());
+        return;
+    }
+    m_processId = static_cast<uint32_t>(::getpid());
+    m_process = process;
+}
+
+// What the library has found out is kept for the next trace.
+StackTrace::~StackTrace() {
+    if (m_process != nullptr) SymbolTurn::giveBack();
+}
+
+void StackTrace::loadModules() {
+    if (m_modulesLoaded) return;
+    Session& session = theSession();
+    const absl::MutexLock lock(&session.mutex);
+    updateModules(session);
+    m_modulesLoaded = true;
+}
+
+bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image, const std::string& module,
+                            uint64_t base, uint32_t size) {
+    Session& session = theSession();
+    const absl::MutexLock lock(&session.mutex);
+    if (!openLibrary(session)) return false;
+    dwfl_report_begin_add(session.library.get());
+    const bool isAdded = addToLibrary(session.library.get(), {image, module, base, size});
+    dwfl_report_end(session.library.get(), /*removed=*/nullptr, /*arg=*/nullptr);
+    return isAdded;
+}
+
+[[gnu::noinline]] bool StackTrace::getStack(std::vector<Frame>& frames, size_t maxFrames) {
+    if (m_process == nullptr) {
+        MasterLogger::logAt(LogLevel::Warn, "core_stacktrace_win32", 186, "NS_CORE::StackTrace::getStack");
+        return false;
+    }
+    loadModules();
+    std::vector<RawFrame> walked(maxFrames > frames.size() ? maxFrames - frames.size() : 0);
+    walked.resize(walkRaw(walked.data(), walked.size()));
+    for (size_t index = 0; index < walked.size(); ++index) {
+        const uintptr_t returnAddress = index + 1 < walked.size() ? walked[index + 1].programCounter : 0;
+        if (walkStep(walked[index].programCounter, returnAddress) == WalkStep::Stop) break;
+        frames.push_back(describeFrame(walked[index]));
+    }
+    return true;
+}
+
+} // namespace NS_CORE

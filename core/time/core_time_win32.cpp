@@ -1,0 +1,34 @@
+#include <windows.h>
+
+#include "core/time/core_time.h"
+#include "core/time/core_time_platform.h"
+
+namespace NS_CORE {
+
+uint64_t monotonicMilliseconds() {
+    return ::GetTickCount64();
+}
+
+Timespec systemNow() {
+    FILETIME now;
+    ::GetSystemTimeAsFileTime(&now);
+    return timespecOfFileTime(static_cast<int64_t>(now.dwHighDateTime) << 32 | now.dwLowDateTime);
+}
+
+// The forms that say their width: this toolchain's plain ones and the universal runtime disagree about time_t.
+
+bool systemUtcTime(int32_t seconds, std::tm* out) {
+    const __time32_t time = seconds;
+    return ::_gmtime32_s(out, &time) == 0;
+}
+
+bool systemLocalTime(int32_t seconds, std::tm* out) {
+    const __time64_t time = seconds;
+    return ::_localtime64_s(out, &time) == 0;
+}
+
+int32_t systemSecondsOfLocal(std::tm fields) {
+    return static_cast<int32_t>(::_mktime32(&fields));
+}
+
+} // namespace NS_CORE

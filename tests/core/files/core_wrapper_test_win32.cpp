@@ -1,0 +1,75 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <windows.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "core/files/core_scopedfd.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/temp_dir.h"
+
+namespace NS_CORE {
+namespace {
+
+TEST(WrapperWin32, AReadOnlyFileIsRemovedWithTheFirstErrorKept) {
+    const test::TempDir dir;
+    test::writeFile(dir.path() / "readonly", "x");
+    ASSERT_TRUE(::SetFileAttributesW((dir.path() / "readonly").c_str(), FILE_ATTRIBUTE_READONLY));
+    errno = 0;
+    EXPECT_EQ(Wrapper::unlink(dir.file("readonly")), 0);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "readonly"));
+}
+
+TEST(WrapperWin32, AFileThatIsOpenStaysWithTheFirstErrorKept) {
+    const test::TempDir dir;
+    const ScopedFd fd(Wrapper::open(dir.file("open"), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR));
+    ASSERT_TRUE(fd);
+    errno = 0;
+    EXPECT_EQ(Wrapper::unlink(dir.file("open")), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_TRUE(std::filesystem::exists(dir.path() / "open"));
+}
+
+TEST(WrapperWin32, NarrowPathsAreNotConverted) {
+    const test::HookRecorder hook;
+    Wrapper::setUseWidePaths(false);
+    EXPECT_EQ(Wrapper::open("missing\\\xff", O_RDONLY, S_IRUSR), -1);
+    EXPECT_EQ(Wrapper::unlink("missing\\\xff"), -1);
+    EXPECT_TRUE(hook.failures().empty());
+}
+
+TEST(WrapperWin32, StreamsAlwaysTakeTheWideForm) {
+    const test::HookRecorder hook;
+    Wrapper::setUseWidePaths(false);
+    EXPECT_EQ(Wrapper::fopen("missing\\\xff", "r"), nullptr);
+    EXPECT_EQ(hook.single().message, "missing\\\xff");
+}
+
+TEST(WrapperWin32, ErrorTextsAreTheSystemsWithTheirLineBreak) {
+    char expected[512] = {};
+    ASSERT_NE(::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, ERROR_ACCESS_DENIED, 0x400, expected,
+                               sizeof expected, nullptr),
+              0U);
+    EXPECT_EQ(systemErrorText(ERROR_ACCESS_DENIED), expected);
+    EXPECT_TRUE(systemErrorText(ERROR_ACCESS_DENIED).ends_with("\r\n"));
+    EXPECT_EQ(systemErrorText(0x2fffffff), "");
+    ::SetLastError(ERROR_INVALID_HANDLE);
+    EXPECT_EQ(lastSystemError(), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST(WrapperWin32, TheLastErrorIsLoggedBehindThePrefix) {
+    const test::LogRecorder log;
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    logLastError("opening 100% of \"it\"");
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - opening 100% of \"it\": " +
+                                                     systemErrorText(ERROR_ACCESS_DENIED)}));
+}
+
+} // namespace
+} // namespace NS_CORE

@@ -1,0 +1,174 @@
+#include "core/log/core_loglimit.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "core/log/core_v2masterlogger.h"
+#include "tests/support/log_recorder.h"
+
+using NS_CORE::DefaultLogRImpl;
+using NS_CORE::LogCapture;
+using NS_CORE::LogRate;
+using NS_CORE::LogRImpl;
+using NS_CORE::MasterLogger;
+using test::LogRecorder;
+
+namespace LogLevel = NS_CORE::LogLevel;
+
+namespace {
+
+struct LimitTest : testing::Test {
+    LimitTest() {
+        MasterLogger::setRateImplementation(std::make_unique<DefaultLogRImpl>([this] { return nowMs; }));
+    }
+    ~LimitTest() override { MasterLogger::setRateImplementation(nullptr); }
+
+    static void say(const char* message, uint32_t level = LogLevel::Warn, LogRate rate = LogRate::Hourly) {
+        MasterLogger::logLimited(rate, level, "A::b", "%s", message);
+    }
+    std::vector<std::string> taken() {
+        std::vector<std::string> lines = log.lines();
+        log.clear();
+        return lines;
+    }
+    using Lines = std::vector<std::string>;
+
+    uint64_t nowMs = 5000;
+    LogRecorder log;
+};
+
+TEST_F(LimitTest, LogsTheFirstAtOnceAndCountsTheOthers) {
+    say("x");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x"});
+    for (int i = 0; i < 4; ++i) {
+        nowMs += 1000;
+        say("x");
+    }
+    EXPECT_EQ(taken(), Lines{});
+    nowMs = 5000 + 3600 * 1000 - 1;
+    say("x");
+    EXPECT_EQ(taken(), Lines{});
+    nowMs = 5000 + 3600 * 1000;
+    say("x");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x [6 times in 3600 seconds]"});
+    say("x");
+    EXPECT_EQ(taken(), Lines{});
+    nowMs += 7300 * 1000;
+    say("x");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x [2 times in 7300 seconds]"});
+    nowMs += 3600 * 1000;
+    say("x");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x"}) << "nothing was held back";
+}
+
+TEST_F(LimitTest, TellsLevelsAndTextsApart) {
+    say("x");
+    say("y");
+    say("x", LogLevel::Info);
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - y", "INFO A::b - x"}));
+    say("y");
+    say("x", LogLevel::Info);
+    EXPECT_EQ(taken(), Lines{});
+}
+
+TEST_F(LimitTest, TakesItsPeriodFromTheRate) {
+    constexpr auto twoSeconds = LogRate{2};
+    say("x", LogLevel::Warn, twoSeconds);
+    nowMs += 1999;
+    say("x", LogLevel::Warn, twoSeconds);
+    nowMs += 1;
+    say("x", LogLevel::Warn, twoSeconds);
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - x [2 times in 2 seconds]"}));
+}
+
+TEST_F(LimitTest, DoesNotLimitWithoutARateOrAtLevelZero) {
+    const LogCapture capture;
+    for (int i = 0; i < 2; ++i) {
+        say("x", LogLevel::Warn, LogRate::None);
+        say("x", LogLevel::Log2String);
+        say("x", LogLevel::Norm);
+    }
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - x"}));
+    EXPECT_EQ(capture.text(), "A::b - x\nA::b - x");
+}
+
+TEST_F(LimitTest, ReportsTextsThatDoNotComeAgainWithALaterCall) {
+    say("x");
+    say("x");
+    say("x");
+    say("silent");
+    nowMs += 3601 * 1000;
+    taken();
+    say("y");
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x [2 times in 3601 seconds]", "WARN A::b - y"}));
+    say("x");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x"}) << "a new period";
+}
+
+TEST_F(LimitTest, ReportsWhatItHoldsBackWhenItEnds) {
+    say("x");
+    say("x");
+    taken();
+    nowMs += 10 * 1000;
+    MasterLogger::setRateImplementation(nullptr);
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x [1 times in 10 seconds]"});
+    say("x");
+    say("x");
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - x"})) << "no limit without an implementation";
+}
+
+TEST_F(LimitTest, MakesRoomByReportingTheOldestText) {
+    say("oldest");
+    say("oldest");
+    nowMs += 1000;
+    for (size_t i = 1; i < DefaultLogRImpl::kMaxTexts; ++i) say(std::to_string(i).c_str());
+    EXPECT_EQ(taken().size(), DefaultLogRImpl::kMaxTexts);
+    say("one more");
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - oldest [1 times in 1 seconds]", "WARN A::b - one more"}));
+    say("1");
+    EXPECT_EQ(taken(), Lines{}) << "the younger ones are still known";
+}
+
+TEST_F(LimitTest, BoundsTheBytesItKeeps) {
+    const std::string big(DefaultLogRImpl::kMaxBytes / 2, 'x');
+    say((big + "1").c_str());
+    say((big + "1").c_str());
+    EXPECT_EQ(taken().size(), 1U);
+    say((big + "2").c_str());
+    EXPECT_EQ(taken().size(), 2U) << "the report of the first, and the second";
+    say((big + "1").c_str());
+    EXPECT_EQ(taken().size(), 1U) << "forgotten";
+}
+
+TEST_F(LimitTest, TellsOfEveryCallExactlyOnce) {
+    std::map<std::string, int> told;
+    uint32_t random = 1;
+    constexpr int kCalls = 20000;
+    for (int i = 0; i < kCalls; ++i) {
+        random = random * 1664525 + 1013904223;
+        nowMs += random % 20000;
+        say(std::to_string(random >> 16 & 511).c_str());
+    }
+    MasterLogger::setRateImplementation(nullptr);
+    int sum = 0;
+    for (const std::string& line : taken()) {
+        const size_t bracket = line.find('[');
+        sum += bracket == std::string::npos ? 1 : std::stoi(line.substr(bracket + 1));
+    }
+    EXPECT_EQ(sum, kCalls);
+}
+
+TEST_F(LimitTest, CanBeReplaced) {
+    struct Upper : LogRImpl {
+        void log(LogRate rate, uint32_t level, std::string_view text) override {
+            MasterLogger::logText(level, std::string(text) + "!" + std::to_string(static_cast<uint32_t>(rate)));
+        }
+    };
+    MasterLogger::setRateImplementation(std::make_unique<Upper>());
+    say("x");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - x!3600"});
+}
+
+} // namespace

@@ -1,0 +1,131 @@
+#include "core/net/core_smartsocket.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+#include "core/net/core_socket_platform.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/udp_receiver.h"
+
+using NS_CORE::kInvalidSocket;
+using NS_CORE::SmartSocket;
+using NS_CORE::SocketHandle;
+
+namespace {
+
+constexpr int32_t kInet = 2;
+constexpr int32_t kDatagram = 2;
+
+SmartSocket opened(uint32_t flags = 0) {
+    SmartSocket socket;
+    EXPECT_TRUE(socket.create(kInet, kDatagram, /*protocol=*/0, flags));
+    return socket;
+}
+
+// Whether the system knows the handle as an open socket.
+bool isAlive(SocketHandle handle) {
+    int type = 0;
+    socklen_t size = sizeof type;
+    return ::getsockopt(static_cast<test::SystemSocket>(handle), SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type),
+                        &size) == 0;
+}
+
+int reuseAddr(const SmartSocket& socket) {
+    int on = -1;
+    socklen_t size = sizeof on;
+    EXPECT_EQ(::getsockopt(static_cast<test::SystemSocket>(socket.handle()), SOL_SOCKET, SO_REUSEADDR,
+                           reinterpret_cast<char*>(&on), &size),
+              0);
+    return on;
+}
+
+static_assert(!std::is_copy_constructible_v<SmartSocket> && !std::is_copy_assignable_v<SmartSocket>);
+static_assert(std::is_nothrow_move_constructible_v<SmartSocket> && std::is_nothrow_move_assignable_v<SmartSocket>);
+
+} // namespace
+
+TEST(SmartSocket, OwnsNothingAtFirst) {
+    const SmartSocket socket;
+    EXPECT_FALSE(socket.isOpen());
+    EXPECT_EQ(socket.handle(), 0xffffffffU);
+}
+
+TEST(SmartSocket, ClosesWhatItOwnsWhenItEnds) {
+    SocketHandle handle = kInvalidSocket;
+    {
+        const SmartSocket socket = opened();
+        handle = socket.handle();
+        EXPECT_TRUE(isAlive(handle));
+    }
+    EXPECT_FALSE(isAlive(handle));
+}
+
+TEST(SmartSocket, ClosesOnceAndIsEmptyThen) {
+    SmartSocket socket = opened();
+    const SocketHandle handle = socket.handle();
+    socket.close();
+    EXPECT_FALSE(isAlive(handle));
+    EXPECT_EQ(socket.handle(), kInvalidSocket);
+    socket.close();
+    EXPECT_FALSE(socket.isOpen());
+}
+
+TEST(SmartSocket, GivesItsHandleAwayWhenMoved) {
+    SmartSocket from = opened();
+    const SocketHandle handle = from.handle();
+    const SmartSocket to = std::move(from);
+    EXPECT_EQ(from.handle(), kInvalidSocket); // NOLINT(bugprone-use-after-move): that is the promise
+    EXPECT_EQ(to.handle(), handle);
+    EXPECT_TRUE(isAlive(handle));
+}
+
+TEST(SmartSocket, ClosesWhatItHeldWhenMovedTo) {
+    SmartSocket from = opened();
+    SmartSocket to = opened();
+    const SocketHandle taken = from.handle();
+    const SocketHandle given = to.handle();
+    to = std::move(from);
+    EXPECT_EQ(to.handle(), taken);
+    EXPECT_TRUE(isAlive(taken));
+    EXPECT_FALSE(isAlive(given));
+    EXPECT_FALSE(from.isOpen()); // NOLINT(bugprone-use-after-move): that is the promise
+}
+
+TEST(SmartSocket, ClosesTheOldHandleWhenCreatedAgain) {
+    SmartSocket socket = opened();
+    const SmartSocket placeholder = opened();
+    const SocketHandle first = socket.handle();
+    ASSERT_TRUE(socket.create(kInet, kDatagram, /*protocol=*/0, NS_CORE::SocketFlag::ReuseAddr));
+    // The old handle was closed before the new one was made, so the system gives its number again.
+    EXPECT_EQ(socket.handle(), first);
+    EXPECT_TRUE(isAlive(socket.handle()));
+    EXPECT_NE(reuseAddr(socket), 0);
+}
+
+TEST(SmartSocket, SetsReuseAddrOnlyWhenAsked) {
+    EXPECT_EQ(reuseAddr(opened()), 0);
+    EXPECT_NE(reuseAddr(opened(NS_CORE::SocketFlag::ReuseAddr)), 0);
+}
+
+TEST(SmartSocket, BlocksUnlessAskedNotTo) {
+    SmartSocket socket = opened(NS_CORE::SocketFlag::NonBlocking);
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    const auto handle = static_cast<test::SystemSocket>(socket.handle());
+    ASSERT_EQ(::bind(handle, reinterpret_cast<const sockaddr*>(&any), sizeof any), 0);
+    // Would wait for ever otherwise.
+    char byte = 0;
+    EXPECT_LT(::recvfrom(handle, &byte, 1, 0, nullptr, nullptr), 0);
+}
+
+TEST(SmartSocket, ReportsASocketThatTheSystemDoesNotMake) {
+    SmartSocket socket = opened();
+    const SocketHandle before = socket.handle();
+    test::LogRecorder log;
+    EXPECT_FALSE(socket.create(kInet, 77, /*protocol=*/5, /*flags=*/0));
+    EXPECT_FALSE(socket.isOpen());
+    EXPECT_FALSE(isAlive(before));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"WARN CORE::SmartSocket::create(2,77,5) - failed to open socket"}));
+}

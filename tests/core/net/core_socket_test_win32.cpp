@@ -1,0 +1,52 @@
+#include "core/net/core_socket.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <winsock2.h>
+
+#include "tests/support/child.h"
+#include "tests/support/self_process.h"
+
+namespace {
+
+bool g_tellWhetherSocketsWork = false;
+
+// The last exit handler to run, because it is registered before all others.
+void tellWhetherSocketsWork() {
+    if (!g_tellWhetherSocketsWork) return;
+    const SOCKET socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+    std::printf("%s", socket != INVALID_SOCKET ? "sockets still work" : "sockets are cleaned up");
+    std::fflush(stdout);
+}
+
+struct Early {
+    Early() { static_cast<void>(std::atexit(&tellWhetherSocketsWork)); }
+};
+[[gnu::init_priority(101)]] Early g_early;
+
+const test::ChildProgram g_exits("exit-with-winsock", [](const std::vector<std::string>& arguments) {
+    g_tellWhetherSocketsWork = true;
+    NS_CORE::setWinsockCleanupAtExit(arguments.at(0) == "cleanup");
+    return 0;
+});
+
+} // namespace
+
+TEST(WinsockInit, IsCleanedUpAtExit) {
+    test::SelfProcess child("exit-with-winsock", {"cleanup"});
+    EXPECT_EQ(child.readAll(), "sockets are cleaned up");
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(WinsockInit, IsNotCleanedUpUnderTheServiceControlManager) {
+    test::SelfProcess child("exit-with-winsock", {"keep"});
+    EXPECT_EQ(child.readAll(), "sockets still work");
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST(WinsockInit, MakesFilesBinary) {
+    int mode = 0;
+    ASSERT_EQ(::_get_fmode(&mode), 0);
+    EXPECT_EQ(mode, _O_BINARY);
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "core/files/core_dir.h"
+#include "core/identity/core_product.h"
+#include "core/identity/core_rcsname.h"
+#include "core/net/core_socket.h"
+#include "core/report/core_testinterface.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/udp_receiver.h"
+
+using NS_CORE::FailureKind;
+using NS_CORE::TestInterface;
+using Strings = std::vector<std::string>;
+namespace TestAction = NS_CORE::TestAction;
+
+// A test interface with a clock of its own, in a working directory of its own, and a collector for it.
+struct TestInterfaceTest : testing::Test {
+    test::TempDir dir;
+    std::filesystem::path before = std::filesystem::current_path();
+    test::LogRecorder log;
+    test::UdpReceiver collector;
+    uint64_t nowMs = 1'000'000;
+    TestInterface interface{{[this] { return nowMs; }, [] { return 1'574'262'224; }}};
+
+    TestInterfaceTest() {
+        NS_CORE::setProductIdentifier("rav<elin");
+        std::filesystem::create_directory(dir.path() / "settings");
+        std::filesystem::current_path(dir.path());
+    }
+    ~TestInterfaceTest() override { std::filesystem::current_path(before); }
+
+    void writeIni(const std::string& rest) { test::writeFile(dir.path() / "settings" / "testing.ini", rest); }
+
+    std::string general() const {
+        return "[general]\nsend_address 127.0.0.1\nsend_port " + std::to_string(collector.port()) + "\n";
+    }
+
+    // Has reports sent to the collector.
+    void configure(const std::string& rest = "[assert]\nsend true\n[alert]\nsend true\n") {
+        writeIni(general() + rest);
+        ASSERT_TRUE(interface.loadIni());
+    }
+
+    void fail(int32_t line, const std::string& message = "m", FailureKind kind = FailureKind::Assertion) {
+        interface.report({kind, "a < b", "core_x", line, 1, message});
+    }
+
+    // What the collector has to get for that.
+    static std::string document(int32_t line, uint64_t count, uint64_t total, const std::string& message = "m",
+                                const std::string& action = "continue", const std::string& type = "ASSERT",
+                                const std::string& logUrl = "") {
+        std::string executable;
+        EXPECT_TRUE(NS_CORE::Dir::getModuleFilename(executable));
+        return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<assert>\n  <type>" + type +
+               "</type>  <file>core_x</file>\n  <line>" + std::to_string(line) +
+               "</line>\n  <condition>a &lt; b</condition>\n  <message>" + message +
+               "</message>  <backtrace></backtrace>  <level>1</level>\n  <count>" + std::to_string(count) +
+               "</count>\n  <total>" + std::to_string(total) + "</total>\n  <utc>1574262224</utc>\n  <server>" +
+               executable.substr(executable.find_last_of("/\\") + 1) +
+               "</server>\n  <product>rav&lt;elin</product>\n  <swver>" + NS_CORE::version() +
+               "</swver>\n  <hostname>" + NS_CORE::hostName() + "</hostname>\n  <os>" + NS_CORE::platform() +
+               "</os>\n  <build_id>" + NS_CORE::buildId() + "</build_id>\n  <build_time>" + NS_CORE::buildDate() + " " +
+               NS_CORE::buildTime() + "</build_time>\n  <action>" + action + "</action>\n" + logUrl + "</assert>";
+    }
+
+    // That nothing else has come: the next datagram is the one sent here.
+    void expectNoMore() {
+        NS_CORE::Udp4Socket socket;
+        ASSERT_TRUE(socket.open(0, NS_CORE::kAnyAddress));
+        ASSERT_TRUE(socket.send("127.0.0.1", collector.port(), "mark", 4));
+        EXPECT_EQ(collector.receive().bytes, "mark");
+    }
+};

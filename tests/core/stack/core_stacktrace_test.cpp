@@ -1,0 +1,483 @@
+#include "core/stack/core_stacktrace.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <source_location>
+#include <sstream>
+#include <thread>
+
+#include "core/log/core_v2masterlogger.h"
+#include "core/stack/core_stacktrace_platform.h"
+#include "core/stack/core_stacktracetext.h"
+#include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
+
+namespace {
+
+using NS_CORE::StackTrace;
+using Frame = StackTrace::Frame;
+using Lines = std::vector<std::string>;
+
+Frame known(const std::string& symbol) {
+    return {.image = "", .pdb = "", .symbol = symbol, .file = "", .line = 0};
+}
+
+Frame unknown(const std::string& image = "") {
+    return {.image = image, .pdb = "", .symbol = "", .file = "", .line = 0};
+}
+
+// The tracer's own three, and `rest`.
+std::vector<Frame> trace(std::vector<Frame> rest) {
+    rest.insert(rest.begin(), {known("getStack()"), known("logStack()"), known("toText()")});
+    return rest;
+}
+
+Lines linesOf(const std::vector<Frame>& rest, char separator = '\\') {
+    return NS_CORE::traceLines(trace(rest), StackTrace::kDiscardedFrames, separator);
+}
+
+Lines split(const std::string& text) {
+    Lines lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+TEST(TraceLines, TellFunctionPlaceAndImage) {
+    EXPECT_EQ(linesOf({{.image = "C:\\svc\\bin\\quorkeri_service.exe",
+                        .pdb = "C:\\svc\\bin\\symbols\\quorkeri_service.pdb",
+                        .symbol = "NS_UTL::Service::run()",
+                        .file = "d:\\build\\utl\\utl_service.cpp",
+                        .line = 120}}),
+              Lines{"#01 in NS_UTL::Service::run() at utl_service.cpp:120 (quorkeri_service.exe)"});
+}
+
+TEST(TraceLines, LeaveOutWhatIsUnknown) {
+    EXPECT_EQ(linesOf({known("f()"),
+                       {.image = "C:\\a.dll", .pdb = "", .symbol = "g()", .file = "", .line = 7},
+                       {.image = "", .pdb = "", .symbol = "h()", .file = "h.cpp", .line = 8}}),
+              (Lines{"#01 in f()", "#02 in g() (a.dll)", "#03 in h() at h.cpp:8"}));
+}
+
+TEST(TraceLines, ShowOnlyTheLastPartBehindThePlatformsSeparator) {
+    const Frame frame{
+        .image = "/opt/svc/bin/service", .pdb = "", .symbol = "f()", .file = "/src/core/core_x.cpp", .line = 1};
+    EXPECT_EQ(linesOf({frame}, '/'), Lines{"#01 in f() at core_x.cpp:1 (service)"});
+    EXPECT_EQ(linesOf({frame}, '\\'), Lines{"#01 in f() at /src/core/core_x.cpp:1 (/opt/svc/bin/service)"});
+}
+
+TEST(TraceLines, PrintAnUnknownFrameOfAKnownModuleWithItsModule) {
+    EXPECT_EQ(linesOf({unknown("C:\\Windows\\kernel32.dll"), known("f()")}),
+              (Lines{"#01 in ? (kernel32.dll)", "#04 in ?", "#02 in f()"}));
+}
+
+TEST(TraceLines, PrintARunOfUnknownFramesOnceAndMarkItsEndWithTheRawPosition) {
+    // Positions: 4 known, 5 to 7 unknown, 8 known.
+    EXPECT_EQ(linesOf({known("f()"), unknown("a.dll"), unknown("b.dll"), unknown(), known("g()")}),
+              (Lines{"#01 in f()", "#02 in ? (a.dll)", "#07 in ?", "#05 in g()"}));
+}
+
+TEST(TraceLines, MarkARunThatEndsTheTrace) {
+    EXPECT_EQ(linesOf({known("f()"), unknown(), unknown()}), (Lines{"#01 in f()", "#02 in ?", "#06 in ?"}));
+}
+
+TEST(TraceLines, StartANewRunAfterAKnownFrame) {
+    EXPECT_EQ(linesOf({unknown(), known("f()"), unknown(), unknown(), known("g()")}),
+              (Lines{"#01 in ?", "#04 in ?", "#02 in f()", "#03 in ?", "#07 in ?", "#05 in g()"}));
+}
+
+TEST(TraceLines, DoNotLetDiscardedFramesBeginARun) {
+    std::vector<Frame> frames{unknown(), unknown(), unknown(), known("f()")};
+    EXPECT_EQ(NS_CORE::traceLines(frames, 3, '\\'), Lines{"#01 in f()"});
+}
+
+TEST(TraceLines, SayHowManyWereDiscardedWhenNothingIsLeft) {
+    for (size_t count = 0; count <= 3; ++count) {
+        const std::vector<Frame> frames(count, known("f()"));
+        EXPECT_EQ(NS_CORE::traceLines(frames, 3, '\\'), Lines{"Stack with 0 frames (discarded 3)"}) << count;
+    }
+    EXPECT_EQ(linesOf({known("f()")}).size(), 1U);
+}
+
+TEST(TraceLines, NumberSixtyFramesOfTheLongestWalk) {
+    const Lines lines = linesOf(std::vector<Frame>(60, known("f()")));
+    ASSERT_EQ(lines.size(), 60U);
+    EXPECT_EQ(lines.front(), "#01 in f()");
+    EXPECT_EQ(lines.back(), "#60 in f()");
+}
+
+TEST(SymbolSearchPath, ListsTheWorkingDirectoryTheModulesAndTheSystems) {
+    EXPECT_EQ(NS_CORE::symbolSearchPath("C:\\run", "C:\\prog", "C:\\Windows"),
+              "C:\\run;C:\\prog;C:\\prog\\symbols;C:\\Windows;C:\\Windows\\system32;");
+}
+
+TEST(SymbolSearchPath, DoesNotListTheModulesDirectoryTwice) {
+    EXPECT_EQ(NS_CORE::symbolSearchPath("C:\\prog", "C:\\prog", "C:\\Windows"),
+              "C:\\prog;C:\\prog\\symbols;C:\\Windows;C:\\Windows\\system32;");
+    // Bytes are compared.
+    EXPECT_EQ(NS_CORE::symbolSearchPath("c:\\prog", "C:\\prog", ""), "c:\\prog;C:\\prog;C:\\prog\\symbols;");
+}
+
+TEST(SymbolSearchPath, LeavesOutWhatCouldNotBeHad) {
+    EXPECT_EQ(NS_CORE::symbolSearchPath("", "C:\\prog", ""), "C:\\prog;C:\\prog\\symbols;");
+    EXPECT_EQ(NS_CORE::symbolSearchPath("C:\\run", "", "C:\\W"), "C:\\run;C:\\W;C:\\W\\system32;");
+    EXPECT_EQ(NS_CORE::symbolSearchPath("", "", ""), "");
+}
+
+TEST(ModuleDirectory, EndsBeforeTheLastSeparatorOfAnyKind) {
+    EXPECT_EQ(NS_CORE::moduleDirectory("C:\\prog\\x.exe"), "C:\\prog");
+    EXPECT_EQ(NS_CORE::moduleDirectory("C:/prog/x.exe"), "C:/prog");
+    EXPECT_EQ(NS_CORE::moduleDirectory("C:x.exe"), "C");
+    EXPECT_EQ(NS_CORE::moduleDirectory("x.exe"), "x.exe");
+    EXPECT_EQ(NS_CORE::moduleDirectory("\\x.exe"), "");
+    EXPECT_EQ(NS_CORE::moduleDirectory(""), "");
+}
+
+TEST(FunctionName, LeavesOutReturnTypeParametersAndQualifiers) {
+    using NS_CORE::functionName;
+    EXPECT_EQ(functionName("main"), "main");
+    EXPECT_EQ(functionName("ns::f(int, char const*)"), "ns::f");
+    EXPECT_EQ(functionName("ns::C::f() const"), "ns::C::f");
+    EXPECT_EQ(functionName("ns::C::f() const &"), "ns::C::f");
+    EXPECT_EQ(functionName("f(int) [clone .cold]"), "f");
+    EXPECT_EQ(functionName("f(void (*)(int), int (&) [3])"), "f");
+    EXPECT_EQ(functionName("void f<int>(int)"), "f<int>");
+    EXPECT_EQ(functionName("std::string const& ns::f<int, char>(int)"), "ns::f<int, char>");
+    EXPECT_EQ(functionName("(anonymous namespace)::C::f(int)"), "(anonymous namespace)::C::f");
+    EXPECT_EQ(functionName("void (anonymous namespace)::f<long long>(long long)"),
+              "(anonymous namespace)::f<long long>");
+    EXPECT_EQ(functionName("C::operator()(int) const"), "C::operator()");
+    EXPECT_EQ(functionName("C::operator bool() const"), "C::operator bool");
+    EXPECT_EQ(functionName("C::operator<<(int)"), "C::operator<<");
+    EXPECT_EQ(functionName("bool operator< <int>(int, int)"), "operator< <int>");
+    EXPECT_EQ(functionName("operator new(unsigned int)"), "operator new");
+    EXPECT_EQ(functionName("f(int)::{lambda(int)#1}::operator()(int) const"), "f(int)::{lambda(int)#1}::operator()");
+    EXPECT_EQ(functionName("C::f(int) const::{lambda()#1}::operator()() const"),
+              "C::f(int) const::{lambda()#1}::operator()");
+    EXPECT_EQ(functionName("ns::f[abi:cxx11](int)"), "ns::f");
+    EXPECT_EQ(functionName(""), "");
+    EXPECT_EQ(functionName(")"), ")");
+}
+
+TEST(ReadableName, DemanglesTheCompilersNamesAndKeepsOthers) {
+    EXPECT_EQ(NS_CORE::readableName("_ZN2ns1fEiPKc"), "ns::f");
+    EXPECT_EQ(NS_CORE::readableName("__ZN2ns1fEiPKc"), "ns::f");
+    EXPECT_EQ(NS_CORE::readableName("main"), "main");
+    EXPECT_EQ(NS_CORE::readableName("_Zbroken"), "_Zbroken");
+    EXPECT_EQ(NS_CORE::readableName("__libc_start_main@@GLIBC_2.34"), "__libc_start_main");
+    EXPECT_EQ(NS_CORE::readableName("_ZSt9terminatev@GLIBCXX_3.4"), "std::terminate");
+    EXPECT_EQ(NS_CORE::readableName(""), "");
+}
+
+TEST(WalkStep, EndsBehindTheOutermostFrame) {
+    const test::LogRecorder log;
+    EXPECT_EQ(NS_CORE::walkStep(0x1000, 0x2000), NS_CORE::WalkStep::TakeAndGoOn);
+    EXPECT_EQ(NS_CORE::walkStep(0x1000, 0), NS_CORE::WalkStep::TakeAndStop);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(WalkStep, DoesNotTakeAFrameThatReturnsToItself) {
+    const test::LogRecorder log;
+    EXPECT_EQ(NS_CORE::walkStep(0x1000, 0x1000), NS_CORE::WalkStep::Stop);
+    EXPECT_EQ(NS_CORE::walkStep(0, 0), NS_CORE::WalkStep::Stop);
+    EXPECT_EQ(log.lines(), (Lines{"WARN NS_CORE::StackTrace::getStack - endless callstack",
+                                  "WARN NS_CORE::StackTrace::getStack - endless callstack"}));
+}
+
+TEST(WalkStep, DoesNotTakeAFrameAtAddressZero) {
+    const test::LogRecorder log;
+    EXPECT_EQ(NS_CORE::walkStep(0, 0x1000), NS_CORE::WalkStep::Stop);
+    EXPECT_EQ(log.lines(), Lines{"WARN NS_CORE::StackTrace::getStack - offset==0"});
+}
+
+} // namespace
+
+// Functions of known names and depth. The assignments keep calls from becoming jumps.
+namespace tracetest {
+
+using NS_CORE::StackTrace;
+
+thread_local volatile int g_sink = 0;
+
+using Action = std::string (*)();
+
+[[gnu::noinline]] std::string innermost(Action action) {
+    std::string text = action();
+    g_sink = 1;
+    return text;
+}
+
+[[gnu::noinline]] std::string middle(Action action) {
+    std::string text = innermost(action);
+    g_sink = 2;
+    return text;
+}
+
+[[gnu::noinline]] std::string outermost(Action action) {
+    std::string text = middle(action);
+    g_sink = 3;
+    return text;
+}
+
+thread_local uint32_t g_askingLine = 0;
+
+[[gnu::noinline]] std::string ask() {
+    g_askingLine = std::source_location::current().line() + 1;
+    std::string text = StackTrace().toText();
+    g_sink = 4;
+    return text;
+}
+
+// What a thread is asked by, so that its traces can be told from another's.
+template <int thread>
+[[gnu::noinline]] std::string askAs() {
+    std::string text = ask();
+    g_sink = thread;
+    return text;
+}
+
+// Two functions in turn, since one that calls itself straight away looks like an endless stack.
+std::string pingPong(int calls, Action action);
+
+[[gnu::noinline]] std::string pong(int calls, Action action) {
+    std::string text = pingPong(calls - 1, action);
+    g_sink = 5;
+    return text;
+}
+
+[[gnu::noinline]] std::string pingPong(int calls, Action action) {
+    std::string text = calls > 0 ? pong(calls - 1, action) : action();
+    g_sink = 6;
+    return text;
+}
+
+[[gnu::noinline]] std::string recurse(int calls) {
+    std::string text = calls > 0 ? recurse(calls - 1) : ask();
+    g_sink = 7;
+    return text;
+}
+
+} // namespace tracetest
+
+namespace {
+
+// For symbols_test, which gives it to programs with and without symbols.
+const test::ChildProgram g_trace("trace", [](const std::vector<std::string>&) {
+    std::printf("%s\n", tracetest::outermost(&tracetest::ask).c_str());
+    return 0;
+});
+
+// "#02 in tracetest::innermost() at core_stacktrace_test.cpp:205 (core_tests.exe)" with any line.
+void expectFrame(const std::string& line, const std::string& number, const std::string& function) {
+    EXPECT_TRUE(line.starts_with(number + " in tracetest::" + function + "() at core_stacktrace_test.cpp:")) << line;
+    EXPECT_TRUE(line.ends_with(" (core_tests)") || line.ends_with(" (core_tests.exe)")) << line;
+}
+
+TEST(StackTrace, BeginsAtTheFunctionThatAsks) {
+    const Lines lines = split(tracetest::outermost(&tracetest::ask));
+    ASSERT_GE(lines.size(), 5U);
+    expectFrame(lines[0], "#01", "ask");
+    EXPECT_NE(lines[0].find(".cpp:" + std::to_string(tracetest::g_askingLine) + " ("), std::string::npos) << lines[0];
+    expectFrame(lines[1], "#02", "innermost");
+    expectFrame(lines[2], "#03", "middle");
+    expectFrame(lines[3], "#04", "outermost");
+}
+
+TEST(StackTrace, ShowsNothingOfTheTracerItself) {
+    EXPECT_EQ(tracetest::outermost(&tracetest::ask).find("StackTrace::"), std::string::npos);
+}
+
+TEST(StackTrace, LogsTheSameLinesAtTheLevelAskedFor) {
+    const test::LogRecorder log;
+    StackTrace().logStack(NS_CORE::LogLevel::Info);
+    const Lines lines = log.lines();
+    ASSERT_FALSE(lines.empty());
+    // One frame less than with toText, so the function that asks is the third discarded one.
+    EXPECT_TRUE(lines[0].starts_with("INFO #01 in ")) << lines[0];
+}
+
+TEST(StackTrace, LogsNothingAtALevelThatIsOff) {
+    const test::LogRecorder log;
+    StackTrace().logStack(NS_CORE::LogLevel::Norm);
+    EXPECT_EQ(log.lines(), Lines{});
+}
+
+TEST(StackTrace, WalksAtMostSixtyThreeFrames) {
+    std::vector<Frame> frames;
+    const Lines lines = split(tracetest::pingPong(200, &tracetest::ask));
+    ASSERT_EQ(lines.size(), 60U);
+    expectFrame(lines[0], "#01", "ask");
+    expectFrame(lines[1], "#02", "pingPong");
+    expectFrame(lines[2], "#03", "pong");
+    EXPECT_TRUE(lines[59].starts_with("#60 in ")) << lines[59];
+}
+
+TEST(StackTrace, AppendsToWhatIsThereUpToTheLimit) {
+    StackTrace trace;
+    std::vector<Frame> frames{known("before")};
+    ASSERT_TRUE(trace.getStack(frames, 4));
+    ASSERT_EQ(frames.size(), 4U);
+    EXPECT_EQ(frames[0], known("before"));
+    EXPECT_EQ(frames[1].symbol, "NS_CORE::StackTrace::getStack()");
+    ASSERT_TRUE(trace.getStack(frames, 4));
+    EXPECT_EQ(frames.size(), 4U);
+}
+
+TEST(StackTrace, NamesTheImageOfEachFrame) {
+    StackTrace trace;
+    std::vector<Frame> frames;
+    ASSERT_TRUE(trace.getStack(frames, 2));
+    ASSERT_EQ(frames.size(), 2U);
+    EXPECT_NE(frames[1].image.find("core_tests"), std::string::npos) << frames[1].image;
+    EXPECT_NE(frames[1].file.find("core_stacktrace_test.cpp"), std::string::npos) << frames[1].file;
+}
+
+TEST(StackTrace, KeepsTheTracesOfSeveralThreadsApart) {
+    constexpr int kTraces = 2;
+    std::vector<std::string> texts[2];
+    const auto trace = [](tracetest::Action action, std::vector<std::string>& into) {
+        for (int count = 0; count < kTraces; ++count) into.push_back(tracetest::outermost(action));
+    };
+    std::thread other(trace, &tracetest::askAs<1>, std::ref(texts[1]));
+    trace(&tracetest::askAs<0>, texts[0]);
+    other.join();
+    for (int thread = 0; thread < 2; ++thread) {
+        for (const std::string& text : texts[thread]) {
+            const Lines lines = split(text);
+            ASSERT_GE(lines.size(), 5U) << text;
+            expectFrame(lines[0], "#01", "ask");
+            EXPECT_TRUE(lines[1].starts_with("#02 in tracetest::askAs<" + std::to_string(thread) + ">() at ")) << text;
+            expectFrame(lines[2], "#03", "innermost");
+            expectFrame(lines[4], "#05", "outermost");
+        }
+    }
+}
+
+// What a line of a trace may be: "#07 in ?" alone ends a run of unknown frames.
+struct TraceLine {
+    size_t number = 0;
+    bool isEndOfRun = false;
+    bool isUnknown = false;
+};
+
+bool isDigit(char character) {
+    return character >= '0' && character <= '9';
+}
+
+// "#07 in name() at file.cpp:12 (image)", with "?" for a name that is not known, and without what else is not.
+TraceLine parsed(const std::string& line) {
+    EXPECT_TRUE(line.size() > 7 && line[0] == '#' && isDigit(line[1]) && isDigit(line[2]) && line[3] == ' ') << line;
+    std::string_view rest = std::string_view(line).substr(std::min<size_t>(line.size(), 3));
+    EXPECT_TRUE(rest.starts_with(" in ")) << line;
+    rest.remove_prefix(std::min<size_t>(rest.size(), 4));
+    const size_t number = std::stoul(line.substr(1, 2));
+    const bool isUnknown = rest == "?" || rest.starts_with("? (");
+    EXPECT_TRUE(isUnknown || rest.find("()") != std::string_view::npos) << line;
+    EXPECT_TRUE(rest == "?" || rest.ends_with(')')) << line;
+    EXPECT_EQ(rest.find('\\'), std::string_view::npos) << "a directory in " << line;
+    return {number, rest == "?", isUnknown};
+}
+
+// Numbers count frames from the first behind the tracer's three. The end of a run bears its last frame's position
+// from the walk's start, so three more than it would have as a line.
+TEST(StackTrace, NumbersTheLinesOfAWalkThroughUnknownCode) {
+    std::string text;
+    // A new thread begins in code that has no symbols for us, on both platforms.
+    std::thread([&text] { text = tracetest::outermost(&tracetest::ask); }).join();
+    const Lines lines = split(text);
+    size_t runs = 0;
+    size_t lastNumber = 0;
+    for (size_t index = 0; index < lines.size(); ++index) {
+        const TraceLine line = parsed(lines[index]);
+        if (!line.isEndOfRun) {
+            EXPECT_GT(line.number, lastNumber) << text;
+            lastNumber = line.number;
+            continue;
+        }
+        ++runs;
+        ASSERT_GT(index, 0U);
+        EXPECT_TRUE(parsed(lines[index - 1]).isUnknown) << "a run has a line of its own first:\n" << text;
+        EXPECT_GE(line.number, lastNumber + StackTrace::kDiscardedFrames) << text;
+        if (index + 1 < lines.size()) {
+            EXPECT_EQ(parsed(lines[index + 1]).number + StackTrace::kDiscardedFrames, line.number + 1) << text;
+        }
+    }
+    EXPECT_GE(runs, 1U) << text;
+    EXPECT_EQ(parsed(lines.front()).number, 1U);
+}
+
+TEST(StackTrace, EndsAtAFunctionThatCallsItself) {
+    const test::LogRecorder log;
+    const Lines lines = split(tracetest::recurse(10));
+    EXPECT_EQ(log.lines(), Lines{"WARN NS_CORE::StackTrace::getStack - endless callstack"});
+    // The innermost call returns to ask's caller, so it differs from the others.
+    ASSERT_EQ(lines.size(), 2U);
+    expectFrame(lines[0], "#01", "ask");
+    expectFrame(lines[1], "#02", "recurse");
+}
+
+TEST(StackTrace, WithoutSymbolsSaysSoEachTime) {
+    const test::LogRecorder log;
+    StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
+    EXPECT_EQ(trace.toText(), "Failed to get stack");
+    EXPECT_EQ(trace.toText(), "Failed to get stack");
+    trace.logStack(NS_CORE::LogLevel::Crit);
+    const std::string place = "WARN Log at core_stacktrace_win32:186 (NS_CORE::StackTrace::getStack)";
+    EXPECT_EQ(log.lines(), (Lines{place, place, place, "CRIT Failed to get stack"}));
+}
+
+TEST(StackTrace, WithoutSymbolsLeavesTheFramesAlone) {
+    const test::LogRecorder log;
+    StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
+    std::vector<Frame> frames{known("before")};
+    EXPECT_FALSE(trace.getStack(frames, StackTrace::kMaxFrames));
+    EXPECT_EQ(frames, std::vector<Frame>{known("before")});
+}
+
+// Has the records of NORM, which is off at start, too.
+class NormRecords {
+public:
+    NormRecords() {
+        NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, /*implementationBits=*/8);
+    }
+    std::string text() const {
+        std::string all;
+        for (const std::string& line : m_log.lines()) all += line + '\n';
+        return all;
+    }
+
+private:
+    test::LogRecorder m_log;
+};
+
+TEST(StackTrace, TellsAtNormWhereItWouldHaveLookedForSymbols) {
+    const NormRecords log;
+    const StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
+    EXPECT_NE(log.text().find("NS_CORE::StackTrace::StackTrace - failed to initialise symbols from "),
+              std::string::npos)
+        << log.text();
+    EXPECT_NE(log.text().find("symbols"), log.text().rfind("symbols")) << "the path is missing in " << log.text();
+}
+
+TEST(StackTrace, ModuleThatCannotBeReadIsSkippedAndTold) {
+    const NormRecords log;
+    const test::HookRecorder hook;
+    StackTrace trace;
+    std::vector<Frame> frames;
+    ASSERT_TRUE(trace.getStack(frames, 5));
+    const StackTrace::ProcessHandle process = NS_CORE::stacktrace_platform::processHandle();
+    EXPECT_FALSE(StackTrace::loadModule(process, "no-such-image.dll", "no-such-image", 0x60000000, 4096));
+    // The name is given for a number, and comes out as one.
+    EXPECT_NE(log.text().find("NS_CORE::StackTrace::loadModule - failed to load image=no-such-image.dll module=0 "
+                              "base_addr=1610612736, size=4096"),
+              std::string::npos)
+        << log.text();
+    EXPECT_EQ(hook.single().message,
+              "core_varargs:261: ch=d format='failed to load image=%s module=%d base_addr=%d, size=%d'");
+}
+
+} // namespace

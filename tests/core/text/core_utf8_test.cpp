@@ -1,0 +1,154 @@
+#include "core/text/core_utf8.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// The converter is a pure function of the text; this takes its two outputs and what it wrote.
+struct Outcome {
+    bool converted;
+    std::u16string wide;
+    std::string output;
+};
+
+Outcome convert(std::string_view text) {
+    Outcome outcome{false, u"before", ""};
+    testing::internal::CaptureStdout();
+    outcome.converted = NS_CORE::fromUtf8(text, outcome.wide);
+    outcome.output = testing::internal::GetCapturedStdout();
+    return outcome;
+}
+
+void expectConverted(std::string_view text, std::u16string_view wide) {
+    const Outcome outcome = convert(text);
+    EXPECT_TRUE(outcome.converted);
+    EXPECT_EQ(outcome.wide, wide);
+    EXPECT_EQ(outcome.output, "");
+}
+
+void expectRefused(std::string_view text, std::string_view description) {
+    const Outcome outcome = convert(text);
+    EXPECT_FALSE(outcome.converted);
+    EXPECT_EQ(outcome.wide, u"before");
+    EXPECT_EQ(outcome.output, "fromUtf8 conversion failed " + std::string(description) + "\n");
+}
+
+TEST(FromUtf8, AnEmptyTextBecomesAnEmptyText) {
+    expectConverted("", u"");
+}
+
+TEST(FromUtf8, TextsOfEveryLengthConvert) {
+    expectConverted("service.log", u"service.log");
+    expectConverted("C:\\Ж é 測試\\\U0001F600", u"C:\\Ж é 測試\\\U0001F600");
+}
+
+TEST(FromUtf8, TheEndsOfEachLengthConvert) {
+    using namespace std::string_view_literals;
+    expectConverted("\0\x7F"sv, u"\0\x7F"sv);
+    expectConverted("\xC2\x80\xDF\xBF", u"\x80\x7FF");
+    expectConverted("\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", u"\x800\xD7FF\xE000\xFFFF");
+    expectConverted("\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", u"\U00010000\U0010FFFF");
+}
+
+TEST(FromUtf8, AByteOrderMarkIsTextLikeAnyOther) {
+    expectConverted(
+        "\xEF\xBB\xBF"
+        "a",
+        u"\xFEFF"
+        u"a");
+}
+
+TEST(FromUtf8, ALoneContinuationByteIsRefused) {
+    expectRefused("\x80", "at byte 0 (0x80): continuation byte without a lead byte");
+    expectRefused("ab\xBF", "at byte 2 (0xbf): continuation byte without a lead byte");
+}
+
+TEST(FromUtf8, OverlongSequencesAreRefused) {
+    expectRefused("\xC0\x80", "at byte 0 (0xc0): overlong sequence");
+    expectRefused("\xC1\xBF", "at byte 0 (0xc1): overlong sequence");
+    expectRefused("\xE0\x9F\xBF", "at byte 0 (0xe0): overlong sequence");
+    expectRefused("\xF0\x8F\xBF\xBF", "at byte 0 (0xf0): overlong sequence");
+}
+
+TEST(FromUtf8, SurrogatesAreRefused) {
+    expectRefused("\xED\xA0\x80", "at byte 0 (0xed): surrogate");
+    expectRefused("\xED\xBF\xBF", "at byte 0 (0xed): surrogate");
+    expectRefused("\xED\xA0\xBD\xED\xB8\x80", "at byte 0 (0xed): surrogate");
+}
+
+TEST(FromUtf8, CodePointsBeyondTheLastAreRefused) {
+    expectRefused("\xF4\x90\x80\x80", "at byte 0 (0xf4): code point beyond U+10FFFF");
+    expectRefused("\xF7\xBF\xBF\xBF", "at byte 0 (0xf7): code point beyond U+10FFFF");
+}
+
+TEST(FromUtf8, BytesThatLeadNothingAreRefused) {
+    expectRefused("x\xF8\x88\x80\x80\x80", "at byte 1 (0xf8): invalid lead byte");
+    expectRefused("\xFF", "at byte 0 (0xff): invalid lead byte");
+}
+
+TEST(FromUtf8, SequencesThatEndEarlyAreRefused) {
+    expectRefused("\xC3", "at byte 0 (0xc3): incomplete sequence");
+    expectRefused("ok\xE6\xB8", "at byte 2 (0xe6): incomplete sequence");
+    expectRefused("\xF0\x9F\x98", "at byte 0 (0xf0): incomplete sequence");
+    expectRefused("\xE6\xB8(", "at byte 0 (0xe6): incomplete sequence");
+    expectRefused("\xC3\xC3\xA9", "at byte 0 (0xc3): incomplete sequence");
+}
+
+TEST(FromUtf8, NothingBehindTheTextIsRead) {
+    // The bytes that would complete the sequence lie behind the view's end.
+    const std::string_view text = "\xE6\xB8\xAC";
+    expectRefused(text.substr(0, 2), "at byte 0 (0xe6): incomplete sequence");
+}
+
+TEST(FromUtf8, EachThreadConvertsOnItsOwn) {
+    const std::string text = "\U0001F600 測試 é z";
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&text] {
+            for (int round = 0; round < 1000; ++round) {
+                std::u16string wide;
+                ASSERT_TRUE(NS_CORE::fromUtf8(text, wide));
+                ASSERT_EQ(wide, u"\U0001F600 測試 é z");
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+TEST(ToUtf8, EveryCodePointComesBackAsItWent) {
+    for (char32_t codePoint = 0; codePoint <= 0x10FFFF; ++codePoint) {
+        if (codePoint == 0xD800) codePoint = 0xE000;
+        std::u16string wide;
+        if (codePoint < 0x10000) {
+            wide = {static_cast<char16_t>(codePoint)};
+        } else {
+            wide = {static_cast<char16_t>(0xD7C0 + (codePoint >> 10)),
+                    static_cast<char16_t>(0xDC00 | (codePoint & 0x3FF))};
+        }
+        std::u16string back;
+        ASSERT_TRUE(NS_CORE::fromUtf8(NS_CORE::toUtf8(wide), back)) << std::hex << uint32_t{codePoint};
+        ASSERT_EQ(back, wide) << std::hex << uint32_t{codePoint};
+    }
+}
+
+TEST(ToUtf8, TextsConvert) {
+    EXPECT_EQ(NS_CORE::toUtf8(u""), "");
+    EXPECT_EQ(NS_CORE::toUtf8(u"a é 測 \U0001F600"), "a é 測 \U0001F600");
+}
+
+TEST(ToUtf8, HalvesOfSurrogatePairsBecomeTheReplacementCharacter) {
+    EXPECT_EQ(NS_CORE::toUtf8(u"\xD83D"), "\uFFFD");
+    EXPECT_EQ(NS_CORE::toUtf8(u"\xD83D"
+                              u"a"),
+              "\uFFFD"
+              "a");
+    EXPECT_EQ(NS_CORE::toUtf8(u"\xDE00\xD83D"), "\uFFFD\uFFFD");
+    EXPECT_EQ(NS_CORE::toUtf8(u"\xD83D\xD83D\xDE00"), "\uFFFD\U0001F600");
+}
+
+} // namespace
