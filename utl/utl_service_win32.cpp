@@ -8,11 +8,13 @@
 
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "utl/utl_service_platform.h"
 
 namespace NS_UTL {
 namespace {
+
+using NS_CORE::ScopedServiceHandle;
 
 // The numbers that the neutral sources use are the system's.
 static_assert(ServiceType::Win32OwnProcess == SERVICE_WIN32_OWN_PROCESS);
@@ -24,19 +26,12 @@ static_assert(ServiceControl::Stop == SERVICE_CONTROL_STOP && ServiceControl::Pa
               ServiceControl::Interrogate == SERVICE_CONTROL_INTERROGATE &&
               ServiceControl::Shutdown == SERVICE_CONTROL_SHUTDOWN);
 
-struct ScHandleTraits {
-    using Value = SC_HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseServiceHandle(value); }
-};
-using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
-
 constexpr std::string_view kInstall = "UTL::Service::install";
 constexpr std::string_view kRemove = "UTL::Service::remove";
 
 // Empty, after a message under the caller's name, when the manager cannot be reached or does not grant all rights.
-ScopedScHandle openManager(std::string_view function) {
-    ScopedScHandle manager(
+ScopedServiceHandle openManager(std::string_view function) {
+    ScopedServiceHandle manager(
         ::OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
     if (!manager) ServicePlatform::logManagerNotOpened(function);
     return manager;
@@ -86,10 +81,10 @@ ServiceManagerCalls ServiceManagerCalls::platform() {
 }
 
 bool Service::install(const std::string& name, const std::string& displayName, const std::string& executablePath) {
-    const ScopedScHandle manager = openManager(kInstall);
+    const ScopedServiceHandle manager = openManager(kInstall);
     if (!manager) return false;
     // The path is registered as it is, without quotes.
-    const ScopedScHandle service(::CreateServiceA(
+    const ScopedServiceHandle service(::CreateServiceA(
         manager.get(), name.c_str(), displayName.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
         SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, executablePath.c_str(), /*lpLoadOrderGroup=*/nullptr,
         /*lpdwTagId=*/nullptr, /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
@@ -101,9 +96,9 @@ bool Service::install(const std::string& name, const std::string& displayName, c
 }
 
 bool Service::remove() {
-    const ScopedScHandle manager = openManager(kRemove);
+    const ScopedServiceHandle manager = openManager(kRemove);
     if (!manager) return false;
-    const ScopedScHandle service(::OpenServiceA(manager.get(), m_name.c_str(), SERVICE_ALL_ACCESS));
+    const ScopedServiceHandle service(::OpenServiceA(manager.get(), m_name.c_str(), SERVICE_ALL_ACCESS));
     if (!service) {
         const DWORD error = ::GetLastError();
         MLOG(Crit, kRemove, "failed to open service '%s': %s", m_name, NS_CORE::systemErrorText(error));

@@ -6,20 +6,9 @@
 
 #include "core/files/core_wrapper.h"
 #include "core/files/core_wrapper_platform.h"
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 
 namespace NS_CORE {
-namespace {
-
-// A text that the system allocated.
-struct SystemTextTraits {
-    using Value = char*;
-    static Value empty() { return nullptr; }
-    static void close(Value text) { ::LocalFree(text); }
-};
-
-} // namespace
-
 namespace wrapper_platform {
 namespace {
 
@@ -84,7 +73,7 @@ std::string systemErrorText(uint32_t code) {
     ::FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, /*lpSource=*/nullptr, code,
                      MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), /*nSize=*/0,
                      /*Arguments=*/nullptr);
-    const ScopedHandle<SystemTextTraits> owner(text);
+    const ScopedLocalMemory<char> owner(text);
     return text ? text : "";
 }
 

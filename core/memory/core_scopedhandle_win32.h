@@ -1,27 +1,46 @@
 #pragma once
 
+#include <windows.h>
+
 #include <cstdint>
+#include <type_traits>
 
 #include "core/memory/core_scopedhandle.h"
 
 namespace NS_CORE {
 
-// What CloseHandle closes. HANDLE is void*, which keeps the system's headers out of here.
-
-// Processes, threads, events: null where there is none.
-struct KernelHandleTraits {
-    using Value = void*;
-    static Value empty() { return nullptr; }
-    static void close(Value handle);
+// One kind of Windows handle: its type, the function that closes it, and the value that means "none".
+// Closing keeps the thread's last error, so that an owner may go out of scope between a call that failed and the
+// GetLastError that asks why. What the closing function returns is ignored. Everything is inline: a program that
+// only includes this header need not link this library.
+template <class Type, auto kClose, intptr_t kNone = 0>
+struct Win32HandleTraits {
+    using Value = Type;
+    static Value empty() {
+        if constexpr (std::is_pointer_v<Type>) {
+            return reinterpret_cast<Type>(kNone);
+        } else {
+            return Type{kNone};
+        }
+    }
+    static void close(Value value) {
+        const DWORD error = ::GetLastError();
+        kClose(value);
+        ::SetLastError(error);
+    }
 };
-using ScopedKernelHandle = ScopedHandle<KernelHandleTraits>;
 
-// Files and snapshots: INVALID_HANDLE_VALUE where there is none.
-struct FileHandleTraits {
-    using Value = void*;
-    static Value empty() { return reinterpret_cast<void*>(intptr_t{-1}); }
-    static void close(Value handle);
-};
-using ScopedFileHandle = ScopedHandle<FileHandleTraits>;
+// Processes, threads, events, mutexes, tokens: null where there is none.
+using ScopedKernelHandle = ScopedHandle<Win32HandleTraits<HANDLE, &::CloseHandle>>;
+// Files, pipes and snapshots: INVALID_HANDLE_VALUE where there is none.
+using ScopedFileHandle = ScopedHandle<Win32HandleTraits<HANDLE, &::CloseHandle, -1>>;
+using ScopedFindHandle = ScopedHandle<Win32HandleTraits<HANDLE, &::FindClose, -1>>;
+// The service control manager and its services.
+using ScopedServiceHandle = ScopedHandle<Win32HandleTraits<SC_HANDLE, &::CloseServiceHandle>>;
+using ScopedRegistryKey = ScopedHandle<Win32HandleTraits<HKEY, &::RegCloseKey>>;
+using ScopedModule = ScopedHandle<Win32HandleTraits<HMODULE, &::FreeLibrary>>;
+// What the system allocated for the caller, who frees it with LocalFree: T is what the memory holds.
+template <class T>
+using ScopedLocalMemory = ScopedHandle<Win32HandleTraits<T*, &::LocalFree>>;
 
 } // namespace NS_CORE

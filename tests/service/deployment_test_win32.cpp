@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "core/memory/core_scopedhandle_win32.h"
 #include "service/deployment.h"
 #include "tests/service/deployment_fixture.h"
 #include "tests/support/child.h"
@@ -11,20 +12,13 @@ using Lines = std::vector<std::string>;
 
 const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
 
-// A file that nobody else can open while this lives.
-class HeldOpen {
-public:
-    explicit HeldOpen(const std::string& path)
-        : m_file(::CreateFileA(path.c_str(), GENERIC_READ, /*dwShareMode=*/0, nullptr, OPEN_EXISTING, 0, nullptr)) {
-        EXPECT_NE(m_file, INVALID_HANDLE_VALUE);
-    }
-    ~HeldOpen() { ::CloseHandle(m_file); }
-    HeldOpen(const HeldOpen&) = delete;
-    HeldOpen& operator=(const HeldOpen&) = delete;
-
-private:
-    HANDLE m_file;
-};
+// A file that nobody else can open while the handle lives.
+NS_CORE::ScopedFileHandle holdOpen(const std::string& path) {
+    NS_CORE::ScopedFileHandle file(
+        ::CreateFileA(path.c_str(), GENERIC_READ, /*dwShareMode=*/0, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_TRUE(file);
+    return file;
+}
 
 } // namespace
 
@@ -35,7 +29,7 @@ TEST_F(DeploymentTest, CreatesTheMissingKeyAndSaysThatTheValueIsMissing) {
                                "WARN CopyDependencies - Failed getting keri install path"}));
     HKEY key = nullptr;
     EXPECT_EQ(::RegOpenKeyExA(HKEY_LOCAL_MACHINE, kKeriKey.c_str(), 0, KEY_QUERY_VALUE, &key), ERROR_SUCCESS);
-    ::RegCloseKey(key);
+    const NS_CORE::ScopedRegistryKey owner(key);
 }
 
 TEST_F(DeploymentTest, SkipsALibraryThatIsHeldOpen) {
@@ -43,7 +37,7 @@ TEST_F(DeploymentTest, SkipsALibraryThatIsHeldOpen) {
     registerDirectory(m_keri);
     test::writeFile(inBin("DHS.dll"), "older");
     {
-        const HeldOpen held(inBin("DHS.dll"));
+        const NS_CORE::ScopedFileHandle held = holdOpen(inBin("DHS.dll"));
         EXPECT_EQ(deploy(),
                   (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inBin("DHS.dll") + "' for writing",
                          failedCopying("DHS.dll")}));
@@ -56,7 +50,7 @@ TEST_F(DeploymentTest, SkipsASourceThatCannotBeRead) {
     makeLibraries(100);
     registerDirectory(m_keri);
     {
-        const HeldOpen held(inKeri("DHS.dll"));
+        const NS_CORE::ScopedFileHandle held = holdOpen(inKeri("DHS.dll"));
         EXPECT_EQ(deploy(),
                   (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inKeri("DHS.dll") + "' for reading",
                          failedCopying("DHS.dll")}));

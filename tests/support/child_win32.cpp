@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/temp_dir.h"
 
@@ -22,11 +23,11 @@ int runAndWait(const std::string& commandLine) {
                           /*lpThreadAttributes=*/nullptr, /*bInheritHandles=*/FALSE, /*dwCreationFlags=*/0,
                           /*lpEnvironment=*/nullptr, /*lpCurrentDirectory=*/nullptr, &startup, &process))
         return -1;
+    const NS_CORE::ScopedKernelHandle processOwner(process.hProcess);
+    const NS_CORE::ScopedKernelHandle threadOwner(process.hThread);
     ::WaitForSingleObject(process.hProcess, INFINITE);
     DWORD exitCode = 0;
     ::GetExitCodeProcess(process.hProcess, &exitCode);
-    ::CloseHandle(process.hThread);
-    ::CloseHandle(process.hProcess);
     return static_cast<int>(exitCode);
 }
 

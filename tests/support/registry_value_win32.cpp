@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include "core/memory/core_scopedhandle_win32.h"
 #include "core/text/core_utf8_win32.h"
 #include "tests/support/registry_value.h"
 
@@ -31,55 +32,49 @@ struct Stored {
 struct RegistryValue::Impl {
     std::wstring subKey;
     std::wstring name;
-    HANDLE mutex = nullptr;
+    NS_CORE::ScopedKernelHandle mutex;
     bool keyWasThere = false;
     std::optional<Stored> before;
 
-    HKEY open() const {
+    NS_CORE::ScopedRegistryKey open() const {
         HKEY key = nullptr;
         EXPECT_EQ(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
                                     KEY_ALL_ACCESS, nullptr, &key, nullptr),
                   ERROR_SUCCESS);
-        return key;
+        return NS_CORE::ScopedRegistryKey(key);
     }
 
     void remember() {
         HKEY key = nullptr;
         keyWasThere = ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_QUERY_VALUE, &key) == ERROR_SUCCESS;
         if (!keyWasThere) return;
+        const NS_CORE::ScopedRegistryKey owner(key);
         DWORD size = 0;
         if (::RegQueryValueExW(key, name.c_str(), nullptr, nullptr, nullptr, &size) == ERROR_SUCCESS) {
             before = Stored{REG_NONE, std::vector<BYTE>(size)};
             EXPECT_EQ(::RegQueryValueExW(key, name.c_str(), nullptr, &before->type, before->bytes.data(), &size),
                       ERROR_SUCCESS);
         }
-        ::RegCloseKey(key);
     }
 
     void store(const Stored& value) const {
         // Text whose terminator was "forgotten", as the call sees it from what lies behind, would be given one.
         std::vector<BYTE> bytes = value.bytes;
         bytes.insert(bytes.end(), 8, BYTE{0xff});
-        const HKEY key = open();
-        EXPECT_EQ(
-            ::RegSetValueExW(key, name.c_str(), 0, value.type, bytes.data(), static_cast<DWORD>(value.bytes.size())),
-            ERROR_SUCCESS);
-        ::RegCloseKey(key);
+        EXPECT_EQ(::RegSetValueExW(open().get(), name.c_str(), 0, value.type, bytes.data(),
+                                   static_cast<DWORD>(value.bytes.size())),
+                  ERROR_SUCCESS);
     }
 
-    void remove() const {
-        const HKEY key = open();
-        ::RegDeleteValueW(key, name.c_str());
-        ::RegCloseKey(key);
-    }
+    void remove() const { ::RegDeleteValueW(open().get(), name.c_str()); }
 };
 
 RegistryValue::RegistryValue(const std::string& subKey, const std::string& name, const std::filesystem::path& /*root*/)
     : m_impl(std::make_unique<Impl>()) {
     m_impl->subKey = wide(subKey);
     m_impl->name = wide(name);
-    m_impl->mutex = ::CreateMutexA(nullptr, /*bInitialOwner=*/FALSE, "quorkeri-tests-registry");
-    const DWORD waited = ::WaitForSingleObject(m_impl->mutex, INFINITE);
+    m_impl->mutex.reset(::CreateMutexA(nullptr, /*bInitialOwner=*/FALSE, "quorkeri-tests-registry"));
+    const DWORD waited = ::WaitForSingleObject(m_impl->mutex.get(), INFINITE);
     EXPECT_TRUE(waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED);
     m_impl->remember();
 }
@@ -92,8 +87,7 @@ RegistryValue::~RegistryValue() {
     } else {
         removeKey();
     }
-    ::ReleaseMutex(m_impl->mutex);
-    ::CloseHandle(m_impl->mutex);
+    ::ReleaseMutex(m_impl->mutex.get());
 }
 
 void RegistryValue::set(uint32_t type, const std::string& bytes) {

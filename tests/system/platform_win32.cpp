@@ -52,9 +52,8 @@ std::string systemText(uint32_t code) {
     char* text = nullptr;
     ::FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code,
                      MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 0, nullptr);
-    const std::string copy = text ? text : "";
-    ::LocalFree(text);
-    return copy;
+    const NS_CORE::ScopedLocalMemory<char> owner(text);
+    return text ? text : "";
 }
 
 std::string noSuchProgramText() {
@@ -105,10 +104,10 @@ void registerKeri(const std::filesystem::path& /*root*/, const std::string& loca
     LSTATUS result = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, 0, nullptr, 0, KEY_SET_VALUE | KEY_WOW64_64KEY,
                                        nullptr, &key, nullptr);
     if (result != ERROR_SUCCESS) throw std::runtime_error("RegCreateKeyExW: " + std::to_string(result));
+    const NS_CORE::ScopedRegistryKey owner(key);
     const std::wstring text = toWide(location);
     result = ::RegSetValueExW(key, L"InstallLocation", 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
                               static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-    ::RegCloseKey(key);
     if (result != ERROR_SUCCESS) throw std::runtime_error("RegSetValueExW: " + std::to_string(result));
 }
 

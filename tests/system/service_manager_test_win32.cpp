@@ -200,11 +200,11 @@ TEST(ServiceManager, ReportsRunningWithin100MsAndAnswersWithin50WhateverThereIsT
         ASSERT_TRUE(await(isRunning, seconds(10)));
         FILETIME now{};
         ::GetSystemTimeAsFileTime(&now);
-        const HANDLE process = ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, statusOf(handle).dwProcessId);
+        const NS_CORE::ScopedKernelHandle process(
+            ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, statusOf(handle).dwProcessId));
         FILETIME created{};
         FILETIME unused{};
-        ASSERT_TRUE(::GetProcessTimes(process, &created, &unused, &unused, &unused));
-        ::CloseHandle(process);
+        ASSERT_TRUE(::GetProcessTimes(process.get(), &created, &unused, &unused, &unused));
         const auto ticks = [](const FILETIME& time) {
             return (static_cast<int64_t>(time.dwHighDateTime) << 32) + time.dwLowDateTime;
         };

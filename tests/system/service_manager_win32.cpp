@@ -24,12 +24,7 @@ ServiceHandle openManager() {
 }
 
 ServiceHandle openService() {
-    ServiceHandle manager = openManager();
-    ServiceHandle service(::OpenServiceW(manager.get(), kName, SERVICE_ALL_ACCESS));
-    const DWORD code = ::GetLastError();
-    manager.reset();
-    ::SetLastError(code);
-    return service;
+    return ServiceHandle(::OpenServiceW(openManager().get(), kName, SERVICE_ALL_ACCESS));
 }
 
 ServiceHandle openInstalledService() {
@@ -54,11 +49,9 @@ void removeLeftService() {
     const SERVICE_STATUS_PROCESS status = statusOf(service);
     // Whatever installation it belongs to: the service's name is this product's.
     if (status.dwProcessId) {
-        const HANDLE process = ::OpenProcess(PROCESS_TERMINATE, /*bInheritHandle=*/FALSE, status.dwProcessId);
-        if (process) {
-            ::TerminateProcess(process, 99);
-            ::CloseHandle(process);
-        }
+        const NS_CORE::ScopedKernelHandle process(
+            ::OpenProcess(PROCESS_TERMINATE, /*bInheritHandle=*/FALSE, status.dwProcessId));
+        if (process) ::TerminateProcess(process.get(), 99);
     }
     ::DeleteService(service.get());
     // The manager forgets it only when the last handle is closed.

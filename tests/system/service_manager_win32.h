@@ -5,16 +5,11 @@
 
 #include <string>
 
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 
 namespace test {
 
-struct ServiceHandleTraits {
-    using Value = SC_HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseServiceHandle(value); }
-};
-using ServiceHandle = NS_CORE::ScopedHandle<ServiceHandleTraits>;
+using ServiceHandle = NS_CORE::ScopedServiceHandle;
 
 // Throws with the call's name, the last error's number and its text.
 [[noreturn]] void failWithLastError(const std::string& call);

@@ -3,9 +3,9 @@
 
 #include <shellapi.h>
 
-#include <memory>
 #include <random>
 
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_commandline.h"
 
@@ -14,10 +14,10 @@ namespace {
 
 std::vector<std::string> splitBySystem(const std::string& commandLine) {
     int count = 0;
-    LPWSTR* const words = ::CommandLineToArgvW(test::fromText(commandLine).wstring().c_str(), &count);
+    const NS_CORE::ScopedLocalMemory<LPWSTR> words(
+        ::CommandLineToArgvW(test::fromText(commandLine).wstring().c_str(), &count));
     std::vector<std::string> result;
-    for (int i = 0; i < count; ++i) result.push_back(test::utf8(std::filesystem::path(words[i])));
-    ::LocalFree(words);
+    for (int i = 0; i < count; ++i) result.push_back(test::utf8(std::filesystem::path(words.get()[i])));
     return result;
 }
 

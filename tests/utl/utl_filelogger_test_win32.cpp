@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/stream_capture.h"
 #include "tests/utl/filelogger_test.h"
 
@@ -15,12 +15,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-struct FileHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using FileHandle = NS_CORE::ScopedHandle<FileHandleTraits>;
+using FileHandle = NS_CORE::ScopedFileHandle;
 
 // Opens a file as another program would that shares it so far.
 FileHandle openSharing(const std::string& file, DWORD share) {

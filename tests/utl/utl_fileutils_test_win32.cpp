@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "core/files/core_wrapper.h"
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
@@ -17,12 +17,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-struct HandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using Handle = NS_CORE::ScopedHandle<HandleTraits>;
+using Handle = NS_CORE::ScopedFileHandle;
 
 Handle openSharing(const std::filesystem::path& path, DWORD share) {
     Handle handle(::CreateFileW(path.c_str(), GENERIC_READ, share, /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING,
@@ -60,8 +55,8 @@ private:
 
 // Runs until a file appears that is named by the argument.
 const test::ChildProgram g_runsUntil("runs-until-set", [](const auto& arguments) {
-    const Handle ready(::OpenEventA(EVENT_MODIFY_STATE, FALSE, arguments.at(0).c_str()));
-    const Handle end(::OpenEventA(SYNCHRONIZE, FALSE, arguments.at(1).c_str()));
+    const NS_CORE::ScopedKernelHandle ready(::OpenEventA(EVENT_MODIFY_STATE, FALSE, arguments.at(0).c_str()));
+    const NS_CORE::ScopedKernelHandle end(::OpenEventA(SYNCHRONIZE, FALSE, arguments.at(1).c_str()));
     ::SetEvent(ready.get());
     ::WaitForSingleObject(end.get(), INFINITE);
     return 0;
@@ -89,8 +84,8 @@ TEST(CopyWin32, ADestinationThatIsARunningProgramIsLoggedAndStays) {
     test::linkThisProgram(dir.path() / "destination");
     const std::string readyName = "quorkeri-ready-" + std::to_string(::GetCurrentProcessId());
     const std::string endName = "quorkeri-end-" + std::to_string(::GetCurrentProcessId());
-    const Handle ready(::CreateEventA(nullptr, TRUE, FALSE, readyName.c_str()));
-    const Handle end(::CreateEventA(nullptr, TRUE, FALSE, endName.c_str()));
+    const NS_CORE::ScopedKernelHandle ready(::CreateEventA(nullptr, TRUE, FALSE, readyName.c_str()));
+    const NS_CORE::ScopedKernelHandle end(::CreateEventA(nullptr, TRUE, FALSE, endName.c_str()));
     std::thread runner([&] {
         EXPECT_EQ(
             test::runAndWait(test::childCommandLineOf(dir.file("destination"), "runs-until-set", {readyName, endName})),

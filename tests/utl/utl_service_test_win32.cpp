@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "core/files/core_wrapper.h"
-#include "core/memory/core_scopedhandle.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/utl/utl_service_fixture.h"
@@ -15,12 +14,7 @@
 namespace NS_UTL {
 namespace {
 
-struct ScHandleTraits {
-    using Value = SC_HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseServiceHandle(value); }
-};
-using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
+using NS_CORE::ScopedServiceHandle;
 
 // One test at a time, whatever process it runs in: all use one name of a service.
 class Turn {
@@ -39,15 +33,17 @@ class ServiceInstallTest : public ServiceTest {
 protected:
     void SetUp() override { makeHost({}, {}); }
     ~ServiceInstallTest() override {
-        const ScopedScHandle service = open();
+        const ScopedServiceHandle service = open();
         if (service) ::DeleteService(service.get());
     }
-    ScopedScHandle open() const { return ScopedScHandle(::OpenServiceA(m_manager.get(), kName, SERVICE_ALL_ACCESS)); }
+    ScopedServiceHandle open() const {
+        return ScopedServiceHandle(::OpenServiceA(m_manager.get(), kName, SERVICE_ALL_ACCESS));
+    }
     static std::string program() { return test::thisProgram(); }
     static std::string text(DWORD error) { return NS_CORE::systemErrorText(error); }
 
     const Turn m_turn;
-    const ScopedScHandle m_manager{::OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
+    const ScopedServiceHandle m_manager{::OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS)};
     const Lines m_installed = {"INFO UTL::Service::run - installed service 'quorkeri_test_service' running '" +
                                program() + "'"};
 };
@@ -55,7 +51,7 @@ protected:
 TEST_F(ServiceInstallTest, RegistersTheProgramAsItIs) {
     EXPECT_EQ(run({"program", "service-install"}), 0);
     EXPECT_EQ(m_journal.entries(), m_installed);
-    const ScopedScHandle service = open();
+    const ScopedServiceHandle service = open();
     ASSERT_TRUE(service);
     std::vector<BYTE> buffer(8192);
     auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGA*>(buffer.data());
@@ -93,7 +89,7 @@ TEST_F(ServiceInstallTest, RemovingAServiceThatIsNotThereFailsWithBothMessages) 
 
 TEST_F(ServiceInstallTest, AServiceHeldOpenByAnotherProgramCannotBeDeletedTwiceOrInstalledAgain) {
     EXPECT_EQ(run({"program", "service-install"}), 0);
-    const ScopedScHandle held = open();
+    const ScopedServiceHandle held = open();
     EXPECT_EQ(run({"program", "service-remove"}), 0);
     m_journal.clear();
     EXPECT_EQ(run({"program", "service-remove"}), 1);
