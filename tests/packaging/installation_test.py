@@ -7,12 +7,10 @@ each, the files, the registry and the service control manager are compared with 
 
 `prepare` makes a Wine prefix and two versions of the packages in the directory QUORKERI_WORK, for all classes. It needs
 QUORKERI_BUILD, the build tree. Every run is in a network of its own, because the companion's port is fixed."""
-import contextlib
 import os
 import pathlib
 import re
 import shutil
-import signal
 import struct
 import subprocess
 import sys
@@ -22,58 +20,20 @@ import unittest
 import zipfile
 
 sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import COMPANION, LIBRARIES, LIMIT, ROOT, SERVICE, Companion, Wine, await_true, in_own_network
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["QUORKERI_BUILD"])
 WORK = pathlib.Path(os.environ["QUORKERI_WORK"])
 PREFIX = WORK / "wine"
 DRIVE = PREFIX / "drive_c"
-SERVICE = "quorkeri_service.exe"
-COMPANION = "quorkeri_wrapper.exe"
-LIBRARIES = ["ClientSocketServices.dll", "DHS.dll", "DHSAttributes.dll", "DHS_Commands.dll", "SocketServices.dll",
-             "TracerX-Logger.dll"]
 OLD, NEW = "1.1.0", "1.2.0"
 PRODUCT_KEY = r"HKLM\Software\Quorvane\Keri Wrapper"
 UNINSTALL = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall"
 KERI_KEY = UNINSTALL + r"\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}"
-LIMIT = 60  # seconds for anything that has to end
-
-ENVIRONMENT = {**os.environ, "QUORKERI_WINEPREFIX": str(PREFIX), "LC_ALL": "C.UTF-8"}
-
-
-# Wine
-
-def windows(path: pathlib.Path) -> str:
-    return "Z:" + str(path).replace("/", "\\")
-
-
-def wine(*words: str, limit: float = LIMIT) -> tuple[int, str]:
-    """A program's exit status (the lowest byte) and what it printed."""
-    # Into a file: what Wine starts in passing, and leaves running, would keep a pipe open.
-    with tempfile.TemporaryFile() as output:
-        done = subprocess.run([ROOT / "scripts/lib/wine-run", *words], env=ENVIRONMENT, stdin=subprocess.DEVNULL,
-                              stdout=output, stderr=subprocess.STDOUT, timeout=limit)
-        output.seek(0)
-        return done.returncode, output.read().decode("utf-8", "replace").replace("\r", "")
-
-
-def prompt(line: str, limit: float = LIMIT) -> tuple[int, str]:
-    """A line at the command prompt: the whole exit code, which Linux would cut, and what was printed."""
-    (DRIVE / "line.cmd").write_text(f"@echo off\r\n{line}\r\necho ended with %errorlevel%\r\n")
-    _, output = wine("cmd", "/c", r"C:\line.cmd", limit=limit)
-    said, _, code = output.rpartition("ended with ")
-    return int(code), said
-
-
-def await_that(what: str, condition, limit: float = 15):
-    end = time.monotonic() + limit
-    while True:
-        answer = condition()
-        if answer:
-            return answer
-        if time.monotonic() > end:
-            raise AssertionError(f"not within {limit} s: {what}")
-        time.sleep(0.02)
+PRODUCT = "Quorvane Keri Wrapper"
+WINE = Wine(PREFIX)
+wine, prompt = WINE.run, WINE.prompt
 
 
 # What an administrator can look at
@@ -84,14 +44,14 @@ class Machine:
     SERVICE_KEY = rf"HKLM\SYSTEM\CurrentControlSet\Services\{SERVICE}"
 
     def __init__(self):
-        _, output = prompt("\r\n".join([f"sc query {SERVICE}", *(f'echo ==\r\nreg query "{key}" /s' for key in (
-            self.SERVICE_KEY, UNINSTALL, PRODUCT_KEY))]))
+        _, output = prompt(f"sc query {SERVICE}", *(f'echo ==\r\nreg query "{key}" /s' for key in (
+            self.SERVICE_KEY, UNINSTALL, PRODUCT_KEY)))
         state, service, programs, product = output.split("==\n")
         match = re.search(r"STATE\s*: \d+\s+(\w+)", state)
         self.state = match[1] if match else None
         self.service = next(iter(self.registry(service).values()), None)
         self.products = [values for values in self.registry(programs).values()
-                         if values.get("DisplayName") == "Quorvane Keri Wrapper"]
+                         if values.get("DisplayName") == PRODUCT]
         self.key = self.registry(product)
         self.files = files(INSTALLATION)
 
@@ -129,6 +89,7 @@ def files(directory: pathlib.Path) -> list[str]:
 INSTALLATION = DRIVE / "Quorkeri"
 INSTALLDIR = r"C:\Quorkeri"
 BIN = INSTALLATION / "bin"
+THE_COMPANION = Companion(BIN)
 COMPANION_FILES = [f"bin/{COMPANION}", "bin/quorkeri_wrapper.records", "bin/quorkeri_wrapper.settings"]
 EMPTY = ["assets/", "work/dumps/", "work/tmp/"]
 LOG = ["work/logs/service.log"]
@@ -152,41 +113,12 @@ def program_of(version: str) -> bytes:
     return (stage(version) / "bin" / SERVICE).read_bytes()
 
 
-def put_companion(settings: str) -> None:
-    BIN.mkdir(parents=True, exist_ok=True)
-    shutil.copy(BUILD / "tests/companion" / COMPANION, BIN)
-    (BIN / "quorkeri_wrapper.settings").write_text(settings)
-
-
-def companion_records(event: str) -> list[list[str]]:
-    try:
-        lines = (BIN / "quorkeri_wrapper.records").read_text().splitlines()
-    except FileNotFoundError:
-        return []
-    return [words for words in (line.split(" ", 3) for line in lines) if words[2] == event]
-
-
-def await_companion(count: int = 1) -> None:
-    await_that(f"the companion listens for time {count}", lambda: len(companion_records("ready")) >= count)
+def put_companion(settings: str = "") -> None:
+    THE_COMPANION.put(BUILD / "tests/companion" / COMPANION, settings)
 
 
 def running_programs() -> dict[str, list[int]]:
-    """Process ids by program name, of the product's programs in this prefix, as Linux sees them."""
-    found: dict[str, list[int]] = {}
-    for process in pathlib.Path("/proc").glob("[0-9]*"):
-        try:
-            name = process.joinpath("cmdline").read_bytes().split(b"\0")[0].decode("utf-8", "replace").rpartition("\\")[2]
-            if name in (SERVICE, COMPANION) and f"WINEPREFIX={PREFIX}".encode() in process.joinpath("environ").read_bytes():
-                found.setdefault(name, []).append(int(process.name))
-        except OSError:
-            continue
-    return found
-
-
-def end_programs(name: str) -> None:
-    for process in running_programs().get(name, []):
-        os.kill(process, signal.SIGKILL)
-    await_that(f"{name} is gone", lambda: not running_programs().get(name))
+    return WINE.programs(SERVICE, COMPANION)
 
 
 def msiexec(*words: str, limit: float = LIMIT) -> tuple[int, str]:
@@ -199,11 +131,11 @@ def msiexec(*words: str, limit: float = LIMIT) -> tuple[int, str]:
 
 
 def install(version: str, *words: str) -> tuple[int, str]:
-    return msiexec("/i", windows(package(version, "msi")), *words)
+    return msiexec("/i", Wine.path(package(version, "msi")), *words)
 
 
 def remove(version: str, *words: str) -> tuple[int, str]:
-    return msiexec("/x", windows(package(version, "msi")), *words)
+    return msiexec("/x", Wine.path(package(version, "msi")), *words)
 
 
 class OnOneMachine(unittest.TestCase):
@@ -221,10 +153,9 @@ class OnOneMachine(unittest.TestCase):
         now = Machine() if now.products else now
         if now.state:
             wine("sc", "stop", SERVICE)
-            end_programs(COMPANION)
+            WINE.end_programs(COMPANION)
             wine("sc", "delete", SERVICE)
-        end_programs(SERVICE)
-        end_programs(COMPANION)
+        WINE.end_programs(SERVICE, COMPANION)
         shutil.rmtree(INSTALLATION, ignore_errors=True)
         if vars(now) != self.NOTHING:
             self.assertEqual(machine(), self.NOTHING)
@@ -251,7 +182,7 @@ class OnOneMachine(unittest.TestCase):
 
     def assertInstalled(self, version: str) -> None:
         """By the package, with a companion beside it; the libraries come a moment after the start."""
-        await_that("the six libraries are copied", lambda: all((BIN / name).exists() for name in LIBRARIES))
+        await_true("the six libraries are copied", lambda: all((BIN / name).exists() for name in LIBRARIES))
         now = Machine()
         self.assertEqual(now.files, sorted(program_files() + COMPANION_FILES + EMPTY + LOG + COPIES))
         self.assertEqual((BIN / SERVICE).read_bytes(), program_of(version))
@@ -268,7 +199,7 @@ class OnOneMachine(unittest.TestCase):
         self.clear()
         put_companion("ignore all" if state == "held" else "")
         self.assertSucceeded(install(version, f"INSTALLDIR={INSTALLDIR}"))
-        await_companion()
+        THE_COMPANION.await_event()
         if state == "stopped":
             self.assertEqual(wine("net", "stop", SERVICE)[0], 0)
             self.assertEqual(service_state(), "STOPPED")
@@ -276,9 +207,9 @@ class OnOneMachine(unittest.TestCase):
 
 class MsiInstall(OnOneMachine):
     def test_one_command_leaves_a_running_service(self):
-        put_companion("")
+        put_companion()
         log = self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}"))
-        await_companion()
+        THE_COMPANION.await_event()
         self.assertInstalled(OLD)
         self.assertIn(rf"there before; its rights stay as they are", log)
         self.assertNotIn("reboot", log.lower().replace("property(s): reboot = reallysuppress", ""))
@@ -345,7 +276,7 @@ class MsiUpgrade(OnOneMachine):
         self.assertEqual(now.state, "STOPPED")
         self.assertEqual(now.files, sorted(COMPANION_FILES + LOG + COPIES))
         self.assertSucceeded(install(NEW, f"INSTALLDIR={INSTALLDIR}"))
-        await_companion(2)
+        THE_COMPANION.await_event(count=2)
         self.assertInstalled(NEW)
 
 
@@ -416,7 +347,7 @@ class MsiRemove(OnOneMachine):
         self.assertLess(took, 25)
         self.assertIn("the service waits for its companion", log)
         self.assertIn(rf"ending '{INSTALLDIR}\bin\{COMPANION}'", log)
-        self.assertEqual(len(companion_records("datagram")), 1)
+        self.assertEqual(len(THE_COMPANION.records("datagram")), 1)
         self.assertNothingLeft(COMPANION_FILES + LOG)
 
 
@@ -436,15 +367,14 @@ class Zip(OnOneMachine):
         """net stop; where the companion holds it, ending that from another prompt."""
         if state == "stopped":
             return
-        stopping = subprocess.Popen([ROOT / "scripts/lib/wine-run", "net", "stop", SERVICE], env=ENVIRONMENT,
-                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        stopping = WINE.start("net", "stop", SERVICE)
         if state == "held":
-            await_that("the stop datagram arrives", lambda: companion_records("datagram"))
+            await_true("the stop datagram arrives", lambda: THE_COMPANION.records("datagram"))
             self.assertEqual(service_state(), "STOP_PENDING")
             self.assertEqual(wine("taskkill", "/F", "/IM", COMPANION)[0], 0)
         stopping.wait(LIMIT)
-        await_that("the service stops", lambda: service_state() == "STOPPED")
-        await_that("its process is gone", lambda: running_programs() == {})
+        await_true("the service stops", lambda: service_state() == "STOPPED")
+        await_true("its process is gone", lambda: running_programs() == {})
 
     def begin(self, state: str, version: str = OLD) -> None:
         self.clear()
@@ -452,12 +382,12 @@ class Zip(OnOneMachine):
         put_companion("ignore all" if state == "held" else "")
         self.assertEqual(self.service_command("service-install"), 0)
         self.assertEqual(wine("net", "start", SERVICE)[0], 0)
-        await_companion()
+        THE_COMPANION.await_event()
         if state == "stopped":
             self.stop("running")
 
     def assertRunsFromZip(self, version: str) -> None:
-        await_that("the six libraries are copied", lambda: all((BIN / name).exists() for name in LIBRARIES))
+        await_true("the six libraries are copied", lambda: all((BIN / name).exists() for name in LIBRARIES))
         now = Machine()
         self.assertEqual(now.files, sorted(program_files() + COMPANION_FILES + EMPTY + LOG + COPIES))
         self.assertEqual((BIN / SERVICE).read_bytes(), program_of(version))
@@ -591,10 +521,9 @@ class MsiRefusals(OnOneMachine):
         other.mkdir()
         shutil.copy(BUILD / "tests/companion" / COMPANION, other / "holder.exe")
         (other / "quorkeri_wrapper.settings").write_text(f"hold ..\\Quorkeri\\bin\\held.dll\nmute\n")
-        holder = subprocess.Popen([ROOT / "scripts/lib/wine-run", windows(other / "holder.exe")], env=ENVIRONMENT,
-                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        holder = WINE.start(Wine.path(other / "holder.exe"))
         try:
-            await_that("the file is held", lambda: "ready" in (other / "quorkeri_wrapper.records").read_text()
+            await_true("the file is held", lambda: "ready" in (other / "quorkeri_wrapper.records").read_text()
                        if (other / "quorkeri_wrapper.records").exists() else False)
             programs = running_programs()
             for name, action in (("repair", lambda: install(OLD, "REINSTALL=ALL")), ("removal", lambda: remove(OLD)),
@@ -613,14 +542,13 @@ class MsiRefusals(OnOneMachine):
         self.begin("running")
         shutil.copy(BIN / COMPANION, BIN / "other.exe")
         (BIN / "quorkeri_wrapper.settings").write_text("mute\n")
-        other = subprocess.Popen([ROOT / "scripts/lib/wine-run", windows(BIN / "other.exe")], env=ENVIRONMENT,
-                                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        other = WINE.start(Wine.path(BIN / "other.exe"))
         try:
-            await_companion(2)
+            THE_COMPANION.await_event(count=2)
             (BIN / "quorkeri_wrapper.settings").write_text("")
             self.assertRefused(lambda: install(OLD, "REINSTALL=ALL"),
                                rf"'{INSTALLDIR}\bin\other.exe' is held open by another program")
-            await_companion(3)
+            THE_COMPANION.await_event(count=3)
             self.assertService()
         finally:
             other.kill()
@@ -649,9 +577,9 @@ class MsiHalfRemoved(OnOneMachine):
             with self.subTest(missing=damage):
                 self.begin("running")
                 getattr(self, f"damage_{damage}")()
-                put_companion("")
+                put_companion()
                 self.assertSucceeded(install(OLD, "REINSTALL=ALL"))
-                await_companion()
+                THE_COMPANION.await_event()
                 self.assertInstalled(OLD)
 
     def test_an_upgrade_brings_it_back(self):
@@ -659,9 +587,9 @@ class MsiHalfRemoved(OnOneMachine):
             with self.subTest(missing=damage):
                 self.begin("running")
                 getattr(self, f"damage_{damage}")()
-                put_companion("")
+                put_companion()
                 self.assertSucceeded(install(NEW))
-                await_companion()
+                THE_COMPANION.await_event()
                 self.assertInstalled(NEW)
 
     def test_removal_removes_the_rest(self):
@@ -675,7 +603,7 @@ class MsiHalfRemoved(OnOneMachine):
     def test_the_package_takes_over_what_the_zip_has_installed(self):
         Zip.begin(self, "running")
         self.assertSucceeded(install(NEW, f"INSTALLDIR={INSTALLDIR}"))
-        await_companion(2)
+        THE_COMPANION.await_event(count=2)
         self.assertInstalled(NEW)
 
     unzip = Zip.unzip
@@ -685,7 +613,7 @@ class MsiHalfRemoved(OnOneMachine):
 # What all tests share
 
 def register_keri() -> None:
-    code, output = wine("regedit", "/S", windows(ROOT / "tests/data/keri.reg"))
+    code, output = wine("regedit", "/S", Wine.path(ROOT / "tests/data/keri.reg"))
     if code:
         raise RuntimeError(output)
 
@@ -714,22 +642,11 @@ def make_packages() -> None:
                        env=environment)
 
 
-@contextlib.contextmanager
-def held_prefix():
-    """Services live no longer than the prefix's last program; and the next run begins when everything has ended."""
-    hold = ROOT / "scripts/lib/wine-hold"
-    subprocess.run([hold, "start"], env=ENVIRONMENT, check=True)
-    try:
-        yield
-    finally:
-        subprocess.run([hold, "stop"], env=ENVIRONMENT, check=True)
-
-
 def prepare() -> None:
     shutil.rmtree(WORK, ignore_errors=True)
     WORK.mkdir(parents=True)
     make_packages()
-    with held_prefix():
+    with WINE.held():
         keri = DRIVE / "Keri"
         keri.mkdir()
         for name in LIBRARIES:
@@ -737,21 +654,12 @@ def prepare() -> None:
         register_keri()
 
 
-def in_own_network() -> None:
-    """Goes on in a network name space of its own, with nothing but the loopback."""
-    if os.environ.get("QUORKERI_OWN_NETWORK"):
-        return
-    command = ["unshare", "--net", "--mount", *([] if os.geteuid() == 0 else ["--map-root-user"]), "sh", "-c",
-               'ip link set lo up && QUORKERI_OWN_NETWORK=1 exec "$@"', "sh", sys.executable, "-B", __file__, *sys.argv[1:]]
-    os.execvp("unshare", command)
-
-
 def main() -> int:
     in_own_network()
     if sys.argv[1:] == ["prepare"]:
         prepare()
         return 0
-    with held_prefix():
+    with WINE.held():
         suite = unittest.defaultTestLoader.loadTestsFromNames(sys.argv[1:], module=sys.modules["__main__"])
         return 0 if unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful() else 1
 
