@@ -230,7 +230,7 @@ class MessagesTest(unittest.TestCase):
                           r'logLastError\(|formatString\(\s*)((?:"(?:[^"\\]|\\.)*"\s*)+)', re.DOTALL)
         logged = re.compile(r"failed open '|Failed to set working|minidump|Invalid parameter|times in")
         for folder in ("core", "utl", "service"):
-            for source in sorted((ROOT / folder).glob("*.cpp")):
+            for source in sorted((ROOT / folder).rglob("*.cpp")):
                 if source.name.endswith("_linux.cpp") or source.name == "utl_regfile.cpp":
                     continue
                 for match in call.finditer(source.read_text("utf-8")):
