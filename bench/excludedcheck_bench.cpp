@@ -69,8 +69,7 @@ void loadPlaces() {
 }
 
 void prepare(Level level) {
-    static const bool isLoaded = (loadPlaces(), true);
-    benchmark::DoNotOptimize(isLoaded);
+    [[maybe_unused]] static const bool isLoaded = (loadPlaces(), true);
     MasterLogger::setImplementation(nullptr);
     MasterLogger::setLevelFlags(Crit, 0);
     MasterLogger::setLevelImplementationBits(Crit, level == Level::On ? 1 : 0);

@@ -14,12 +14,16 @@ namespace NS_CORE {
 namespace {
 
 constexpr std::string_view kFunction = "CORE::readSettingsFile";
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
 constexpr std::string_view kBetweenTokens = " \n\r\t";
 
 } // namespace
 
 bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& take) {
-    const std::unique_ptr<std::FILE, decltype(&std::fclose)> file(Wrapper::fopen(path, "r"), &std::fclose);
+    const std::unique_ptr<std::FILE, CloseFile> file(Wrapper::fopen(path, "r"));
     if (!file) return false;
     std::array<char, kMaxSettingsLine + 1> line;
     size_t bytes = 0;

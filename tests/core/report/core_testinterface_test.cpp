@@ -392,7 +392,7 @@ TEST_F(TestInterfaceTest, IsToldOfFailedChecks) {
 
 // Reports where it is told to, and has a check fail that stops it.
 const test::ChildProgram g_stopsByTestInterface("StopsByTestInterface", [](const Strings& arguments) {
-    std::filesystem::current_path(std::filesystem::u8path(arguments.at(0)));
+    std::filesystem::current_path(test::fromText(arguments.at(0)));
     TestInterface::instance().readMissingFiles();
     TestInterface::instance().changeActionFlags(TestInterface::FlagChange::Set, TestAction::AssertAbort);
     CHECKF_AT("core_x", 43, false, "stop");
