@@ -142,12 +142,14 @@ class ZipTest(unittest.TestCase):
         output("cmake", "--install", str(TREE), "--prefix", str(prefix))
         installed = {path.relative_to(prefix).as_posix() + ("/" if path.is_dir() else "") for path in prefix.rglob("*")}
         packed = {entry.filename.split("/", 1)[1] for entry in self.entries("-win32.zip")} - {""}
-        self.assertEqual(packed, installed - {"bin/quorkeri_service.pdb"} | {"README.txt", "THIRD-PARTY-NOTICES.txt"})
-        self.assertLessEqual({"bin/quorkeri_service.exe", "settings/testing.ini.sample", "assets/", "work/tmp/",
+        self.assertEqual(packed, installed - {"bin/quorkeri_service.pdb", "bin/quorkeri_health.pdb"} |
+                         {"README.txt", "THIRD-PARTY-NOTICES.txt"})
+        self.assertLessEqual({"bin/quorkeri_service.exe", "bin/quorkeri_health.exe", "settings/testing.ini.sample", "assets/", "work/tmp/",
                               "work/logs/", "work/dumps/"}, packed)
 
     def test_holds_the_symbols_apart(self):
-        self.assertEqual(sorted(unpacked("-symbols.zip")), ["", "quorkeri_service.exe", "quorkeri_service.pdb"])
+        self.assertEqual(sorted(unpacked("-symbols.zip")),
+                         ["", *(f"quorkeri_{program}.{kind}" for program in ("health", "service") for kind in ("exe", "pdb"))])
 
     def test_has_the_same_times_and_modes_whatever_the_machine_has(self):
         moment = time.gmtime(EPOCH)[:5] + (EPOCH % 60 // 2 * 2,)

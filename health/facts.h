@@ -1,0 +1,90 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "health/installation.h"
+#include "health/local_time.h"
+#include "health/machine.h"
+#include "health/servicelog.h"
+
+namespace health {
+
+using machine::FileState;
+using machine::Process;
+using machine::Registration;
+
+// A companion that runs.
+struct Companion {
+    enum class Owner {
+        Service, // the service of this installation that runs
+        Nobody,  // this installation's, but the service that started it has ended
+        Other,   // another installation's, or its place is not told
+    };
+
+    Process process;
+    Owner owner = Owner::Nobody;
+};
+
+struct PortHolder {
+    enum class Who { Child, Orphan, Elsewhere, Foreign, Unknown };
+
+    Process process;
+    Who who = Who::Unknown;
+};
+
+// One of the Keri libraries: in bin, and where the Keri software lies.
+struct Library {
+    enum class State { Same, Differs, MissingInBin, MissingInKeri, MissingInBoth };
+
+    std::string name;
+    State state = State::Same;
+};
+
+struct Crash {
+    LocalSeconds time = 0;
+    std::string name; // of the dump's file, or dumps.log where that is all there is
+};
+
+// All that the findings are drawn from, gathered at one moment.
+struct Facts {
+    LocalSeconds now = 0;
+    Installation installation;
+
+    Registration registration;
+    std::string registeredProgram;  // out of the registered command
+    std::optional<Process> service; // the running service of this installation
+    bool isForeground = false;      // started by hand, while there is a service manager
+
+    std::vector<Companion> companions;
+    std::optional<std::vector<PortHolder>> portHolders; // nothing: the system does not tell
+    FileState companionFile;
+    bool isCompanionProgram = false; // begins as a program does
+
+    FileState logFile;
+    LogSummary log;
+
+    std::string keriDirectory; // empty: not registered
+    std::vector<Library> libraries;
+
+    std::optional<Crash> crash; // the newest one in the hours asked for
+    std::optional<uint64_t> freeBytes;
+};
+
+// Looks at everything, and changes nothing.
+// hours  how far back a crash counts.
+Facts gather(const Installation& installation, uint32_t hours);
+
+// The part of it that --clear-orphan and --recover need, too: the running companions, and whose they are. The images
+// of all services and companions are filled in.
+std::vector<Companion> companionsOf(const Installation& installation, std::vector<Process>& all);
+
+// The process that the service manager means, or that runs in the foreground; nothing when neither runs.
+std::optional<Process> findService(const Installation& installation, const Registration& registration,
+                                   const std::vector<Process>& all);
+
+// The program of a registered command.
+std::string programOf(const std::string& command);
+
+} // namespace health

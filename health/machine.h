@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "health/local_time.h"
+
+// What the operating system tells, one source per platform. Paths and texts are UTF-8. Nothing here logs, throws or
+// changes anything, but for endProcess and startService. One thread.
+namespace health::machine {
+
+#ifdef _WIN32
+inline constexpr bool kIsWindows = true;
+inline constexpr char kSeparator = '\\'; // between directories
+inline constexpr const char* kServiceFile = "quorkeri_service.exe";
+#else
+inline constexpr bool kIsWindows = false;
+inline constexpr char kSeparator = '/';
+inline constexpr const char* kServiceFile = "quorkeri_service";
+#endif
+
+struct Process {
+    uint32_t id = 0;
+    uint32_t parentId = 0; // may be another process's by now, as ids are given again
+    uint64_t created = 0;  // in ticks of the system's own, for comparing
+    LocalSeconds started = 0;
+    std::string name;  // the file's
+    std::string image; // the file's full path; see imageOf
+
+    bool operator==(const Process&) const = default;
+};
+
+// All that run, at one moment; their images are empty.
+std::vector<Process> processes();
+
+// The full path of a process's program; empty when the system does not tell it.
+std::string imageOf(uint32_t processId);
+
+uint32_t ownId();
+
+// Ends a process by its id, and only if it is still the same one: the program's image and the time of its creation are
+// compared again when its handle is held, which keeps the id from being given to another. Waits for its end, ten
+// seconds at most. Returns the reason when it is not ended; empty on success, and when it had ended by itself.
+std::string endProcess(const Process& process);
+
+// What the service manager knows of a service.
+struct Registration {
+    enum class Answer { NoManager, Refused, NotRegistered, Registered };
+    enum class State { Stopped, Starting, Stopping, Running };
+
+    Answer answer = Answer::NoManager;
+    std::string reason; // of Refused
+    State state = State::Stopped;
+    uint32_t processId = 0;  // 0: none
+    bool hasAborted = false; // stopped, because its process ended without saying so
+    bool isDisabled = false;
+    std::string command; // as it is registered
+};
+
+Registration registration(const char* serviceName);
+
+// Asks the manager to start the service. Empty, or the reason why it is not started; running already is success.
+std::string startService(const char* serviceName);
+
+// The processes that listen on a UDP port of 127.0.0.1 or of all addresses; 0 stands for one that the system does not
+// name. Nothing when the system does not tell at all.
+std::optional<std::vector<uint32_t>> portHolders(uint16_t port);
+
+// Where the Keri software is registered to lie, read only; `root` is the installation's, for Linux' registry file.
+// Empty when it is not registered or has no location.
+std::string keriDirectory(const std::string& root);
+
+struct FileState {
+    enum class Kind { Missing, Unreadable, There };
+
+    Kind kind = Kind::Missing;
+    std::string reason; // of Unreadable
+    uint64_t size = 0;
+    LocalSeconds written = 0;
+};
+
+FileState fileState(const std::string& path);
+
+// The files' names in a directory; none when it cannot be read.
+std::vector<std::string> namesIn(const std::string& directory);
+
+// A file that is read while others read, write, rename and delete it as they like.
+class InputFile {
+public:
+    explicit InputFile(const std::string& path);
+    ~InputFile();
+    InputFile(const InputFile&) = delete;
+    InputFile& operator=(const InputFile&) = delete;
+
+    explicit operator bool() const { return m_handle != kNone; }
+
+    // Up to `size` bytes; 0 at the end, and when reading fails.
+    size_t read(char* buffer, size_t size);
+
+private:
+    static constexpr intptr_t kNone = -1;
+    intptr_t m_handle = kNone;
+};
+
+// What this user may still write on the disk that holds `path`.
+std::optional<uint64_t> freeBytes(const std::string& path);
+
+// UTC, seconds since 1970.
+int64_t now();
+
+void pause(uint32_t milliseconds);
+
+// To standard output, whatever that is.
+void print(const std::string& text);
+
+} // namespace health::machine

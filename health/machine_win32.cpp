@@ -1,0 +1,349 @@
+// Before windows.h, which brings an older socket library otherwise.
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <iphlpapi.h>
+#include <winternl.h>
+
+#include "core/files/core_wrapper.h"
+#include "core/memory/core_scopedhandle_win32.h"
+#include "core/text/core_utf8_win32.h"
+#include "health/machine.h"
+#include "health/names.h"
+
+namespace health::machine {
+namespace {
+
+struct ScHandleTraits {
+    using Value = SC_HANDLE;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::CloseServiceHandle(value); }
+};
+using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
+
+struct RegistryKeyTraits {
+    using Value = HKEY;
+    static Value empty() { return nullptr; }
+    static void close(Value value) { ::RegCloseKey(value); }
+};
+using ScopedRegistryKey = NS_CORE::ScopedHandle<RegistryKeyTraits>;
+
+struct FindHandleTraits {
+    using Value = HANDLE;
+    static Value empty() { return INVALID_HANDLE_VALUE; }
+    static void close(Value value) { ::FindClose(value); }
+};
+using ScopedFindHandle = NS_CORE::ScopedHandle<FindHandleTraits>;
+
+constexpr size_t kLongestPath = 32768;
+
+std::wstring toWide(const std::string& text) {
+    std::wstring wide;
+    if (!NS_CORE::fromUtf8(text, wide)) wide.clear();
+    return wide;
+}
+
+// The system's words for an error, or its number where it has none.
+std::string reasonOf(DWORD error) {
+    std::string text = NS_CORE::systemErrorText(error);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == '.' || text.back() == ' '))
+        text.pop_back();
+    return text.empty() ? "error " + std::to_string(error) : text;
+}
+
+constexpr int64_t kTicksPerSecond = 10'000'000;
+
+int64_t toUtc(uint64_t fileTime) {
+    constexpr int64_t kSecondsFrom1601To1970 = 11'644'473'600;
+    return static_cast<int64_t>(fileTime) / kTicksPerSecond - kSecondsFrom1601To1970;
+}
+
+uint64_t ticksOf(FILETIME time) {
+    return (uint64_t{time.dwHighDateTime} << 32U) | time.dwLowDateTime;
+}
+
+std::string imageOf(HANDLE process) {
+    std::wstring path(kLongestPath, L'\0');
+    auto size = static_cast<DWORD>(path.size());
+    if (!::QueryFullProcessImageNameW(process, /*dwFlags=*/0, path.data(), &size)) return "";
+    path.resize(size);
+    return NS_CORE::toUtf8(path.c_str());
+}
+
+// The library of ntdll would offer the linker a second C runtime, and the header's enumeration lacks numbers.
+NTSTATUS querySystem(ULONG what, void* answer, ULONG size) {
+    using Query = NTSTATUS(NTAPI*)(ULONG, void*, ULONG, ULONG*);
+    static const auto query = reinterpret_cast<Query>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    return query(what, answer, size, nullptr);
+}
+
+// "\Device\HarddiskVolume3\dir\file.exe" as the drive has it.
+std::string withDrive(const std::wstring& path) {
+    wchar_t drive[] = L"A:";
+    for (; drive[0] <= L'Z'; ++drive[0]) {
+        wchar_t device[MAX_PATH] = {};
+        if (::QueryDosDeviceW(drive, device, MAX_PATH) == 0) continue;
+        const std::wstring prefix = std::wstring(device) + L'\\';
+        if (path.starts_with(prefix)) return NS_CORE::toUtf8((drive + path.substr(prefix.size() - 1)).c_str());
+    }
+    return "";
+}
+
+// For a plain user, who may not open the processes of others. Wine has no such answer.
+std::string imageWithoutHandle(uint32_t processId) {
+    constexpr ULONG kSystemProcessIdInformation = 88;
+    struct {
+        HANDLE processId;
+        UNICODE_STRING image;
+    } question{};
+    std::wstring buffer(kLongestPath / 2, L'\0');
+    question.processId = reinterpret_cast<HANDLE>(uintptr_t{processId});
+    question.image.MaximumLength = static_cast<USHORT>(buffer.size() * sizeof(wchar_t));
+    question.image.Buffer = buffer.data();
+    if (querySystem(kSystemProcessIdInformation, &question, sizeof question) != 0) return "";
+    buffer.resize(question.image.Length / sizeof(wchar_t));
+    return withDrive(buffer);
+}
+
+Process processFrom(const SYSTEM_PROCESS_INFORMATION& entry) {
+    Process process;
+    process.id = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(entry.UniqueProcessId));
+    process.parentId = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(entry.InheritedFromUniqueProcessId));
+    process.created = static_cast<uint64_t>(entry.CreateTime.QuadPart);
+    process.started = toLocal(toUtc(process.created));
+    if (entry.ImageName.Buffer)
+        process.name =
+            NS_CORE::toUtf8(std::wstring(entry.ImageName.Buffer, entry.ImageName.Length / sizeof(wchar_t)).c_str());
+    return process;
+}
+
+Registration::State stateOf(DWORD state) {
+    switch (state) {
+        case SERVICE_STOPPED:
+            return Registration::State::Stopped;
+        case SERVICE_START_PENDING:
+            return Registration::State::Starting;
+        case SERVICE_STOP_PENDING:
+            return Registration::State::Stopping;
+        default:
+            return Registration::State::Running;
+    }
+}
+
+// Empty, with the system's last error, when it cannot be had.
+ScopedScHandle openService(const char* name, DWORD rights) {
+    const ScopedScHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    if (!manager) return ScopedScHandle();
+    ScopedScHandle service(::OpenServiceW(manager.get(), toWide(name).c_str(), rights));
+    const DWORD error = ::GetLastError();
+    return ::SetLastError(error), std::move(service);
+}
+
+Registration refused(DWORD error) {
+    Registration out;
+    out.answer =
+        error == ERROR_SERVICE_DOES_NOT_EXIST ? Registration::Answer::NotRegistered : Registration::Answer::Refused;
+    out.reason = reasonOf(error);
+    return out;
+}
+
+bool isSame(HANDLE handle, const Process& process) {
+    FILETIME created{};
+    FILETIME unused{};
+    return ::GetProcessTimes(handle, &created, &unused, &unused, &unused) && ticksOf(created) == process.created &&
+           imageOf(handle) == process.image;
+}
+
+} // namespace
+
+std::vector<Process> processes() {
+    // Grows until the answer fits: processes come and go between two calls.
+    std::vector<uint64_t> buffer(1U << 15U);
+    constexpr NTSTATUS kStatusInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
+    NTSTATUS status = 0;
+    for (;;) {
+        const auto size = static_cast<ULONG>(buffer.size() * sizeof(uint64_t));
+        status = querySystem(SystemProcessInformation, buffer.data(), size);
+        if (status != kStatusInfoLengthMismatch) break;
+        buffer.resize(buffer.size() * 2);
+    }
+    std::vector<Process> all;
+    if (status != 0) return all;
+    const auto* bytes = reinterpret_cast<const char*>(buffer.data());
+    for (ULONG next = 1; next != 0; bytes += next) {
+        const auto* entry = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(bytes);
+        all.push_back(processFrom(*entry));
+        next = entry->NextEntryOffset;
+    }
+    return all;
+}
+
+std::string imageOf(uint32_t processId) {
+    const NS_CORE::ScopedKernelHandle process(
+        ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, /*bInheritHandle=*/FALSE, processId));
+    const std::string image = process ? imageOf(process.get()) : "";
+    return image.empty() ? imageWithoutHandle(processId) : image;
+}
+
+uint32_t ownId() {
+    return ::GetCurrentProcessId();
+}
+
+std::string endProcess(const Process& process) {
+    const NS_CORE::ScopedKernelHandle handle(::OpenProcess(
+        PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, /*bInheritHandle=*/FALSE, process.id));
+    if (!handle) {
+        const DWORD error = ::GetLastError();
+        return error == ERROR_INVALID_PARAMETER ? "" : reasonOf(error); // no process has this id any more
+    }
+    // While the handle is open, the id is not given to another.
+    if (!isSame(handle.get(), process)) return "";
+    constexpr UINT kExitCode = 1;
+    constexpr DWORD kLimitMs = 10'000;
+    const BOOL isAsked = ::TerminateProcess(handle.get(), kExitCode);
+    const DWORD error = ::GetLastError();
+    // One that is about to end by itself refuses.
+    if (::WaitForSingleObject(handle.get(), isAsked ? kLimitMs : 0) == WAIT_OBJECT_0) return "";
+    return isAsked ? "it has not ended within 10 seconds" : reasonOf(error);
+}
+
+Registration registration(const char* serviceName) {
+    const ScopedScHandle service = openService(serviceName, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG);
+    if (!service) return refused(::GetLastError());
+    Registration out;
+    out.answer = Registration::Answer::Registered;
+    SERVICE_STATUS_PROCESS status{};
+    DWORD needed = 0;
+    if (!::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status,
+                                &needed))
+        return refused(::GetLastError());
+    out.state = stateOf(status.dwCurrentState);
+    out.processId = status.dwProcessId;
+    out.hasAborted = out.state == Registration::State::Stopped && status.dwWin32ExitCode == ERROR_PROCESS_ABORTED;
+    // As large as the system lets an answer be.
+    alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192] = {};
+    auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
+    if (!::QueryServiceConfigW(service.get(), config, sizeof buffer, &needed)) return refused(::GetLastError());
+    out.isDisabled = config->dwStartType == SERVICE_DISABLED;
+    out.command = NS_CORE::toUtf8(config->lpBinaryPathName);
+    return out;
+}
+
+std::string startService(const char* serviceName) {
+    const ScopedScHandle service = openService(serviceName, SERVICE_START);
+    if (service && ::StartServiceW(service.get(), /*dwNumServiceArgs=*/0, /*lpServiceArgVectors=*/nullptr)) return "";
+    const DWORD error = ::GetLastError();
+    return error == ERROR_SERVICE_ALREADY_RUNNING ? "" : reasonOf(error);
+}
+
+std::optional<std::vector<uint32_t>> portHolders(uint16_t port) {
+    std::vector<uint32_t> buffer(1024);
+    DWORD error = 0;
+    do {
+        auto size = static_cast<DWORD>(buffer.size() * sizeof(uint32_t));
+        error = ::GetExtendedUdpTable(buffer.data(), &size, /*bOrder=*/FALSE, AF_INET, UDP_TABLE_OWNER_PID,
+                                      /*Reserved=*/0);
+        if (error == ERROR_INSUFFICIENT_BUFFER) buffer.resize(size / sizeof(uint32_t) + 64);
+    } while (error == ERROR_INSUFFICIENT_BUFFER);
+    if (error != NO_ERROR) return std::nullopt;
+    const auto* table = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(buffer.data());
+    std::vector<uint32_t> ids;
+    for (DWORD i = 0; i < table->dwNumEntries; ++i) {
+        const MIB_UDPROW_OWNER_PID& row = table->table[i];
+        const bool isHere = row.dwLocalAddr == ::htonl(INADDR_ANY) || row.dwLocalAddr == ::htonl(INADDR_LOOPBACK);
+        if (isHere && row.dwLocalPort == ::htons(port)) ids.push_back(row.dwOwningPid);
+    }
+    return ids;
+}
+
+std::string keriDirectory(const std::string& /*root*/) {
+    HKEY opened = nullptr;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, toWide(kKeriKey).c_str(), /*ulOptions=*/0, KEY_QUERY_VALUE, &opened) !=
+        ERROR_SUCCESS)
+        return "";
+    const ScopedRegistryKey key(opened);
+    std::wstring text(kLongestPath, L'\0');
+    auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    if (::RegGetValueW(key.get(), /*lpSubKey=*/nullptr, toWide(kKeriValue).c_str(), RRF_RT_REG_SZ, /*pdwType=*/nullptr,
+                       text.data(), &size) != ERROR_SUCCESS)
+        return "";
+    return NS_CORE::toUtf8(text.c_str());
+}
+
+FileState fileState(const std::string& path) {
+    FileState out;
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    const InputFile file(path);
+    const DWORD error = ::GetLastError();
+    if (::GetFileAttributesExW(toWide(path).c_str(), GetFileExInfoStandard, &data)) {
+        out.kind = file ? FileState::Kind::There : FileState::Kind::Unreadable;
+        out.size = (uint64_t{data.nFileSizeHigh} << 32U) | data.nFileSizeLow;
+        out.written = toLocal(toUtc(ticksOf(data.ftLastWriteTime)));
+    } else if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND) {
+        out.kind = FileState::Kind::Unreadable;
+    }
+    if (out.kind == FileState::Kind::Unreadable) out.reason = reasonOf(error);
+    return out;
+}
+
+std::vector<std::string> namesIn(const std::string& directory) {
+    std::vector<std::string> names;
+    WIN32_FIND_DATAW data{};
+    const ScopedFindHandle search(::FindFirstFileW(toWide(directory + "\\*").c_str(), &data));
+    if (!search) return names;
+    do names.push_back(NS_CORE::toUtf8(data.cFileName));
+    while (::FindNextFileW(search.get(), &data));
+    return names;
+}
+
+InputFile::InputFile(const std::string& path)
+    : m_handle(reinterpret_cast<intptr_t>(::CreateFileW(
+          toWide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+          /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr))) {}
+
+InputFile::~InputFile() {
+    const DWORD error = ::GetLastError();
+    if (m_handle != kNone) ::CloseHandle(reinterpret_cast<HANDLE>(m_handle));
+    ::SetLastError(error);
+}
+
+size_t InputFile::read(char* buffer, size_t size) {
+    DWORD length = 0;
+    return ::ReadFile(reinterpret_cast<HANDLE>(m_handle), buffer, static_cast<DWORD>(size), &length,
+                      /*lpOverlapped=*/nullptr)
+               ? length
+               : 0;
+}
+
+std::optional<uint64_t> freeBytes(const std::string& path) {
+    ULARGE_INTEGER free{};
+    if (!::GetDiskFreeSpaceExW(toWide(path).c_str(), &free, nullptr, nullptr)) return std::nullopt;
+    return free.QuadPart;
+}
+
+int64_t now() {
+    FILETIME time{};
+    ::GetSystemTimeAsFileTime(&time);
+    return toUtc(ticksOf(time));
+}
+
+void pause(uint32_t milliseconds) {
+    ::Sleep(milliseconds);
+}
+
+void print(const std::string& text) {
+    const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    DWORD written = 0;
+    if (::GetConsoleMode(output, &mode)) {
+        // A console shows bytes in a code page of its own; wide text it shows as it is.
+        const std::wstring wide = toWide(text);
+        ::WriteConsoleW(output, wide.data(), static_cast<DWORD>(wide.size()), &written, /*lpReserved=*/nullptr);
+    } else {
+        ::WriteFile(output, text.data(), static_cast<DWORD>(text.size()), &written, /*lpOverlapped=*/nullptr);
+    }
+}
+
+} // namespace health::machine

@@ -1,0 +1,73 @@
+#include "health/recovery.h"
+
+#include "core/text/core_varargs.h"
+#include "health/facts.h"
+#include "health/names.h"
+
+namespace health {
+namespace {
+
+constexpr int kNotDone = 2;
+constexpr uint32_t kPauseMs = 50;
+constexpr uint32_t kStartLimitMs = 30'000;
+
+std::optional<Process> runningService(const Installation& installation) {
+    std::vector<Process> all = machine::processes();
+    companionsOf(installation, all);
+    return findService(installation, machine::registration(kServiceName), all);
+}
+
+// Where there is a manager it starts the service, and only ours.
+std::string startOwn(const Installation& installation) {
+    const Registration registration = machine::registration(kServiceName);
+    if (registration.answer == Registration::Answer::Registered &&
+        !isSamePath(programOf(registration.command), installation.service))
+        return "the registered service is another installation's, " + registration.command;
+    return machine::startService(kServiceName);
+}
+
+bool awaitService(const Installation& installation) {
+    for (uint32_t waited = 0; waited <= kStartLimitMs; waited += kPauseMs) {
+        if (runningService(installation)) return true;
+        machine::pause(kPauseMs);
+    }
+    return false;
+}
+
+} // namespace
+
+Outcome clearOrphans(const Installation& installation) {
+    std::vector<Process> all = machine::processes();
+    Outcome outcome;
+    for (const auto& [process, owner] : companionsOf(installation, all)) {
+        if (owner != Companion::Owner::Nobody) continue;
+        const std::string reason = machine::endProcess(process);
+        if (!reason.empty()) outcome.exitCode = kNotDone;
+        outcome.text +=
+            reason.empty()
+                ? NS_CORE::formatString("Ended orphaned companion process %u, %s.\n", process.id, process.image)
+                : NS_CORE::formatString("Orphaned companion process %u, %s, cannot be ended: %s.\n", process.id,
+                                        process.image, reason);
+    }
+    if (outcome.text.empty()) outcome.text = "There is no orphaned companion of this installation.\n";
+    return outcome;
+}
+
+Outcome recover(const Installation& installation) {
+    Outcome outcome = clearOrphans(installation);
+    if (const auto service = runningService(installation)) {
+        outcome.text += NS_CORE::formatString("The service runs already, as process %u.\n", service->id);
+        return outcome;
+    }
+    std::string reason = startOwn(installation);
+    if (reason.empty() && !awaitService(installation)) reason = "it did not run within 30 seconds";
+    if (reason.empty()) {
+        outcome.text += "The service was started.\n";
+        return outcome;
+    }
+    outcome.text += NS_CORE::formatString("The service was not started: %s.\n", reason);
+    outcome.exitCode = kNotDone;
+    return outcome;
+}
+
+} // namespace health
