@@ -15,27 +15,6 @@
 namespace health::machine {
 namespace {
 
-struct ScHandleTraits {
-    using Value = SC_HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseServiceHandle(value); }
-};
-using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
-
-struct RegistryKeyTraits {
-    using Value = HKEY;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::RegCloseKey(value); }
-};
-using ScopedRegistryKey = NS_CORE::ScopedHandle<RegistryKeyTraits>;
-
-struct FindHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::FindClose(value); }
-};
-using ScopedFindHandle = NS_CORE::ScopedHandle<FindHandleTraits>;
-
 constexpr size_t kLongestPath = 32768;
 
 std::wstring toWide(const std::string& text) {
@@ -133,12 +112,10 @@ Registration::State stateOf(DWORD state) {
 }
 
 // Empty, with the system's last error, when it cannot be had.
-ScopedScHandle openService(const char* name, DWORD rights) {
-    const ScopedScHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    if (!manager) return ScopedScHandle();
-    ScopedScHandle service(::OpenServiceW(manager.get(), toWide(name).c_str(), rights));
-    const DWORD error = ::GetLastError();
-    return ::SetLastError(error), std::move(service);
+NS_CORE::ScopedServiceHandle openService(const char* name, DWORD rights) {
+    const NS_CORE::ScopedServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    if (!manager) return NS_CORE::ScopedServiceHandle();
+    return NS_CORE::ScopedServiceHandle(::OpenServiceW(manager.get(), toWide(name).c_str(), rights));
 }
 
 Registration refused(DWORD error) {
@@ -210,7 +187,7 @@ std::string endProcess(const Process& process) {
 }
 
 Registration registration(const char* serviceName) {
-    const ScopedScHandle service = openService(serviceName, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG);
+    const NS_CORE::ScopedServiceHandle service = openService(serviceName, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG);
     if (!service) return refused(::GetLastError());
     Registration out;
     out.answer = Registration::Answer::Registered;
@@ -232,7 +209,7 @@ Registration registration(const char* serviceName) {
 }
 
 std::string startService(const char* serviceName) {
-    const ScopedScHandle service = openService(serviceName, SERVICE_START);
+    const NS_CORE::ScopedServiceHandle service = openService(serviceName, SERVICE_START);
     if (service && ::StartServiceW(service.get(), /*dwNumServiceArgs=*/0, /*lpServiceArgVectors=*/nullptr)) return "";
     const DWORD error = ::GetLastError();
     return error == ERROR_SERVICE_ALREADY_RUNNING ? "" : reasonOf(error);
@@ -263,7 +240,7 @@ std::string keriDirectory(const std::string& /*root*/) {
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, toWide(kKeriKey).c_str(), /*ulOptions=*/0, KEY_QUERY_VALUE, &opened) !=
         ERROR_SUCCESS)
         return "";
-    const ScopedRegistryKey key(opened);
+    const NS_CORE::ScopedRegistryKey key(opened);
     std::wstring text(kLongestPath, L'\0');
     auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
     if (::RegGetValueW(key.get(), /*lpSubKey=*/nullptr, toWide(kKeriValue).c_str(), RRF_RT_REG_SZ, /*pdwType=*/nullptr,
@@ -291,7 +268,7 @@ FileState fileState(const std::string& path) {
 std::vector<std::string> namesIn(const std::string& directory) {
     std::vector<std::string> names;
     WIN32_FIND_DATAW data{};
-    const ScopedFindHandle search(::FindFirstFileW(toWide(directory + "\\*").c_str(), &data));
+    const NS_CORE::ScopedFindHandle search(::FindFirstFileW(toWide(directory + "\\*").c_str(), &data));
     if (!search) return names;
     do names.push_back(NS_CORE::toUtf8(data.cFileName));
     while (::FindNextFileW(search.get(), &data));
