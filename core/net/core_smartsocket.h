@@ -3,13 +3,9 @@
 #include <cstdint>
 
 #include "core/memory/core_scopedhandle.h"
+#include "core/net/core_socket.h"
 
 namespace NS_CORE {
-
-// The system's handle of a socket: a SOCKET on Windows, a descriptor on Linux.
-using SocketHandle = uint32_t;
-
-inline constexpr SocketHandle kInvalidSocket = 0xffffffff; // INVALID_SOCKET
 
 // Bits of the flags that sockets are opened with.
 namespace SocketFlag {
@@ -17,13 +13,13 @@ inline constexpr uint32_t NonBlocking = 1 << 0;
 inline constexpr uint32_t ReuseAddr = 1 << 1;
 } // namespace SocketFlag
 
-// Owns one socket handle, or none. Movable, not copyable: the object that was moved from owns none. The socket is
-// never inherited by child processes. One thread at a time.
+// Owns one socket handle, or none. Movable, not copyable: an object that was moved from owns none. Child processes
+// never inherit the socket. One thread at a time.
 class SmartSocket {
 public:
-    // Makes a new socket and owns it; a handle owned before is closed first. `flags` are of SocketFlag. Returns
-    // false, owning none, when the socket cannot be made or, for ReuseAddr, its option not be set (both logged at
-    // WARN). That NonBlocking could not be set is not reported.
+    // Closes the handle that it owns, if any, and creates a new socket. `flags` are of SocketFlag. Returns false,
+    // owning none, when the system cannot create the socket or, for ReuseAddr, set its option (both logged at WARN). It
+    // does not report a failure to set NonBlocking.
     [[nodiscard]] bool create(int32_t family, int32_t type, int32_t protocol, uint32_t flags);
 
     // Closes what is owned.

@@ -39,38 +39,34 @@ bool SetSockAddr(const std::string& addressText, uint16_t port, sockaddr_in& soc
     return true;
 }
 
-WinsockStart judgeWinsockStart(int32_t startResult, uint16_t version) {
-    if (startResult != 0) {
-        MLOG(Crit, "WinsockInit", "WSAStartup failed, err=%d", startResult);
-        return WinsockStart::Failed;
+bool socket_platform::startLibrary(const Library& library) {
+    uint16_t version = 0;
+    const int32_t result = library.start(&version);
+    if (result != 0) {
+        MLOG(Crit, "WinsockInit", "WSAStartup failed, err=%d", result);
+        return false;
     }
     const int32_t major = version & 0xff;
     const int32_t minor = version >> 8;
-    if (major == 2 && minor == 2) return WinsockStart::Ready;
+    if (major == 2 && minor == 2) return true;
     // Minor before major: readers of the logs know the message in this order.
     MLOG(Crit, "WinsockInit", "no suitable WinSock DLL (%d.%d)", minor, major);
-    return WinsockStart::WrongVersion;
+    library.cleanup();
+    return false;
 }
 
 void WinsockInit() {
     socket_platform::makeFilesBinary();
-    uint16_t version = 0;
-    const int32_t result = socket_platform::start(&version);
-    switch (judgeWinsockStart(result, version)) {
-        case WinsockStart::Failed:
-            return;
-        case WinsockStart::Ready:
-            g_winsockInitialised = true;
-            break;
-        case WinsockStart::WrongVersion:
-            socket_platform::cleanup();
-            break;
-    }
-    static_cast<void>(std::atexit(&cleanupAtExit));
+    g_winsockInitialised = socket_platform::startLibrary({});
+    if (g_winsockInitialised) static_cast<void>(std::atexit(&cleanupAtExit));
 }
 
 bool winsockInitialised() {
     return g_winsockInitialised;
+}
+
+bool winsockCleanupAtExit() {
+    return g_winsockCleanupAtExit;
 }
 
 void setWinsockCleanupAtExit(bool cleanup) {

@@ -5,9 +5,18 @@
 
 struct sockaddr_in;
 
-// IPv4 addresses, and the start of the system's socket library. IPv4 only, numeric only: nothing here asks a name
-// service, and nothing blocks.
+// Socket handles, IPv4 addresses, and the start of the system's socket library. Addresses are numbers or dotted quads:
+// nothing here asks a name service, and nothing blocks.
 namespace NS_CORE {
+
+// The system's handle of a socket: a SOCKET on Windows, a file descriptor elsewhere.
+#ifdef _WIN32
+using SocketHandle = uint32_t;
+#else
+using SocketHandle = int32_t;
+#endif
+
+inline constexpr SocketHandle kInvalidSocket = static_cast<SocketHandle>(-1); // INVALID_SOCKET
 
 // A host-order value as the network writes it (htonl); the same call turns it back.
 constexpr uint32_t networkOrder(uint32_t value) {
@@ -23,32 +32,21 @@ std::string addressText(uint32_t address);
 
 // Fills `socketAddress` (zeroed, AF_INET) from a dotted-quad text and a port in host order. The text is read as
 // inet_addr reads it, short and octal forms included; "255.255.255.255" is the limited broadcast address.
-// Any other text logs WARN "invalid ip '%s'" and gives false; `socketAddress` then holds no address and no port.
+// Any other text logs WARN "invalid ip '%s'" and returns false; `socketAddress` then holds no address and no port.
 [[nodiscard]] bool SetSockAddr(const std::string& addressText, uint16_t port, sockaddr_in& socketAddress);
 
-// The process's start-up for files and sockets, run once before main by an initialiser of this library, which the
-// build links into every program: makes binary the runtime's default file mode, starts the socket library and
-// registers its clean-up at exit. A failed start is logged at CRIT; sockets then fail at their creation. On Linux,
-// where there is no such library, the start always succeeds and the same flags are kept.
+// The process's start-up for files and sockets. An initialiser of this library, which the build links into every
+// program, runs it once before main: it makes binary the runtime's default file mode, starts the socket library and
+// registers its clean-up at exit. A failed start is logged at CRIT; creating a socket then fails. Linux has no such
+// library: there the start always succeeds and the same flags are kept.
 void WinsockInit();
 
 // Whether the socket library was started and has not been cleaned up. Main thread only.
 bool winsockInitialised();
 
-// Whether the exit handler of WinsockInit cleans the socket library up; true at start. A process under the service
+// Whether the exit handler of WinsockInit cleans up the socket library; true at start. A process under the service
 // control manager turns it off. Before the exit handlers run; one thread at a time.
+bool winsockCleanupAtExit();
 void setWinsockCleanupAtExit(bool cleanup);
-
-// What the answer to a start request means.
-enum class WinsockStart : uint32_t {
-    Ready,        // started, and it is version 2.2
-    Failed,       // not started; logged at CRIT
-    WrongVersion, // started in another version, so it has to be cleaned up; logged at CRIT
-};
-
-// Judges the answer to a request for version 2.2.
-// startResult  0 or the library's error code.
-// version      the version it offers: major in the low byte, minor in the high one.
-[[nodiscard]] WinsockStart judgeWinsockStart(int32_t startResult, uint16_t version);
 
 } // namespace NS_CORE

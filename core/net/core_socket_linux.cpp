@@ -4,13 +4,6 @@
 #include <unistd.h>
 
 namespace NS_CORE::socket_platform {
-namespace {
-
-int descriptor(SocketHandle handle) {
-    return static_cast<int>(handle);
-}
-
-} // namespace
 
 void makeFilesBinary() {}
 
@@ -22,25 +15,24 @@ int32_t start(uint16_t* version) {
 void cleanup() {}
 
 SocketHandle open(int32_t family, int32_t type, int32_t protocol) {
-    return static_cast<SocketHandle>(::socket(family, type | SOCK_CLOEXEC, protocol));
+    return ::socket(family, type | SOCK_CLOEXEC, protocol);
 }
 
 void close(SocketHandle handle) {
-    ::close(descriptor(handle));
+    ::close(handle);
 }
 
 bool setOption(SocketHandle handle, int32_t level, int32_t option, const void* value, uint32_t size) {
-    return ::setsockopt(descriptor(handle), level, option, value, size) == 0;
+    return ::setsockopt(handle, level, option, value, size) == 0;
 }
 
 bool setNonBlocking(SocketHandle handle) {
-    const int flags = ::fcntl(descriptor(handle), F_GETFL);
-    return flags != -1 && ::fcntl(descriptor(handle), F_SETFL, flags | O_NONBLOCK) == 0;
+    const int flags = ::fcntl(handle, F_GETFL);
+    return flags != -1 && ::fcntl(handle, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
 bool send(SocketHandle handle, const void* data, uint32_t length, const sockaddr_in& to) {
-    return ::sendto(descriptor(handle), data, length, /*flags=*/0, reinterpret_cast<const sockaddr*>(&to), sizeof to) >=
-           0;
+    return ::sendto(handle, data, length, /*flags=*/0, reinterpret_cast<const sockaddr*>(&to), sizeof to) >= 0;
 }
 
 } // namespace NS_CORE::socket_platform

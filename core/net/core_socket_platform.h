@@ -1,32 +1,33 @@
 #pragma once
 
-// What the sources of this folder that own sockets ask of the platform: the system's socket calls in one form. They
-// only report; the callers log. Where a call fails, its error (errno, WSAGetLastError) is as the system left it.
-
-// The one place that knows which headers declare sockaddr_in, inet_addr and their like.
-#ifdef _WIN32
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#else
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#endif
+// The system's socket calls in one form, for the sources of this folder. They only report; the callers log. When a call
+// fails, its error (errno, WSAGetLastError) is as the system left it.
 
 #include <cstdint>
 
-#include "core/net/core_smartsocket.h"
+#include "core/net/core_socket.h"
+#include "core/net/core_socketaddress.h"
 
 namespace NS_CORE::socket_platform {
 
 // Sets the runtime's default file mode to binary (nothing to do on Linux).
 void makeFilesBinary();
 
-// Asks for version 2.2. Answers 0, with the version that is offered (major in the low byte), or the error code.
+// Asks for version 2.2. Returns 0, with the version that the library offers (major in the low byte), or the error code.
 int32_t start(uint16_t* version);
 
 // Undoes one successful start.
 void cleanup();
+
+// start() and cleanup(), or what a test puts in their place.
+struct Library {
+    int32_t (*start)(uint16_t* version) = &socket_platform::start;
+    void (*cleanup)() = &socket_platform::cleanup;
+};
+
+// Starts the library and logs at CRIT when it fails or offers another version than 2.2, which is cleaned up. Returns
+// whether version 2.2 is started. Implemented in core_socket.cpp.
+[[nodiscard]] bool startLibrary(const Library& library);
 
 // A new socket that child processes do not inherit, or kInvalidSocket.
 SocketHandle open(int32_t family, int32_t type, int32_t protocol);

@@ -13,7 +13,7 @@
 #include "core/identity/core_rcsname.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/net/core_socket.h"
-#include "core/net/core_socket_platform.h"
+#include "core/net/core_socketaddress.h"
 #include "core/stack/core_stacktrace.h"
 #include "core/time/core_time.h"
 

@@ -48,7 +48,7 @@ static_assert(std::is_nothrow_move_constructible_v<SmartSocket> && std::is_nothr
 TEST(SmartSocket, OwnsNothingAtFirst) {
     const SmartSocket socket;
     EXPECT_FALSE(socket.isOpen());
-    EXPECT_EQ(socket.handle(), 0xffffffffU);
+    EXPECT_EQ(socket.handle(), kInvalidSocket);
 }
 
 TEST(SmartSocket, ClosesWhatItOwnsWhenItEnds) {

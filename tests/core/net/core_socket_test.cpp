@@ -7,9 +7,8 @@
 #include "core/net/core_socket_platform.h"
 #include "tests/support/log_recorder.h"
 
-using NS_CORE::judgeWinsockStart;
 using NS_CORE::SetSockAddr;
-using NS_CORE::WinsockStart;
+using NS_CORE::socket_platform::startLibrary;
 
 namespace {
 
@@ -82,26 +81,50 @@ TEST(WinsockInit, HasRunBeforeMain) {
     EXPECT_TRUE(NS_CORE::winsockInitialised());
 }
 
-TEST(WinsockInit, IsContentWithTheVersionItAskedFor) {
-    test::LogRecorder log;
-    EXPECT_EQ(judgeWinsockStart(0, 0x0202), WinsockStart::Ready);
-    EXPECT_TRUE(log.lines().empty());
+namespace {
+
+// A library that starts as it is told.
+int32_t g_startResult = 0;
+uint16_t g_version = 0;
+int g_cleanups = 0;
+
+struct StartRow {
+    int32_t result;
+    uint16_t version;
+    bool isStarted;
+    int cleanups;
+    Lines lines;
+};
+
+} // namespace
+
+TEST(WinsockInit, StartsVersion22AndCleansUpAnyOther) {
+    const std::string wrong = "CRIT WinsockInit - no suitable WinSock DLL ";
+    const StartRow rows[] = {{0, 0x0202, true, 0, {}},
+                             // The minor version comes before the major one.
+                             {0, 0x0002, false, 1, {wrong + "(0.2)"}},
+                             {0, 0x0101, false, 1, {wrong + "(1.1)"}},
+                             {0, 0x0302, false, 1, {wrong + "(3.2)"}},
+                             {0, 0x0203, false, 1, {wrong + "(2.3)"}},
+                             {10091, 0x0202, false, 0, {"CRIT WinsockInit - WSAStartup failed, err=10091"}}};
+    for (const StartRow& row : rows) {
+        test::LogRecorder log;
+        g_startResult = row.result;
+        g_version = row.version;
+        g_cleanups = 0;
+        const auto start = [](uint16_t* version) {
+            *version = g_version;
+            return g_startResult;
+        };
+        EXPECT_EQ(startLibrary({.start = start, .cleanup = [] { ++g_cleanups; }}), row.isStarted) << row.version;
+        EXPECT_EQ(g_cleanups, row.cleanups) << row.version;
+        EXPECT_EQ(log.lines(), row.lines);
+    }
 }
 
-TEST(WinsockInit, NamesTheMinorVersionBeforeTheMajorOne) {
-    test::LogRecorder log;
-    EXPECT_EQ(judgeWinsockStart(0, 0x0002), WinsockStart::WrongVersion);
-    EXPECT_EQ(judgeWinsockStart(0, 0x0101), WinsockStart::WrongVersion);
-    EXPECT_EQ(judgeWinsockStart(0, 0x0302), WinsockStart::WrongVersion);
-    EXPECT_EQ(judgeWinsockStart(0, 0x0203), WinsockStart::WrongVersion);
-    EXPECT_EQ(log.lines(), (Lines{"CRIT WinsockInit - no suitable WinSock DLL (0.2)",
-                                  "CRIT WinsockInit - no suitable WinSock DLL (1.1)",
-                                  "CRIT WinsockInit - no suitable WinSock DLL (3.2)",
-                                  "CRIT WinsockInit - no suitable WinSock DLL (2.3)"}));
-}
-
-TEST(WinsockInit, ReportsAFailedStart) {
-    test::LogRecorder log;
-    EXPECT_EQ(judgeWinsockStart(10091, 0), WinsockStart::Failed);
-    EXPECT_EQ(log.lines(), Lines{"CRIT WinsockInit - WSAStartup failed, err=10091"});
+TEST(WinsockInit, LeavesTheCleanUpAtExitOn) {
+    EXPECT_TRUE(NS_CORE::winsockCleanupAtExit());
+    NS_CORE::setWinsockCleanupAtExit(false);
+    EXPECT_FALSE(NS_CORE::winsockCleanupAtExit());
+    NS_CORE::setWinsockCleanupAtExit(true);
 }
