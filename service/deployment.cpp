@@ -35,8 +35,8 @@ std::string getKeriInstallDir() {
     }
     std::string directory;
     if (!key.getValue("InstallLocation", directory)) {
-        NS_CORE::MasterLogger::logLimited(NS_CORE::LogRate::Hourly, NS_CORE::LogLevel::Crit, "getKeriInstallDir",
-                                          "Could not locate KERI install directory from registry");
+        MLOG_LIMITED(NS_CORE::LogRate::Hourly, NS_CORE::LogLevel::Crit, "getKeriInstallDir",
+                     "Could not locate KERI install directory from registry");
         return {};
     }
     return directory;

@@ -38,10 +38,10 @@ std::string LogCapture::text() const {
 
 void LogCapture::append(std::string_view text) {
     const absl::MutexLock lock(&g_registry->mutex);
-    std::erase_if(g_registry->collecting, [&](LogCapture* capture) { return capture->take(text); });
+    std::erase_if(g_registry->collecting, [&](LogCapture* capture) { return capture->add(text); });
 }
 
-bool LogCapture::take(std::string_view text) {
+bool LogCapture::add(std::string_view text) {
     if (!m_empty) m_text += '\n';
     m_empty = false;
     m_text += text;

@@ -6,12 +6,12 @@
 
 namespace NS_CORE {
 
-// Collects what is logged at level 0 (LogLevel::Log2String), on any thread, while it lives: functions that write
-// their findings to the log can so be asked for them as a text. Several may live at once; each gets every entry.
-// Creation, text() and destruction may happen on any thread.
+// Collects, while it lives, what any thread logs at level 0 (LogLevel::Log2String): the way to get as a text what a
+// function would write to the log. Several may live at once; each gets every entry. Creation, text() and destruction
+// may happen on any thread.
 class LogCapture {
 public:
-    // maxEntries  after that many entries it collects no more; 0 collects nothing.
+    // maxEntries  it stops collecting after so many entries; 0 collects nothing.
     explicit LogCapture(size_t maxEntries = 1000);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -23,11 +23,11 @@ public:
 private:
     friend class MasterLogger;
 
-    // Hands one entry to every capture that still collects.
+    // Adds an entry to every capture that still collects.
     static void append(std::string_view text);
 
-    // These two run under the registry's lock. True when the limit is reached.
-    bool take(std::string_view text);
+    // These two run under the registry's lock. add() returns true when the limit is reached.
+    bool add(std::string_view text);
     static void unregister(LogCapture* capture);
 
     size_t m_entriesLeft;

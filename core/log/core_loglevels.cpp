@@ -57,6 +57,10 @@ void LevelTable::define(uint32_t level, std::string_view name, std::string_view 
     setImplementationBits(level, implementationBits);
 }
 
+void LevelTable::disable(uint32_t level) {
+    row(level).flags.fetch_and(static_cast<uint8_t>(~LevelEntry::Enabled), std::memory_order_relaxed);
+}
+
 void LevelTable::setFlags(uint32_t level, uint8_t flags) {
     Row& to = row(level);
     to.flags.store(effectiveFlags(flags, to.implementationBits.load(std::memory_order_relaxed)),

@@ -16,7 +16,7 @@ inline constexpr uint32_t Info = 3;
 inline constexpr uint32_t Norm = 4; // off at start
 } // namespace LogLevel
 
-// One row of the level table, as implementations and observers see it.
+// One level, as implementations and observers see it.
 struct LevelEntry {
     // Bits of `flags`.
     enum Flag : uint8_t {
@@ -32,8 +32,8 @@ struct LevelEntry {
     uint8_t implementationBits; // handed to the implementation with every message; nonzero routes to it
 };
 
-// The calling side of the levels: constant-initialised with CRIT, WARN and INFO on, so that static initialisers
-// of any unit may log; read without a lock by every call site.
+// Which levels are on. Every call site reads it, without a lock. Constant-initialised with CRIT, WARN and INFO on, so
+// that static initialisers of any unit may log.
 class LevelMask {
 public:
     static constexpr uint32_t kLevelCount = 1024;
@@ -68,10 +68,13 @@ public:
     // A copy of the row; zero-filled name and colour while the level is not registered.
     LevelEntry entry(uint32_t level) const;
 
-    // Names the level and gives it its implementation bits, for good: readers hold no lock, so that a name once
-    // published must not change. `name` has at most 15 characters, `colour` at most 5, and the level is not
+    // Names the level, for good, and sets its implementation bits: readers hold no lock, so a published name must not
+    // change. `name` has at most 15 characters, `colour` at most 5, and the level is not
     // registered yet.
     void define(uint32_t level, std::string_view name, std::string_view colour, uint8_t implementationBits);
+
+    // Clears the Enabled flag until one of the next two is called.
+    void disable(uint32_t level);
 
     // Replace the settable part of the flags (console, observers, history) or the implementation bits; the derived
     // flags follow.

@@ -10,23 +10,33 @@
 
 namespace NS_CORE {
 
-// How often one and the same text may be logged: the period in seconds. None does not limit.
-enum class LogRate : uint32_t { None = 0, Hourly = 3600 };
+// How often one and the same text may be logged: the period in seconds. Any number of seconds is a rate, such as
+// LogRate{600}. None does not limit.
+enum class LogRate : uint32_t { None = 0, Minutely = 60, Hourly = 3600, Daily = 24 * 3600 };
 
-// Serves rate-limited log calls (MasterLogger::logLimited). Called under the logger's second lock, one call at a time,
-// on the logging thread; what it lets through it logs with MasterLogger::logText.
+// Decides what becomes of rate-limited log calls (MasterLogger::logLimited). The logger calls it under its second
+// lock, one call at a time, on the logging thread.
+//
+// An implementation hands the records that it lets through to `output`; the logger logs them once it has released the
+// lock. It must not wait for another thread that may log. What it logs by itself is not limited.
 class LogRImpl {
 public:
+    using Output = std::function<void(uint32_t level, std::string_view text)>;
+
     virtual ~LogRImpl() = default;
-    // rate is not None and level not 0; `text` is the composed record, valid during the call only.
-    virtual void log(LogRate rate, uint32_t level, std::string_view text) = 0;
+
+    // `rate` is not None and `level` is not 0. `text` is the composed record, valid during the call only.
+    virtual void log(LogRate rate, uint32_t level, std::string_view text, const Output& output) = 0;
+
+    // The last call before the logger destroys it: the place to report what was held back.
+    virtual void finish(const Output& /*output*/) {}
 };
 
-// Collapses repetitions. A text is logged at once when it is new; while its period lasts, further ones of the same
-// level and text are only counted. The first after the period is logged as "text [N times in S seconds]", where N
-// counts it and all that were held back and S is the time since the period began; with it the next period begins.
-// Counts of texts that do not come again are reported the same way with any later call, when their place is needed, or
-// when the object ends. So each call is told of exactly once. Memory is bounded by kMaxTexts and kMaxBytes.
+// Collapses repetitions. It lets a new text through at once; while the text's period lasts, it only counts further ones
+// of the same level and text. The first after the period comes out as "text [N times in S seconds]", where N counts it
+// and all that were held back and S is the time since the period began; with it the next period begins. The count of a
+// text that does not come again is reported in the same way with a later call, when its place is needed, or at
+// finish(). So every call is reported exactly once. kMaxTexts and kMaxBytes bound the memory.
 class DefaultLogRImpl : public LogRImpl {
 public:
     static constexpr size_t kMaxTexts = 256;
@@ -38,11 +48,11 @@ public:
     // On the process's monotonic clock.
     DefaultLogRImpl();
     explicit DefaultLogRImpl(Clock clock);
-    ~DefaultLogRImpl() override;
     DefaultLogRImpl(const DefaultLogRImpl&) = delete;
     DefaultLogRImpl& operator=(const DefaultLogRImpl&) = delete;
 
-    void log(LogRate rate, uint32_t level, std::string_view text) override;
+    void log(LogRate rate, uint32_t level, std::string_view text, const Output& output) override;
+    void finish(const Output& output) override;
 
 private:
     using Key = std::pair<uint32_t, std::string>; // level, text
@@ -55,10 +65,10 @@ private:
     // a quarter of a megabyte into the exe, for a few hundred texts at the most.
     using Periods = std::map<Key, Period>;
 
-    void reportEnded(uint64_t nowMs);
-    void makeRoom(size_t textLength, uint64_t nowMs);
-    void drop(Periods::iterator at, uint64_t nowMs);
-    static void report(const Key& key, int32_t times, uint64_t beginMs, uint64_t nowMs);
+    void reportEnded(uint64_t nowMs, const Output& output);
+    void makeRoom(size_t textLength, uint64_t nowMs, const Output& output);
+    void drop(Periods::iterator at, uint64_t nowMs, const Output& output);
+    static void report(const Key& key, int32_t times, uint64_t beginMs, uint64_t nowMs, const Output& output);
 
     Clock m_clock;
     Periods m_periods;

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <utility>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "core/memory/core_neverdestroyed.h"
+#include "core/memory/core_threadword.h"
 #include "core/text/core_checkf.h"
 #include "core/time/core_time.h"
 
@@ -19,14 +21,16 @@ struct State {
     // The first lock: held while implementation, observers and history are served.
     absl::Mutex mutex{absl::kConstInit};
     std::unique_ptr<LogImpl> implementation ABSL_GUARDED_BY(mutex);
-    std::vector<LogObserver*> observers ABSL_GUARDED_BY(mutex);
+    std::vector<std::unique_ptr<LogObserver>> observers ABSL_GUARDED_BY(mutex);
     // A ring once it is full: the oldest record is then at oldestRecord.
     std::vector<HistoryRecord> history ABSL_GUARDED_BY(mutex);
     size_t oldestRecord ABSL_GUARDED_BY(mutex) = 0;
     std::atomic<bool> settingImplementation{false};
 
-    // The second lock: held while the rate limit is served, which logs and so takes the first.
-    absl::Mutex rateMutex ABSL_ACQUIRED_BEFORE(mutex){absl::kConstInit};
+    // The second lock: held while the rate limit is served. A thread that holds the first may take it, because what is
+    // let through is logged only after its release.
+    absl::Mutex rateMutex ABSL_ACQUIRED_AFTER(mutex){absl::kConstInit};
+    // Null until the first limited call.
     std::unique_ptr<LogRImpl> rateImplementation ABSL_GUARDED_BY(rateMutex);
 
     // Held for a copy of the pointer only.
@@ -34,45 +38,36 @@ struct State {
     std::shared_ptr<GlobalLogObserver> globalObserver ABSL_GUARDED_BY(globalObserverMutex);
     std::atomic<bool> hasGlobalObserver{false};
 
-    std::atomic<bool> mainThreadKnown{false};
-    std::atomic<uint32_t> nextThreadNumber{1};
+    std::atomic<uint32_t> nextThreadNumber{0};
 };
 
 constinit NeverDestroyed<State> g_state;
 
-// What the logger knows of a thread. Trivial, so that it needs neither construction nor destruction and serves
-// thread-local destructors too.
-struct ThreadHandle {
-    uint32_t number;
-    bool isNumbered;
-    bool insideImplLog;
-    bool insideGlobalObserver;
-    bool insideRateLimit;
+// What the logger knows of a thread: flags in the low bits, the thread's number above them.
+enum ThreadFlag : uintptr_t {
+    Numbered = 1 << 0,
+    InsideImplLog = 1 << 1,
+    InsideGlobalObserver = 1 << 2,
+    InsideRateLimit = 1 << 3,
 };
+constexpr unsigned kNumberShift = 4;
 
-constinit thread_local ThreadHandle g_thread{};
+constinit ThreadWord g_thread;
 
-// The first thread to come is the main one: static initialisation comes before any other thread, and numbers itself
-// below at the latest.
-ThreadHandle& thisThread() {
-    ThreadHandle& thread = g_thread;
-    if (!thread.isNumbered) {
-        thread.number = g_state->mainThreadKnown.exchange(true) ? g_state->nextThreadNumber.fetch_add(1) : 0;
-        thread.isNumbered = true;
-    }
-    return thread;
+bool isInside(ThreadFlag flag) {
+    return (g_thread.get() & flag) != 0;
 }
 
 // Sets a thread's flag for a scope.
 class Inside {
 public:
-    explicit Inside(bool& flag) : m_flag(flag) { m_flag = true; }
-    ~Inside() { m_flag = false; }
+    explicit Inside(ThreadFlag flag) : m_flag(flag) { g_thread.set(g_thread.get() | m_flag); }
+    ~Inside() { g_thread.set(g_thread.get() & ~m_flag); }
     Inside(const Inside&) = delete;
     Inside& operator=(const Inside&) = delete;
 
 private:
-    bool& m_flag;
+    uintptr_t m_flag;
 };
 
 // In one call, so that the lines of several threads do not mix; flushed, so that they outlive a crash.
@@ -86,15 +81,15 @@ void printInternalError(int32_t number, std::string_view detail) {
     print(stdout, formatString("\nERROR in core_v2masterlogger:%d%s\n", number, detail));
 }
 
-std::string consoleLine(const ThreadHandle& thread, const LevelEntry& entry, std::string_view text) {
-    if (thread.number == 0) return formatString("[%s] %s\n", entry.name, text);
-    return formatString("[%s] {%u} %s\n", entry.name, thread.number, text);
+std::string consoleLine(const LevelEntry& entry, std::string_view text) {
+    const uint32_t number = MasterLogger::threadNumber();
+    if (number == 0) return formatString("[%s] %s\n", entry.name, text);
+    return formatString("[%s] {%u} %s\n", entry.name, number, text);
 }
 
 // A record that cannot be served where it was made.
-std::string refusedRecord(std::string_view head, const ThreadHandle& thread, const LevelEntry& entry,
-                          std::string_view text) {
-    return formatString("%s  <[%s] {%u} %s>\n", head, entry.name, thread.number, text);
+std::string refusedRecord(std::string_view head, const LevelEntry& entry, std::string_view text) {
+    return formatString("%s  <[%s] {%u} %s>\n", head, entry.name, MasterLogger::threadNumber(), text);
 }
 
 void keepInHistory(State& state, HistoryRecord record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(state.mutex) {
@@ -106,38 +101,40 @@ void keepInHistory(State& state, HistoryRecord record) ABSL_EXCLUSIVE_LOCKS_REQU
     state.oldestRecord = (state.oldestRecord + 1) % MasterLogger::kHistoryCapacity;
 }
 
-void notifyGlobalObserver(ThreadHandle& thread, uint32_t level, const LevelEntry& entry, std::string_view text) {
+void notifyGlobalObserver(uint32_t level, const LevelEntry& entry, std::string_view text) {
     State& state = *g_state;
-    if (thread.insideGlobalObserver || !state.hasGlobalObserver.load(std::memory_order_relaxed)) return;
+    if (!state.hasGlobalObserver.load(std::memory_order_relaxed) || isInside(InsideGlobalObserver)) return;
     std::shared_ptr<GlobalLogObserver> observer;
     {
         const absl::MutexLock lock(&state.globalObserverMutex);
         observer = state.globalObserver;
     }
     if (!observer) return;
-    const Inside inside(thread.insideGlobalObserver);
-    observer->notify(level, thread.number, entry, entry.implementationBits, text.data(), text.size());
+    const Inside inside(InsideGlobalObserver);
+    observer->notify(level, MasterLogger::threadNumber(), entry, entry.implementationBits, text.data(), text.size());
 }
 
-void implLog(ThreadHandle& thread, uint32_t level, const LevelEntry& entry, std::string_view text) {
+void implLog(uint32_t level, const LevelEntry& entry, std::string_view text) {
     State& state = *g_state;
-    if (thread.insideImplLog) {
-        print(stderr, refusedRecord("MasterLogger:implLog - called recursively!\n", thread, entry, text));
+    if (isInside(InsideImplLog)) {
+        print(stderr, refusedRecord("MasterLogger:implLog - called recursively!\n", entry, text));
         return;
     }
     if (state.settingImplementation.load()) {
-        print(stdout, refusedRecord("MasterLogger:implLog - log while setting impl\n", thread, entry, text));
+        print(stdout, refusedRecord("MasterLogger:implLog - log while setting impl\n", entry, text));
         return;
     }
-    const Inside inside(thread.insideImplLog);
+    const uint32_t number = MasterLogger::threadNumber();
+    const Inside inside(InsideImplLog);
     // One hold of the lock for all three, so that they see the records in the same order.
     const absl::MutexLock lock(&state.mutex);
     if (entry.implementationBits != 0 && state.implementation) {
-        state.implementation->log(level, thread.number, entry, entry.implementationBits, text.data(), text.size());
+        state.implementation->log(level, number, entry, entry.implementationBits, text.data(), text.size());
     }
     if ((entry.flags & LevelEntry::Observers) != 0) {
-        for (LogObserver* observer : state.observers) {
-            if (observer->accepts(level)) observer->deliver(level, thread.number, entry, text);
+        for (const std::unique_ptr<LogObserver>& observer : state.observers) {
+            if (observer->accepts(level))
+                observer->deliver(level, number, entry, entry.implementationBits, text.data(), text.size());
         }
     }
     if ((entry.flags & LevelEntry::History) != 0) {
@@ -145,54 +142,42 @@ void implLog(ThreadHandle& thread, uint32_t level, const LevelEntry& entry, std:
     }
 }
 
-// False on a thread that holds the logger's lock already and would wait for itself.
+// False on a thread that holds the logger's lock already and would wait for itself, and inside the rate limit, whose
+// lock comes after that one.
 bool mayTakeLock() {
-    return CHECKF(!thisThread().insideImplLog, "logger changed while it serves a record");
+    return CHECKF(!isInside(InsideImplLog) && !isInside(InsideRateLimit), "logger changed while it serves a record");
 }
 
-// Marks the thread of static initialisation as the main one, and winds the logger up when static destruction reaches
-// this unit, for programs that have no Globals of their own.
-class ProcessLife {
-public:
-    ProcessLife() { thisThread(); }
-    ProcessLife(const ProcessLife&) = delete;
-    ProcessLife& operator=(const ProcessLife&) = delete;
-    ~ProcessLife();
-};
-
-const ProcessLife g_processLife;
-
-// What ends a program's use of the logger, however often it is done.
-void windUp() {
-    Assert::setFailureHandler();
-    const ThreadHandle& thread = thisThread();
-    // A process that ends from inside a record holds the locks, and keeps what they guard.
-    if (thread.insideImplLog || thread.insideRateLimit) return;
-    MasterLogger::setRateImplementation(nullptr);
-    MasterLogger::setGlobalObserver(nullptr);
-    MasterLogger::setImplementation(nullptr);
-    const absl::MutexLock lock(&g_state->mutex);
-    g_state->observers.clear();
-    g_state->history.clear();
-    g_state->oldestRecord = 0;
+// Calls `action` with what collects records, under the lock of the rate limit; logs them after its release.
+template <class Action>
+void serveRateLimit(Action&& action) {
+    std::vector<std::pair<uint32_t, std::string>> records;
+    {
+        const Inside inside(InsideRateLimit);
+        const absl::MutexLock lock(&g_state->rateMutex);
+        action([&](uint32_t level, std::string_view text) { records.emplace_back(level, text); });
+    }
+    for (const auto& [level, text] : records) MasterLogger::logText(level, text);
 }
 
-ProcessLife::~ProcessLife() {
-    windUp();
-}
+// Made by the thread of static initialisation, which becomes the main one, and destroyed when static destruction comes
+// to this unit, for programs that end without Globals of their own.
+const DefaultGlobals g_processGlobals;
 
 } // namespace
 
 void DefaultLogImpl::log(uint32_t /*level*/, uint32_t /*threadNumber*/, const LevelEntry& /*levelEntry*/,
                          uint8_t /*implementationBits*/, const char* /*text*/, size_t /*textLength*/) {}
 
-void LogObserver::deliver(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, std::string_view text) {
+void LogObserver::deliver(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry,
+                          uint8_t implementationBits, const char* text, size_t textLength) {
     if (m_inside) {
         printInternalError(830, " - observer is inside its own call");
         return;
     }
-    const Inside inside(m_inside);
-    notify(level, threadNumber, levelEntry, text);
+    m_inside = true;
+    notify(level, threadNumber, levelEntry, implementationBits, text, textLength);
+    m_inside = false;
 }
 
 void MasterLogger::logText(uint32_t level, std::string_view text) {
@@ -239,27 +224,22 @@ void MasterLogger::output(uint32_t level, std::string_view text) {
         return;
     }
     const LevelEntry entry = g_levels.entry(level);
-    ThreadHandle& thread = thisThread();
-    if ((entry.flags & LevelEntry::Console) != 0) print(stdout, consoleLine(thread, entry, text));
-    notifyGlobalObserver(thread, level, entry, text);
-    if ((entry.flags & LevelEntry::ToImplementation) != 0) implLog(thread, level, entry, text);
+    if ((entry.flags & LevelEntry::Console) != 0) print(stdout, consoleLine(entry, text));
+    notifyGlobalObserver(level, entry, text);
+    if ((entry.flags & LevelEntry::ToImplementation) != 0) implLog(level, entry, text);
 }
 
 void MasterLogger::outputLimited(LogRate rate, uint32_t level, std::string_view text) {
-    ThreadHandle& thread = thisThread();
-    // A thread that is being served holds a lock already: waiting for the second one could wait for itself, or for a
-    // thread that waits for the first.
-    const bool isServed = thread.insideImplLog || thread.insideRateLimit;
-    if (rate == LogRate::None || level == LogLevel::Log2String || isServed) {
+    if (rate == LogRate::None || level == LogLevel::Log2String || isInside(InsideRateLimit)) {
         output(level, text);
         return;
     }
-    const Inside inside(thread.insideRateLimit);
-    const absl::MutexLock lock(&g_state->rateMutex);
-    if (g_state->rateImplementation)
-        g_state->rateImplementation->log(rate, level, text);
-    else
-        output(level, text);
+    serveRateLimit([&](const LogRImpl::Output& output) {
+        g_state->rateMutex.AssertHeld();
+        std::unique_ptr<LogRImpl>& implementation = g_state->rateImplementation;
+        if (!implementation) implementation = std::make_unique<DefaultLogRImpl>();
+        implementation->log(rate, level, text, output);
+    });
 }
 
 void MasterLogger::setImplementation(std::unique_ptr<LogImpl> implementation) {
@@ -271,15 +251,15 @@ void MasterLogger::setImplementation(std::unique_ptr<LogImpl> implementation) {
 }
 
 void MasterLogger::setRateImplementation(std::unique_ptr<LogRImpl> implementation) {
-    ThreadHandle& thread = thisThread();
-    if (!mayTakeLock() || !CHECKF(!thread.insideRateLimit, "rate limit changed while it serves a record")) return;
-    // The one before may log what it held back when it ends.
-    const Inside inside(thread.insideRateLimit);
-    const absl::MutexLock lock(&g_state->rateMutex);
-    g_state->rateImplementation = std::move(implementation);
+    if (!mayTakeLock()) return;
+    serveRateLimit([&](const LogRImpl::Output& output) {
+        g_state->rateMutex.AssertHeld();
+        implementation.swap(g_state->rateImplementation);
+        if (implementation) implementation->finish(output);
+    });
 }
 
-void MasterLogger::setGlobalObserver(std::shared_ptr<GlobalLogObserver> observer) {
+void MasterLogger::setGlobalObserver(std::unique_ptr<GlobalLogObserver> observer) {
     // Destroyed outside of the lock.
     std::shared_ptr<GlobalLogObserver> previous = std::move(observer);
     const absl::MutexLock lock(&g_state->globalObserverMutex);
@@ -287,20 +267,20 @@ void MasterLogger::setGlobalObserver(std::shared_ptr<GlobalLogObserver> observer
     previous.swap(g_state->globalObserver);
 }
 
-void MasterLogger::addObserver(LogObserver* observer) {
-    if (!mayTakeLock()) return;
+LogObserver* MasterLogger::addObserver(std::unique_ptr<LogObserver> observer) {
+    if (!mayTakeLock()) return nullptr;
     const absl::MutexLock lock(&g_state->mutex);
-    g_state->observers.push_back(observer);
+    return g_state->observers.emplace_back(std::move(observer)).get();
 }
 
-void MasterLogger::removeObserver(LogObserver* observer) {
+void MasterLogger::removeObserver(const LogObserver* observer) {
     if (!mayTakeLock()) return;
     const absl::MutexLock lock(&g_state->mutex);
-    std::erase(g_state->observers, observer);
+    std::erase_if(g_state->observers, [&](const auto& installed) { return installed.get() == observer; });
 }
 
 bool MasterLogger::mayChangeLevel(uint32_t level) {
-    if (thisThread().number != 0) {
+    if (threadNumber() != 0) {
         printInternalError(654, " - log levels change on the main thread only");
         return false;
     }
@@ -311,6 +291,12 @@ bool MasterLogger::mayChangeLevel(uint32_t level) {
     return true;
 }
 
+bool MasterLogger::updateMask(uint32_t level) {
+    const bool isOn = (g_levels.entry(level).flags & LevelEntry::Enabled) != 0;
+    g_mask.set(level, isOn);
+    return isOn;
+}
+
 bool MasterLogger::registerLevel(uint32_t level, std::string_view name, std::string_view colour,
                                  uint8_t implementationBits) {
     if (!mayChangeLevel(level)) return false;
@@ -318,21 +304,36 @@ bool MasterLogger::registerLevel(uint32_t level, std::string_view name, std::str
     if (!CHECKF(colour.size() < sizeof(LevelEntry::colour), "%s", colour)) return false;
     if (g_levels.isRegistered(level)) return false;
     g_levels.define(level, name, colour, implementationBits);
-    g_mask.set(level, (g_levels.entry(level).flags & LevelEntry::Enabled) != 0);
+    updateMask(level);
     return true;
+}
+
+bool MasterLogger::setLevelOn(uint32_t level, bool on) {
+    if (!mayChangeLevel(level)) return false;
+    if (on)
+        g_levels.setFlags(level, g_levels.entry(level).flags);
+    else
+        g_levels.disable(level);
+    return updateMask(level) == on;
+}
+
+bool MasterLogger::setLevelFlag(uint32_t level, LevelEntry::Flag flag, bool set) {
+    if (!mayChangeLevel(level)) return false;
+    const uint8_t flags = g_levels.entry(level).flags;
+    return setLevelFlags(level, static_cast<uint8_t>(set ? flags | flag : flags & ~flag));
 }
 
 bool MasterLogger::setLevelFlags(uint32_t level, uint8_t flags) {
     if (!mayChangeLevel(level)) return false;
     g_levels.setFlags(level, flags);
-    g_mask.set(level, (g_levels.entry(level).flags & LevelEntry::Enabled) != 0);
+    updateMask(level);
     return true;
 }
 
 bool MasterLogger::setLevelImplementationBits(uint32_t level, uint8_t implementationBits) {
     if (!mayChangeLevel(level)) return false;
     g_levels.setImplementationBits(level, implementationBits);
-    g_mask.set(level, (g_levels.entry(level).flags & LevelEntry::Enabled) != 0);
+    updateMask(level);
     return true;
 }
 
@@ -353,16 +354,31 @@ std::vector<HistoryRecord> MasterLogger::history() {
 }
 
 uint32_t MasterLogger::threadNumber() {
-    return thisThread().number;
+    const uintptr_t known = g_thread.get();
+    if ((known & Numbered) != 0) return static_cast<uint32_t>(known >> kNumberShift);
+    // The first thread to come is the main one: static initialisation precedes every other thread.
+    const uint32_t number = g_state->nextThreadNumber.fetch_add(1);
+    g_thread.set(uintptr_t{number} << kNumberShift | known | Numbered);
+    return number;
 }
 
 Globals::Globals(std::unique_ptr<LogImpl> implementation, std::unique_ptr<LogRImpl> rateImplementation) {
+    static_cast<void>(MasterLogger::threadNumber());
     MasterLogger::setImplementation(std::move(implementation));
     MasterLogger::setRateImplementation(std::move(rateImplementation));
 }
 
 Globals::~Globals() {
-    windUp();
+    Assert::setFailureHandler();
+    // A process that ends from inside a record never releases the locks.
+    if (isInside(InsideImplLog) || isInside(InsideRateLimit)) return;
+    MasterLogger::setRateImplementation(nullptr);
+    MasterLogger::setGlobalObserver(nullptr);
+    MasterLogger::setImplementation(nullptr);
+    const absl::MutexLock lock(&g_state->mutex);
+    g_state->observers.clear();
+    g_state->history.clear();
+    g_state->oldestRecord = 0;
 }
 
 DefaultGlobals::DefaultGlobals() : Globals(std::make_unique<DefaultLogImpl>(), std::make_unique<DefaultLogRImpl>()) {}

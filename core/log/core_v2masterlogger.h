@@ -15,9 +15,9 @@
 
 namespace NS_CORE {
 
-// Where the records of the levels that have implementation bits go. Served under the logger's lock, one call at a
-// time, on the logging thread: an implementation must not wait for another thread that may log. What it logs
-// itself goes to standard error instead of to itself. It must not throw.
+// Receives the records of the levels that have implementation bits. The logger calls it under its lock, one call at a
+// time, on the logging thread: an implementation must not wait for another thread that may log. What it logs by itself
+// goes to standard error, not to itself. It must not throw.
 class LogImpl {
 public:
     virtual ~LogImpl() = default;
@@ -33,8 +33,8 @@ public:
              const char* text, size_t textLength) override;
 };
 
-// Sees every record of level 1 and above that is logged, before it is routed. Called on the logging thread without a
-// lock, so on several threads at once; what it logs itself is not shown to it. The parameters are LogImpl::log's.
+// Sees every record of level 1 and above, before the logger routes it. Called on the logging thread without a lock, so
+// on several threads at once; it does not see what it logs by itself. The parameters are those of LogImpl::log.
 // It must not throw.
 class GlobalLogObserver {
 public:
@@ -43,7 +43,7 @@ public:
                         const char* text, size_t textLength) = 0;
 };
 
-// Sees the records of the levels that have the Observers flag. Served under the logger's lock, with LogImpl's rules.
+// Sees the records of the levels that have the Observers flag. The rules and the parameters are those of LogImpl.
 class LogObserver {
 public:
     virtual ~LogObserver() = default;
@@ -51,11 +51,13 @@ public:
     // Which levels it wants.
     virtual bool accepts(uint32_t level) const = 0;
 
-    // Calls notify(); an observer that is already inside its own notify() is skipped, which is an internal error.
-    void deliver(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, std::string_view text);
+    // Calls notify(), unless the observer is inside its own notify() already, which is an internal error.
+    void deliver(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, uint8_t implementationBits,
+                 const char* text, size_t textLength);
 
 protected:
-    virtual void notify(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, std::string_view text) = 0;
+    virtual void notify(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, uint8_t implementationBits,
+                        const char* text, size_t textLength) = 0;
 
 private:
     bool m_inside = false; // under the logger's lock
@@ -69,17 +71,22 @@ struct HistoryRecord {
 };
 
 // The process's one entry for log messages. A record whose level is on goes to standard output (Console flag), to the
-// global observer, to the implementation, to the observers and into the history, as its level's entry says; one of
+// global observer, to the implementation, to the observers and into the history, as its level's entry says. A record of
 // level 0 goes to the captures (core_logcapture.h) only.
 //
-// Logging may be done from any thread, from static initialisers on and in static destructors still. The levels may
-// be changed on the main thread only, which is the one that ran static initialisation. Inner faults of the logger
-// are told on standard output as "\nERROR in core_v2masterlogger:" and a number; nothing is thrown.
+// Any thread may log, from static initialisers on and still in static destructors. Only the main thread, which is the
+// one that runs static initialisation, may change the levels. An internal fault of the logger appears on standard
+// output as "\nERROR in core_v2masterlogger:" and a number; nothing throws.
+//
+// The logger owns what is installed: implementations and observers come as a unique_ptr and are destroyed when they are
+// replaced or removed, or by ~Globals. An implementation or observer that is being served must not install or remove
+// any but a global observer: that fails a check and changes nothing.
 class MasterLogger {
 public:
     static constexpr size_t kHistoryCapacity = 400;
 
-    // Whether a record of that level is emitted at all. Call sites ask before they evaluate an argument; MLOG does.
+    // Whether a record of that level is emitted at all. Call sites ask before they evaluate an argument; the MLOG forms
+    // below do.
     static bool isOn(uint32_t level) { return g_mask.isOn(level); }
 
     // function  the calling function's published name. The record is the name alone for an empty message, the name
@@ -91,8 +98,9 @@ public:
         output(level, compose(function, format, pack.data(), pack.size()));
     }
 
-    // The same through the rate limit: the installed LogRImpl decides what becomes of a text that repeats. With rate
-    // None, at level 0, and when called while this thread's records are being served, there is no limit.
+    // The same through the rate limit, which is there from the start of the process: the installed LogRImpl decides
+    // what becomes of a text that repeats. There is no limit with rate None, at level 0, and for what the LogRImpl logs
+    // by itself, which would have to wait for its own lock.
     template <class... Args>
     static void logLimited(LogRate rate, uint32_t level, std::string_view function, const char* format,
                            const Args&... args) {
@@ -108,33 +116,43 @@ public:
     static void logAt(uint32_t level, std::string_view file, int32_t line, std::string_view function = {},
                       std::string_view message = {});
 
-    // The logger owns it from then on; the one before is destroyed under the logger's lock. What is logged meanwhile,
-    // on any thread, goes to standard output. Null stands for a DefaultLogImpl. Must not be called by an
-    // implementation or observer that is being served.
+    // The implementation before is destroyed under the logger's lock. What any thread logs meanwhile goes to standard
+    // output. Null stands for a DefaultLogImpl.
     static void setImplementation(std::unique_ptr<LogImpl> implementation);
 
-    // Replaces what limits rates, in the same way; null stands for no limit.
+    // Replaces what limits rates; what the one before held back is reported first. Null stands for a DefaultLogRImpl.
     static void setRateImplementation(std::unique_ptr<LogRImpl> implementation);
 
-    // Null removes it. Another thread may still be inside the one before when this returns, and keeps it alive.
-    static void setGlobalObserver(std::shared_ptr<GlobalLogObserver> observer);
+    // Null removes it. Another thread may still be inside the one before when this returns; it is destroyed when that
+    // thread leaves it.
+    static void setGlobalObserver(std::unique_ptr<GlobalLogObserver> observer);
 
-    // Borrowed: remove it before it is destroyed; once removed, it is not called any more. Neither may be called by
-    // an implementation or observer that is being served.
-    static void addObserver(LogObserver* observer);
-    static void removeObserver(LogObserver* observer);
+    // Returns the observer, as the name under which removeObserver() finds it; null when the check above fails.
+    static LogObserver* addObserver(std::unique_ptr<LogObserver> observer);
 
-    // Names a further level and gives it its bits. False, with the levels as they were, when the name has 16
-    // characters or more or the colour 6 or more (both failed checks), the level is registered already, or the level
-    // or the thread is refused as below. A level that is registered keeps its name for good.
+    // Destroys the observer; it is not called any more. Does nothing for one that is not there.
+    static void removeObserver(const LogObserver* observer);
+
+    // Names a further level and sets its implementation bits. Returns false, with the levels as they were, when the
+    // name has 16 characters or more or the colour 6 or more (both fail a check), the level is registered already, or
+    // the level or the thread is refused as below. A registered level keeps its name for good.
     static bool registerLevel(uint32_t level, std::string_view name, std::string_view colour,
                               uint8_t implementationBits);
 
-    // Replaces the Console, Observers and History flags of a level; the others are derived. Refused with an internal
-    // error, and false, on another thread than the main one (654) and for a level outside 1 to 1023 (660).
+    // The calls below change one level. Refused with an internal error, and false, on another thread than the main one
+    // (654) and for a level outside 1 to 1023 (660).
+
+    // Off: the level emits nothing, until it is turned on again or one of the calls below changes its entry. On: it
+    // emits again as its entry says; false when the entry sends it nowhere, which leaves the level off (NORM at start).
+    static bool setLevelOn(uint32_t level, bool on);
+
+    // Sets or clears one flag: Console, Observers or History.
+    static bool setLevelFlag(uint32_t level, LevelEntry::Flag flag, bool set);
+
+    // Replaces all three flags; the others are derived.
     static bool setLevelFlags(uint32_t level, uint8_t flags);
 
-    // Likewise for the bits that route to the implementation.
+    // Replaces the bits that route to the implementation.
     static bool setLevelImplementationBits(uint32_t level, uint8_t implementationBits);
 
     // `level` is below LevelMask::kLevelCount.
@@ -153,14 +171,18 @@ private:
     static void output(uint32_t level, std::string_view text);
     static void outputLimited(LogRate rate, uint32_t level, std::string_view text);
     static bool mayChangeLevel(uint32_t level);
+    static bool updateMask(uint32_t level);
 
     static constinit inline LevelMask g_mask;
     static constinit inline LevelTable g_levels;
 };
 
-// Brackets a program's use of the logger: installs what it was given, and at its end, with static destruction still to
-// come, turns failing checks quiet (Assert::setFailureHandler()), drops observers and history and takes the
-// installed implementations out. Logging stays possible, to the console alone. One at a time.
+// Brackets the use of the logger, and is what ends it: installs what it is given, and at its end turns failing checks
+// quiet (Assert::setFailureHandler()), removes observers and history and takes the implementations out, so that the
+// defaults are back. Logging stays possible, to the console alone. Where the process ends from inside a record, whose
+// locks are never released, everything stays as it is.
+//
+// One lives from static initialisation to static destruction. A program makes another to end its own use earlier.
 class Globals {
 public:
     Globals(const Globals&) = delete;
@@ -181,8 +203,19 @@ public:
 
 // MLOG(Warn, "UTL::Service::run", "failed to install service '%s' running '%s'", name, path): logs when the level is
 // on, and evaluates nothing otherwise. The function name is given as published, not taken from the compiler.
-#define MLOG(level, function, ...)                                                           \
-    do {                                                                                     \
-        if (::NS_CORE::MasterLogger::isOn(::NS_CORE::LogLevel::level))                       \
-            ::NS_CORE::MasterLogger::log(::NS_CORE::LogLevel::level, function, __VA_ARGS__); \
+#define MLOG(level, function, ...) MLOG_LEVEL(::NS_CORE::LogLevel::level, function, __VA_ARGS__)
+
+// The same with the level as a number, for levels of a program's own: MLOG_LEVEL(kTraceLevel, "main", "%d", count).
+#define MLOG_LEVEL(level, function, ...)                                                                              \
+    do {                                                                                                              \
+        const uint32_t mlogLevel = (level);                                                                           \
+        if (::NS_CORE::MasterLogger::isOn(mlogLevel)) ::NS_CORE::MasterLogger::log(mlogLevel, function, __VA_ARGS__); \
+    } while (false)
+
+// The same through the rate limit: MLOG_LIMITED(LogRate::Hourly, LogLevel::Warn, "main", "'%s' is missing", name).
+#define MLOG_LIMITED(rate, level, function, ...)                                         \
+    do {                                                                                 \
+        const uint32_t mlogLevel = (level);                                              \
+        if (::NS_CORE::MasterLogger::isOn(mlogLevel))                                    \
+            ::NS_CORE::MasterLogger::logLimited(rate, mlogLevel, function, __VA_ARGS__); \
     } while (false)

@@ -226,7 +226,7 @@ class MessagesTest(unittest.TestCase):
 
     def messages(self):
         """But for those at the level that is off."""
-        call = re.compile(r'(?:MLOG\(\s*(\w+),[^"]*?(?:"[^"]*",\s*|\w+,\s*)|logText\(\s*[\w:]+,\s*|logLimited\([^"]*"[^"]*",\s*|'
+        call = re.compile(r'(?:MLOG\(\s*(\w+),[^"]*?(?:"[^"]*",\s*|\w+,\s*)|logText\(\s*[\w:]+,\s*|(?:logLimited|MLOG_LIMITED)\([^"]*"[^"]*",\s*|'
                           r'logLastError\(|formatString\(\s*)((?:"(?:[^"\\]|\\.)*"\s*)+)', re.DOTALL)
         logged = re.compile(r"failed open '|Failed to set working|minidump|Invalid parameter|times in")
         for folder in ("core", "utl", "service"):

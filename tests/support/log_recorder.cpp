@@ -31,7 +31,7 @@ LogRecorder::LogRecorder() {
 }
 
 LogRecorder::~LogRecorder() {
-    NS_CORE::MasterLogger::setImplementation(std::make_unique<NS_CORE::DefaultLogImpl>());
+    NS_CORE::MasterLogger::setImplementation(nullptr);
 }
 
 std::vector<LogRecord> LogRecorder::records() const {

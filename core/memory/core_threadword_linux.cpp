@@ -1,0 +1,26 @@
+#include <pthread.h>
+
+#include "core/memory/core_threadword_platform.h"
+
+namespace NS_CORE::threadword_platform {
+
+bool allocate(uint32_t* slot) {
+    pthread_key_t key = 0;
+    if (::pthread_key_create(&key, /*destructor=*/nullptr) != 0) return false;
+    *slot = key;
+    return true;
+}
+
+void release(uint32_t slot) {
+    ::pthread_key_delete(slot);
+}
+
+uintptr_t get(uint32_t slot) {
+    return reinterpret_cast<uintptr_t>(::pthread_getspecific(slot));
+}
+
+void set(uint32_t slot, uintptr_t value) {
+    ::pthread_setspecific(slot, reinterpret_cast<const void*>(value)); // NOLINT(performance-no-int-to-ptr): a number
+}
+
+} // namespace NS_CORE::threadword_platform
