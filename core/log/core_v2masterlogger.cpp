@@ -200,10 +200,9 @@ void MasterLogger::logAt(uint32_t level, std::string_view file, int32_t line, st
 std::string MasterLogger::compose(std::string_view function, const char* format, varargs::Argument* args,
                                   size_t count) {
     constexpr std::string_view kBetween = " - ";
-    // Room for most messages, so that the record is one allocation.
-    constexpr size_t kUsualMessage = 200;
     std::string text;
-    text.reserve(function.size() + kBetween.size() + kUsualMessage);
+    // With the message's own reservation, so that the record is one allocation.
+    text.reserve(function.size() + kBetween.size() + varargs::reservation(format, args, count));
     text += function;
     text += kBetween;
     varargs::formatPackInto(text, format, args, count);

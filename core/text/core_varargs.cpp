@@ -20,7 +20,7 @@ constexpr int32_t kMismatchLine = 15;
 constexpr int32_t kUnknownConversionLine = 34;
 constexpr int32_t kCountLine = 522;
 
-// Published numbers of the writers, told in a mismatch report.
+// Published numbers of the writers, which a mismatch report contains.
 constexpr int32_t kTextWriter = 261;
 constexpr int32_t kPointerWriter = 327;
 constexpr int32_t kIntegerWriter = 332;
@@ -28,7 +28,6 @@ constexpr int32_t kCharacterWriter = 367;
 constexpr int32_t kFloatingWriter = 500;
 constexpr int32_t kNoArgumentLeft = 540;
 
-constexpr std::string_view kNullText = "(null)";
 constexpr std::string_view kNullPointer = "(nil)";
 
 // One parsed conversion.
@@ -52,46 +51,88 @@ Word loadWord(const char* text) {
     return word;
 }
 
-// How many characters of `word` come before its first '%', or `otherwise` when it has none.
-size_t lengthBeforePercent(Word word, size_t otherwise) {
+void storeWord(char* text, Word word) {
+    std::memcpy(text, &word, sizeof word);
+}
+
+// How many characters of `word` come before its first '%', sizeof word when it has none.
+size_t lengthBeforePercent(Word word) {
     constexpr Word kEveryByte = ~Word{0} / 0xff;
     // Marks the lowest byte that is zero with its top bit, and possibly others above it.
     const Word others = word ^ (kEveryByte * '%');
     const Word marks = (others - kEveryByte) & ~others & (kEveryByte * 0x80);
-    return marks == 0 ? otherwise : static_cast<size_t>(std::countr_zero(marks)) / 8;
+    return marks == 0 ? sizeof word : static_cast<size_t>(std::countr_zero(marks)) / 8;
 }
 
-// Appends to a string through a cursor into its characters, which spares the string's own bookkeeping for every
-// piece. Until finish() the string is longer than its text.
+// memcpy for the short texts that messages are made of: the real one is a call into the runtime library's module, which
+// on 32-bit Windows costs more than copying such a text.
+void copyText(char* to, const char* from, size_t length) {
+    constexpr size_t kWorthACall = 64;
+    if (length > kWorthACall) {
+        std::memcpy(to, from, length);
+    } else if (length >= sizeof(Word)) {
+        // The last Word overlaps the one before it.
+        const char* const lastFrom = from + length - sizeof(Word);
+        char* const lastTo = to + length - sizeof(Word);
+        for (; to < lastTo; to += sizeof(Word), from += sizeof(Word)) storeWord(to, loadWord(from));
+        storeWord(lastTo, loadWord(lastFrom));
+    } else {
+        for (; length != 0; --length) *to++ = *from++;
+    }
+}
+
+// Appends to a string through a cursor into its characters, which avoids a call for every piece. The room behind the
+// cursor is zeros at the end of the string, so until finish() the string is longer than its text.
 class Output {
 public:
-    // Writes from `length` on. What `out` holds behind that is room, and more is made when it does not do.
-    // format  the text that will be given to appendUntilPercent, piece by piece.
-    Output(std::string& out, size_t length, std::string_view format)
-        : m_out(out), m_format(format.data()), m_formatEnd(format.data() + format.size()) {
-        moveTo(length);
-    }
+    // How much room is made ahead. Zeros are cheap in small numbers; a longer text is appended without any.
+    static constexpr size_t kMaxRoom = 256;
+
+    // out  ends in `room` characters that are not text but room.
+    Output(std::string& out, size_t room)
+        : m_out(out), m_cursor(out.data() + out.size() - room), m_end(m_cursor + room) {}
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
     ~Output() = default;
 
-    void append(const char* text, size_t length) { std::memcpy(claim(length), text, length); }
+    void append(const char* text, size_t length) {
+        if (length <= room())
+            copyText(std::exchange(m_cursor, m_cursor + length), text, length);
+        else
+            appendLong(text, length);
+    }
 
     void append(char character) { *claim(1) = character; }
 
-    // The place of the next `count` characters, which the caller writes.
+    // Returns the place of the next `count` characters, which the caller writes.
     char* claim(size_t count) {
         if (count > room()) [[unlikely]]
             makeRoom(count);
         return std::exchange(m_cursor, m_cursor + count);
     }
 
-    // Appends what the format has from `text` to its next '%' or its end, and answers where that is.
-    const char* appendUntilPercent(const char* text) {
-        const size_t length = static_cast<size_t>(m_formatEnd - text);
-        if (length > room()) [[unlikely]]
-            makeRoom(length);
-        return copyUntilPercent(text);
+    // Appends `text`, a part of the format that ends at `end`, up to its first '%', and returns where it stopped.
+    const char* appendUntilPercent(const char* text, const char* end) {
+        size_t left = static_cast<size_t>(end - text);
+        if (left > room()) [[unlikely]]
+            makeRoom(left);
+        // A local copy, because the compiler has to assume that writing characters changes the member.
+        char* to = m_cursor;
+        // Copies a Word before it looks for a '%' in it; later characters overwrite what was copied too much.
+        for (; left >= sizeof(Word); left -= sizeof(Word)) {
+            const Word word = loadWord(text);
+            storeWord(to, word);
+            const size_t length = lengthBeforePercent(word);
+            text += length;
+            to += length;
+            if (length != sizeof(Word)) {
+                m_cursor = to;
+                return text;
+            }
+        }
+        while (text != end && *text != '%') *to++ = *text++;
+        m_cursor = to;
+        return text;
     }
 
     void finish() { m_out.resize(used()); }
@@ -100,56 +141,20 @@ private:
     size_t used() const { return static_cast<size_t>(m_cursor - m_out.data()); }
     size_t room() const { return static_cast<size_t>(m_end - m_cursor); }
 
-    void moveTo(size_t length) {
+    [[gnu::noinline]] void makeRoom(size_t room) {
+        const size_t length = used();
+        m_out.resize(std::max(length + room, std::min(length + kMaxRoom, m_out.capacity())));
         m_cursor = m_out.data() + length;
         m_end = m_out.data() + m_out.size();
     }
 
-    [[gnu::noinline]] void makeRoom(size_t room) {
-        const size_t length = used();
-        m_out.resize(length + std::max(room, length));
-        moveTo(length);
-    }
-
-    // There is room for all that is left of the format. A Word at a time is copied before it is looked at: what
-    // comes behind a '%' will be overwritten.
-    const char* copyUntilPercent(const char* text) {
-        // A local cursor, because the compiler has to assume that characters are written over the member.
-        char* to = m_cursor;
-        size_t left = static_cast<size_t>(m_formatEnd - text);
-        for (; left >= sizeof(Word); left -= sizeof(Word)) {
-            const Word word = loadWord(text);
-            std::memcpy(to, &word, sizeof word);
-            const size_t length = lengthBeforePercent(word, sizeof word);
-            text += length;
-            to += length;
-            if (length != sizeof word) {
-                m_cursor = to;
-                return text;
-            }
-        }
-        m_cursor = to;
-        return left == 0 ? text : copyRest(text, left);
-    }
-
-    // left  less than a Word.
-    const char* copyRest(const char* text, size_t left) {
-        size_t length = 0;
-        if (static_cast<size_t>(m_formatEnd - m_format) >= sizeof(Word) && room() >= sizeof(Word)) {
-            // The format's last Word, without the characters that come before `text`.
-            const Word word = loadWord(m_formatEnd - sizeof(Word)) >> ((sizeof(Word) - left) * 8);
-            std::memcpy(m_cursor, &word, sizeof word);
-            length = lengthBeforePercent(word, left);
-        } else {
-            for (; length != left && text[length] != '%'; ++length) m_cursor[length] = text[length];
-        }
-        m_cursor += length;
-        return text + length;
+    [[gnu::noinline]] void appendLong(const char* text, size_t length) {
+        m_out.resize(used());
+        m_out.append(text, length);
+        m_cursor = m_end = m_out.data() + m_out.size();
     }
 
     std::string& m_out;
-    const char* m_format;
-    const char* m_formatEnd;
     char* m_cursor;
     char* m_end;
 };
@@ -183,7 +188,7 @@ void writePadded(Output& out, const FormatSpec& spec, const char* text, size_t l
     const size_t padding = width - length;
     const size_t before = spec.has(kLeftJustify) ? 0 : padding;
     if (padding != 0) std::memset(before == 0 ? to + length : to, ' ', padding);
-    std::memcpy(to + before, text, length);
+    copyText(to + before, text, length);
 }
 
 // The text is longer than the width, which is at least 1.
@@ -229,10 +234,9 @@ constexpr char kDigitPairs[] =
     "80818283848586878889"
     "90919293949596979899";
 
-// These write the digits of `value` so that they end at `end`, and answer where they begin.
+// These write the digits of `value` so that they end at `end`, and return where they begin.
 
-template <class Unsigned>
-char* decimalDigits(Unsigned value, char* end) {
+char* decimalDigits(uint32_t value, char* end) {
     while (value >= 100) {
         end -= 2;
         std::memcpy(end, kDigitPairs + value % 100 * 2, 2);
@@ -245,6 +249,18 @@ char* decimalDigits(Unsigned value, char* end) {
     }
     *--end = static_cast<char>('0' + value);
     return end;
+}
+
+char* decimalDigits(uint64_t value, char* end) {
+    // On a 32-bit processor a division of 64 bits is a library call: one for nine digits.
+    constexpr uint32_t kNineDigits = 1'000'000'000;
+    while (value > std::numeric_limits<uint32_t>::max()) {
+        char* const first = end - 9;
+        const auto low = static_cast<uint32_t>(value % kNineDigits);
+        value /= kNineDigits;
+        for (end = decimalDigits(low, end); end != first;) *--end = '0';
+    }
+    return decimalDigits(static_cast<uint32_t>(value), end);
 }
 
 char* binaryDigits(uint64_t value, uint32_t bitsPerDigit, const char* digits, char* end) {
@@ -265,9 +281,7 @@ char* digitsOf(uint64_t value, int32_t conversion, char* end) {
         case 'X':
             return binaryDigits(value, 4, "0123456789ABCDEF", end);
         default:
-            // Dividing 64 bits is a library call on a 32-bit processor.
-            return value <= std::numeric_limits<uint32_t>::max() ? decimalDigits(static_cast<uint32_t>(value), end)
-                                                                 : decimalDigits(value, end);
+            return decimalDigits(value, end);
     }
 }
 
@@ -281,20 +295,13 @@ size_t decimalLength(uint32_t value) {
     }
 }
 
-// With zeros before the digits when these are fewer than minLength.
-void appendDecimal(Output& out, uint32_t value, size_t minLength) {
-    const size_t length = std::max(decimalLength(value), minLength);
-    char* const to = out.claim(length);
-    for (char* first = decimalDigits(value, to + length); first != to;) *--first = '0';
-}
-
 void writeZeroPadded(Output& out, size_t width, char sign, const char* digits, size_t length) {
     const size_t signLength = sign == '\0' ? 0 : 1;
     const size_t zeros = width > length + signLength ? width - length - signLength : 0;
     char* to = out.claim(signLength + zeros + length);
     if (signLength != 0) *to++ = sign;
     if (zeros != 0) std::memset(to, '0', zeros);
-    std::memcpy(to + zeros, digits, length);
+    copyText(to + zeros, digits, length);
 }
 
 // A sign and digits. sign  NUL for none.
@@ -341,12 +348,12 @@ void writePointer(Output& out, const FormatSpec& spec, uint64_t address) {
 }
 
 void writeFloating(Output& out, const FormatSpec& spec, double value) {
-    // Every digit of every double is out by then, so that a greater precision only adds zeros, far behind what the
-    // buffer holds. Without the limit it would cost the runtime library the memory and time for them.
+    // A greater precision only adds zeros, far beyond what the buffer holds, and the runtime library would spend
+    // memory and time on them.
     constexpr int32_t kMaxPrecision = 1100;
-    // A negative precision is none.
+    // A negative precision means none.
     const char conversion[] = {'%', '.', '*', static_cast<char>(spec.conversion), '\0'};
-    char buffer[24];
+    char buffer[kMaxFloatingLength + 1];
     const int length = std::snprintf(buffer, sizeof buffer, conversion, std::min(spec.precision, kMaxPrecision), value);
     if (length <= 0) return;
     FormatSpec text = spec;
@@ -384,7 +391,7 @@ bool isFloatingConversion(int32_t conversion) {
     }
 }
 
-// A conversion that has no argument which suits it, written from a neutral value.
+// Writes a neutral value for a conversion without a suitable argument.
 void writeNeutral(Output& out, const FormatSpec& spec) {
     if (isIntegerConversion(spec.conversion)) {
         writeSigned(out, spec, 0, sizeof(int));
@@ -424,7 +431,7 @@ void writeIntegerArgument(Output& out, const FormatSpec& spec, const Argument& a
     } else if (argument.kind == Kind::Unsigned) {
         writeNumber(out, spec, '\0', argument.integer);
     } else {
-        writeSigned(out, spec, argument.integer, argument.length);
+        writeSigned(out, spec, argument.integer, argument.size);
     }
 }
 
@@ -474,48 +481,15 @@ void writeConversion(Output& out, const FormatSpec& spec, const Argument* argume
         writeMismatch(out, spec, kNoArgumentLeft);
 }
 
-// Whether the argument under this conversion is what appendDecimal writes: neither negative nor of more than 32 bits.
-bool isShortDecimal(char conversion, const Argument& argument) {
-    if (conversion != 'd' && conversion != 'i' && conversion != 'u') return false;
-    if (argument.kind != Kind::Unsigned && argument.kind != Kind::Signed) return false;
-    return argument.integer <= std::numeric_limits<uint32_t>::max();
-}
-
-// Writes the conversions that most messages are made of: text for a bare %s, decimal digits for a bare %d, %i or %u,
-// and for these with zeros to a width of one digit, as %02d. Answers how many characters of the format that took;
-// leaves all others alone, and answers 0.
-size_t writeCommon(Output& out, const char* conversion, const Argument& argument) {
-    switch (*conversion) {
-        case 's':
-            if ((argument.kind != Kind::Text && argument.kind != Kind::CString) || !argument.text) return 0;
-            out.append(argument.text, argument.length);
-            return 1;
-        case 'd':
-        case 'i':
-        case 'u':
-            if (!isShortDecimal(*conversion, argument)) return 0;
-            appendDecimal(out, static_cast<uint32_t>(argument.integer), /*minLength=*/1);
-            return 1;
-        case '0': {
-            const char width = conversion[1];
-            if (width < '1' || width > '9' || !isShortDecimal(conversion[2], argument)) return 0;
-            appendDecimal(out, static_cast<uint32_t>(argument.integer), static_cast<size_t>(width - '0'));
-            return 3;
-        }
-        default:
-            return 0;
-    }
-}
-
-// Reads what stands between a '%' and the character behind its conversion. A format that ends inside the conversion
-// has the NUL for its character, and the cursor stays on it.
+// Parses a conversion, from behind its '%'. Where the format ends inside it, the conversion character is the NUL, and
+// the cursor stays there.
 class Parser {
 public:
     explicit Parser(const char* cursor) : m_cursor(cursor) {}
 
     FormatSpec parse(const char* format) {
         FormatSpec spec{format};
-        // All letters, and therefore most conversions, come after the characters of flags, width and precision.
+        // A letter means no flags, width or precision, as in most conversions.
         if (*m_cursor < 'A') {
             while (takeFlag(spec)) ++m_cursor;
             spec.width = takeNumber();
@@ -582,26 +556,27 @@ private:
     const char* m_cursor;
 };
 
-// How long the argument's text may well become; sets the length of C strings.
-size_t estimate(Argument& argument) {
-    switch (argument.kind) {
-        case Kind::CString:
-            argument.length = argument.text ? std::strlen(argument.text) : kNullText.size();
-            return argument.length;
-        case Kind::Text:
-            return argument.length;
-        case Kind::Floating:
-            return 23; // all that the writer keeps
+// Writes what most messages are made of, without parsing: a bare %s of a text, and a bare %d, %i or %u of an integer
+// from 0 to 32 bits. Returns false, with nothing written, for everything else.
+bool writeCommon(Output& out, char conversion, const Argument& argument) {
+    switch (conversion) {
+        case 's':
+            if ((argument.kind != Kind::Text && argument.kind != Kind::CString) || !argument.text) return false;
+            out.append(argument.text, argument.length);
+            return true;
+        case 'd':
+        case 'i':
+        case 'u': {
+            if (argument.kind != Kind::Unsigned && argument.kind != Kind::Signed) return false;
+            if (argument.integer > std::numeric_limits<uint32_t>::max()) return false;
+            const auto value = static_cast<uint32_t>(argument.integer);
+            const size_t length = decimalLength(value);
+            decimalDigits(value, out.claim(length) + length);
+            return true;
+        }
         default:
-            return 16;
+            return false;
     }
-}
-
-// What is reserved for the whole text; sets the lengths of C strings.
-size_t roomFor(std::string_view format, Argument* args, size_t count) {
-    size_t room = format.size();
-    for (size_t i = 0; i < count; ++i) room += estimate(args[i]);
-    return room + room / 10;
 }
 
 void walk(Output& out, std::string_view format, const Argument* args, size_t count) {
@@ -609,7 +584,7 @@ void walk(Output& out, std::string_view format, const Argument* args, size_t cou
     const char* const end = cursor + format.size();
     size_t conversions = 0;
     for (;;) {
-        cursor = out.appendUntilPercent(cursor);
+        cursor = out.appendUntilPercent(cursor, end);
         if (cursor == end) break;
         ++cursor;
         if (cursor == end || *cursor == '%') {
@@ -620,8 +595,8 @@ void walk(Output& out, std::string_view format, const Argument* args, size_t cou
         }
         const Argument* const argument = conversions < count ? &args[conversions] : nullptr;
         ++conversions;
-        if (const size_t taken = argument ? writeCommon(out, cursor, *argument) : 0; taken != 0) {
-            cursor += taken;
+        if (argument && writeCommon(out, *cursor, *argument)) {
+            ++cursor;
             continue;
         }
         Parser parser(cursor);
@@ -634,17 +609,28 @@ void walk(Output& out, std::string_view format, const Argument* args, size_t cou
 
 } // namespace
 
-std::string formatPack(std::string_view format, Argument* args, size_t count) {
-    std::string text(roomFor(format, args, count), '\0');
-    Output out(text, 0, format);
+size_t reservation(std::string_view format, const Argument* args, size_t count) {
+    size_t length = format.size();
+    for (size_t i = 0; i < count; ++i) length += args[i].length;
+    return length + length / 10;
+}
+
+std::string formatPack(std::string_view format, const Argument* args, size_t count) {
+    const size_t reserved = reservation(format, args, count);
+    const size_t room = reserved > Output::kMaxRoom ? 0 : reserved;
+    std::string text(room, '\0');
+    if (room == 0) text.reserve(reserved);
+    Output out(text, room);
     walk(out, format, args, count);
     return text;
 }
 
-void formatPackInto(std::string& text, std::string_view format, Argument* args, size_t count) {
-    const size_t length = text.size();
-    text.resize(length + roomFor(format, args, count));
-    Output out(text, length, format);
+void formatPackInto(std::string& text, std::string_view format, const Argument* args, size_t count) {
+    const size_t reserved = reservation(format, args, count);
+    const size_t room = reserved > Output::kMaxRoom ? 0 : reserved;
+    text.reserve(text.size() + reserved);
+    text.resize(text.size() + room);
+    Output out(text, room);
     walk(out, format, args, count);
 }
 
