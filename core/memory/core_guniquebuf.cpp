@@ -13,7 +13,7 @@
 namespace NS_CORE {
 namespace {
 
-// Sums are made in 64 bits, so that what the 32-bit fields cannot count is seen here and not wrapped.
+// Sums are made in 64 bits, so that one that the 32-bit fields cannot hold is found here instead of wrapping.
 bool canCount(uint64_t bytes) {
     return bytes <= std::numeric_limits<uint32_t>::max();
 }
@@ -34,7 +34,7 @@ GUniqueBuf::GUniqueBuf(int32_t size, uint32_t headRoom, uint32_t tailRoom) {
     if (total == 0) return;
     auto* const base =
         size >= 0 && canCount(total) ? static_cast<uint8_t*>(std::malloc(static_cast<size_t>(total))) : nullptr;
-    // Known under a unit name of its own; the line is this check's for good.
+    // This check is published under a unit name of its own.
     if (!CHECKF_AT("core_guniquebuf_inline", 31, base != nullptr, "failed mallocing%u bytes", total))
         throw std::bad_alloc();
     m_base = base;
@@ -70,7 +70,7 @@ void GUniqueBuf::reserve(uint32_t headRoom, uint32_t tailRoom) {
     }
 }
 
-// realloc keeps what it copies at the front, so room there takes a new allocation.
+// realloc cannot move the data back within the allocation, so room at the front needs a new one.
 void GUniqueBuf::growAtFront(uint32_t headRoom, uint32_t tailRoom) {
     GUniqueBuf larger(m_size, headRoom, tailRoom);
     if (m_base != nullptr) std::memcpy(larger.m_base + (headRoom - this->headRoom()), m_base, m_capacity);
@@ -103,13 +103,14 @@ void GUniqueBuf::adjust(int32_t deltaFront, int32_t deltaBack) {
     m_size = static_cast<int32_t>(newSize);
 }
 
-uint8_t* GUniqueBuf::dataAt(int32_t offset) {
-    if (!CHECKF_AT("core_guniquebuf", 54, m_base != nullptr, "")) return nullptr;
-    if (!CHECKF_AT("core_guniquebuf", 46, offset >= 0 && m_size > offset, "%d,%d", m_size, offset) &&
-        m_size != offset) {
-        throw std::out_of_range("GUniqueBuf:dataAt");
+const uint8_t* GUniqueBuf::dataAt(int32_t offset) const {
+    if (m_size <= offset) {
+        static_cast<void>(CHECKF_AT("core_guniquebuf", 46, false, "%d,%d", m_size, offset));
+        if (m_size < offset) throw std::out_of_range("GUniqueBuf:dataAt");
     }
-    return m_data + offset;
+    if (!CHECKF_AT("core_guniquebuf", 54, m_base != nullptr, "")) return nullptr;
+    // In integers, because nothing keeps a negative offset within the allocation.
+    return reinterpret_cast<const uint8_t*>(reinterpret_cast<uintptr_t>(m_data) + static_cast<uintptr_t>(offset));
 }
 
 std::string GUniqueBuf::toText() const {

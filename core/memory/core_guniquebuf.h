@@ -2,11 +2,12 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace NS_CORE {
 
-// An owned byte buffer that grows at both ends, with room kept free in front of and behind its bytes. For results of
-// system calls whose size is learnt on the way, and for payloads. Movable, not copyable; one thread at a time.
+// An owned byte buffer that grows at both ends, with free room in front of and behind its bytes. For results of system
+// calls whose size is not known beforehand, and for payloads. Movable, not copyable; one thread at a time.
 //
 // New bytes are not initialised, whether they come from construction, reserve or adjust.
 //
@@ -26,25 +27,27 @@ public:
 
     int32_t size() const { return m_size; }
 
-    // The first of size() bytes; null when nothing is allocated. Holds until the next reserve, adjust or move.
+    // The first of size() bytes; null when nothing is allocated. Valid until the next reserve, adjust or move.
     uint8_t* data() { return m_data; }
     const uint8_t* data() const { return m_data; }
 
     uint32_t headRoom() const { return static_cast<uint32_t>(m_data - m_base); }
     uint32_t tailRoom() const { return m_capacity - static_cast<uint32_t>(m_size) - headRoom(); }
 
-    // Sees to it that at least so many bytes lie free before and behind the data. Never shrinks; the data, and what is
-    // in the room that there was, stay.
+    // Makes sure that at least so many free bytes lie before and behind the data. Never shrinks. Keeps the data and the
+    // contents of the room that there was.
     void reserve(uint32_t headRoom, uint32_t tailRoom);
 
     // Moves the front of the data by `deltaFront` bytes and its back by `deltaBack`, outwards where positive, inwards
-    // where negative, and grows where the room is not enough. The bytes in between stay. What is given up at an end
-    // becomes room there. With nothing allocated it makes a buffer of `deltaBack` bytes, whatever `deltaFront` says.
+    // where negative, and grows where the room is not enough. Keeps the bytes in between; bytes given up at an end
+    // become room there. With nothing allocated it makes a buffer of `deltaBack` bytes, whatever `deltaFront` says.
     void adjust(int32_t deltaFront, int32_t deltaBack);
 
-    // The byte at `offset`, 0 to size() - 1. Any other offset fails a check and then throws, but for size() itself,
-    // where it answers the end of the data; with nothing allocated it fails a check and answers null.
-    uint8_t* dataAt(int32_t offset);
+    // The byte at `offset`. An offset of size() or more fails a check; one beyond size() then throws, size() itself
+    // gives the end of the data. With nothing allocated a check fails and the result is null. Negative offsets are not
+    // checked: they reach into the head room, and it is the caller's business to stay within it.
+    const uint8_t* dataAt(int32_t offset) const;
+    uint8_t* dataAt(int32_t offset) { return const_cast<uint8_t*>(std::as_const(*this).dataAt(offset)); }
 
     // For messages: "nullptr", "DATA:SIZE", or with room "DATA:SIZE (BASE:HEAD+SIZE+TAIL)", pointers as "0x...".
     std::string toText() const;
