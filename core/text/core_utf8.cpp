@@ -32,7 +32,7 @@ struct Decoded {
     const char* error = nullptr; // what is wrong, or null
 };
 
-// The length that a lead byte announces; 0 where there is no such lead byte.
+// The length of the sequence that a lead byte begins; 0 for a byte that is not a lead byte.
 uint32_t announcedLength(uint8_t lead) {
     if (lead < 0x80) return 1;
     if (lead < 0xC0) return 0;
@@ -47,7 +47,7 @@ const char* errorIn(char32_t codePoint, uint32_t length) {
     return codePoint > kLastCodePoint ? "code point beyond U+10FFFF" : nullptr;
 }
 
-// The sequence that begins `text`, which is not empty.
+// Decodes the sequence at the start of `text`, which is not empty.
 Decoded decodeFirst(std::string_view text) {
     const auto lead = static_cast<uint8_t>(text.front());
     Decoded result;
@@ -93,7 +93,7 @@ void appendUtf8(std::string& out, char32_t codePoint) {
     }
 }
 
-// On standard output and not in the log: the logger itself needs conversions to open its file.
+// Writes to standard output, not to the log: the logger itself needs conversions to open its file.
 void report(std::string_view text, size_t position, const char* error) {
     const auto byte = static_cast<uint8_t>(text[position]);
     const std::string line = absl::StrCat("fromUtf8 conversion failed at byte ", position, " (0x",
@@ -104,8 +104,8 @@ void report(std::string_view text, size_t position, const char* error) {
 
 } // namespace
 
-// UTF-8 carries no state from one text to the next, so the converter is this code alone: it needs no object, and each
-// thread has its own in its stack frame.
+// UTF-8 carries no state from one text to the next, so the converter needs no object per thread: all its state is in
+// this frame.
 bool fromUtf8(std::string_view text, std::u16string& wideOut) {
     std::u16string wide;
     wide.reserve(text.size());

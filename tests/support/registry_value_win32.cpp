@@ -5,16 +5,16 @@
 #include <vector>
 
 #include "core/memory/core_scopedhandle_win32.h"
-#include "core/text/core_utf8_win32.h"
+#include "core/text/core_utf8.h"
 #include "tests/support/registry_value.h"
 
 namespace test {
 namespace {
 
 std::wstring wide(const std::string& text) {
-    std::wstring out;
+    std::u16string out;
     EXPECT_TRUE(NS_CORE::fromUtf8(text, out));
-    return out;
+    return {out.begin(), out.end()};
 }
 
 bool isText(DWORD type) {
