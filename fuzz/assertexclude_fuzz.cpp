@@ -23,14 +23,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string_view> lines;
     while (!bytes.empty()) {
         lines.push_back(bytes.substr(0, bytes.find('\n')));
-        exclusions.takeLine(lines.back());
+        exclusions.addLine(lines.back());
         bytes.remove_prefix(lines.back().size() == bytes.size() ? bytes.size() : lines.back().size() + 1);
     }
     exclusions.finish();
     size_t counted = 0;
     for (const std::string_view line : lines) {
         NS_CORE::AssertExclusions alone("Nov  5 2019");
-        alone.takeLine(line);
+        alone.addLine(line);
         alone.finish();
         counted += alone.size();
         if (alone.size() == 0) continue;

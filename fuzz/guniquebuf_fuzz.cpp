@@ -218,7 +218,7 @@ private:
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    NS_CORE::Assert::setFailureHandler(&noteFailure);
+    NS_CORE::Assert::installFailureHandler(&noteFailure);
     FuzzedDataProvider input(data, size);
     Run run(input);
     for (int i = 0; i < kMaxSteps && input.remaining_bytes() > 0; ++i) run.step();

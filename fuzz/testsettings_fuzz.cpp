@@ -19,7 +19,7 @@ NS_CORE::TestSettings parsed(std::string_view bytes, uint32_t flags) {
     NS_CORE::TestSettingsParser parser(&settings);
     while (!bytes.empty()) {
         const std::string_view line = bytes.substr(0, bytes.find('\n'));
-        parser.takeLine(line);
+        parser.addLine(line);
         for (const std::string_view token : NS_CORE::settingsTokens(line)) require(!token.empty());
         bytes.remove_prefix(line.size() == bytes.size() ? line.size() : line.size() + 1);
     }

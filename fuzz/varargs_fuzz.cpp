@@ -113,7 +113,7 @@ Argument anyArgument(FuzzedDataProvider& data, std::vector<Exact>& texts) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    NS_CORE::Assert::setFailureHandler(&record);
+    NS_CORE::Assert::installFailureHandler(&record);
     FuzzedDataProvider data(bytes, size);
     std::vector<Exact> texts;
     std::vector<Argument> arguments(data.ConsumeIntegralInRange<size_t>(0, 6));

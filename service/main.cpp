@@ -44,10 +44,10 @@ int main(int argc, char** argv) {
     };
     NS_UTL::Service host(kAnchor, kServiceName, kDisplayName, NS_CORE::dotPath(NS_CORE::PathKind::Logs), kLogFileName,
                          std::move(run), std::move(stop));
-    // The host has moved to the installation. Under the service control manager the process began elsewhere, where
-    // start-up could not find the files.
+    // The host has moved to the installation, whose files count. Start-up has read those of the directory that the
+    // process was started in.
     NS_CORE::TestInterface& testInterface = NS_CORE::TestInterface::instance();
-    testInterface.readMissingFiles();
+    testInterface.readFiles();
     const int result = host.run(argc, argv);
     testInterface.sendPending();
     NS_UTL::Service::clearInstance();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 
 namespace NS_CORE {
@@ -18,7 +19,7 @@ Assert::FailureHandler Assert::failureHandler() {
     return g_handler.load();
 }
 
-bool Assert::replaceFailureHandler(FailureHandler handler) {
+bool Assert::installFailureHandler(FailureHandler handler) {
     if (g_handlerLocked.load()) return false;
     g_handler.store(handler);
     return true;
@@ -37,7 +38,17 @@ void Assert::setLevel(int32_t level) {
 }
 
 bool Assert::fail(const char* expression, Place place, int32_t level, const std::string& message) {
-    if (g_handler.load()(expression, place.unit, place.line, level, message)) stopProcess();
+    const FailureHandler handler = g_handler.load();
+    if (handler != nullptr && handler(expression, place.unit, place.line, level, message)) stopProcess();
+    return false;
+}
+
+bool Assert::failQuiet(const char* /*expression*/, std::string_view file, int32_t line, int32_t /*level*/,
+                       const std::string& message) {
+    const std::string text =
+        "GASSERT failed at " + std::string(file) + ':' + std::to_string(line) + " (" + message + ")\n";
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
     return false;
 }
 

@@ -26,26 +26,31 @@ consteval Place here(std::source_location location = std::source_location::curre
 // (core_checkf.h). This header includes nothing of ours, so that every unit, the formatter and the logger
 // included, can fail a check.
 //
-// All of it may be called from any thread, from static initialisers on. The hook, the level and the lock
-// are plain process-wide values: a change is seen by other threads at their next failing check.
+// Any thread may call all of it, from static initialisers on. The hook, the level and the lock are plain
+// process-wide values: other threads see a change at their next failing check.
 class Assert {
 public:
-    // Called for each failed check, on the thread that made it.
+    // Called for each failed check, on the thread that made it. Returns whether the process has to stop at once.
+    // Must not throw.
     // expression  the check's text, or "CHECKF"; may be null.
     // file, line  the check's place.
     // level       0 for CHECKF, else the level of the assertion.
-    // Answers whether the process has to stop at once. Must not throw.
+    //
+    // The parameters and their types are fixed: one plain function for the process, without a context, so that the
+    // hook can be constant-initialised and replaced while other threads call it. The expression is a literal or
+    // missing, hence a pointer; the file is a part of a literal, hence a view; only the message is built.
     using FailureHandler = bool (*)(const char* expression, std::string_view file, int32_t line, int32_t level,
                                     const std::string& message);
 
-    // The process's hook. It is failDefault from before the first static initialiser.
+    // The process's hook; null when there is none. It is failDefault from before the first static initialiser.
     static FailureHandler failureHandler();
 
-    // Replaces the hook, unless the handler is locked; then the hook stays and WARN "handler locked" is logged.
-    static void setFailureHandler(FailureHandler handler);
+    // Replaces the hook. With null a failing check is silent and the process goes on. Returns false, with the hook
+    // left alone, while the handler is locked.
+    static bool installFailureHandler(FailureHandler handler);
 
-    // The same with failQuiet: called when the logger's globals are torn down, so that a check that fails
-    // during shutdown only writes a line.
+    // Installs failQuiet; logs WARN "handler locked" where the handler is locked. The logger calls it when its globals
+    // are torn down, so that a check that fails during shutdown only writes a line.
     static void setFailureHandler();
 
     // While locked, the hook cannot be replaced. Off at start.
@@ -57,37 +62,42 @@ public:
     // Values below 0 count as 0, above 1 as 1.
     static void setLevel(int32_t level);
 
-    // Hands a failed check to the hook, and stops the process where the hook says so. Always false, so that
+    // Hands a failed check to the hook, and stops the process where the hook says so. Always returns false, so that
     // it can end a condition.
     static bool fail(const char* expression, Place place, int32_t level, const std::string& message);
 
-    // The default handler: logs the failure at CRIT, hands it to the test interface unless its place is
-    // excluded, and answers the test interface's abort setting. A check that fails inside it, on the same
-    // thread, writes "Assert:failDefault - recursive call\n" to standard error and goes no further.
+    // The default handler. Its unit is core/report/core_failuredefault.h, as is that of setFailureHandler() above: both
+    // log. They are declared here because the hook is constant-initialised with the one, and the logger, whose room
+    // lies below the reports', calls the other.
     static bool failDefault(const char* expression, std::string_view file, int32_t line, int32_t level,
                             const std::string& message);
 
-    // One line on standard error; never stops the process.
+    // Writes one line to standard error and never stops the process.
     static bool failQuiet(const char* expression, std::string_view file, int32_t line, int32_t level,
                           const std::string& message);
 
     // Ends the process by a write to address 0, so that a crash dump records the place; exit(0) behind it.
     [[noreturn]] static void stopProcess();
-
-private:
-    // False, with the hook left alone, while the handler is locked.
-    static bool replaceFailureHandler(FailureHandler handler);
 };
+
+// What an assertion may be given as its message: nothing, or one text. It is not a format; CHECKF has formats.
+inline std::string assertionMessage() {
+    return {};
+}
+inline std::string assertionMessage(std::string_view message) {
+    return std::string(message);
+}
 
 } // namespace NS_CORE
 
 // GASSERT(level, expression) and GASSERT(level, expression, message): an assertion that counts while `level` is not
-// greater than the process's assertion level. The message, anything that std::string can be made from, is
-// evaluated only on failure. GASSERT_AT is the same with a published place.
-#define GASSERT_AT(unit, line, level_, expression, ...)          \
+// greater than the process's assertion level. The message is evaluated only on failure. GASSERT_AT is the same with a
+// published place.
+#define GASSERT_AT(unit, line, level_, expression, ...)                                          \
+    static_cast<void>(::NS_CORE::Assert::level() < (level_) || (expression) ||                   \
+                      ::NS_CORE::Assert::fail(#expression, ::NS_CORE::Place{unit, line}, level_, \
+                                              ::NS_CORE::assertionMessage(__VA_ARGS__)))
+#define GASSERT(level_, expression, ...)                         \
     static_cast<void>(                                           \
         ::NS_CORE::Assert::level() < (level_) || (expression) || \
-        ::NS_CORE::Assert::fail(#expression, ::NS_CORE::Place{unit, line}, level_, ::std::string{__VA_ARGS__}))
-#define GASSERT(level_, expression, ...)                                       \
-    static_cast<void>(::NS_CORE::Assert::level() < (level_) || (expression) || \
-                      ::NS_CORE::Assert::fail(#expression, ::NS_CORE::here(), level_, ::std::string{__VA_ARGS__}))
+        ::NS_CORE::Assert::fail(#expression, ::NS_CORE::here(), level_, ::NS_CORE::assertionMessage(__VA_ARGS__)))

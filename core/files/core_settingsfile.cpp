@@ -22,21 +22,13 @@ constexpr std::string_view kBetweenTokens = " \n\r\t";
 
 } // namespace
 
-bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& take) {
+bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& addLine) {
     const std::unique_ptr<std::FILE, CloseFile> file(Wrapper::fopen(path, "r"));
     if (!file) return false;
     std::array<char, kMaxSettingsLine + 1> line;
-    size_t bytes = 0;
     while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
-        // The position and not the line's length: bytes behind a NUL count.
-        const long position = std::ftell(file.get());
-        bytes = position >= 0 ? static_cast<size_t>(position) : bytes + line.size();
-        if (bytes > kMaxSettingsBytes) {
-            MLOG(Warn, kFunction, "'%s' is larger than %u bytes, the rest is ignored", path, kMaxSettingsBytes);
-            return true;
-        }
         const std::string_view text(line.data());
-        take(text.substr(0, text.find('\n')));
+        addLine(text.substr(0, text.find('\n')));
     }
     if (std::ferror(file.get()) != 0) MLOG(Warn, kFunction, "failed reading '%s': %s", path, std::strerror(errno));
     return true;

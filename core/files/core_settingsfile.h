@@ -10,23 +10,20 @@
 
 namespace NS_CORE {
 
-// How the settings of a test installation are read: lines of tokens, from files that nobody has checked. Any thread.
-
-// What is read of one file at most; a file of more is not a settings file, whatever it is called.
-inline constexpr size_t kMaxSettingsBytes = 64 * 1024;
+// Reads the settings of a test installation: files of lines, lines of tokens. Any thread.
 
 // A line of more bytes counts as several lines.
 inline constexpr size_t kMaxSettingsLine = 999;
 
-// Hands the file's lines to `take`, in order, without their line breaks. A line ends at its first NUL. False, with
-// nothing handed over, when the file does not open. One that cannot be read to its end, and one of more than
-// kMaxSettingsBytes, is told at WARN; what was read counts.
-[[nodiscard]] bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& take);
+// Calls `addLine` for each line of the file, in order, without its line break. A line ends at its first NUL. Returns
+// false, without a call, when the file does not open. A file that cannot be read to its end logs WARN; the lines before
+// count. The file may have any size: one line is in memory at a time.
+[[nodiscard]] bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& addLine);
 
 // The parts of the line between blanks, tabs, carriage returns and newlines; none is empty.
 std::vector<std::string_view> settingsTokens(std::string_view line);
 
-// The whole token as a decimal number with or without a sign; nothing when it is none or needs more than 32 bits.
+// The whole token as a decimal number with or without a sign; nothing when it is not one or needs more than 32 bits.
 std::optional<int32_t> settingsNumber(std::string_view token);
 
 } // namespace NS_CORE

@@ -1,8 +1,8 @@
+#include "core/report/core_failuredefault.h"
+
 #include <atomic>
 #include <cstdio>
 
-#include "core/check/core_assert.h"
-#include "core/check/core_assertpolicy.h"
 #include "core/log/core_v2masterlogger.h"
 
 namespace NS_CORE {
@@ -12,7 +12,7 @@ constexpr std::string_view kFunction = "CORE::Assert::failDefault";
 
 constexpr AssertPolicy kPolicyAtStart{
     .isExcluded = [](std::string_view, int32_t) { return false; },
-    .report = [](AssertPolicy::Kind, const char*, std::string_view, int32_t, int32_t, const std::string&) {},
+    .report = [](const Failure&) {},
     .stopsProcess = [] { return false; },
 };
 
@@ -35,24 +35,14 @@ void logExcluded(const char* expression, std::string_view file, int32_t line, co
         MLOG(Crit, kFunction, "EXCLUDED_ASSERT failed at %s:%d (%s) (%s)", file, line, expression, message);
 }
 
-// Past the C library's buffer, for it may be the last that the process says.
-void printToStandardError(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
-}
-
 } // namespace
 
 void setAssertPolicy(const AssertPolicy* policy) {
     g_policy = policy != nullptr ? policy : &kPolicyAtStart;
 }
 
-void Assert::setFailureHandler(FailureHandler handler) {
-    if (!replaceFailureHandler(handler)) MLOG(Warn, "CORE::Assert::setFailureHandler", "handler locked");
-}
-
 void Assert::setFailureHandler() {
-    setFailureHandler(&failQuiet);
+    if (!installFailureHandler(&failQuiet)) MLOG(Warn, "CORE::Assert::setFailureHandler", "handler locked");
 }
 
 bool Assert::failDefault(const char* expression, std::string_view file, int32_t line, int32_t level,
@@ -62,7 +52,8 @@ bool Assert::failDefault(const char* expression, std::string_view file, int32_t 
         return false;
     }
     if (g_insideFailDefault) {
-        printToStandardError("Assert:failDefault - recursive call\n");
+        std::fputs("Assert:failDefault - recursive call\n", stderr);
+        std::fflush(stderr);
         return false;
     }
     const InsideFailDefault inside;
@@ -72,14 +63,8 @@ bool Assert::failDefault(const char* expression, std::string_view file, int32_t 
         return false;
     }
     MLOG(Crit, kFunction, "GASSERT failed at %s:%d (%s) (%s)", file, line, expression, message);
-    policy.report(AssertPolicy::Kind::Failure, expression, file, line, level, message);
+    policy.report({FailureKind::Assertion, expression, file, line, level, message});
     return policy.stopsProcess();
-}
-
-bool Assert::failQuiet(const char* /*expression*/, std::string_view file, int32_t line, int32_t /*level*/,
-                       const std::string& message) {
-    printToStandardError(formatString("GASSERT failed at %s:%d (%s)\n", file, line, message));
-    return false;
 }
 
 } // namespace NS_CORE

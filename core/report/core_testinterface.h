@@ -1,82 +1,70 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
+#include "core/net/core_socketaddress.h"
 #include "core/net/core_udp4socket.h"
+#include "core/report/core_failuredefault.h"
 #include "core/report/internal/core_assertexclusions.h"
+#include "core/report/internal/core_failurerecords.h"
 #include "core/report/internal/core_testreport.h"
 #include "core/report/internal/core_testsettings.h"
 
 namespace NS_CORE {
 
-// Decides what a failed check does, for an installation that is under test: whether the process stops, and whether
-// the failure is reported to a collector, as an XML document in a datagram. Without settings files nothing is sent
-// and nothing stops.
+// Decides what a failed check does in an installation under test: whether the process stops, and whether the failure
+// is reported to a collector, as an XML document in a datagram. Without settings files nothing is sent and nothing
+// stops.
 //
-// The process's own is made before main in every program that names it, reads its files from the working directory of
-// that moment and becomes the AssertPolicy (core_assertpolicy.h). A program that changes its working directory calls
-// readMissingFiles() afterwards.
+// Every program that names this class gets the process's own object before main. It reads its files from the working
+// directory of that moment and becomes the AssertPolicy (core_failuredefault.h). A program that changes its working
+// directory afterwards calls readFiles() again.
 //
 //     settings/testing.ini     or else settings/testing.alt.ini   TestSettingsParser
 //     settings/assert.exclude  or else assert.exclude             AssertExclusions
 //
-// Failures of one kind at one place are one record with counts. The first is reported at once, further ones together
-// at most once in kReportPeriodMs, when one of any place comes next; what is left over goes out with sendPending(). A
-// failure that stops the process is reported before it does.
-// At most kMaxRecords places are kept; for a further one the oldest that has been reported makes room.
+// Failures of one kind at one place are one record with counts (FailureRecords). report() sends every pending record
+// before it returns, so nothing waits for a timer, a crash or the end of the process. Only two things keep a record
+// pending: the system refuses to send (logged at WARN), or another thread is sending, and then that thread sends this
+// record as well before it goes on. A pending record goes out with the next failure, or with sendPending().
 //
-// A collector that cannot be reached is told at WARN where sending fails, and tried again after a minute, then two,
-// up to an hour; until then failures are counted. An address that is none is told once and not tried again. A
-// document too large for a datagram is told at WARN, once for its record, and not sent.
+// Sending does not block: a collector that is away, or a full buffer of the system, holds nobody up. Datagrams may get
+// lost on the way; the total in a later one tells. A document too large for a datagram is not sent, which logs WARN
+// once for its record. An address that is not one logs WARN when the settings are read; nothing is sent then.
 //
-// Any thread may call anything, also while its log records are being served: the object's lock is never held while
-// something is called that may log. Sending does not block.
+// Any thread may call anything, also while its own log records are being served: no lock is waited for that is held
+// while something logs.
 class TestInterface {
 public:
-    static constexpr size_t kMaxRecords = 256;
-    static constexpr uint64_t kReportPeriodMs = 10'000;
-    static constexpr uint64_t kFirstRetryMs = 60'000;
-    static constexpr uint64_t kLongestRetryMs = 3'600'000;
     // What IPv4 leaves of 65535 bytes.
     static constexpr size_t kMaxDatagram = 65'507;
 
-    struct Failure {
-        FailureKind kind;
-        std::string_view condition;
-        std::string_view file;
-        int32_t line;
-        int32_t level;
-        std::string_view message;
-    };
-
-    struct Clock {
-        std::function<uint64_t()> monotonicMs;
-        std::function<int32_t()> utcSeconds;
-        static Clock ofSystem();
-    };
-
     // Knows this build, this machine and its executable; has read no files.
-    explicit TestInterface(Clock clock = Clock::ofSystem());
+    // utcSeconds  the time of a report, in seconds since 1970; the system's when it is not given.
+    explicit TestInterface(std::function<int32_t()> utcSeconds = {});
     TestInterface(const TestInterface&) = delete;
     TestInterface& operator=(const TestInterface&) = delete;
     ~TestInterface() = default;
 
-    // The process's own; it lives until the process has ended.
+    // The process's own. Never destroyed.
     static TestInterface& instance();
 
-    // Each reads its file anew from the working directory, on top of the defaults. False, with all as it was, when
-    // there is none.
+    // Changes the settings as the file in the working directory says; what it does not name stays. Returns false, with
+    // all as it was, when there is no file. A change of flags that another thread makes meanwhile is lost.
     bool loadIni();
+
+    // Replaces the exclusions by those of the file in the working directory; likewise.
     bool loadExclusions();
 
-    // The two for those files that have not been found yet.
-    void readMissingFiles();
+    // Both.
+    void readFiles();
 
     TestSettings settings() const;
 
@@ -84,7 +72,7 @@ public:
     // Changes the bits of actionFlags (TestAction) that `bits` has.
     void changeActionFlags(FlagChange change, uint32_t bits);
 
-    // Where logs of this machine may be had; part of the reports from then on. Empty at start: no part.
+    // Where this machine's logs can be fetched; part of every later report. Empty, as at start, leaves the part out.
     void setLogAddress(std::string_view address);
 
     bool isExcluded(std::string_view file, int32_t line) const;
@@ -92,72 +80,49 @@ public:
     // Whether a failure of the kind stops the process.
     bool aborts(FailureKind kind) const;
 
-    // Takes the failure into its record and sends what is due. The message that is reported is the latest; the
-    // backtrace is the first's, of the calling thread.
+    // Counts the failure, then sends every pending record. The report has the latest message, and the backtrace of the
+    // first failure, taken on the calling thread. If another thread is sending, returns at once; but a failure that
+    // stops the process waits up to a second for that thread.
     void report(const Failure& failure);
 
-    // Sends all that is not yet reported, whatever the period and the collector's state. At the end of the program.
+    // Sends every pending record; waits for another thread that is sending like a failure that stops the process.
     void sendPending();
 
     // Sends the request for logs to this machine's own log agent, 127.0.0.1 at the collector's port. Without a socket
-    // nothing is sent, which is told at WARN.
+    // logs WARN and sends nothing.
     void requestSendLogs(std::string_view file, std::string_view line);
 
     size_t recordCount() const;
 
 private:
-    struct Record {
-        FailureKind kind;
-        std::string file;
-        int32_t line;
-        std::string condition;
-        std::string message;
-        std::string backtrace;
-        int32_t level;
-        uint64_t occurrences = 0;
-        uint64_t reported = 0;
-        uint64_t nextReportMs = 0;
-        bool traced = false;
-        bool toldTooLarge = false;
+    enum class Wait { No, Yes };
 
-        bool isOf(const Failure& failure) const {
-            return line == failure.line && kind == failure.kind && file == failure.file;
-        }
-    };
-
-    enum class Pass { Due, All };
-    enum class Sent { Yes, TooLarge, No };
-
-    Record* find(const Failure& failure) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
-    Record* recordOf(const Failure& failure) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
-    bool wantsTrace(const Failure& failure);
+    static std::optional<sockaddr_in> collectorOf(const TestSettings& settings);
+    bool wantsTrace(const Failure& failure) const;
     static std::string trace();
-    bool take(const Failure& failure, bool isTraced, std::string backtrace);
-    void send(Pass pass);
-    std::vector<Record> takeUnreported(Pass pass) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
-    bool sendEach(const std::vector<Record>& records);
-    Sent sendOne(const Record& record);
-    void settle(const Record& record, Sent sent);
-    [[nodiscard]] bool openSocket();
+    bool hasPending() const;
+    bool hasPendingLocked() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
+    bool isAllReported() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex) { return !hasPendingLocked(); }
+    void send(Wait wait);
+    bool sendEach() ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_sendMutex);
+    std::string documentOf(const FailureRecord& record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
+    bool sendDocument(const std::string& document, const sockaddr_in& collector)
+        ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_sendMutex);
 
-    const Clock m_clock;
+    const std::function<int32_t()> m_utcSeconds;
 
+    // Held while documents are built and sent, so that failures on several threads give whole documents one after
+    // another. Sending may log, so nobody waits for this lock: see send().
+    absl::Mutex m_sendMutex ABSL_ACQUIRED_BEFORE(m_mutex);
+    Udp4Socket m_socket ABSL_GUARDED_BY(m_sendMutex);
+
+    // Never held while something is called that may log.
     mutable absl::Mutex m_mutex;
     TestSettings m_settings ABSL_GUARDED_BY(m_mutex);
+    std::optional<sockaddr_in> m_collector ABSL_GUARDED_BY(m_mutex); // none: the address is not one
     AssertExclusions m_exclusions ABSL_GUARDED_BY(m_mutex);
-    bool m_settingsFound ABSL_GUARDED_BY(m_mutex) = false;
-    bool m_exclusionsFound ABSL_GUARDED_BY(m_mutex) = false;
     ReportSource m_source ABSL_GUARDED_BY(m_mutex);
-    std::vector<Record> m_records ABSL_GUARDED_BY(m_mutex);
-    bool m_toldFull ABSL_GUARDED_BY(m_mutex) = false;
-    bool m_addressRefused ABSL_GUARDED_BY(m_mutex) = false;
-    uint64_t m_retryMs ABSL_GUARDED_BY(m_mutex) = 0;    // 0: the last sending went well
-    uint64_t m_nextSendMs ABSL_GUARDED_BY(m_mutex) = 0; // not tried again before
-    // The right to send, with m_socket, which one thread has at a time, so that no lock is needed while it calls
-    // others.
-    bool m_sending ABSL_GUARDED_BY(m_mutex) = false;
-
-    Udp4Socket m_socket; // of the thread that has the right to send
+    FailureRecords m_records ABSL_GUARDED_BY(m_mutex);
 };
 
 } // namespace NS_CORE

@@ -84,7 +84,7 @@ QUORKERI_FAULTS void divideByZero() {
 }
 
 [[gnu::noinline]] void failCheckWithStop() {
-    NS_CORE::Assert::setFailureHandler(
+    NS_CORE::Assert::installFailureHandler(
         [](const char*, std::string_view, int32_t, int32_t, const std::string&) { return true; });
     static_cast<void>(CHECKF(std::getenv("PATH") == nullptr, ""));
 }

@@ -13,14 +13,33 @@ namespace {
 
 std::mutex g_mutex;
 std::vector<FailedCheck> g_failures;
+size_t g_read = 0; // how many of them the test has seen
 std::atomic<bool> g_stop{false};
+std::atomic<int> g_expectations{0};
 NS_CORE::Assert::FailureHandler g_previous = nullptr;
+
+FailedCheck checkOf(const char* expression, std::string_view file, int32_t line, int32_t level,
+                    const std::string& message) {
+    return {expression ? expression : "(null)", std::string(file), line, level, message};
+}
 
 bool record(const char* expression, std::string_view file, int32_t line, int32_t level, const std::string& message) {
     const std::lock_guard lock(g_mutex);
-    g_failures.push_back({expression ? expression : "(null)", std::string(file), line, level, message});
+    g_failures.push_back(checkOf(expression, file, line, level, message));
     return g_stop;
 }
+
+bool failTest(const char* expression, std::string_view file, int32_t line, int32_t level, const std::string& message) {
+    if (g_expectations == 0)
+        ADD_FAILURE() << "unexpected failed check: "
+                      << testing::PrintToString(checkOf(expression, file, line, level, message));
+    return NS_CORE::Assert::failDefault(expression, file, line, level, message);
+}
+
+// For each test anew, because tests of the logger's end leave the quiet handler behind.
+class InstallForEachTest : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo&) override { NS_CORE::Assert::installFailureHandler(&failTest); }
+};
 
 } // namespace
 
@@ -28,11 +47,26 @@ HookRecorder::HookRecorder() {
     clear();
     g_stop = false;
     g_previous = NS_CORE::Assert::failureHandler();
-    NS_CORE::Assert::setFailureHandler(&record);
+    NS_CORE::Assert::installFailureHandler(&record);
 }
 
 HookRecorder::~HookRecorder() {
-    NS_CORE::Assert::setFailureHandler(g_previous);
+    NS_CORE::Assert::installFailureHandler(g_previous);
+    const std::lock_guard lock(g_mutex);
+    for (; g_read < g_failures.size(); ++g_read)
+        ADD_FAILURE() << "failed check that the test has not read: " << testing::PrintToString(g_failures[g_read]);
+}
+
+ExpectFailedChecks::ExpectFailedChecks() {
+    ++g_expectations;
+}
+
+ExpectFailedChecks::~ExpectFailedChecks() {
+    --g_expectations;
+}
+
+void failTestsOnFailedChecks() {
+    testing::UnitTest::GetInstance()->listeners().Append(new InstallForEachTest);
 }
 
 void HookRecorder::answerStop(bool stop) {
@@ -41,6 +75,7 @@ void HookRecorder::answerStop(bool stop) {
 
 std::vector<FailedCheck> HookRecorder::failures() const {
     const std::lock_guard lock(g_mutex);
+    g_read = g_failures.size();
     return g_failures;
 }
 
@@ -53,6 +88,7 @@ FailedCheck HookRecorder::single() const {
 void HookRecorder::clear() {
     const std::lock_guard lock(g_mutex);
     g_failures.clear();
+    g_read = 0;
 }
 
 void PrintTo(const FailedCheck& check, std::ostream* out) {

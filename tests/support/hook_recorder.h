@@ -17,7 +17,8 @@ struct FailedCheck {
     bool operator==(const FailedCheck&) const = default;
 };
 
-// Stands in for the process's failure handler while it lives, and keeps what it is told. Thread-safe; one at a time.
+// Replaces the process's failure handler while it lives, and keeps the failed checks. The test reads them: those that
+// it has not read when the recorder ends fail it. Thread-safe; one at a time.
 class HookRecorder {
 public:
     HookRecorder();
@@ -25,7 +26,7 @@ public:
     HookRecorder(const HookRecorder&) = delete;
     HookRecorder& operator=(const HookRecorder&) = delete;
 
-    // What the hook answers from now on: true stops the process (for death tests).
+    // What the hook returns from now on: true stops the process (for death tests).
     void answerStop(bool stop);
 
     std::vector<FailedCheck> failures() const;
@@ -35,6 +36,19 @@ public:
 
     void clear();
 };
+
+// While one lives, checks may fail and are handled as in the product.
+class ExpectFailedChecks {
+public:
+    ExpectFailedChecks();
+    ~ExpectFailedChecks();
+    ExpectFailedChecks(const ExpectFailedChecks&) = delete;
+    ExpectFailedChecks& operator=(const ExpectFailedChecks&) = delete;
+};
+
+// Makes every test of this program fail in which a check fails while there is neither a HookRecorder nor an
+// ExpectFailedChecks. Call it once, before the tests run.
+void failTestsOnFailedChecks();
 
 // Readable in test failures.
 void PrintTo(const FailedCheck& check, std::ostream* out);

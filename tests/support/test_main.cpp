@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
 
 // Every test program's: it may be its own child.
 int main(int argc, char** argv) {
     if (const std::optional<int> exitCode = test::runAsChild(argc, argv)) return *exitCode;
     testing::InitGoogleTest(&argc, argv);
+    test::failTestsOnFailedChecks();
     return RUN_ALL_TESTS();
 }
 

@@ -362,14 +362,11 @@ class SettingsTest(InstalledTest):
         self.write(b"[nonsense]\n" + b"# " + b"x" * 997 + b"\n")
         for name in ("testing.ini", "assert.exclude"):
             os.truncate(self.root / "settings" / name, 100 << 20)
-        self.expect_running("NS_CORE::TestInterface::loadIni - unhandled section 'nonsense'",
-                            "'settings/testing.ini' is larger than 65536 bytes, the rest is ignored",
-                            "'settings/assert.exclude' is larger than 65536 bytes, the rest is ignored")
+        self.expect_running("NS_CORE::TestInterface::loadIni - unhandled section 'nonsense'")
 
     def test_no_text_at_all(self):
         self.write(random.Random(7).randbytes(300_000))
-        self.expect_running("is larger than 65536 bytes, the rest is ignored")
-        self.assertLess(len(self.log()), 100_000)
+        self.expect_running()
 
     def test_files_that_were_cut_while_they_were_written(self):
         (self.root / "settings" / "testing.ini").write_text("[general]\nsend_port 25001\n[assert]\nsend ena")

@@ -344,6 +344,7 @@ TEST_F(RunningServiceTest, ControlsAfterTheEndReportNothing) {
     EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop",
                                           "INFO UTL::Service::controlHandler - SERVICE_CONTROL_INTERROGATE",
                                           "INFO UTL::Service::controlHandler - SERVICE_CONTROL_PAUSE"}));
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 166, 0, ""}));
     EXPECT_EQ(m_host->status().currentState, ServiceState::Stopped);
 }
 

@@ -16,7 +16,7 @@ bool isDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
-// "YYYY-MM-DD" with a month and a day that a calendar has. As such texts sort like their days, nothing more is needed.
+// "YYYY-MM-DD" with a month from 01 to 12 and a day from 01 to 31. Such texts sort like the days that they name.
 bool isDay(std::string_view date) {
     if (date.size() != 10 || date[4] != '-' || date[7] != '-') return false;
     for (const uint32_t position : {0U, 1U, 2U, 3U, 5U, 6U, 8U, 9U}) {
@@ -27,7 +27,7 @@ bool isDay(std::string_view date) {
     return month >= "01" && month <= "12" && day >= "01" && day <= "31";
 }
 
-// "Nov  5 2019" -> "2019-11-05". Empty, so that nothing has passed, for a date of another form.
+// "Nov  5 2019" -> "2019-11-05". Empty for a date of another form; then every entry applies.
 std::string dayOfBuild(std::string_view buildDate) {
     const std::vector<std::string_view> parts = settingsTokens(buildDate);
     if (parts.size() != 3) return {};
@@ -37,19 +37,11 @@ std::string dayOfBuild(std::string_view buildDate) {
     return formatString("%s-%02d-%02d", parts[2], month / 3 + 1, *day);
 }
 
-// Line first: most comparisons are then of two numbers. Lets the list be searched for a name that is not a string of
-// its own.
+// By unit, then line. Compares views, so that a search needs no copy of the name.
 struct InOrder {
-    using Place = std::pair<int32_t, std::string>;
-    using Sought = std::pair<int32_t, std::string_view>;
-    static bool isBefore(int32_t line, std::string_view unit, int32_t otherLine, std::string_view otherUnit) {
-        return line != otherLine ? line < otherLine : unit < otherUnit;
-    }
-    bool operator()(const Place& place, const Sought& sought) const {
-        return isBefore(place.first, place.second, sought.first, sought.second);
-    }
-    bool operator()(const Sought& sought, const Place& place) const {
-        return isBefore(sought.first, sought.second, place.first, place.second);
+    template <class First, class Second>
+    bool operator()(const First& first, const Second& second) const {
+        return std::pair<std::string_view, int32_t>(first) < std::pair<std::string_view, int32_t>(second);
     }
 };
 
@@ -57,7 +49,7 @@ struct InOrder {
 
 AssertExclusions::AssertExclusions(std::string_view buildDate) : m_buildDay(dayOfBuild(buildDate)) {}
 
-void AssertExclusions::takeLine(std::string_view line) {
+void AssertExclusions::addLine(std::string_view line) {
     const std::vector<std::string_view> tokens = settingsTokens(line);
     if (tokens.size() < 3 || tokens[0].starts_with('#')) return;
     const std::optional<int32_t> number = settingsNumber(tokens[1]);
@@ -66,17 +58,19 @@ void AssertExclusions::takeLine(std::string_view line) {
         ++m_malformedDates;
     } else if (tokens[2] < m_buildDay) {
         ++m_passedDates;
+    } else if (m_places.size() >= kMaxPlaces) {
+        ++m_tooMany;
     } else {
-        m_places.emplace_back(*number, tokens[0]);
+        m_places.emplace_back(tokens[0], *number);
     }
 }
 
 void AssertExclusions::finish() {
-    std::sort(m_places.begin(), m_places.end());
+    std::sort(m_places.begin(), m_places.end(), InOrder());
 }
 
 bool AssertExclusions::contains(std::string_view unit, int32_t line) const {
-    return std::binary_search(m_places.begin(), m_places.end(), InOrder::Sought(line, unit), InOrder());
+    return std::binary_search(m_places.begin(), m_places.end(), std::pair(unit, line), InOrder());
 }
 
 } // namespace NS_CORE

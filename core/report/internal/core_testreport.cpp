@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view kDeclaration = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n";
 
-// Empty for a character that stands for itself.
+// Empty for a character that needs no entity.
 constexpr std::string_view entityOf(char character) {
     switch (character) {
         case '<':
@@ -35,7 +35,7 @@ constexpr std::array<bool, 256> kHasEntity = [] {
     return table;
 }();
 
-// A backtrace has thousands of characters and few that are special: by runs, and one look-up each.
+// A backtrace has thousands of characters and few that need an entity, so this copies whole runs between them.
 void appendEscaped(std::string& out, std::string_view text) {
     const char* run = text.data();
     const char* const end = run + text.size();
@@ -48,12 +48,11 @@ void appendEscaped(std::string& out, std::string_view text) {
     out.append(run, end);
 }
 
-// An element's tags are written as one piece with what stands between two texts.
 void append(std::string& out, std::initializer_list<std::string_view> parts) {
     for (const std::string_view part : parts) out += part;
 }
 
-// What a document takes beside the report's own texts: tags, numbers, and some characters that become entities.
+// An estimate of the bytes beside the report's own texts: tags, numbers and some entities.
 constexpr size_t kRoomForTags = 700;
 
 } // namespace
@@ -70,7 +69,7 @@ std::string assertDocument(const FailureReport& report, const ReportSource& sour
                      report.backtrace.size() + source.server.size() + source.product.size() +
                      source.softwareVersion.size() + source.hostName.size() + source.os.size() + source.buildId.size() +
                      source.buildTime.size() + source.logAddress.size());
-    // There is no line break behind type, message and backtrace: collectors know the documents like this.
+    // No line break follows type, message and backtrace: this is the format that collectors know.
     append(document, {kDeclaration, "<assert>\n  <type>", report.kind == FailureKind::Assertion ? "ASSERT" : "ALERT",
                       "</type>  <file>"});
     appendEscaped(document, report.file);

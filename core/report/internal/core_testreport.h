@@ -4,13 +4,13 @@
 #include <string>
 #include <string_view>
 
+#include "core/report/core_failuredefault.h"
+
 namespace NS_CORE {
 
-// The documents that go to the collector. Pure functions; the same bytes on every platform.
+// The documents that go to the collector. Pure functions: the same bytes on every platform.
 
-enum class FailureKind : uint32_t { Assertion, Alert };
-
-// What every report of this process says of it. All texts are ready to be written (escapedXml).
+// What is the same in every report of this process. All texts are ready to be written (escapedXml).
 struct ReportSource {
     std::string server;
     std::string product;
@@ -19,7 +19,7 @@ struct ReportSource {
     std::string os;
     std::string buildId;
     std::string buildTime;
-    std::string logAddress; // empty: not written
+    std::string logAddress; // empty: the element is left out
 };
 
 // One report of a failure. The texts are written escaped.
@@ -31,19 +31,18 @@ struct FailureReport {
     std::string_view message;
     std::string_view backtrace;
     int32_t level;
-    uint64_t count; // not reported before
+    uint64_t count; // occurrences since the last report
     uint64_t total;
     int32_t utc; // seconds since 1970
     bool aborts;
 };
 
-// The text with <, >, &, ' and " as entities. Nothing else is changed, so control characters and bytes that are not
-// UTF-8 go out as they are.
+// Replaces <, >, &, ' and " by entities and nothing else: control characters and bytes that are not UTF-8 stay.
 std::string escapedXml(std::string_view text);
 
 std::string assertDocument(const FailureReport& report, const ReportSource& source);
 
-// Asks for this machine's log files. `line` is free text.
+// The document that asks for this machine's log files. `line` is free text; `server` is written as it is.
 std::string logRequestDocument(std::string_view file, std::string_view line, std::string_view server);
 
 // A stack trace between the lines that mark it.

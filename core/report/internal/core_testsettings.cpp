@@ -39,7 +39,7 @@ std::optional<int32_t> numberWithin(std::string_view value, int32_t lowest, int3
 
 } // namespace
 
-void TestSettingsParser::takeLine(std::string_view line) {
+void TestSettingsParser::addLine(std::string_view line) {
     const std::vector<std::string_view> tokens = settingsTokens(line);
     if (tokens.empty()) return;
     const std::string_view key = tokens[0];
@@ -52,14 +52,14 @@ void TestSettingsParser::takeLine(std::string_view line) {
     if (value == "default") return;
     switch (m_section) {
         case Section::General:
-            if (tokens.size() > 1) takeGeneral(key, value);
+            if (tokens.size() > 1) applyGeneral(key, value);
             break;
         case Section::Assert:
         case Section::Alert:
-            takeAction(key, value);
+            applyAction(key, value);
             break;
         case Section::None:
-        case Section::Unknown: // told at its header, once for all its lines
+        case Section::Unknown: // its header has logged a warning
             break;
     }
 }
@@ -74,11 +74,11 @@ void TestSettingsParser::beginSection(std::string_view name) {
         m_section = Section::Alert;
     } else {
         m_section = Section::Unknown;
-        if (mayComplain()) MLOG(Warn, kFunction, "unhandled section '%s'", name);
+        MLOG(Warn, kFunction, "unhandled section '%s'", name);
     }
 }
 
-void TestSettingsParser::takeGeneral(std::string_view key, std::string_view value) {
+void TestSettingsParser::applyGeneral(std::string_view key, std::string_view value) {
     if (key == "send_address") {
         m_settings.sendAddress = value;
     } else if (key == "send_port") {
@@ -89,16 +89,16 @@ void TestSettingsParser::takeGeneral(std::string_view key, std::string_view valu
         // Levels 2 and 3 are those of old files; the checks that they switched on are gone.
         if (numberWithin(value, 1, 3)) m_settings.assertLevel = 1;
     } else {
-        complainAboutKey(key);
+        warnAboutKey(key);
     }
 }
 
-void TestSettingsParser::takeAction(std::string_view key, std::string_view value) {
+void TestSettingsParser::applyAction(std::string_view key, std::string_view value) {
     for (const ActionKey& action : kActionKeys) {
         if (key != action.name) continue;
         const std::optional<bool> truth = truthOf(value);
         if (!truth) {
-            complainAboutAction(key, value, action.place);
+            warnAboutAction(key, value, action.place);
             return;
         }
         const uint32_t bit = m_section == Section::Assert ? action.assertBit : action.alertBit;
@@ -107,32 +107,24 @@ void TestSettingsParser::takeAction(std::string_view key, std::string_view value
             m_settings.actionFlags &= ~bit;
             return;
         }
-        // To choose what happens after a failure means to go on after it, in both sections. That even `abort true`
-        // does not abort is how these files have always worked; only code sets the abort bits.
+        // Choosing what happens after a failure means that the process goes on after it, in both sections. Even
+        // `abort true` has always worked like this; only code sets the abort bits.
         m_settings.actionFlags &= ~kBothAborts;
         if (!isAbort) m_settings.actionFlags |= bit;
         return;
     }
-    complainAboutKey(key);
+    warnAboutKey(key);
 }
 
-void TestSettingsParser::complainAboutKey(std::string_view key) {
-    if (mayComplain()) MLOG(Warn, kFunction, "unhandled val '%s' in section '%s'", key, m_sectionName);
+void TestSettingsParser::warnAboutKey(std::string_view key) {
+    MLOG(Warn, kFunction, "unhandled val '%s' in section '%s'", key, m_sectionName);
 }
 
-void TestSettingsParser::complainAboutAction(std::string_view key, std::string_view value, int32_t place) {
-    if (!mayComplain()) return;
+void TestSettingsParser::warnAboutAction(std::string_view key, std::string_view value, int32_t place) {
     if (m_section == Section::Assert)
         MasterLogger::logAt(LogLevel::Warn, "core_testinterface", place);
     else
         MLOG(Warn, kFunction, "bad value '%s' of '%s' in section '%s'", value, key, m_sectionName);
-}
-
-bool TestSettingsParser::mayComplain() {
-    if (m_complaints > kMaxComplaints) return false;
-    if (++m_complaints <= kMaxComplaints) return true;
-    MLOG(Warn, kFunction, "too much that is not understood, the rest is not told");
-    return false;
 }
 
 } // namespace NS_CORE

@@ -605,7 +605,7 @@ TEST(LogGlobals, InstallTheDefaultsAndTakeEverythingOutAtTheirEnd) {
     EXPECT_EQ(seen, (Lines{"NORM A::b - kept", "WARN A::b - x", "WARN A::b - x [1 times in 0 seconds]",
                            "WARN A::b - x [1 times in 0 seconds]"}));
     EXPECT_EQ(Assert::failureHandler(), &Assert::failQuiet);
-    Assert::setFailureHandler(&Assert::failDefault);
+    Assert::installFailureHandler(&Assert::failDefault);
 }
 
 // Logs when this unit's statics are destroyed, before the logger's own or after them.

@@ -8,7 +8,7 @@ namespace {
 
 AssertExclusions read(std::initializer_list<std::string_view> lines, std::string_view buildDate = "Nov 20 2019") {
     AssertExclusions exclusions(buildDate);
-    for (const std::string_view line : lines) exclusions.takeLine(line);
+    for (const std::string_view line : lines) exclusions.addLine(line);
     exclusions.finish();
     return exclusions;
 }
@@ -24,6 +24,7 @@ TEST(AssertExclusions, AreFoundByUnitAndLineBothExactly) {
     EXPECT_TRUE(exclusions.contains("core_time", 100));
     EXPECT_TRUE(exclusions.contains("zzz", -1));
     EXPECT_FALSE(exclusions.contains("utl_service", 40));
+    EXPECT_FALSE(exclusions.contains("core_time", 41)) << "a line of another unit";
     EXPECT_FALSE(exclusions.contains("utl_service", 7));
     EXPECT_FALSE(exclusions.contains("utl_servic", 41));
     EXPECT_FALSE(exclusions.contains("utl_service_win32", 41));

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <algorithm>
-
 #include "tests/core/report/testinterface_fixture.h"
 
 // Faults as this system makes them.
@@ -22,36 +20,30 @@ private:
     rlimit m_before;
 };
 
-bool hasLine(const Strings& lines, const std::string& line) {
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-TEST_F(TestInterfaceTest, TellsThatTheSocketCannotBeCreatedAndKeepsTheFailures) {
+TEST_F(TestInterfaceTest, LogsThatTheSocketCannotBeCreatedAndKeepsTheFailures) {
     configure();
     {
         const NoDescriptors none;
         fail(1);
-        EXPECT_TRUE(hasLine(log.lines(), "WARN TestInterface:sendAsserts - failed creating socket"));
-        const size_t told = log.lines().size();
-        for (int i = 0; i < 1000; ++i) fail(1);
-        EXPECT_EQ(log.lines().size(), told);
+        fail(2);
+        EXPECT_EQ(countOf("WARN TestInterface:sendAsserts - failed creating socket"), 2U);
     }
-    nowMs += TestInterface::kFirstRetryMs;
     fail(1);
-    EXPECT_EQ(collector.receive().bytes, document(1, 1002, 1002));
+    EXPECT_EQ(collector.receive().bytes, document(1, 2, 2));
+    EXPECT_EQ(collector.receive().bytes, document(2, 1, 1));
 }
 
-TEST_F(TestInterfaceTest, TellsThatLogsCannotBeRequestedWithoutASocket) {
+TEST_F(TestInterfaceTest, LogsThatLogsCannotBeRequestedWithoutASocket) {
     configure();
     {
         const NoDescriptors none;
         interface.requestSendLogs("a", "1");
     }
-    EXPECT_TRUE(hasLine(log.lines(), "WARN TestInterface:requestSendLogs - d_socket is null\n"));
+    EXPECT_EQ(countOf("WARN TestInterface:requestSendLogs - d_socket is null\n"), 1U);
     expectNoMore();
 }
 
-TEST_F(TestInterfaceTest, GoesOnWithTheDefaultsWhereTheSettingsCannotBeRead) {
+TEST_F(TestInterfaceTest, LogsSettingsThatCannotBeRead) {
     std::filesystem::create_directory(dir.path() / "settings" / "testing.ini");
     EXPECT_TRUE(interface.loadIni());
     EXPECT_EQ(interface.settings(), NS_CORE::TestSettings());

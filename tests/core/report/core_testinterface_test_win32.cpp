@@ -3,28 +3,20 @@
 
 #include <windows.h>
 
-#include <algorithm>
-
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/core/report/testinterface_fixture.h"
 
 // Faults as this system makes them.
 namespace {
 
-bool hasLine(const Strings& lines, const std::string& line) {
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-TEST_F(TestInterfaceTest, TellsThatTheSocketCannotBeCreated) {
+TEST_F(TestInterfaceTest, LogsThatTheSocketCannotBeCreatedAndKeepsTheFailures) {
     configure();
     ASSERT_EQ(::WSACleanup(), 0);
     fail(1);
-    EXPECT_TRUE(hasLine(log.lines(), "WARN TestInterface:sendAsserts - failed creating socket"));
-    const size_t told = log.lines().size();
-    for (int i = 0; i < 1000; ++i) fail(1);
-    EXPECT_EQ(log.lines().size(), told);
+    fail(2);
+    EXPECT_EQ(countOf("WARN TestInterface:sendAsserts - failed creating socket"), 2U);
     interface.requestSendLogs("a", "1");
-    EXPECT_TRUE(hasLine(log.lines(), "WARN TestInterface:requestSendLogs - d_socket is null\n"));
+    EXPECT_EQ(countOf("WARN TestInterface:requestSendLogs - d_socket is null\n"), 1U);
     NS_CORE::WinsockInit();
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -21,14 +22,13 @@ using NS_CORE::TestInterface;
 using Strings = std::vector<std::string>;
 namespace TestAction = NS_CORE::TestAction;
 
-// A test interface with a clock of its own, in a working directory of its own, and a collector for it.
+// A test interface in a working directory of its own, and a collector for it.
 struct TestInterfaceTest : testing::Test {
     test::TempDir dir;
     std::filesystem::path before = std::filesystem::current_path();
     test::LogRecorder log;
     test::UdpReceiver collector;
-    uint64_t nowMs = 1'000'000;
-    TestInterface interface{{[this] { return nowMs; }, [] { return 1'574'262'224; }}};
+    TestInterface interface{[] { return 1'574'262'224; }};
 
     TestInterfaceTest() {
         NS_CORE::setProductIdentifier("rav<elin");
@@ -37,7 +37,8 @@ struct TestInterfaceTest : testing::Test {
     }
     ~TestInterfaceTest() override { std::filesystem::current_path(before); }
 
-    void writeIni(const std::string& rest) { test::writeFile(dir.path() / "settings" / "testing.ini", rest); }
+    void writeIni(const std::string& text) { test::writeFile(dir.path() / "settings" / "testing.ini", text); }
+    void writeExclusions(const std::string& text) { test::writeFile(dir.path() / "settings" / "assert.exclude", text); }
 
     std::string general() const {
         return "[general]\nsend_address 127.0.0.1\nsend_port " + std::to_string(collector.port()) + "\n";
@@ -51,6 +52,11 @@ struct TestInterfaceTest : testing::Test {
 
     void fail(int32_t line, const std::string& message = "m", FailureKind kind = FailureKind::Assertion) {
         interface.report({kind, "a < b", "core_x", line, 1, message});
+    }
+
+    size_t countOf(const std::string& logged) const {
+        const Strings lines = log.lines();
+        return static_cast<size_t>(std::count(lines.begin(), lines.end(), logged));
     }
 
     // What the collector has to get for that.
@@ -71,7 +77,7 @@ struct TestInterfaceTest : testing::Test {
                NS_CORE::buildTime() + "</build_time>\n  <action>" + action + "</action>\n" + logUrl + "</assert>";
     }
 
-    // That nothing else has come: the next datagram is the one sent here.
+    // Fails when another datagram has come: the next one is the one sent here.
     void expectNoMore() {
         NS_CORE::Udp4Socket socket;
         ASSERT_TRUE(socket.open(0, NS_CORE::kAnyAddress));

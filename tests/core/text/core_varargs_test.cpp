@@ -521,7 +521,7 @@ bool formatWrongly(const char*, std::string_view, int32_t, int32_t, const std::s
 }
 
 TEST(VarargsRepair, HandlerWithAWrongFormatDoesNotRecurseForEver) {
-    Assert::setFailureHandler(&formatWrongly);
+    Assert::installFailureHandler(&formatWrongly);
     for (int round = 1; round <= 2; ++round) {
         g_calls = 0;
         EXPECT_EQ(formatString("%d!", "text"), "0!");
