@@ -113,6 +113,7 @@ public:
 
     // Appends `text`, a part of the format that ends at `end`, up to its first '%', and returns where it stopped.
     const char* appendUntilPercent(const char* text, const char* end) {
+        if (text == end || *text == '%') return text;
         size_t left = static_cast<size_t>(end - text);
         if (left > room()) [[unlikely]]
             makeRoom(left);
@@ -356,9 +357,7 @@ void writeFloating(Output& out, const FormatSpec& spec, double value) {
     char buffer[kMaxFloatingLength + 1];
     const int length = std::snprintf(buffer, sizeof buffer, conversion, std::min(spec.precision, kMaxPrecision), value);
     if (length <= 0) return;
-    FormatSpec text = spec;
-    text.precision = -1;
-    writeText(out, text, buffer, std::min(static_cast<size_t>(length), sizeof buffer - 1));
+    writePadded(out, spec, buffer, std::min(static_cast<size_t>(length), kMaxFloatingLength));
 }
 
 bool isIntegerConversion(int32_t conversion) {

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "core/check/core_assert.h"
@@ -85,19 +86,12 @@ static_assert(!Formats<int, const char*, bool>);
 // Text between the conversions.
 
 TEST_F(Varargs, CopiesTextAndPercentSigns) {
-    EXPECT_EQ(formatString(""), "");
-    EXPECT_EQ(formatString("plain"), "plain");
+    EXPECT_EQ(formatString("") + "|" + formatString("plain") + "|" + formatString("%%"), "|plain|%");
     EXPECT_EQ(formatString("%d%%", 5), "5%");
-    EXPECT_EQ(formatString("%%"), "%");
     EXPECT_EQ(formatString("%%%%d"), "%%d");
     EXPECT_EQ(formatString("%%%d%%%%%d", 1, 2), "%1%%2");
-}
-
-TEST_F(Varargs, LonePercentAtTheEndIsWritten) {
-    EXPECT_EQ(formatString("100%"), "100%");
-    EXPECT_EQ(formatString("%"), "%");
-    EXPECT_EQ(formatString("%%%"), "%%");
-    EXPECT_EQ(formatString("%d%", 5), "5%");
+    // A lone one at the end.
+    EXPECT_EQ(formatString("100%") + "|" + formatString("%") + "|" + formatString("%%%"), "100%|%|%%");
 }
 
 // The format in memory of exactly its size, so that the sanitizer sees a read behind it.
@@ -130,124 +124,79 @@ TEST_F(Varargs, TextNextToAPercentSignInValueIsNotTakenForOne) {
     }
 }
 
+TEST_F(Varargs, WritesTextOfEveryLength) {
+    // In memory of exactly its size as well.
+    for (size_t length = 0; length < 300; ++length) {
+        const std::vector<char> text(length, 't');
+        const std::string_view view(text.data(), text.size());
+        EXPECT_EQ(formatString("%s", view), view);
+        EXPECT_EQ(formatString("<%s>%s", view, view), "<" + std::string(view) + ">" + std::string(view));
+    }
+}
+
 TEST_F(Varargs, AppendsToWhatIsThere) {
     std::string out = "before ";
     formatInto(out, "%d %s", 1, "two");
-    EXPECT_EQ(out, "before 1 two");
     formatInto(out, "");
     EXPECT_EQ(out, "before 1 two");
 }
 
-// Integers.
+// Integers. What is the same as in the C library has its tests below, against that library.
 
-TEST_F(Varargs, WritesSignedIntegers) {
-    EXPECT_EQ(formatString("%d %i", 0, -7), "0 -7");
-    EXPECT_EQ(formatString("%+d %+d %+d", 5, -5, 0), "+5 -5 +0");
-    EXPECT_EQ(formatString("% d|% d", 5, -5), " 5|-5");
-    EXPECT_EQ(formatString("%d", std::numeric_limits<int64_t>::min()), "-9223372036854775808");
-    EXPECT_EQ(formatString("%d", std::numeric_limits<int64_t>::max()), "9223372036854775807");
-    EXPECT_EQ(formatString("%d", std::numeric_limits<int32_t>::min()), "-2147483648");
-}
-
-TEST_F(Varargs, BlankSignWinsOverPlus) {
-    EXPECT_EQ(formatString("%+ d", 5), " 5");
-    EXPECT_EQ(formatString("% +d", 5), " 5");
-}
-
-TEST_F(Varargs, OnlySignedConversionsOfSignedValuesGetASign) {
-    EXPECT_EQ(formatString("%+d % d %+i", 5U, 5U, uint8_t{5}), "5 5 5");
-    EXPECT_EQ(formatString("%+u %+x % o", 5, 5, 5), "5 5 5");
+TEST_F(Varargs, SignsIntegers) {
+    EXPECT_EQ(formatString("%+d %+d %+d|% d|% d", 5, -5, 0, 5, -5), "+5 -5 +0| 5|-5");
+    EXPECT_EQ(formatString("%+ d|% +d", 5, 5), " 5| 5");
+    // Only signed conversions of signed values have one.
+    EXPECT_EQ(formatString("%+d % d %+i|%+u %+x % o", 5U, 5U, uint8_t{5}, 5, 5, 5), "5 5 5|5 5 5");
 }
 
 TEST_F(Varargs, PadsIntegers) {
-    EXPECT_EQ(formatString("%5d|%-5d|", 42, 42), "   42|42   |");
-    EXPECT_EQ(formatString("%5d|%-5d|", -42, -42), "  -42|-42  |");
-    EXPECT_EQ(formatString("%05d", -42), "-0042");
-    EXPECT_EQ(formatString("%02d", 7), "07");
-    EXPECT_EQ(formatString("%+05d % 05d", 42, 42), "+0042  0042");
-    EXPECT_EQ(formatString("%2d", 12345), "12345");
-    EXPECT_EQ(formatString("%300d|", 1), std::string(299, ' ') + "1|");
-    EXPECT_EQ(formatString("%0300d|", 1), std::string(299, '0') + "1|");
-}
-
-TEST_F(Varargs, ZeroPaddingWinsOverLeftJustify) {
-    EXPECT_EQ(formatString("%-05d|", 42), "00042|");
-    EXPECT_EQ(formatString("%0-5d|", 42), "00042|");
-}
-
-TEST_F(Varargs, PrecisionOfAnIntegerTakesTheWidthsPlaceWithZeros) {
-    EXPECT_EQ(formatString("%.3d", 7), "007");
-    EXPECT_EQ(formatString("%.3d", -7), "-07");
-    EXPECT_EQ(formatString("%8.3d", 5), "005");
-    EXPECT_EQ(formatString("%-8.3d|", 5), "005|");
+    EXPECT_EQ(formatString("%5d|%-5d|%5d|%-5d|", 42, 42, -42, -42), "   42|42   |  -42|-42  |");
+    EXPECT_EQ(formatString("%05d|%02d|%+05d|% 05d|%2d", -42, 7, 42, 42, 12345), "-0042|07|+0042| 0042|12345");
+    EXPECT_EQ(formatString("%300d|%0300d|", 1, 1), std::string(299, ' ') + "1|" + std::string(299, '0') + "1|");
+    // Zeros win over left-justify, and a precision takes the width's place, with zeros.
+    EXPECT_EQ(formatString("%-05d|%0-5d|", 42, 42), "00042|00042|");
+    EXPECT_EQ(formatString("%.3d|%.3d|%8.3d|%-8.3d|", 7, -7, 5, 5), "007|-07|005|005|");
     EXPECT_EQ(formatString("%.0d|%.d|%5.0d", 0, 0, 5), "0|0|    5");
+    EXPECT_EQ(formatString("%+0#+5d|%---#5d|", 42, 42), "+0042|42   |");
 }
 
 TEST_F(Varargs, WritesOctalAndHexadecimalWithoutPrefix) {
-    EXPECT_EQ(formatString("%#x", 255), "ff");
-    EXPECT_EQ(formatString("%X", 255), "FF");
-    EXPECT_EQ(formatString("%o %#o", 8, 8), "10 10");
-    EXPECT_EQ(formatString("%x %o", uint64_t{0}, 0), "0 0");
+    EXPECT_EQ(formatString("%#x %X %o %#o %x", 255, 255, 8, 8, uint64_t{0}), "ff FF 10 10 0");
     EXPECT_EQ(formatString("%o", std::numeric_limits<uint64_t>::max()), "1777777777777777777777");
-    EXPECT_EQ(formatString("%X", std::numeric_limits<uint64_t>::max()), "FFFFFFFFFFFFFFFF");
 }
 
 TEST_F(Varargs, NegativeValuesCountAtTheirOwnSize) {
-    EXPECT_EQ(formatString("%u %x", int8_t{-1}, int8_t{-1}), "255 ff");
-    EXPECT_EQ(formatString("%u %x", int16_t{-1}, int16_t{-1}), "65535 ffff");
-    EXPECT_EQ(formatString("%u %o", -1, -1), "4294967295 37777777777");
-    EXPECT_EQ(formatString("%u", int64_t{-1}), "18446744073709551615");
+    EXPECT_EQ(formatString("%u %x %u %x", int8_t{-1}, int8_t{-1}, int16_t{-1}, int16_t{-1}), "255 ff 65535 ffff");
+    EXPECT_EQ(formatString("%u %o %u", -1, -1, int64_t{-1}), "4294967295 37777777777 18446744073709551615");
 }
 
 TEST_F(Varargs, LengthModifiersMeanNothing) {
     EXPECT_EQ(formatString("%hhd %hd %ld %lld %jd %td %zd %Ld", 70000, 70000, 70000, 70000, 70000, 70000, 70000, 70000),
               "70000 70000 70000 70000 70000 70000 70000 70000");
-    EXPECT_EQ(formatString("%u %s %Lf", uint64_t{1} << 40, "text", 1.5), "1099511627776 text 1.500000");
-    EXPECT_EQ(formatString("%ls", "text"), "text");
-}
-
-TEST_F(Varargs, FlagsMayStandInAnyOrderAndNumber) {
-    EXPECT_EQ(formatString("%+0#+5d", 42), "+0042");
-    EXPECT_EQ(formatString("%---#5d|", 42), "42   |");
+    EXPECT_EQ(formatString("%u %ls %Lf", uint64_t{1} << 40, "text", 1.5), "1099511627776 text 1.500000");
 }
 
 // Characters.
 
 TEST_F(Varargs, WritesCharacters) {
-    EXPECT_EQ(formatString("%c%c", 'a', 66), "aB");
-    EXPECT_EQ(formatString("%3c|%-3c|", 'a', 'b'), "  a|b  |");
-    EXPECT_EQ(formatString("%03c", 'a'), "  a");
+    EXPECT_EQ(formatString("%c%c%c|%3c|%-3c|%03c", 'a', 66, '%', 'a', 'b', 'a'), "aB%|  a|b  |  a");
     EXPECT_EQ(formatString("%3c|%-3c|", 97U, uint8_t{98}), "  a|b  |");
-    EXPECT_EQ(formatString("%c", '%'), "%");
-}
-
-TEST_F(Varargs, NulCharacterWritesNothing) {
-    EXPECT_EQ(formatString("[%c]", '\0'), "[]");
-    EXPECT_EQ(formatString("[%5c]", '\0'), "[]");
-    EXPECT_EQ(formatString("[%c]", 0), "[]");
-}
-
-TEST_F(Varargs, WritesACharactersCode) {
+    EXPECT_EQ(formatString("[%c][%5c][%c]", '\0', '\0', 0), "[][][]");
     EXPECT_EQ(formatString("%d %i %u %o %x %X", 'A', 'A', 'A', 'A', 'z', 'z'), "65 65 65 101 7a 7A");
     EXPECT_EQ(formatString("%d %u %x", '\xff', '\xff', '\xff'), "-1 255 ff");
 }
 
 // Text.
 
-TEST_F(Varargs, PadsText) {
-    EXPECT_EQ(formatString("%5s", "ab"), "   ab");
-    EXPECT_EQ(formatString("%-5s|", "ab"), "ab   |");
-    EXPECT_EQ(formatString("%05s", "ab"), "   ab");
-    EXPECT_EQ(formatString("%1s", "ab"), "ab");
-    EXPECT_EQ(formatString("%5s|%-5s|", "", ""), "     |     |");
-}
-
-TEST_F(Varargs, PrecisionLimitsTextButZeroDoesNot) {
-    EXPECT_EQ(formatString("%.2s", "abc"), "ab");
-    EXPECT_EQ(formatString("%.0s", "abc"), "abc");
-    EXPECT_EQ(formatString("%.s", "abc"), "abc");
-    EXPECT_EQ(formatString("%5.2s|%-5.2s|", "abc", "abc"), "   ab|ab   |");
-    EXPECT_EQ(formatString("%.9s", "abc"), "abc");
+TEST_F(Varargs, PadsAndLimitsText) {
+    EXPECT_EQ(formatString("%5s|%-5s|%05s|%1s|%5s|%-5s|", "ab", "ab", "ab", "ab", "", ""),
+              "   ab|ab   |   ab|ab|     |     |");
+    // A precision of 0 is no limit.
+    EXPECT_EQ(formatString("%.2s|%.9s|%.0s|%.s|%5.2s|%-5.2s|", "abc", "abc", "abc", "abc", "abc", "abc"),
+              "ab|abc|abc|abc|   ab|ab   |");
+    // Beyond the greatest number; as a precision, because a width of that size would be written.
+    EXPECT_EQ(formatString("%.4294967298s|%.99999999999999999999999s", "abc", "abc"), "abc|abc");
 }
 
 TEST_F(Varargs, TakesEveryKindOfText) {
@@ -256,42 +205,24 @@ TEST_F(Varargs, TakesEveryKindOfText) {
     const std::string text = "string";
     EXPECT_EQ(formatString("%s %s %s %s %s", array, pointer, text, std::string_view("view!").substr(0, 4), "literal"),
               "array array string view literal");
-    EXPECT_EQ(formatString("[%s]", std::string_view()), "[]");
-    EXPECT_EQ(formatString("[%s]", std::string("a\0b", 3)), std::string("[a\0b]", 5));
+    EXPECT_EQ(formatString("[%s][%s]", std::string_view(), std::string("a\0b", 3)), std::string("[][a\0b]", 7));
+    EXPECT_EQ(formatString("%s|%8s|%-8s|%.3s|%5S", kNullText, kNullText, kNullText, kNullText, kNullText),
+              "(null)|  (null)|(null)  |(nu|(n...");
 }
 
-TEST_F(Varargs, NullTextIsWrittenAsSuch) {
-    EXPECT_EQ(formatString("%s", kNullText), "(null)");
-    EXPECT_EQ(formatString("%8s|%-8s|", kNullText, kNullText), "  (null)|(null)  |");
-    EXPECT_EQ(formatString("%.3s", kNullText), "(nu");
-    EXPECT_EQ(formatString("%5S", kNullText), "(n...");
-}
-
-TEST_F(Varargs, TruncatingTextEndsInDots) {
-    EXPECT_EQ(formatString("%6S", "abcdefgh"), "abc...");
-    EXPECT_EQ(formatString("%4S", "abcdefgh"), "a...");
-    EXPECT_EQ(formatString("%-6S|", "abcdefgh"), "abc...|");
-    EXPECT_EQ(formatString("%6S", std::string("abcdefgh")), "abc...");
-}
-
-TEST_F(Varargs, TruncatingTextIsNotPadded) {
-    EXPECT_EQ(formatString("%6S|", "ab"), "ab|");
-    EXPECT_EQ(formatString("%6S|", "abcdef"), "abcdef|");
-    EXPECT_EQ(formatString("%S|", "abcdef"), "abcdef|");
-    EXPECT_EQ(formatString("%.2S|%6.2S|", "abcdef", "abcdef"), "ab|ab|");
+TEST_F(Varargs, TruncatingTextEndsInDotsAndIsNotPadded) {
+    EXPECT_EQ(formatString("%6S|%4S|%-6S|%6S", "abcdefgh", "abcdefgh", "abcdefgh", std::string("abcdefgh")),
+              "abc...|a...|abc...|abc...");
+    EXPECT_EQ(formatString("%6S|%6S|%S|%.2S|%6.2S|", "ab", "abcdef", "abcdef", "abcdef", "abcdef"),
+              "ab|abcdef|abcdef|ab|ab|");
     // The whole text counts against the width, whatever the precision.
     EXPECT_EQ(formatString("%5.2S|", "abcdef"), "ab...|");
 }
 
 TEST_F(Varargs, TruncatingWithoutRoomForDotsIsAnAssertionOfLevelOne) {
-    EXPECT_EQ(formatString("%2S", "abcdefgh"), "ab");
-    EXPECT_EQ(formatString("%1S", "abcdefgh"), "a");
-    EXPECT_EQ(formatString("%3S", "abcdefgh"), "abc");
+    EXPECT_EQ(formatString("%2S|%1S|%3S", "abcdefgh", "abcdefgh", "abcdefgh"), "ab|a|abc");
     m_expected = Failures(3, {"false", "core_varargs", 64, 1, ""});
     EXPECT_EQ(m_hook.failures(), m_expected);
-
-    m_hook.clear();
-    m_expected.clear();
     Assert::setLevel(0);
     EXPECT_EQ(formatString("%2S", "abcdefgh"), "ab");
     Assert::setLevel(1);
@@ -305,60 +236,40 @@ T* pointerTo(uintptr_t address) {
 }
 
 TEST_F(Varargs, WritesPointers) {
-    EXPECT_EQ(formatString("%p", pointerTo<void>(0x2a)), "0x2a");
-    EXPECT_EQ(formatString("%p", pointerTo<const volatile int>(0xabcdef)), "0xabcdef");
+    EXPECT_EQ(
+        formatString("%p %p %p", pointerTo<void>(0x2a), pointerTo<const volatile int>(0xab), pointerTo<void()>(0x2a)),
+        "0x2a 0xab 0x2a");
     const char* const text = "text";
     EXPECT_EQ(formatString("%p", text), formatString("%p", static_cast<const void*>(text)));
-    EXPECT_EQ(formatString("%p", pointerTo<void()>(0x2a)), "0x2a");
     EXPECT_EQ(formatString("%p", pointerTo<void>(std::numeric_limits<uintptr_t>::max())),
               "0x" + std::string(sizeof(void*) * 2, 'f'));
-}
-
-TEST_F(Varargs, WidthOfAPointerGoesToItsDigits) {
-    EXPECT_EQ(formatString("%8p|", pointerTo<void>(0x2a)), "0x    2a|");
-    EXPECT_EQ(formatString("%-8p|", pointerTo<void>(0x2a)), "0x2a    |");
-    EXPECT_EQ(formatString("%08p|", pointerTo<void>(0x2a)), "0x00002a|");
-    EXPECT_EQ(formatString("%.6p|", pointerTo<void>(0x2a)), "0x00002a|");
-    EXPECT_EQ(formatString("%1p|%+p|", pointerTo<void>(0x2a), pointerTo<void>(0x2a)), "0x2a|0x2a|");
-}
-
-TEST_F(Varargs, NullPointerIsPaddedAsText) {
+    // The width goes to the digits.
+    void* const place = pointerTo<void>(0x2a);
+    EXPECT_EQ(formatString("%8p|%-8p|%08p|%.6p|%1p|%+p|", place, place, place, place, place, place),
+              "0x    2a|0x2a    |0x00002a|0x00002a|0x2a|0x2a|");
+    // Null is padded as text.
     void* const nothing = nullptr;
-    EXPECT_EQ(formatString("%p", nothing), "(nil)");
-    EXPECT_EQ(formatString("%8p|%-8p|%08p|", nothing, nothing, nothing), "   (nil)|(nil)   |   (nil)|");
-    EXPECT_EQ(formatString("%.3p", nothing), "(ni");
-    EXPECT_EQ(formatString("%p", kNullText), "(nil)");
+    EXPECT_EQ(formatString("%p|%8p|%-8p|%08p|%.3p|%p", nothing, nothing, nothing, nothing, nothing, kNullText),
+              "(nil)|   (nil)|(nil)   |   (nil)|(ni|(nil)");
 }
 
 // Floating point.
 
 TEST_F(Varargs, WritesFloatingPoint) {
-    EXPECT_EQ(formatString("%f", 1.5), "1.500000");
-    EXPECT_EQ(formatString("%.1f", 1.5), "1.5");
-    EXPECT_EQ(formatString("%8.1f", 1.5), "     1.5");
-    EXPECT_EQ(formatString("%-8.1f|", 1.5F), "1.5     |");
-    EXPECT_EQ(formatString("%.0f %.f", 1.75, 1.75), "2 2");
-    EXPECT_EQ(formatString("%g %G %.3e %.3E", 0.5, 1e-10, 1.5, -1.5), "0.5 1E-10 1.500e+00 -1.500E+00");
-}
-
-TEST_F(Varargs, OnlyLeftJustifyAndWidthApplyToFloatingPoint) {
+    EXPECT_EQ(formatString("%f|%.1f|%8.1f|%-8.1f|", 1.5, 1.5, 1.5, 1.5F), "1.500000|1.5|     1.5|1.5     |");
+    EXPECT_EQ(formatString("%.0f %.f|%g %G %.3e %.3E", 1.75, 1.75, 0.5, 1e-10, 1.5, -1.5),
+              "2 2|0.5 1E-10 1.500e+00 -1.500E+00");
+    // No other flags apply.
     EXPECT_EQ(formatString("%08.1f|%+.1f|% .1f|%#.0f|", 1.5, 1.5, 1.5, 2.0), "     1.5|1.5|1.5|2|");
 }
 
 TEST_F(Varargs, FloatingPointIsCutTo23Characters) {
+    const std::string zeros(21, '0');
     EXPECT_EQ(formatString("%f", 1e22), "10000000000000000000000");
     EXPECT_EQ(formatString("%f", 1e300).size(), 23U);
-    EXPECT_EQ(formatString("%.30f", 1.0), "1." + std::string(21, '0'));
-    EXPECT_EQ(formatString("%30.30f", 1.0), "       1." + std::string(21, '0'));
-    EXPECT_EQ(formatString("%.2147483647f", 1.0), "1." + std::string(21, '0'));
-    EXPECT_EQ(formatString("%.2147483647e", 0.5), "5." + std::string(21, '0'));
-    EXPECT_EQ(formatString("%.99999999999g", 0.5), "0.5");
-}
-
-TEST_F(Varargs, NumbersThatDoNotFitTheirFieldStopAtTheGreatest) {
-    // As a precision, because a width of that size would be written.
-    EXPECT_EQ(formatString("%.4294967298s", "abc"), "abc");
-    EXPECT_EQ(formatString("%.99999999999999999999999s", "abc"), "abc");
+    EXPECT_EQ(formatString("%.30f|%30.30f", 1.0, 1.0), "1." + zeros + "|       1." + zeros);
+    EXPECT_EQ(formatString("%.2147483647f|%.2147483647e|%.99999999999g", 1.0, 0.5, 0.5),
+              "1." + zeros + "|5." + zeros + "|0.5");
 }
 
 // Repairs.
@@ -375,49 +286,35 @@ void expectRepaired(int32_t writer, const std::string& conversion, const T& argu
     EXPECT_EQ(hook.failures(), expected);
 }
 
-TEST(VarargsRepair, TextForOtherConversions) {
+TEST(VarargsRepair, WritesANeutralValueForAnUnsuitableArgument) {
+    int value = 1;
     for (const char* conversion : {"d", "i", "u", "o", "x", "X"}) {
         expectRepaired(261, conversion, "text", "0");
         expectRepaired(261, conversion, std::string("text"), "0");
-        expectRepaired(261, conversion, std::string_view("text"), "0");
         expectRepaired(261, conversion, kNullText, "0");
+        expectRepaired(327, conversion, &value, "0");
+        expectRepaired(500, conversion, 1.5F, "0");
     }
-    expectRepaired(261, "f", "text", "0.000000");
+    for (const char* conversion : {"f", "F", "e", "E", "g", "G", "a", "A"}) {
+        const std::string zero = formatString((std::string("%") + conversion).c_str(), 0.0);
+        expectRepaired(261, conversion, std::string_view("text"), zero);
+        expectRepaired(327, conversion, static_cast<void*>(nullptr), zero);
+        expectRepaired(332, conversion, 5, zero);
+        expectRepaired(367, conversion, 'a', zero);
+    }
     expectRepaired(261, "c", "text", "?");
+    expectRepaired(327, "c", &value, "?");
+    expectRepaired(500, "c", 1.5, "?");
     expectRepaired(261, "p", std::string("text"), "(nil)");
     expectRepaired(261, "p", std::string_view("text"), "(nil)");
-}
-
-TEST(VarargsRepair, PointerForOtherConversions) {
-    int value = 1;
-    expectRepaired(327, "d", &value, "0");
+    expectRepaired(332, "p", 5, "(nil)");
+    expectRepaired(367, "p", 'a', "(nil)");
+    expectRepaired(500, "p", 1.5, "(nil)");
     expectRepaired(327, "s", &value, "");
-    expectRepaired(327, "c", static_cast<void*>(nullptr), "?");
-    expectRepaired(327, "e", &value, formatString("%e", 0.0));
-}
-
-TEST(VarargsRepair, IntegerForOtherConversions) {
-    expectRepaired(332, "s", 5, "");
     expectRepaired(332, "s", 5U, "");
     expectRepaired(332, "s", int64_t{5}, "");
-    expectRepaired(332, "p", 5, "(nil)");
-    for (const char* conversion : {"f", "F", "e", "E", "g", "G", "a", "A"}) {
-        const std::string alone = std::string("%") + conversion;
-        expectRepaired(332, conversion, 5, formatString(alone.c_str(), 0.0));
-    }
-}
-
-TEST(VarargsRepair, CharacterForOtherConversions) {
     expectRepaired(367, "s", 'a', "");
-    expectRepaired(367, "f", 'a', "0.000000");
-    expectRepaired(367, "p", 'a', "(nil)");
-}
-
-TEST(VarargsRepair, FloatingPointForOtherConversions) {
-    expectRepaired(500, "d", 1.5, "0");
-    expectRepaired(500, "s", 1.5F, "");
-    expectRepaired(500, "c", 1.5, "?");
-    expectRepaired(500, "p", 1.5, "(nil)");
+    expectRepaired(500, "s", 1.5, "");
 }
 
 TEST(VarargsRepair, NeutralValuesTakeWidthAndFlags) {
@@ -439,9 +336,6 @@ TEST(VarargsRepair, UnknownConversionIsWrittenAndReportedTwice) {
     expectRepaired(367, "*", 'a', "*", {reported(34, "*")});
     expectRepaired(500, "n", 1.5, "n", {reported(34, "n")});
     expectRepaired(261, "\xe9", "text", "\xe9", {reported(34, "\xe9")});
-}
-
-TEST(VarargsRepair, PercentBehindFlagsIsAnUnknownConversion) {
     expectRepaired(332, "5%", 5, "%", {reported(34, "%")});
 }
 
@@ -549,14 +443,17 @@ TEST_F(Varargs, ReservesElevenTenthsOfTheEstimateOnce) {
     EXPECT_EQ(formatString("%s %d", text, std::numeric_limits<int32_t>::min()).capacity(), 5U + 116U + 12U);
 }
 
-TEST_F(Varargs, AppendsWithinACapacityThatDoes) {
+TEST_F(Varargs, ReservesALongTextOnceToo) {
+    const std::string text(4000, 't');
+    EXPECT_EQ(formatString("%s", text).capacity(), 4002U + 400U);
+    EXPECT_EQ(formatString("%s %d%s", text, 1, text).capacity(), 8023U + 802U);
     std::string out;
-    out.reserve(500);
+    out.reserve(5000);
     const char* const place = out.data();
     formatInto(out, "%s: %d", std::string(100, 't'), 5);
-    formatInto(out, "%s", std::string(100, 'u'));
+    formatInto(out, "%s", text);
     EXPECT_EQ(out.data(), place);
-    EXPECT_EQ(out, std::string(100, 't') + ": 5" + std::string(100, 'u'));
+    EXPECT_EQ(out, std::string(100, 't') + ": 5" + text);
 }
 
 TEST_F(Varargs, GrowsBeyondTheEstimate) {
@@ -564,7 +461,7 @@ TEST_F(Varargs, GrowsBeyondTheEstimate) {
     EXPECT_EQ(formatString("%100s%100s%1000s|", "a", "b", "c"),
               std::string(99, ' ') + "a" + std::string(99, ' ') + "b" + std::string(999, ' ') + "c|");
     const std::string tail(5000, 't');
-    EXPECT_EQ(formatString(("%6000d" + tail).c_str(), 1), std::string(5999, ' ') + "1" + tail);
+    EXPECT_EQ(formatString(("%6000d" + tail + "%s").c_str(), 1, tail), std::string(5999, ' ') + "1" + tail + tail);
 }
 
 // The C library as the judge, over random inputs, wherever it means the same.
@@ -585,6 +482,8 @@ struct Conversion {
 
 class AgainstTheLibrary : public testing::Test {
 protected:
+    void TearDown() override { EXPECT_EQ(m_hook.failures(), Failures()); }
+
     // The modifiers, which mean nothing here, come from the same dice.
     std::string anyLength() {
         constexpr std::string_view kLengths[] = {"", "hh", "h", "l", "ll", "j", "z", "t", "L"};
@@ -668,32 +567,17 @@ void AgainstTheLibrary::compareIntegers() {
         const std::string format = random.format(anyLength());
         ASSERT_EQ(formatString(format.c_str(), value), expected) << format << " of " << +value;
     }
-    EXPECT_GT(m_compared, 5000U);
-    EXPECT_EQ(m_hook.failures(), Failures());
+    EXPECT_GT(std::exchange(m_compared, 0), 5000U);
 }
 
-TEST_F(AgainstTheLibrary, Int8) {
+TEST_F(AgainstTheLibrary, Integers) {
     compareIntegers<int8_t>();
-}
-TEST_F(AgainstTheLibrary, Uint8) {
     compareIntegers<uint8_t>();
-}
-TEST_F(AgainstTheLibrary, Int16) {
     compareIntegers<int16_t>();
-}
-TEST_F(AgainstTheLibrary, Uint16) {
     compareIntegers<uint16_t>();
-}
-TEST_F(AgainstTheLibrary, Int32) {
     compareIntegers<int32_t>();
-}
-TEST_F(AgainstTheLibrary, Uint32) {
     compareIntegers<uint32_t>();
-}
-TEST_F(AgainstTheLibrary, Int64) {
     compareIntegers<int64_t>();
-}
-TEST_F(AgainstTheLibrary, Uint64) {
     compareIntegers<uint64_t>();
 }
 
@@ -707,7 +591,6 @@ TEST_F(AgainstTheLibrary, Characters) {
         ASSERT_EQ(formatString(format.c_str(), value), expected);
         ASSERT_EQ(formatString(format.c_str(), static_cast<int>(value)), expected);
     }
-    EXPECT_EQ(m_hook.failures(), Failures());
 }
 
 TEST_F(AgainstTheLibrary, Text) {
@@ -721,7 +604,6 @@ TEST_F(AgainstTheLibrary, Text) {
         ASSERT_EQ(formatString(format.c_str(), value.c_str()), expected) << format;
         ASSERT_EQ(formatString(format.c_str(), std::string_view(value)), expected) << format;
     }
-    EXPECT_EQ(m_hook.failures(), Failures());
 }
 
 TEST_F(AgainstTheLibrary, Pointers) {
@@ -741,7 +623,6 @@ TEST_F(AgainstTheLibrary, Pointers) {
         ++m_compared;
     }
     EXPECT_GT(m_compared, 5000U);
-    EXPECT_EQ(m_hook.failures(), Failures());
 }
 
 TEST_F(AgainstTheLibrary, FloatingPoint) {
@@ -767,7 +648,6 @@ TEST_F(AgainstTheLibrary, FloatingPoint) {
         ASSERT_EQ(formatString(format.c_str(), narrow), formatString(format.c_str(), static_cast<double>(narrow)));
     }
     EXPECT_GT(m_compared, 5000U);
-    EXPECT_EQ(m_hook.failures(), Failures());
 }
 
 } // namespace
