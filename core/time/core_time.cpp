@@ -4,7 +4,6 @@
 #include <limits>
 #include <type_traits>
 
-#include "absl/strings/str_cat.h"
 #include "absl/time/civil_time.h"
 #include "core/text/core_checkf.h"
 #include "core/time/core_time_platform.h"
@@ -24,15 +23,15 @@ bool isKnownDto(int32_t dto) {
     return dto >= -kFarthestDto && dto <= kFarthestDto;
 }
 
-// 1900-01-01 00:00:00, what a failed conversion leaves.
+// 1900-01-01 00:00:00, the result of a failed conversion.
 std::tm noTime() {
     std::tm fields{};
     fields.tm_mday = 1;
     return fields;
 }
 
-// Settles a conversion: `*out` is defined either way.
-bool settle(bool converted, std::tm* out) {
+// Gives *out a defined value if the conversion failed. Returns `converted`.
+bool defineOnFailure(bool converted, std::tm* out) {
     if (!converted) *out = noTime();
     return converted;
 }
@@ -41,7 +40,7 @@ bool fitsSeconds(int64_t seconds) {
     return seconds >= std::numeric_limits<int32_t>::min() && seconds <= std::numeric_limits<int32_t>::max();
 }
 
-// Brings the nanoseconds into their range. Beyond 32 bits the seconds wrap.
+// Carries nanoseconds out of range over to the seconds. Seconds beyond 32 bits wrap.
 Timespec timespec(int64_t seconds, int64_t nanoseconds) {
     seconds += nanoseconds / kNanosecondsPerSecond;
     nanoseconds %= kNanosecondsPerSecond;
@@ -56,32 +55,33 @@ Timespec timespec(int64_t seconds, int64_t nanoseconds) {
 // The local offset, in units of 30 minutes.
 int32_t localDto(int32_t seconds) {
     std::tm utc{};
-    static_cast<void>(CHECKF_AT("core_time", 559, settle(systemUtcTime(seconds, &utc), &utc), "%d", seconds));
-    // Read as local time without daylight saving, the UTC fields come out earlier or later by the offset.
+    static_cast<void>(CHECKF_AT("core_time", 559, defineOnFailure(systemUtcTime(seconds, &utc), &utc), "%d", seconds));
+    // Converting the UTC fields as if they were local standard time is off by exactly the offset.
     return static_cast<int32_t>((int64_t{seconds} - systemSecondsOfLocal(utc)) / DateTime::kSecondsPerDto);
 }
 
-// The broken-down time at an offset; `seconds` already contains it.
+// The broken-down time of `seconds`, which already include the offset.
 std::tm shiftedTime(int64_t seconds) {
     std::tm fields{};
     const bool converted = fitsSeconds(seconds) && systemUtcTime(static_cast<int32_t>(seconds), &fields);
-    static_cast<void>(CHECKF_AT("core_time", 1241, settle(converted, &fields), "%d", seconds));
+    static_cast<void>(CHECKF_AT("core_time", 1241, defineOnFailure(converted, &fields), "%d", seconds));
     return fields;
 }
 
 } // namespace
 
 bool utcTime(int32_t seconds, std::tm* out) {
-    return CHECKF_AT("core_time", 457, settle(systemUtcTime(seconds, out), out), "%d", seconds);
+    return CHECKF_AT("core_time", 457, defineOnFailure(systemUtcTime(seconds, out), out), "%d", seconds);
 }
 
 bool localTime(int32_t seconds, std::tm* out) {
-    return CHECKF_AT("core_time", 482, settle(systemLocalTime(seconds, out), out), "%d", seconds);
+    return CHECKF_AT("core_time", 482, defineOnFailure(systemLocalTime(seconds, out), out), "%d", seconds);
 }
 
 std::tm localTimeOf(int32_t seconds) {
     std::tm fields{};
-    static_cast<void>(CHECKF_AT("core_time", 571, settle(systemLocalTime(seconds, &fields), &fields), "%d", seconds));
+    static_cast<void>(
+        CHECKF_AT("core_time", 571, defineOnFailure(systemLocalTime(seconds, &fields), &fields), "%d", seconds));
     return fields;
 }
 
@@ -94,7 +94,7 @@ std::string durationText(uint64_t milliseconds) {
 }
 
 Timespec timespecOfFileTime(int64_t ticks) {
-    // 1970-01-01 in that count.
+    // 1970-01-01 00:00:00 in that count.
     constexpr int64_t kUnixEpoch = 116'444'736'000'000'000;
     constexpr int64_t kTicksPerSecond = 10'000'000;
     constexpr int64_t kNanosecondsPerTick = 100;
@@ -131,7 +131,7 @@ void DateTime::setPacked(uint32_t packed) {
 }
 
 int32_t DateTime::dto() const {
-    // The topmost bits, so that the shift back extends the sign.
+    // The topmost bits, so the shift extends the sign.
     return static_cast<int32_t>(packed()) >> kDtoShift;
 }
 

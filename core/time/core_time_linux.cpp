@@ -5,7 +5,7 @@
 namespace NS_CORE {
 namespace {
 
-// The limits of the other platform's runtime library, kept here too so that a time gives the same on both.
+// The limits of Windows' runtime library, so that both platforms give the same results.
 constexpr int32_t kEarliestUtc = -12 * 60 * 60;
 constexpr int32_t kEarliestLocal = 0;
 
@@ -19,7 +19,7 @@ std::timespec readClock(clockid_t clock) {
 } // namespace
 
 uint64_t monotonicMilliseconds() {
-    // Not CLOCK_MONOTONIC, which stands still while the machine sleeps.
+    // Not CLOCK_MONOTONIC, which stops while the machine sleeps.
     const std::timespec time = readClock(CLOCK_BOOTTIME);
     return static_cast<uint64_t>(time.tv_sec) * 1000 + static_cast<uint64_t>(time.tv_nsec) / 1'000'000;
 }

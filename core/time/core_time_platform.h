@@ -7,16 +7,16 @@
 
 namespace NS_CORE {
 
-// What core_time asks of each platform's runtime library; for core_time alone. None of them reports anything.
+// The platform's part of core_time, for core_time alone. These functions report nothing.
 
-// False, with *out undefined, where the runtime library refuses.
+// Return false, with *out undefined, if the conversion fails.
 bool systemUtcTime(int32_t seconds, std::tm* out);
 bool systemLocalTime(int32_t seconds, std::tm* out);
 
-// The seconds of a local broken-down time; -1 where they would be negative or need more than 32 bits.
+// The seconds of a local broken-down time, or -1 if they would be negative or need more than 32 bits.
 int32_t systemSecondsOfLocal(std::tm fields);
 
-// A time from Windows' count of 100 nanoseconds since 1601-01-01. Beyond the 32 bits the seconds wrap.
+// Converts Windows' count of 100 nanoseconds since 1601-01-01. Seconds beyond 32 bits wrap.
 Timespec timespecOfFileTime(int64_t ticks);
 
 } // namespace NS_CORE

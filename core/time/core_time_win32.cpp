@@ -15,7 +15,7 @@ Timespec systemNow() {
     return timespecOfFileTime(static_cast<int64_t>(now.dwHighDateTime) << 32 | now.dwLowDateTime);
 }
 
-// The forms that say their width: this toolchain's plain ones and the universal runtime disagree about time_t.
+// The functions with explicit widths: this toolchain's headers and the universal runtime disagree about time_t.
 
 bool systemUtcTime(int32_t seconds, std::tm* out) {
     const __time32_t time = seconds;
