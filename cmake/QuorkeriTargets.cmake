@@ -36,6 +36,11 @@ if(QUORKERI_SANITIZE)
   target_link_options(quorkeri_options INTERFACE "-fsanitize=${QUORKERI_SANITIZE}")
 endif()
 
+if(QUORKERI_FUZZERS)
+  # The fuzzers choose their inputs by the code that these reach, so all of it counts: the libraries', too.
+  target_compile_options(quorkeri_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # quorkeri_platform_sources(OUT DIR): every .cpp of DIR that belongs to the platform being built. The file's
 # name says which: unit_win32.cpp is Windows', unit_linux.cpp is Linux', all others are both's.
 function(quorkeri_platform_sources out dir)

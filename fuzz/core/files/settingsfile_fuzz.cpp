@@ -13,12 +13,9 @@
 #include <vector>
 
 #include "core/files/core_settingsfile.h"
+#include "fuzz/require.h"
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 std::vector<std::string> expectedLines(std::string_view bytes) {
     std::vector<std::string> lines;

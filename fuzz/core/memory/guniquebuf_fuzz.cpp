@@ -14,6 +14,7 @@
 
 #include "core/check/core_assert.h"
 #include "core/memory/core_guniquebuf.h"
+#include "fuzz/require.h"
 
 namespace {
 
@@ -35,12 +36,6 @@ int32_t g_failedLine = 0;
 bool noteFailure(const char*, std::string_view, int32_t line, int32_t, const std::string&) {
     g_failedLine = line;
     return false;
-}
-
-void require(bool condition, const char* what) {
-    if (condition) return;
-    std::fprintf(stderr, "guniquebuf_fuzz: %s\n", what);
-    std::abort();
 }
 
 Outcome outcomeOf(int64_t size, int64_t total) {
@@ -180,15 +175,16 @@ private:
         const auto value = m_input.ConsumeIntegral<uint8_t>();
         uint8_t* byte = nullptr;
         const Outcome outcome = observe([&] { byte = m_buffer.dataAt(offset); });
-        if (m_model.isNothing()) {
-            require(outcome == Outcome::Done && byte == nullptr && g_failedLine == 54, "data in nothing");
-        } else if (offset >= 0 && offset < m_model.size) {
-            require(outcome == Outcome::Done && byte == m_buffer.data() + offset && g_failedLine == 0, "no byte");
+        const bool isBeyond = offset > m_model.size;
+        require(outcome == (isBeyond ? Outcome::OutOfRange : Outcome::Done), "an exception, or none");
+        if (m_model.isNothing() && !isBeyond) {
+            require(byte == nullptr && g_failedLine == 54, "data in nothing");
+        } else if (offset >= m_model.size) {
+            require(g_failedLine == 46, "a byte behind the data");
+        } else if (offset >= -m_model.head) {
+            require(byte == m_buffer.data() + offset && g_failedLine == 0, "no byte");
             *byte = value;
             m_model.at(offset) = value;
-        } else {
-            require(g_failedLine == 46, "a byte outside the data");
-            require(outcome == (offset == m_model.size ? Outcome::Done : Outcome::OutOfRange), "no exception");
         }
     }
 

@@ -6,12 +6,9 @@
 
 #include "core/files/core_settingsfile.h"
 #include "core/report/internal/core_testsettings.h"
+#include "fuzz/require.h"
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 NS_CORE::TestSettings parsed(std::string_view bytes, uint32_t flags) {
     NS_CORE::TestSettings settings;

@@ -11,14 +11,9 @@
 #include <vector>
 
 #include "core/text/core_utf8.h"
+#include "fuzz/require.h"
 
 namespace {
-
-void require(bool condition, const char* what) {
-    if (condition) return;
-    std::fprintf(stderr, "utf8_fuzz: %s\n", what);
-    std::abort();
-}
 
 // `text` converted by the C library; nothing where it refuses.
 std::optional<std::string> byIconv(iconv_t converter, std::string_view text) {

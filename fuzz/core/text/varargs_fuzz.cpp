@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -14,15 +15,12 @@
 
 #include "core/check/core_assert.h"
 #include "core/text/core_varargs.h"
+#include "fuzz/require.h"
 
 namespace {
 
 using NS_CORE::varargs::Argument;
 using NS_CORE::varargs::argument;
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 std::vector<int32_t> g_reports;
 
@@ -110,6 +108,57 @@ Argument anyArgument(FuzzedDataProvider& data, std::vector<Exact>& texts) {
     }
 }
 
+// One conversion that the formatter and the C library understand alike: see core_varargs.h for where they differ on
+// purpose.
+void compareWithTheLibrary(FuzzedDataProvider& data) {
+    std::string format = "<%";
+    const bool isLeft = data.ConsumeBool();
+    const int width = data.ConsumeIntegralInRange<int>(0, 30);
+    if (isLeft) format += '-';
+    const auto compare = [&](const std::string& conversion, auto... arguments) {
+        const std::string whole = format + conversion + '>';
+        char expected[512];
+        const int length = std::snprintf(expected, sizeof(expected), whole.c_str(), arguments...);
+        require(NS_CORE::formatString(whole.c_str(), arguments...) ==
+                    std::string_view(expected, static_cast<size_t>(length)),
+                "another text than the C library's");
+    };
+    const bool isZeroed = !isLeft && data.ConsumeBool();
+    const std::string widths = width == 0 ? "" : std::to_string(width);
+    const std::string zeroedWidths = (isZeroed && width != 0 ? "0" : "") + widths;
+    const auto integer = data.ConsumeIntegral<int64_t>();
+    switch (data.ConsumeIntegralInRange<int>(0, 7)) {
+        case 0:
+            compare(zeroedWidths + "lld", static_cast<long long>(integer));
+            break;
+        case 1:
+            compare(zeroedWidths + data.PickValueInArray({"u", "x", "X", "o"}), static_cast<uint32_t>(integer));
+            break;
+        case 2:
+            compare(zeroedWidths + "llu", static_cast<unsigned long long>(integer));
+            break;
+        case 3:
+            compare(zeroedWidths + "d", static_cast<int32_t>(integer));
+            break;
+        case 4: {
+            const std::string text = std::string(data.ConsumeRandomLengthString(60).c_str());
+            const int precision = data.ConsumeIntegralInRange<int>(0, 40); // 0 is no limit here
+            compare(widths + (precision == 0 ? "" : '.' + std::to_string(precision)) + "s", text.c_str());
+            break;
+        }
+        case 5:
+            compare(widths + "c", data.ConsumeIntegralInRange<int>(1, 127));
+            break;
+        default: {
+            // Of at most 23 characters, to which the formatter cuts.
+            const double value = data.ConsumeFloatingPointInRange<double>(-1e9, 1e9);
+            compare(widths + '.' + std::to_string(data.ConsumeIntegralInRange<int>(0, 9)) +
+                        data.PickValueInArray({"f", "e", "E", "g", "G"}),
+                    value);
+        }
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
@@ -129,6 +178,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     NS_CORE::varargs::formatPackInto(appended, format.view(), arguments.data(), arguments.size());
     require(appended == "before" + text);
     require(g_reports == reports);
+
+    {
+        FuzzedDataProvider again(bytes, size);
+        g_reports.clear();
+        compareWithTheLibrary(again);
+        require(g_reports.empty(), "a failed check where nothing is wrong");
+    }
 
     // Without a conversion there is nothing to misunderstand but the count.
     if (format.view().find('%') == std::string_view::npos) {
