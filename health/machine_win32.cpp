@@ -8,6 +8,7 @@
 
 #include "core/files/core_wrapper.h"
 #include "core/memory/core_scopedhandle_win32.h"
+#include "core/text/core_utf8.h"
 #include "core/text/core_utf8_win32.h"
 #include "health/machine.h"
 #include "health/names.h"
@@ -18,9 +19,9 @@ namespace {
 constexpr size_t kLongestPath = 32768;
 
 std::wstring toWide(const std::string& text) {
-    std::wstring wide;
+    std::u16string wide;
     if (!NS_CORE::fromUtf8(text, wide)) wide.clear();
-    return wide;
+    return {wide.begin(), wide.end()};
 }
 
 // The system's words for an error, or its number where it has none.
