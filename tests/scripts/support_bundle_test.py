@@ -19,6 +19,7 @@ import time
 import unittest
 
 SERVICE, SCRIPT = map(pathlib.Path, sys.argv[1:3])
+HEALTH = SERVICE.parents[1] / "health" / SERVICE.name.replace("service", "health")
 WINE = sys.argv[3:4]
 COMPANION = sys.argv[4:5]
 del sys.argv[1:]
@@ -57,7 +58,8 @@ class SupportBundleTest(unittest.TestCase):
         (self.root / "bin").mkdir()
         self.script = self.root / "bin" / SCRIPT.name
         shutil.copy(SCRIPT, self.script)
-        shutil.copy(SERVICE, self.root / "bin" / SERVICE.name)
+        for program in (SERVICE, HEALTH):
+            shutil.copy(program, self.root / "bin" / program.name)
 
     def run_it(self, where=None, script=None):
         script = script or self.script
@@ -92,6 +94,8 @@ class SupportBundleTest(unittest.TestCase):
         system = self.assert_gathered(2)
         self.assertIn(str(SERVICE.stat().st_size), system.replace(",", ""))
         self.assertIn("== Hash of the service", system)
+        self.assertIn('"findings": [', system)
+        self.assertIn(b"Dumps hold memory", done.stdout)
         self.assertIn("service.log.old", system)
         # Nothing that was there is gone or changed.
         after = self.snapshot()
@@ -124,7 +128,7 @@ class SupportBundleTest(unittest.TestCase):
         before = self.snapshot()
         done = self.run_it()
         self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stdout, rb'\AThere is no directory "[^\n]*logs"\.\r?\nThis command belongs into')
+        self.assertRegex(done.stdout, rb'\AThere is no directory "[^\n]*logs"\.\r?\nThis command works in')
         self.assertEqual(self.snapshot(), before)
 
     def test_where_nothing_can_be_written_it_says_so(self):
@@ -133,7 +137,7 @@ class SupportBundleTest(unittest.TestCase):
         before = self.snapshot()
         done = self.run_it()
         self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stdout, rb'\A"[^\n]*tmp" cannot be written: nothing was gathered\.')
+        self.assertRegex(done.stdout, rb'\A"[^\n]*tmp" cannot be written: nothing was collected\.')
         self.assertEqual(self.snapshot(), before)
 
 
@@ -147,7 +151,7 @@ class NativeTest(SupportBundleTest):
         done = self.run_it()
         self.assertEqual(done.returncode, 2, done.stdout)
         self.assertIn(b"Could not be copied: ", done.stdout)
-        self.assertIn(b"Not everything could be copied; the rest is there.", done.stdout)
+        self.assertIn(b"Not everything could be copied. The rest is there.", done.stdout)
         self.assertEqual(self.bundled(2)["logs/dumps.log"], b"history\n")
 
     def test_the_hash_is_the_services(self):
@@ -198,7 +202,7 @@ class WindowsTest(SupportBundleTest):
         done = self.run_it(self.root / "bin")
         self.assertEqual(done.returncode, 2, done.stdout)
         self.assertRegex(done.stdout, rb'\ACould not be copied: "[^\n]*service.log"\r\n')
-        self.assertIn(b"Not everything could be copied; the rest is there.", done.stdout)
+        self.assertIn(b"Not everything could be copied. The rest is there.", done.stdout)
         self.files.pop("work/logs/service.log")
         self.assert_gathered(2)
 
@@ -221,7 +225,8 @@ class WindowsTest(SupportBundleTest):
         questions = re.sub(r'"C:\\windows\\System32\\(?:[^"\n]*\\)?(\w+)\.exe"', r"\1", system, flags=re.IGNORECASE)
         for question in ("ver", f'sc qc "{NAME}"', f'sc queryex "{NAME}"', f'sc qfailure "{NAME}"',
                          f'tasklist /v /fi "imagename eq {NAME}"',
-                         'tasklist /v /fi "imagename eq quorkeri_wrapper.exe"', "certutil -hashfile ", "powershell "):
+                         'tasklist /v /fi "imagename eq quorkeri_wrapper.exe"', "certutil -hashfile ", "powershell ",
+                         "icacls ", "netstat -ano -p UDP", "wevtutil qe System ", "reg query "):
             self.assertIn(": " + question, questions)
 
     def test_programs_of_the_current_directory_are_not_asked(self):
