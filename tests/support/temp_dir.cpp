@@ -5,6 +5,8 @@
 #include <fstream>
 #include <random>
 
+#include "tests/support/child.h"
+
 namespace test {
 namespace {
 
@@ -52,6 +54,13 @@ TempDir::~TempDir() {
 
 std::string TempDir::file(const std::string& name) const {
     return utf8(m_path / fromText(name));
+}
+
+std::filesystem::path builtFile(const std::string& path) {
+    const std::filesystem::path built = fromText(path);
+    const std::filesystem::path carried = fromText(thisProgram()).parent_path() / "files" / built.filename();
+    std::error_code error;
+    return std::filesystem::exists(carried, error) ? carried : built;
 }
 
 std::string readFile(const std::filesystem::path& path) {

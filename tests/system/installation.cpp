@@ -97,7 +97,7 @@ Installation::Installation(std::string_view directoryName)
     fs::create_directories(logFile().parent_path());
     fs::create_directories(m_root / "settings");
     fs::create_directories(keri());
-    placeLink(SERVICE_PROGRAM, program());
+    placeLink(builtFile(SERVICE_PROGRAM), program());
     putCompanion();
     constexpr size_t kSmall = 1000;
     putLibraries(kSmall);
@@ -119,7 +119,7 @@ void Installation::putLibraries(size_t bytes) const {
 
 void Installation::putCompanion() const {
     // A file of its own: Wine takes two running programs that are the same file for one, and mixes up their paths.
-    placeCopy(COMPANION_PROGRAM, companion());
+    placeCopy(builtFile(COMPANION_PROGRAM), companion());
 }
 
 void Installation::setCompanion(const std::string& settings) const {
