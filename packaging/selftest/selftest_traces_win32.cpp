@@ -104,12 +104,11 @@ std::wstring programOf(const ScopedServiceHandle& service) {
     return path;
 }
 
-bool removeService(const std::wstring& root) {
-    ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG | DELETE);
-    if (!service || !liesBelow(programOf(service), root)) return true;
-    ::DeleteService(service.get());
-    service.reset();
-    return await(isServiceGone);
+// The manager forgets a service once its process has ended and nobody looks at it any more. Returns whether that is to
+// come.
+bool markForDeletion(const std::wstring& root) {
+    const ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG | DELETE);
+    return service && liesBelow(programOf(service), root) && ::DeleteService(service.get());
 }
 
 bool writeWhole(const std::wstring& path, const std::string& text) {
@@ -154,10 +153,11 @@ bool isNoted(const std::wstring& journal) {
 std::vector<std::string> clean(const std::wstring& journal, const std::wstring& root, const std::wstring& work) {
     std::vector<std::string> left;
     if (!isNoted(journal)) return left;
-    if (!removeService(root))
+    const bool goes = markForDeletion(root);
+    if (!await([&] { return endProcessesBelow(root); })) left.emplace_back("A process of the self-test still runs.");
+    if (goes && !await(isServiceGone))
         left.emplace_back(
             "The service quorkeri_service.exe is still registered; it goes when no program looks at it any more.");
-    if (!await([&] { return endProcessesBelow(root); })) left.emplace_back("A process of the self-test still runs.");
     if (isKeriRegistered() && ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, KEY_WOW64_64KEY, 0) != ERROR_SUCCESS)
         left.emplace_back("The tests' entry of the Keri software is still in the registry.");
     std::error_code error;

@@ -224,7 +224,8 @@ int test(const fs::path& bundle, const Options& options) {
     ::SetConsoleCtrlHandler(&onConsoleControl, TRUE);
     Run run(bundle);
     run.collect(options.part);
-    if (!run.count()) run.add({"selftest", "HasTests", Verdict::Failed, 0, "No test has '" + options.part + "' in its name."});
+    if (!run.count())
+        run.add({"selftest", "HasTests", Verdict::Failed, 0, "No test has '" + options.part + "' in its name."});
     run.runAll();
     std::vector<Result> results = run.results();
     const bool isClean = cleanUp(bundle);

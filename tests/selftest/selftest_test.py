@@ -1,0 +1,106 @@
+"""selftest_test.py BUILD [TEST...]: the bundle that travels to a real Windows, unpacked far from the build tree into a Wine
+prefix and a network of its own: it runs whole, refuses what it must not touch, and cleans up after an interrupted run."""
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+import xml.etree.ElementTree
+import zipfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import ROOT, SERVICE, Wine, await_true, in_own_network, text_of
+
+BUILD = pathlib.Path(sys.argv[1]).resolve()
+WHOLE_RUN = 1500  # seconds
+PROGRAMS = sorted(BUILD.glob("tests/*_tests.exe"))
+
+
+def tests_in(output):
+    return sum(line.startswith("  ") and "DISABLED_" not in line for line in output.splitlines())
+
+
+class SelfTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="selftest-")))
+        stage, archive = cls.directory / "stage", cls.directory / "selftest.zip"
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", stage, "--strip"], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([ROOT / "scripts/lib/package-selftest", BUILD, stage, archive], check=True,
+                       env=os.environ | {"SOURCE_DATE_EPOCH": "1574261397"})
+        cls.bundle = cls.directory / "bundle"
+        with zipfile.ZipFile(archive) as files:
+            files.extractall(cls.bundle)
+        cls.wine = cls.enterClassContext(Wine(cls.directory / "prefix").held())
+
+    def selftest(self, *words, limit=300):
+        return self.wine.prompt(f"call {Wine.path(self.bundle / 'selftest.cmd')} " + " ".join(words), limit=limit)
+
+    def assert_refused(self, sentence):
+        code, text = self.selftest("/y")
+        self.assertEqual(1, code, text)
+        self.assertIn(sentence, text)
+        self.assert_untouched()
+
+    def assert_untouched(self):
+        self.assertEqual([], [name for name in ("work", "selftest-made.txt") if (self.bundle / name).exists()])
+        self.assertNotEqual(0, self.wine.run("sc", "query", SERVICE)[0])
+
+    def test_refuses_what_it_must_not_touch(self):
+        missing = self.bundle / "tests/files/keri.reg"
+        kept = missing.read_bytes()
+        missing.unlink()
+        self.assert_refused("'tests/files/keri.reg' is missing or damaged")
+        missing.write_bytes(kept)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as user:
+            user.bind(("127.0.0.1", 34002))
+            self.assert_refused("UDP port 34002")
+        key = r"HKLM\SOFTWARE\Wow6432Node\Microsoft\Windows\CurrentVersion\Uninstall\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}"
+        self.wine.run("reg", "add", key, "/f")
+        self.assert_refused("The Keri software is installed here")
+        self.wine.run("reg", "delete", key, "/f")
+        self.wine.run("sc", "create", SERVICE, "binPath=", r"C:\other.exe")
+        code, text = self.selftest("/y")
+        self.assertEqual((1, True), (code, "is installed here" in text), text)
+        self.wine.run("sc", "delete", SERVICE)
+        self.assertEqual((1, 0), (self.selftest("/n")[0], self.selftest("/clean")[0]))
+        self.assert_untouched()
+
+    def test_a_choice_without_tests_fails(self):
+        code, text = self.selftest("/y", "/only", "NoSuchTest")
+        self.assertEqual((1, True), (code, "\n1 passed, 1 failed, 0 skipped\n" in text), text)
+        self.assert_untouched()
+
+    def test_cleans_up_what_a_killed_run_left(self):
+        runner = self.wine.start(Wine.path(self.bundle / "selftest.exe"), "/y", "/only", "Supervision.StopsTwoHundredTimes")
+        companion = "quorkeri_wrapper.exe"
+        await_true("a companion runs", lambda: self.wine.programs(companion))
+        for process in sum(self.wine.programs("selftest.exe").values(), []):
+            os.kill(process, signal.SIGKILL)
+        runner.wait()
+        code, text = self.selftest("/y")
+        self.assertEqual((1, True), (code, "selftest.cmd /clean" in text), text)
+        self.assertEqual((0, ""), self.selftest("/clean"))
+        self.assertEqual({}, self.wine.programs(companion, SERVICE))
+        self.assert_untouched()
+
+    def test_runs_whole(self):
+        expected = sum(tests_in(self.wine.run(str(program), "--gtest_list_tests")[1]) for program in PROGRAMS)
+        code, text = self.selftest("/y", limit=WHOLE_RUN)
+        results = xml.etree.ElementTree.parse(self.bundle / "selftest-report.xml").getroot()
+        skipped = [(case.get("name"), case.find("skipped").get("message")) for case in results.iter("testcase") if case.find("skipped") is not None]
+        self.assertEqual(0, code, text_of(self.bundle / "selftest-report.txt"))
+        self.assertEqual(expected + 1, len(results), "each test of the tree, and that the machine is as it was")
+        self.assertEqual(f"{expected + 1 - len(skipped)} passed, 0 failed, {len(skipped)} skipped", text.splitlines()[-1])
+        self.assertEqual([], [name for name, reason in skipped if reason == "no reason given"])
+        self.assert_untouched()
+
+
+if __name__ == "__main__":
+    in_own_network()
+    del sys.argv[1]
+    unittest.main(verbosity=2)
