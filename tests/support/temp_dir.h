@@ -33,8 +33,8 @@ private:
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& bytes);
 
-// A file that the build made for the tests, given by its path there. In the self-test, which travels without a build, it lies
-// in "files" beside the test program.
+// A file that the build made for the tests, given by its path there. In the self-test, which travels without a build,
+// it lies in "files" beside the test program.
 std::filesystem::path builtFile(const std::string& path);
 
 } // namespace test
