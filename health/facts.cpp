@@ -146,9 +146,9 @@ std::optional<Crash> lastCrash(const Installation& installation, LocalSeconds af
 
 // Windows takes the path up to each blank in turn when it is not quoted; ours is registered so, and ends in ".exe".
 std::string programOf(const std::string& command) {
-    if (!command.starts_with('"')) return command;
+    if (!command.starts_with('"')) return machine::finalPath(command);
     const std::vector<std::string> words = NS_UTL::splitCommandLine(command);
-    return words.empty() ? "" : words.front();
+    return words.empty() ? "" : machine::finalPath(words.front());
 }
 
 std::vector<Companion> companionsOf(const Installation& installation, std::vector<Process>& all) {
@@ -198,7 +198,7 @@ Facts gather(const Installation& installation, uint32_t hours) {
     facts.keriDirectory = machine::keriDirectory(installation.root);
     facts.libraries = librariesOf(installation, facts.keriDirectory);
     facts.crash = lastCrash(installation, facts.now - hours * kSecondsPerHour);
-    facts.freeBytes = machine::freeBytes(installation.root);
+    facts.freeBytes = machine::freeBytes(installation.logs);
     return facts;
 }
 

@@ -84,7 +84,7 @@ std::vector<Companion> companionsOf(const Installation& installation, std::vecto
 std::optional<Process> findService(const Installation& installation, const Registration& registration,
                                    const std::vector<Process>& all);
 
-// The program of a registered command.
+// The program of a registered command, in the form in which the system names the images of processes.
 std::string programOf(const std::string& command);
 
 } // namespace health

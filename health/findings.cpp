@@ -69,7 +69,7 @@ constexpr Kind kCompanionDamaged{"companion-damaged", Severity::Critical,
                                  "Replace it, from the companion's own software: {copy}"};
 constexpr Kind kCompanionRefused{"companion-refused", Severity::Critical,
                                  "{companion} is there and cannot be started: {reason}",
-                                 "Start it by hand to see why: {companion}"};
+                                 "Start it by hand to see why: {run}"};
 constexpr Kind kCompanionNone{"companion-none", Severity::Warning,
                               "The service has no companion at this moment: it copies libraries, or pauses for five "
                               "seconds before the next start",
@@ -91,9 +91,10 @@ constexpr Kind kPortUnheld{
     "port-unheld", Severity::Warning,
     "Companion process {pid} does not listen on UDP port 34002, so that a stop will not reach it",
     "End it, and the service starts it again: {kill}"};
-constexpr Kind kRestarts{"restarts", Severity::Warning,
-                         "The companion ended or could not be started, and was started again: {count} in the last hour",
-                         "See how it ends when it is started by hand: {stop}{then}{companion}"};
+constexpr Kind kRestarts{
+    "restarts", Severity::Warning,
+    "Restarts of the companion in the last hour, because it ended or could not be started: {count}",
+    "See how it ends when it is started by hand: {stop}{then}{run}"};
 constexpr Kind kRestartsMany{"restarts-many", Severity::Critical,
                              "The companion cannot run: {count} restarts in the last hour", kRestarts.cure};
 
@@ -118,9 +119,9 @@ constexpr Kind kLibrarySource{"library-source", Severity::Warning, "Keri librari
                               kKeriMissing.cure};
 constexpr Kind kCrash{"crash-dump", Severity::Warning, "The service crashed at {time}: {dump}",
                       "Send the dump with a support bundle: {bundle}"};
-constexpr Kind kDiskFull{"disk-full", Severity::Critical, "The disk of {root} is full: {free} MB are free",
+constexpr Kind kDiskFull{"disk-full", Severity::Critical, "The disk of {logs} is full: {free} MB are free",
                          "Make room on it, first of old support bundles: {delete}"};
-constexpr Kind kDiskLow{"disk-low", Severity::Warning, "The disk of {root} is nearly full: {free} MB are free",
+constexpr Kind kDiskLow{"disk-low", Severity::Warning, "The disk of {logs} is nearly full: {free} MB are free",
                         kDiskFull.cure};
 
 constexpr const Kind* kKinds[] = {
@@ -146,9 +147,10 @@ std::string quoted(const std::string& path) {
 // there `serviceId` is asked by a signal.
 Values valuesOf(const Installation& installation, const std::string& serviceId) {
     Values values = {{"health", quoted(installation.health)},
-                     {"companion", quoted(installation.companion)},
+                     {"companion", installation.companion},
+                     {"run", quoted(installation.companion)},
                      {"bin", installation.bin},
-                     {"root", installation.root},
+
                      {"logs", installation.logs},
                      {"log", Installation::in(installation.logs, "service.log")}};
     const std::string service = quoted(installation.service);
@@ -309,7 +311,7 @@ private:
                 addProcess(kOrphan, process, holdsPort(process.id) ? " and holds UDP port 34002" : "");
             if (owner == Companion::Owner::Other && !holdsPort(process.id)) addProcess(kCompanionElsewhere, process);
         }
-        if (m_facts.service && !child() && !isStopping() && !hasStartFailure()) add(kCompanionNone);
+        if (m_facts.service && !child() && !isStopping() && !m_facts.log.startFailure) add(kCompanionNone);
     }
 
     void judgePort() {
@@ -325,16 +327,15 @@ private:
             addProcess(kPortUnheld, companion->process);
     }
 
-    bool hasStartFailure() const { return m_facts.log.startFailure.has_value(); }
-
     void judgeCompanionFile() {
         if (m_facts.companionFile.kind == FileState::Kind::Missing) return add(kCompanionMissing);
         if (m_facts.companionFile.kind == FileState::Kind::There && !m_facts.isCompanionProgram)
             return add(kCompanionDamaged);
-        if (!m_facts.service || child() || !hasStartFailure()) return;
+        const std::optional<std::string>& reason = m_facts.log.startFailure;
+        if (!m_facts.service || child() || !reason) return;
         // The system has no text of its own for a file that is no program of its kind.
-        if (m_facts.log.startFailure->empty()) return add(kCompanionDamaged);
-        add(kCompanionRefused, {{"reason", *m_facts.log.startFailure}});
+        if (reason->empty()) return add(kCompanionDamaged);
+        add(kCompanionRefused, {{"reason", *reason}});
     }
 
     void judgeRestarts() {
@@ -343,11 +344,11 @@ private:
     }
 
     // The service logs when it begins and, but for the first time, before it starts its companion.
-    bool isLogStale() const {
+    bool isLogStale(const Process& service) const {
         constexpr LocalSeconds kTimeToCopy = 600;
         constexpr LocalSeconds kTimeToLog = 5;
         const Companion* companion = child();
-        return m_facts.logFile.written + kTimeToLog < m_facts.service->started ||
+        return m_facts.logFile.written + kTimeToLog < service.started ||
                (companion && m_facts.logFile.written + kTimeToCopy < companion->process.started);
     }
 
@@ -359,7 +360,8 @@ private:
         if ((file.kind == FileState::Kind::Missing || file.size == 0) &&
             m_facts.log.lastLine < m_facts.service->started)
             return add(kLogMissing);
-        if (file.kind == FileState::Kind::There && isLogStale()) add(kLogStale, {{"time", timeText(file.written)}});
+        if (file.kind == FileState::Kind::There && isLogStale(*m_facts.service))
+            add(kLogStale, {{"time", timeText(file.written)}});
     }
 
     void addLibraries(const Kind& kind, Library::State state) {
@@ -428,11 +430,10 @@ Severity worstOf(const std::vector<Finding>& findings) {
 }
 
 std::vector<Finding> catalogue() {
-    Installation installation;
     const std::string root = machine::kIsWindows ? "C:\\QuorkeriService" : "/opt/quorkeri";
     const std::string program = machine::kIsWindows ? "quorkeri_health.exe" : "quorkeri_health";
-    installation = *Installation::of(Installation::in(Installation::in(root, "bin"), program));
-    Values values = valuesOf(installation, "PID");
+    const auto installation = Installation::of(Installation::in(Installation::in(root, "bin"), program));
+    Values values = valuesOf(installation.value_or(Installation()), "PID");
     for (const auto& [name, sample] : {std::pair("reason", "REASON"),
                                        {"program", "PROGRAM"},
                                        {"pid", "PID"},
@@ -459,9 +460,11 @@ uint64_t megabytes(uint64_t bytes) {
 std::string figures(const Facts& facts) {
     size_t orphans = 0;
     for (const Companion& companion : facts.companions) orphans += companion.owner == Companion::Owner::Nobody;
-    std::string text =
-        NS_CORE::formatString("restarts=%u;0;%u companions=%zu;1:1 orphans=%zu;;0", facts.log.restartsLastHour,
-                              kManyRestarts - 1, facts.companions.size(), orphans);
+    // "U" is monitoring's word for a figure that cannot be had.
+    const bool isKnown = facts.logFile.kind != FileState::Kind::Unreadable;
+    std::string text = NS_CORE::formatString("restarts=%s;0;%u companions=%zu;1:1 orphans=%zu;;0",
+                                             isKnown ? std::to_string(facts.log.restartsLastHour) : "U",
+                                             kManyRestarts - 1, facts.companions.size(), orphans);
     if (facts.freeBytes)
         text += NS_CORE::formatString(" free=%lluMB;%llu:;%llu:", megabytes(*facts.freeBytes), kLowMegabytes,
                                       kFullMegabytes);

@@ -9,6 +9,8 @@
 namespace health {
 namespace {
 
+constexpr int64_t kSecondsPerMinute = 60;
+constexpr int64_t kSecondsPerHour = 3600;
 constexpr int64_t kSecondsPerDay = 86400;
 
 // Days since 1970-01-01. Years begin in March here, so that a leap day is a year's last.
@@ -19,8 +21,8 @@ int64_t daysOf(int64_t year, int64_t month, int64_t day) {
 }
 
 LocalSeconds secondsOf(const std::tm& time) {
-    return daysOf(time.tm_year + 1900, time.tm_mon + 1, time.tm_mday) * kSecondsPerDay + time.tm_hour * 3600 +
-           time.tm_min * 60 + time.tm_sec;
+    return daysOf(time.tm_year + 1900, time.tm_mon + 1, time.tm_mday) * kSecondsPerDay +
+           time.tm_hour * kSecondsPerHour + time.tm_min * kSecondsPerMinute + time.tm_sec;
 }
 
 // The digits of the pattern's place; false when one is none.

@@ -39,6 +39,10 @@ std::vector<Process> processes();
 // The full path of a process's program; empty when the system does not tell it.
 std::string imageOf(uint32_t processId);
 
+// The path of a file as imageOf gives it, however it is written: with short names, or through a link. The path itself
+// when there is no such file.
+std::string finalPath(const std::string& path);
+
 uint32_t ownId();
 
 // Ends a process by its id, and only if it is still the same one: the program's image and the time of its creation are

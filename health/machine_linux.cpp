@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -59,15 +60,27 @@ std::string ofProcess(uint32_t id, const char* file) {
     return "/proc/" + std::to_string(id) + '/' + file;
 }
 
+int64_t millisecondsOf(clockid_t clock) {
+    timespec time{};
+    ::clock_gettime(clock, &time);
+    return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+}
+
+// When the machine was started, in milliseconds since 1970: the system's own figure is a whole second and may be the
+// next one.
 int64_t bootTime() {
-    const std::string text = readSystemFile("/proc/stat");
-    const std::vector<std::string_view> words = wordsOf(text);
-    const auto found = std::ranges::find(words, "btime");
-    return found == words.end() || found + 1 == words.end() ? 0 : static_cast<int64_t>(toNumber(found[1]));
+    return millisecondsOf(CLOCK_REALTIME) - millisecondsOf(CLOCK_BOOTTIME);
+}
+
+// A container's processes have ports of their own, and installations.
+bool isInOtherNetwork(uint32_t id) {
+    const std::string network = linkOf(ofProcess(id, "ns/net"));
+    return !network.empty() && network != linkOf("/proc/self/ns/net");
 }
 
 // Nothing for one that has ended, waited for or not.
 std::optional<Process> processOf(uint32_t id, int64_t boot) {
+    if (isInOtherNetwork(id)) return std::nullopt;
     const std::string stat = readSystemFile(ofProcess(id, "stat"));
     // "ID (NAME) STATE PARENT ...": the name may hold anything.
     const size_t nameEnd = stat.rfind(')');
@@ -81,10 +94,13 @@ std::optional<Process> processOf(uint32_t id, int64_t boot) {
     process.id = id;
     process.parentId = static_cast<uint32_t>(toNumber(fields[kParent]));
     process.created = toNumber(fields[kStartTime]);
-    process.started = toLocal(boot + static_cast<int64_t>(process.created) / ::sysconf(_SC_CLK_TCK));
+    process.started = toLocal((boot + static_cast<int64_t>(process.created) * 1000 / ::sysconf(_SC_CLK_TCK)) / 1000);
     std::string program = imageOf(id);
     // Another user's program is not told, but its command line is.
-    if (program.empty()) program = readSystemFile(ofProcess(id, "cmdline")).c_str();
+    if (program.empty()) {
+        program = readSystemFile(ofProcess(id, "cmdline"));
+        program.resize(std::min(program.find('\0'), program.size()));
+    }
     process.name = program.substr(program.rfind('/') + 1);
     return process;
 }
@@ -132,6 +148,11 @@ std::string imageOf(uint32_t processId) {
     return path;
 }
 
+std::string finalPath(const std::string& path) {
+    const std::unique_ptr<char, void (*)(void*)> found(::realpath(path.c_str(), nullptr), &::free);
+    return found ? found.get() : path;
+}
+
 uint32_t ownId() {
     return static_cast<uint32_t>(::getpid());
 }
@@ -165,9 +186,8 @@ std::optional<std::vector<uint32_t>> portHolders(uint16_t port) {
     if (sockets.empty()) return holders;
     std::set<std::string> found;
     for (const uint32_t id : processIds()) {
-        const std::string directory = ofProcess(id, "fd");
-        for (const std::string& name : namesIn(directory)) {
-            const std::string target = linkOf(directory + '/' + name);
+        for (const std::string& name : namesIn(ofProcess(id, "fd"))) {
+            const std::string target = linkOf(ofProcess(id, "fd/").append(name));
             if (!sockets.contains(target)) continue;
             found.insert(target);
             if (holders.empty() || holders.back() != id) holders.push_back(id);

@@ -6,6 +6,8 @@
 #include <iphlpapi.h>
 #include <winternl.h>
 
+#include <bit>
+
 #include "core/files/core_wrapper.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "core/text/core_utf8.h"
@@ -16,7 +18,7 @@
 namespace health::machine {
 namespace {
 
-constexpr size_t kLongestPath = 32768;
+constexpr DWORD kLongestPath = 32768;
 
 std::wstring toWide(const std::string& text) {
     std::u16string wide;
@@ -54,8 +56,8 @@ std::string imageOf(HANDLE process) {
 // The library of ntdll would offer the linker a second C runtime, and the header's enumeration lacks numbers.
 NTSTATUS querySystem(ULONG what, void* answer, ULONG size) {
     using Query = NTSTATUS(NTAPI*)(ULONG, void*, ULONG, ULONG*);
-    static const auto query = reinterpret_cast<Query>(
-        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    static const auto query =
+        std::bit_cast<Query>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation"));
     return query(what, answer, size, nullptr);
 }
 
@@ -138,14 +140,15 @@ bool isSame(HANDLE handle, const Process& process) {
 
 std::vector<Process> processes() {
     // Grows until the answer fits: processes come and go between two calls.
-    std::vector<uint64_t> buffer(1U << 15U);
+    ULONG size = 1U << 18U;
+    std::vector<uint64_t> buffer;
     constexpr NTSTATUS kStatusInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
     NTSTATUS status = 0;
     for (;;) {
-        const auto size = static_cast<ULONG>(buffer.size() * sizeof(uint64_t));
+        buffer.resize(size / sizeof(uint64_t));
         status = querySystem(SystemProcessInformation, buffer.data(), size);
         if (status != kStatusInfoLengthMismatch) break;
-        buffer.resize(buffer.size() * 2);
+        size *= 2;
     }
     std::vector<Process> all;
     if (status != 0) return all;
@@ -163,6 +166,18 @@ std::string imageOf(uint32_t processId) {
         ::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, /*bInheritHandle=*/FALSE, processId));
     const std::string image = process ? imageOf(process.get()) : "";
     return image.empty() ? imageWithoutHandle(processId) : image;
+}
+
+std::string finalPath(const std::string& path) {
+    const NS_CORE::ScopedFileHandle file(::CreateFileW(
+        toWide(path).c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr));
+    std::wstring text(kLongestPath, L'\0');
+    if (!file || ::GetFinalPathNameByHandleW(file.get(), text.data(), kLongestPath, FILE_NAME_NORMALIZED) == 0)
+        return path;
+    const std::string found = NS_CORE::toUtf8(text.c_str());
+    constexpr std::string_view kPrefix = R"(\\?\)";
+    return found.starts_with(kPrefix) ? found.substr(kPrefix.size()) : found;
 }
 
 uint32_t ownId() {
@@ -217,13 +232,13 @@ std::string startService(const char* serviceName) {
 }
 
 std::optional<std::vector<uint32_t>> portHolders(uint16_t port) {
-    std::vector<uint32_t> buffer(1024);
+    DWORD size = 1U << 12U;
+    std::vector<uint32_t> buffer;
     DWORD error = 0;
     do {
-        auto size = static_cast<DWORD>(buffer.size() * sizeof(uint32_t));
+        buffer.resize(size / sizeof(uint32_t) + 1);
         error = ::GetExtendedUdpTable(buffer.data(), &size, /*bOrder=*/FALSE, AF_INET, UDP_TABLE_OWNER_PID,
                                       /*Reserved=*/0);
-        if (error == ERROR_INSUFFICIENT_BUFFER) buffer.resize(size / sizeof(uint32_t) + 64);
     } while (error == ERROR_INSUFFICIENT_BUFFER);
     if (error != NO_ERROR) return std::nullopt;
     const auto* table = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(buffer.data());
@@ -243,7 +258,7 @@ std::string keriDirectory(const std::string& /*root*/) {
         return "";
     const NS_CORE::ScopedRegistryKey key(opened);
     std::wstring text(kLongestPath, L'\0');
-    auto size = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    DWORD size = kLongestPath * sizeof(wchar_t);
     if (::RegGetValueW(key.get(), /*lpSubKey=*/nullptr, toWide(kKeriValue).c_str(), RRF_RT_REG_SZ, /*pdwType=*/nullptr,
                        text.data(), &size) != ERROR_SUCCESS)
         return "";

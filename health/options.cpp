@@ -62,7 +62,8 @@ Options parseOptions(const std::vector<std::string>& words) {
         } else if (word == "--json") {
             options.isJson = true;
         } else if (word == "--since") {
-            if (++i == words.size() || !parseHours(words[i], &options.hours))
+            ++i;
+            if (i == words.size() || !parseHours(words[i], &options.hours))
                 return refused("'--since' needs a number of hours, 1 to 8760.");
         } else {
             return refused(NS_CORE::formatString("The word '%s' is unknown; --help shows all.", word));

@@ -26,12 +26,15 @@ std::string startOwn(const Installation& installation) {
     return machine::startService(kServiceName);
 }
 
-bool awaitService(const Installation& installation) {
+// Empty when the service runs. The manager may still count a process as running that has just ended; so it is asked
+// again and again.
+std::string startAndAwait(const Installation& installation) {
     for (uint32_t waited = 0; waited <= kStartLimitMs; waited += kPauseMs) {
-        if (runningService(installation)) return true;
+        if (const std::string reason = startOwn(installation); !reason.empty()) return reason;
+        if (runningService(installation)) return "";
         machine::pause(kPauseMs);
     }
-    return false;
+    return "it did not run within 30 seconds";
 }
 
 } // namespace
@@ -59,8 +62,7 @@ Outcome recover(const Installation& installation) {
         outcome.text += NS_CORE::formatString("The service runs already, as process %u.\n", service->id);
         return outcome;
     }
-    std::string reason = startOwn(installation);
-    if (reason.empty() && !awaitService(installation)) reason = "it did not run within 30 seconds";
+    const std::string reason = startAndAwait(installation);
     if (reason.empty()) {
         outcome.text += "The service was started.\n";
         return outcome;
