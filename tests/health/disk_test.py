@@ -1,0 +1,79 @@
+"""disk_test.py HEALTH SERVICE COMPANION: the health check of a service whose disk is full, or nearly so."""
+import contextlib
+import pathlib
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import LIMIT, SILENT, Companion, Wine  # noqa: E402
+
+HEALTH, SERVICE, COMPANION = map(pathlib.Path, sys.argv[1:4])
+IS_WINDOWS = HEALTH.suffix == ".exe"
+del sys.argv[1:]
+
+
+class DiskTest(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory(prefix="quorkeri-disk-")
+        self.addCleanup(directory.cleanup)
+        self.root = pathlib.Path(directory.name)
+        self.logs = self.root / "work/logs"
+        self.logs.mkdir(parents=True)
+        self.companion = Companion(self.root / "bin")
+        self.companion.put(COMPANION)
+        for program in (HEALTH, SERVICE):
+            shutil.copy(program, self.root / "bin")
+
+    def mount(self, size):
+        # Not in a name space of its own: Wine's server opens the files, and sees the mount only here.
+        done = subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "none", self.logs], capture_output=True, check=False)
+        if done.returncode:
+            self.skipTest(f"no right to mount: {done.stderr.decode().strip()}")
+        self.addCleanup(subprocess.run, ["umount", "--lazy", self.logs], check=True)
+
+    def ask(self):
+        """The exit code and the names of the findings."""
+        program = self.root / "bin" / HEALTH.name
+        if IS_WINDOWS:
+            code, text = Wine().run(program)
+        else:
+            done = subprocess.run([program], capture_output=True, text=True, timeout=LIMIT, check=False)
+            code, text = done.returncode, done.stdout
+        return code, re.findall(r" \[([a-z-]+)\] ", text)
+
+    @contextlib.contextmanager
+    def service(self):
+        words = [self.root / "bin" / SERVICE.name, "service-console"]
+        process = Wine().start(*words) if IS_WINDOWS else subprocess.Popen(words, **SILENT)
+        try:
+            self.companion.await_event()
+            yield
+        finally:
+            process.kill()
+            process.wait(LIMIT)
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stop:
+                stop.sendto(b"0123456789", ("127.0.0.1", 34002))
+            self.companion.await_event("ending")
+
+    def test_little_room_is_a_warning(self):
+        self.mount("200m")
+        self.assertIn("disk-low", self.ask()[1])
+
+    def test_a_service_on_a_full_disk_has_no_log_and_this_is_said(self):
+        self.mount("1m")
+        with contextlib.suppress(OSError):
+            (self.logs / "filling").write_bytes(bytes(2 << 20))
+        with self.service():
+            code, findings = self.ask()
+            self.assertEqual(code, 2)
+            self.assertLessEqual({"disk-full", "log-missing"}, set(findings))
+            self.assertNotIn("service-stopped", findings)
+
+
+if __name__ == "__main__":
+    unittest.main()
