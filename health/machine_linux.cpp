@@ -19,7 +19,7 @@
 
 #include "health/machine.h"
 #include "health/names.h"
-#include "utl/utl_regfile.h"
+#include "utl/utl_regfile_linux.h"
 
 namespace health::machine {
 namespace {

@@ -2,10 +2,11 @@
 
 #include "core/files/core_dir.h"
 #include "core/log/core_v2masterlogger.h"
-#include "service/deployment_platform.h"
+#include "core/text/core_pathseparator.h"
 #include "utl/utl_fileutils.h"
 #include "utl/utl_registry.h"
 
+namespace service {
 namespace {
 
 // The uninstall entry of the Keri software, a 32-bit package: the path spells out the 32-bit view, so that every
@@ -19,8 +20,9 @@ constexpr const char* kLibraries[] = {
 };
 
 void copyLibrary(const char* name, const std::string& keriDir, const std::string& moduleDir) {
-    const std::string source = NS_CORE::formatString(deployment_platform::kPathFormat, keriDir, name);
-    const std::string destination = NS_CORE::formatString(deployment_platform::kPathFormat, moduleDir, name);
+    // Nothing is trimmed: the systems accept a doubled separator.
+    const std::string source = NS_CORE::formatString("%s%c%s", keriDir, NS_CORE::kPathSeparator, name);
+    const std::string destination = NS_CORE::formatString("%s%c%s", moduleDir, NS_CORE::kPathSeparator, name);
     if (NS_UTL::FileUtils::copy(source, destination)) return;
     MLOG(Warn, "CopyDependencies", "Failed copying '%s' from '%s' to '%s'", name, keriDir, moduleDir);
 }
@@ -56,3 +58,5 @@ void CopyDependencies() {
     }
     for (const char* name : kLibraries) copyLibrary(name, keriDir, moduleDir);
 }
+
+} // namespace service

@@ -1,6 +1,7 @@
 #include "service/main.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -33,23 +34,26 @@ int applicationStart(int argc, char** argv) {
     NS_CORE::setProductIdentifier(kProductIdentifier);
     NS_CORE::setDefaultPaths();
     const NS_CORE::DefaultGlobals globals;
-    return main(argc, argv);
+    const int result = main(argc, argv);
+    NS_CORE::TestInterface::instance().sendPending();
+    return result;
 }
 
 int main(int argc, char** argv) {
-    Supervisor supervisor;
-    std::function<void()> stop = [&supervisor] { supervisor.stop(); };
-    std::function<int(int, char**)> run = [&supervisor](int runArgc, char** runArgv) {
-        return supervisor.run(runArgc, runArgv);
+    // On the heap: a fault of this thread gives its stack up, while the service manager's thread still uses both until
+    // the process has ended. Nothing destroys them then.
+    const auto supervisor = std::make_unique<Supervisor>();
+    std::function<void()> stop = [supervisor = supervisor.get()] { supervisor->stop(); };
+    std::function<int(int, char**)> run = [supervisor = supervisor.get()](int runArgc, char** runArgv) {
+        return supervisor->run(runArgc, runArgv);
     };
-    NS_UTL::Service host(kAnchor, kServiceName, kDisplayName, NS_CORE::dotPath(NS_CORE::PathKind::Logs), kLogFileName,
-                         std::move(run), std::move(stop));
+    const auto host = std::make_unique<NS_UTL::Service>(kAnchor, kServiceName, kDisplayName,
+                                                        NS_CORE::dotPath(NS_CORE::PathKind::Logs), kLogFileName,
+                                                        std::move(run), std::move(stop));
     // The host has moved to the installation, whose files count. Start-up has read those of the directory that the
     // process was started in.
-    NS_CORE::TestInterface& testInterface = NS_CORE::TestInterface::instance();
-    testInterface.readFiles();
-    const int result = host.run(argc, argv);
-    testInterface.sendPending();
+    NS_CORE::TestInterface::instance().readFiles();
+    const int result = host->run(argc, argv);
     NS_UTL::Service::clearInstance();
     return result;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "service/commandline.h"
+#include "service/argumentvector.h"
 
 // The service's identity, and how its parts are put together.
 namespace service {

@@ -1,75 +1,51 @@
 #include "utl/utl_commandline.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace NS_UTL {
 namespace {
 
-constexpr std::string_view kBlanks = " \t";
+constexpr char kDelimiter = ' ';
 constexpr char kQuote = '"';
 
-void skipBlanks(std::string_view& text) {
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-}
-
-std::string_view take(std::string_view& text, size_t count) {
-    const std::string_view taken = text.substr(0, count);
-    text.remove_prefix(taken.size());
+// Takes the text up to the next `end` from the front of `rest`, and the `end` with it.
+std::string_view takeUntil(char end, std::string_view& rest) {
+    const size_t length = std::min(rest.find(end), rest.size());
+    const std::string_view taken = rest.substr(0, length);
+    rest.remove_prefix(std::min(length + 1, rest.size()));
     return taken;
 }
 
-std::string takeProgram(std::string_view& text) {
-    if (text.front() != kQuote) return std::string(take(text, text.find_first_of(kBlanks)));
-    text.remove_prefix(1);
-    const std::string program(take(text, text.find(kQuote)));
-    take(text, 1);
-    return program;
+std::string_view takeWord(std::string_view& rest) {
+    if (!rest.starts_with(kQuote)) return takeUntil(kDelimiter, rest);
+    rest.remove_prefix(1);
+    return takeUntil(kQuote, rest);
 }
 
-// A run of backslashes, and the quote behind it when that is an ordinary character.
-void takeBackslashes(std::string_view& text, std::string& word) {
-    const size_t count = std::min(text.find_first_not_of('\\'), text.size());
-    text.remove_prefix(count);
-    if (text.empty() || text.front() != kQuote) {
-        word.append(count, '\\');
-        return;
-    }
-    word.append(count / 2, '\\');
-    if (count % 2 != 0) word += take(text, 1);
-}
-
-std::string takeArgument(std::string_view& text) {
-    std::string word;
-    bool isQuoted = false;
-    while (!text.empty()) {
-        const char next = text.front();
-        if (next == '\\') {
-            takeBackslashes(text, word);
-        } else if (next == kQuote) {
-            take(text, 1);
-            if (isQuoted && text.starts_with(kQuote))
-                word += take(text, 1);
-            else
-                isQuoted = !isQuoted;
-        } else if (!isQuoted && kBlanks.find(next) != std::string_view::npos) {
-            break;
-        } else {
-            word += take(text, 1);
-        }
-    }
-    return word;
+bool isBlank(char c) {
+    return static_cast<uint8_t>(c) <= uint8_t{' '};
 }
 
 } // namespace
 
-std::vector<std::string> splitCommandLine(std::string_view commandLine) {
+std::vector<std::string> splitCommandLine(std::string_view text) {
     std::vector<std::string> words;
-    skipBlanks(commandLine);
-    if (commandLine.empty()) return words;
-    words.push_back(takeProgram(commandLine));
-    for (skipBlanks(commandLine); !commandLine.empty(); skipBlanks(commandLine))
-        words.push_back(takeArgument(commandLine));
+    while (!text.empty()) {
+        const std::string_view word = takeWord(text);
+        if (!word.empty()) words.emplace_back(word);
+    }
     return words;
+}
+
+std::string_view withoutProgram(std::string_view commandLine) {
+    bool isQuoted = false;
+    const auto* const nameEnd = std::find_if(commandLine.begin(), commandLine.end(), [&isQuoted](char c) {
+        if (c == kQuote) isQuoted = !isQuoted;
+        return isBlank(c) && !isQuoted;
+    });
+    const auto* const first = std::find_if_not(nameEnd, commandLine.end(), &isBlank);
+    return commandLine.substr(static_cast<size_t>(first - commandLine.begin()));
 }
 
 } // namespace NS_UTL

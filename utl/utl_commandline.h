@@ -6,14 +6,19 @@
 
 namespace NS_UTL {
 
-// Splits a command line into the program and its arguments, as Windows does it for a program's `main`:
-// - Words are separated by blanks and tabs; those in front of the program are skipped.
-// - The program's name ends at the first blank, or, when a double quote begins it, at the next double quote. A
-//   backslash has no meaning in it.
-// - In an argument, double quotes enclose text with blanks and vanish. Between them, two in a row stand for one quote.
-// - Backslashes stand for themselves, except in front of a double quote: there two stand for one, and one left over
-//   makes the quote an ordinary character.
-// Empty without any word. A quote that is never closed ends with the text.
-std::vector<std::string> splitCommandLine(std::string_view commandLine);
+// Splits the text of a command line into its words. Words are separated by spaces, and by spaces only. A word that
+// begins with a double quote runs to the next double quote, spaces included, or to the end of the text where there
+// is none; the quotes are not part of it. A double quote inside any other word is an ordinary character, and so is
+// a backslash everywhere. Empty words are dropped, quoted ones too.
+//
+//     service-install      -> [service-install]
+//     "a b" c              -> [a b] [c]
+//     "a b"c  d"e f        -> [a b] [c] [d"e] [f]
+std::vector<std::string> splitCommandLine(std::string_view text);
+
+// What follows the program's name in a process's whole command line, as Windows hands it to a program of the graphical
+// subsystem: the name ends at the first control character or space outside double quotes, wherever the quotes stand,
+// and those behind it are skipped, too. Bytes from 0x80 up are ordinary characters.
+std::string_view withoutProgram(std::string_view commandLine);
 
 } // namespace NS_UTL

@@ -10,7 +10,6 @@
 #include "core/files/core_scopedfd.h"
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
-#include "utl/utl_fileutils_platform.h"
 
 namespace NS_UTL {
 
@@ -45,8 +44,8 @@ bool copyContent(int from, int to, const std::string& source, const std::string&
             return false;
         }
         if (length > 0 && !writeBlock(to, buffer.data(), length, destination)) return false;
-        // A short read is taken for the end of the file, which saves a read for every file but those of just a
-        // multiple of the buffer.
+        // A short read counts as the end of the file, which saves one read for every file whose size is not a
+        // multiple of the buffer's.
     } while (length == kCopyBufferSize);
     return true;
 }
@@ -70,17 +69,6 @@ bool FileUtils::copy(const std::string& source, const std::string& destination) 
     from.reset();
     to.reset();
     Wrapper::unlink(destination);
-    return false;
-}
-
-bool FileUtils::renameFile(const std::string& from, const std::string& to) {
-    fileutils_platform::Path fromPath{from, {}};
-    fileutils_platform::Path toPath{to, {}};
-    if (!Wrapper::convertPath(from, fromPath.wide) || !Wrapper::convertPath(to, toPath.wide)) return false;
-    if (fileutils_platform::moveReplacing(fromPath, toPath)) return true;
-
-    const uint32_t error = NS_CORE::lastSystemError();
-    MLOG(Info, "NS_UTL::FileUtils::renameFile", "'%s'=>'%s' failed : %s", from, to, NS_CORE::systemErrorText(error));
     return false;
 }
 

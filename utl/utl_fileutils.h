@@ -14,8 +14,8 @@ public:
     // was, so that no half file is taken for a whole one. A file copied onto itself is emptied.
     [[nodiscard]] static bool copy(const std::string& source, const std::string& destination);
 
-    // Renames within a volume; an existing `to` is replaced. False, logged at INFO, when the system refuses; a path
-    // that is not UTF-8 fails a CHECKF whose message is that path.
+    // Renames within a volume and replaces an existing `to`. False, logged at INFO, when the system refuses. A path
+    // that is not UTF-8 fails a CHECKF of this unit's platform source whose message is that path.
     [[nodiscard]] static bool renameFile(const std::string& from, const std::string& to);
 };
 

@@ -1,13 +1,25 @@
 #include <windows.h>
 
-#include "utl/utl_fileutils_platform.h"
+#include "core/files/core_wrapper.h"
+#include "core/log/core_v2masterlogger.h"
+#include "core/text/core_checkf.h"
+#include "core/text/core_utf8.h"
+#include "utl/utl_fileutils.h"
 
-namespace NS_UTL::fileutils_platform {
+namespace NS_UTL {
 
-bool moveReplacing(const Path& from, const Path& to) {
-    const std::wstring wideFrom(from.wide.begin(), from.wide.end());
-    const std::wstring wideTo(to.wide.begin(), to.wide.end());
-    return ::MoveFileExW(wideFrom.c_str(), wideTo.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != FALSE;
+bool FileUtils::renameFile(const std::string& from, const std::string& to) {
+    std::u16string wideFrom;
+    std::u16string wideTo;
+    if (!CHECKF(NS_CORE::fromUtf8(from, wideFrom), "%s", from)) return false;
+    if (!CHECKF(NS_CORE::fromUtf8(to, wideTo), "%s", to)) return false;
+    if (::MoveFileExW(std::wstring(wideFrom.begin(), wideFrom.end()).c_str(),
+                      std::wstring(wideTo.begin(), wideTo.end()).c_str(),
+                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        return true;
+    const uint32_t error = NS_CORE::lastSystemError();
+    MLOG(Info, "NS_UTL::FileUtils::renameFile", "'%s'=>'%s' failed : %s", from, to, NS_CORE::systemErrorText(error));
+    return false;
 }
 
-} // namespace NS_UTL::fileutils_platform
+} // namespace NS_UTL

@@ -4,6 +4,8 @@
 #include "core/log/core_v2masterlogger.h"
 #include "core/memory/core_guniquebuf.h"
 #include "core/text/core_checkf.h"
+#include "utl/utl_registry_platform.h"
+#include "utl/utl_regtype.h"
 
 namespace NS_UTL {
 namespace {
@@ -16,28 +18,29 @@ constexpr uint32_t kFirstGuess = 16;
 } // namespace
 
 bool RegistryKey::open(const std::string& subKey) {
-    if (!CHECKF(m_key == nullptr, "")) return false;
+    if (!CHECKF(!m_key, "")) return false;
     // Built before the call, so that nothing comes between it and the reading of its error.
     const std::string prefix = NS_CORE::formatString("RegistryKey: failed open '%s'", subKey);
-    if (openKey(subKey, &m_key)) return true;
+    m_key = registry_platform::openKey(subKey);
+    if (m_key) return true;
     NS_CORE::logLastError(prefix);
     return false;
 }
 
 bool RegistryKey::getValue(const std::string& name, const Consumer& consumer) const {
-    if (!CHECKF(m_key != nullptr, "")) return false;
+    if (!CHECKF(m_key, "")) return false;
     uint8_t firstGuess[kFirstGuess];
     NS_CORE::GUniqueBuf grown(/*size=*/0);
     uint8_t* buffer = firstGuess;
     uint32_t count = kFirstGuess;
     uint32_t type = RegType::None;
-    uint32_t result = queryValue(m_key, name, &type, buffer, &count);
+    uint32_t result = registry_platform::queryValue(m_key, name, type, buffer, count);
     // More than once where the value grows between two reads.
     while (result == kErrorMoreData) {
         grown.adjust(/*deltaFront=*/0, static_cast<int32_t>(count) - grown.size());
         buffer = grown.data();
         count = static_cast<uint32_t>(grown.size());
-        result = queryValue(m_key, name, &type, buffer, &count);
+        result = registry_platform::queryValue(m_key, name, type, buffer, count);
     }
     if (result != 0) {
         MLOG(Warn, "NS_UTL::RegistryKey::getValue", "(%s) - error %d", name, static_cast<int32_t>(result));

@@ -6,23 +6,13 @@
 
 namespace NS_UTL {
 
-// Types of registry values, by the system's numbers.
-namespace RegType {
-inline constexpr uint32_t None = 0;     // REG_NONE
-inline constexpr uint32_t Sz = 1;       // REG_SZ
-inline constexpr uint32_t ExpandSz = 2; // REG_EXPAND_SZ
-inline constexpr uint32_t Binary = 3;   // REG_BINARY
-inline constexpr uint32_t Dword = 4;    // REG_DWORD
-inline constexpr uint32_t MultiSz = 7;  // REG_MULTI_SZ
-} // namespace RegType
-
 // Reads string values of one key below HKEY_LOCAL_MACHINE. On Linux the registry is the file
-// "settings/registry.reg" below the working directory, in Windows' export format (utl_regfile.h), as it is when
-// open() is called. Failures are logged at WARN; misuse fails a CHECKF with an empty message and, where the hook
+// "settings/registry.reg" below the working directory, in Windows' export format (utl_regfile_linux.h), as it is
+// when open() is called. Failures are logged at WARN; misuse fails a CHECKF with an empty message and, where the hook
 // goes on, gives false. One thread at a time.
 class RegistryKey {
 public:
-    // Takes a value's bytes, valid during the call only, and answers what getValue() answers.
+    // Receives a value's bytes, valid during the call only; getValue() returns its result.
     using Consumer = std::function<bool(const uint8_t* bytes, uint32_t count)>;
 
     RegistryKey() = default;
@@ -44,15 +34,7 @@ public:
     [[nodiscard]] bool getValue(const std::string& name, std::string& text) const;
 
 private:
-    using Handle = void*; // HKEY
-
-    // The two calls of the platform. On failure openKey() leaves the reason as the thread's last error (errno on
-    // Linux) and `key` alone. queryValue() is RegQueryValueEx: 0, ERROR_MORE_DATA with the count that is needed, or
-    // another of Windows' error codes.
-    static bool openKey(const std::string& subKey, Handle* key);
-    static uint32_t queryValue(Handle key, const std::string& name, uint32_t* type, uint8_t* buffer, uint32_t* count);
-
-    Handle m_key = nullptr;
+    void* m_key = nullptr; // HKEY
 };
 
 } // namespace NS_UTL

@@ -1,12 +1,12 @@
-#include "utl/utl_registry.h"
-
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "utl/utl_regfile.h"
+#include "core/memory/core_neverdestroyed.h"
+#include "utl/utl_regfile_linux.h"
+#include "utl/utl_registry_platform.h"
 
 namespace NS_UTL {
 namespace {
@@ -21,37 +21,36 @@ constexpr uint32_t kErrorFileNotFound = 2; // ERROR_FILE_NOT_FOUND
 constexpr uint32_t kErrorMoreData = 234;   // ERROR_MORE_DATA
 
 // Keys are never closed; kept here, they stay reachable until the process ends.
-void* keepOpen(std::unique_ptr<OpenKey> key) {
-    static std::mutex mutex;
-    static auto& keys = *new std::vector<std::unique_ptr<OpenKey>>;
-    const std::lock_guard lock(mutex);
-    return keys.emplace_back(std::move(key)).get();
-}
+struct OpenKeys {
+    std::mutex mutex;
+    std::vector<std::unique_ptr<OpenKey>> keys;
+};
+NS_CORE::NeverDestroyed<OpenKeys> g_open;
 
 } // namespace
 
-bool RegistryKey::openKey(const std::string& subKey, Handle* key) {
+void* registry_platform::openKey(const std::string& subKey) {
     auto opened = std::make_unique<OpenKey>();
-    if (!opened->registry.load("settings/registry.reg")) return false;
+    if (!opened->registry.load("settings/registry.reg")) return nullptr;
     opened->path = "HKEY_LOCAL_MACHINE\\" + subKey;
     if (!opened->registry.hasKey(opened->path)) {
         errno = ENOENT;
-        return false;
+        return nullptr;
     }
-    *key = keepOpen(std::move(opened));
-    return true;
+    const std::lock_guard lock(g_open->mutex);
+    return g_open->keys.emplace_back(std::move(opened)).get();
 }
 
-uint32_t RegistryKey::queryValue(Handle key, const std::string& name, uint32_t* type, uint8_t* buffer,
-                                 uint32_t* count) {
+uint32_t registry_platform::queryValue(void* key, const std::string& name, uint32_t& type, uint8_t* buffer,
+                                       uint32_t& count) {
     const auto& opened = *static_cast<const OpenKey*>(key);
     const RegFile::Value* value = opened.registry.findValue(opened.path, name);
-    if (value == nullptr) return kErrorFileNotFound;
-    const uint32_t room = *count;
-    *type = value->type;
-    *count = static_cast<uint32_t>(value->bytes.size());
-    if (*count > room) return kErrorMoreData;
-    if (*count != 0) std::memcpy(buffer, value->bytes.data(), *count);
+    if (!value) return kErrorFileNotFound;
+    const uint32_t room = count;
+    type = value->type;
+    count = static_cast<uint32_t>(value->bytes.size());
+    if (count > room) return kErrorMoreData;
+    if (count != 0) std::memcpy(buffer, value->bytes.data(), count);
     return 0;
 }
 

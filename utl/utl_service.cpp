@@ -1,8 +1,8 @@
 #include "utl/utl_service.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "absl/base/const_init.h"
 #include "absl/base/thread_annotations.h"
@@ -14,7 +14,6 @@
 #include "core/text/core_checkf.h"
 #include "utl/utl_filelogger.h"
 #include "utl/utl_service_platform.h"
-#include "utl/utl_signal.h"
 
 namespace NS_UTL {
 namespace {
@@ -47,37 +46,9 @@ private:
     Service* m_service;
 };
 
-bool hasNoUsers(int32_t* users) {
-    return *users == 0;
-}
-
 void dropInstance() ABSL_EXCLUSIVE_LOCKS_REQUIRED(g_instanceMutex) {
     g_instance = nullptr;
-    g_instanceMutex.Await(absl::Condition(&hasNoUsers, &g_instanceUsers));
-}
-
-// Handlers for all of console mode's signals; they end in the reverse order, whichever way the scope is left.
-class ConsoleSignals {
-public:
-    explicit ConsoleSignals(Signal::Handler handler) {
-        for (const int32_t signum : ServicePlatform::consoleSignals())
-            m_signals.push_back(std::make_unique<Signal>(signum, handler));
-    }
-    ~ConsoleSignals() {
-        while (!m_signals.empty()) m_signals.pop_back();
-    }
-    ConsoleSignals(const ConsoleSignals&) = delete;
-    ConsoleSignals& operator=(const ConsoleSignals&) = delete;
-
-private:
-    std::vector<std::unique_ptr<Signal>> m_signals;
-};
-
-bool hasConsoleWord(int argc, char** argv) {
-    for (int i = 0; i < argc; ++i) {
-        if (argv[i] == Service::kConsoleWord) return true;
-    }
-    return false;
+    g_instanceMutex.Await(absl::Condition(+[](int32_t* users) { return *users == 0; }, &g_instanceUsers));
 }
 
 void setWorkingDirectoryToModule() {
@@ -93,7 +64,7 @@ void setWorkingDirectoryByAnchor(const std::string& anchor) {
 
 } // namespace
 
-void ServicePlatform::logManagerNotOpened(std::string_view function) {
+void service_platform::logManagerNotOpened(std::string_view function) {
     const uint32_t error = NS_CORE::lastSystemError();
     MLOG(Warn, function, "failed to open service manager: %s", NS_CORE::systemErrorText(error));
 }
@@ -128,14 +99,17 @@ void Service::clearInstance() {
 }
 
 int Service::run(int argc, char** argv) {
-    if (argc >= 2 && argv[1] == kInstallWord) return runInstall();
-    if (argc >= 2 && argv[1] == kRemoveWord) return runRemove();
-    return runService(/*asService=*/!isConsoleMode(argc, argv), argc, argv);
+    const Mode mode = modeOf(argc, argv);
+    if (mode == Mode::Install) return runInstall();
+    if (mode == Mode::Remove) return runRemove();
+    return runService(/*asService=*/mode == Mode::Service, argc, argv);
 }
 
-bool Service::isConsoleMode(int argc, char** argv) {
-    if (argc < 2 || argv[1] == kInstallWord || argv[1] == kRemoveWord) return false;
-    return hasConsoleWord(argc, argv);
+Service::Mode Service::modeOf(int argc, char** argv) {
+    if (argc < 2) return Mode::Service;
+    if (argv[1] == kInstallWord) return Mode::Install;
+    if (argv[1] == kRemoveWord) return Mode::Remove;
+    return std::find(argv, argv + argc, kConsoleWord) != argv + argc ? Mode::Console : Mode::Service;
 }
 
 int Service::runInstall() {
@@ -171,8 +145,7 @@ int Service::runService(bool asService, int argc, char** argv) {
 
 int Service::runInConsole(int argc, char** argv) {
     MLOG(Norm, "UTL::Service::runService", "running '%s' in console", m_name);
-    const ConsoleSignals signals(&Service::signalHandler);
-    return m_run(argc, argv);
+    return service_platform::runWithConsoleHandlers(&Service::signalHandler, [&] { return m_run(argc, argv); });
 }
 
 void Service::requestStop() {

@@ -36,7 +36,7 @@ struct ServiceManagerCalls {
 //
 // One instance at a time. The callbacks that the system makes (signals, service main, controls) find it through a
 // process-wide pointer, which the constructor sets and the application clears, with clearInstance, once run has
-// returned. Failures are logged here and answered by a result; nothing throws but an empty run callback.
+// returned. Failures are logged here and reported by the result; nothing throws but an empty run callback.
 //
 // Where there is no service control manager (Linux), install, remove and service mode fail with the messages of a
 // manager that cannot be reached; console mode is what carries the application there.
@@ -69,29 +69,30 @@ public:
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
-    // Chooses the mode by the arguments and performs it. No argument beyond the program's name: service mode.
+    // Chooses the mode by the arguments and performs it.
     // Returns the process's exit code: 0, 1 for a failed install, remove or dispatcher start, in console mode the
     // run callback's result.
     [[nodiscard]] int run(int argc, char** argv);
 
-    // True when `run` with these arguments is console mode: the console word stands anywhere, element 0 included,
-    // behind no first word for installation or removal.
-    [[nodiscard]] static bool isConsoleMode(int argc, char** argv);
+    // What `run` does with these arguments. The words for installation and removal count only as the first one after
+    // the program's name, the word for console mode counts anywhere, element 0 included.
+    enum class Mode { Install, Remove, Console, Service };
+    [[nodiscard]] static Mode modeOf(int argc, char** argv);
 
     // Registers the executable as a service that starts by itself, under the system's account. A service of this name
     // that is there already counts as success and stays as it is. Needs administrator rights.
     [[nodiscard]] bool install(const std::string& name, const std::string& displayName,
                                const std::string& executablePath);
 
-    // Takes the service of this host's name from the register.
+    // Unregisters the service of this host's name; fails when it is not registered. Needs administrator rights.
     [[nodiscard]] bool remove();
 
     // Service mode returns when the service has stopped (0) or when no manager started this process (1); console mode
     // when the run callback has returned, with its result.
     [[nodiscard]] int runService(bool asService, int argc, char** argv);
 
-    // Makes the callbacks below answer with a failed check from now on. Waits until those that are at work are done,
-    // so that the host can be destroyed; must not be called from one of them.
+    // Makes the callbacks below fail a check from now on. Waits until those at work have returned, so that the host can
+    // be destroyed; must not be called from one of them.
     static void clearInstance();
 
     // Console mode's handler for a signal: logs the number and calls the stop callback. Without an instance a failed

@@ -1,4 +1,3 @@
-#include <array>
 #include <cerrno>
 #include <csignal>
 
@@ -15,9 +14,10 @@ void failUnsupported() {
 
 } // namespace
 
-std::span<const int32_t> ServicePlatform::consoleSignals() {
-    static constexpr std::array<int32_t, 2> kSignals = {SIGINT, SIGTERM};
-    return kSignals;
+int service_platform::runWithConsoleHandlers(Signal::Handler handler, const std::function<int()>& work) {
+    const Signal interrupt(SIGINT, handler);
+    const Signal terminate(SIGTERM, handler);
+    return work();
 }
 
 ServiceManagerCalls ServiceManagerCalls::platform() {
@@ -35,13 +35,13 @@ ServiceManagerCalls ServiceManagerCalls::platform() {
 bool Service::install(const std::string& /*name*/, const std::string& /*displayName*/,
                       const std::string& /*executablePath*/) {
     failUnsupported();
-    ServicePlatform::logManagerNotOpened("UTL::Service::install");
+    service_platform::logManagerNotOpened("UTL::Service::install");
     return false;
 }
 
 bool Service::remove() {
     failUnsupported();
-    ServicePlatform::logManagerNotOpened("UTL::Service::remove");
+    service_platform::logManagerNotOpened("UTL::Service::remove");
     return false;
 }
 

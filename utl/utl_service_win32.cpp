@@ -3,8 +3,8 @@
 #include <windows.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
-#include <span>
 
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
@@ -29,12 +29,35 @@ static_assert(ServiceControl::Stop == SERVICE_CONTROL_STOP && ServiceControl::Pa
 constexpr std::string_view kInstall = "UTL::Service::install";
 constexpr std::string_view kRemove = "UTL::Service::remove";
 
+// What removal has always asked of the service; SERVICE_ALL_ACCESS is more, and a hardened service may refuse it.
+constexpr DWORD kRemovalRights = 0xF003F;
+
 // Empty, after a message under the caller's name, when the manager cannot be reached or does not grant all rights.
 ScopedServiceHandle openManager(std::string_view function) {
     ScopedServiceHandle manager(
         ::OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
-    if (!manager) ServicePlatform::logManagerNotOpened(function);
+    if (!manager) service_platform::logManagerNotOpened(function);
     return manager;
+}
+
+// Console mode's handler, until one of the events below has called it or console mode has ended.
+constinit std::atomic<Signal::Handler> g_consoleHandler{nullptr};
+
+// The system calls this on a thread of its own. It ends the process when this returns from an event that ends the
+// console, and some seconds after the event (5 for a closed window) whether it has returned or not. To return would cut
+// the stop short, so this thread waits for the process to end by itself.
+BOOL WINAPI endWithConsole(DWORD event) {
+    if (event != CTRL_CLOSE_EVENT && event != CTRL_LOGOFF_EVENT && event != CTRL_SHUTDOWN_EVENT) return FALSE;
+    static constinit std::atomic<bool> isEnding{false};
+    const Signal::Handler handler = g_consoleHandler.exchange(nullptr);
+    if (handler) {
+        isEnding = true;
+        handler(SIGBREAK);
+    } else if (!isEnding) {
+        return FALSE;
+    }
+    ::Sleep(INFINITE);
+    return TRUE;
 }
 
 // The system's side of the two callbacks, which have its calling convention.
@@ -71,9 +94,21 @@ void reportStatus(ServiceManagerCalls::StatusHandle handle, const ServiceStatus&
 
 } // namespace
 
-std::span<const int32_t> ServicePlatform::consoleSignals() {
-    static constexpr std::array<int32_t, 3> kSignals = {SIGINT, SIGTERM, SIGBREAK};
-    return kSignals;
+int service_platform::runWithConsoleHandlers(Signal::Handler handler, const std::function<int()>& work) {
+    Signal interrupt(SIGINT, handler);
+    Signal terminate(SIGTERM, handler);
+    Signal consoleBreak(SIGBREAK, handler);
+    g_consoleHandler = handler;
+    // Called before the runtime's own handler, which takes these events for SIGBREAK but returns at once.
+    ::SetConsoleCtrlHandler(&endWithConsole, /*Add=*/TRUE);
+    const int result = work();
+    if (g_consoleHandler.exchange(nullptr)) {
+        ::SetConsoleCtrlHandler(&endWithConsole, /*Add=*/FALSE);
+        return result;
+    }
+    // The system may hold its lock on the handlers for as long as endWithConsole waits.
+    for (Signal* signal : {&interrupt, &terminate, &consoleBreak}) signal->keep();
+    return result;
 }
 
 ServiceManagerCalls ServiceManagerCalls::platform() {
@@ -98,7 +133,7 @@ bool Service::install(const std::string& name, const std::string& displayName, c
 bool Service::remove() {
     const ScopedServiceHandle manager = openManager(kRemove);
     if (!manager) return false;
-    const ScopedServiceHandle service(::OpenServiceA(manager.get(), m_name.c_str(), SERVICE_ALL_ACCESS));
+    const ScopedServiceHandle service(::OpenServiceA(manager.get(), m_name.c_str(), kRemovalRights));
     if (!service) {
         const DWORD error = ::GetLastError();
         MLOG(Crit, kRemove, "failed to open service '%s': %s", m_name, NS_CORE::systemErrorText(error));

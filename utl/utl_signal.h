@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 namespace NS_UTL {
 
@@ -12,9 +11,9 @@ namespace NS_UTL {
 // - Windows: for console events a thread of the runtime's own; for a raised signal the thread that raises it. The
 //   runtime resets a signal to its default action before it calls the handler, so a handler is called once.
 // - Linux: always one thread of this unit's own, so that a handler may do whatever a thread may do: log, lock, use
-//   sockets. Signals are answered one after the other, in the order of their arrival, and the handler stays installed.
-//   A signal that is still unanswered when its object ends is dropped. The end of the last object waits until a handler
-//   at work has returned and the thread is gone; a handler must not destroy a Signal.
+//   sockets. Signals are handled one after the other, in the order of their arrival, and the handler stays installed.
+//   A signal that has not been handled when its object ends is dropped. The end of the last object waits until a
+//   handler at work has returned and the thread is gone; a handler must not destroy a Signal.
 class Signal {
 public:
     using Handler = void (*)(int signum);
@@ -25,24 +24,16 @@ public:
     // A handler that cannot be put back is logged at WARN.
     ~Signal();
 
+    // Leaves the handler installed for good: the object's end changes nothing any more.
+    void keep() { m_isInstalled = false; }
+
     Signal(const Signal&) = delete;
     Signal& operator=(const Signal&) = delete;
 
 private:
-    // One installation, with what it replaced.
-    class Installation {
-    public:
-        virtual ~Installation() = default;
-        // Puts the previous handler back; false when the system refuses.
-        [[nodiscard]] virtual bool undo() = 0;
-    };
-    class PlatformInstallation;
-
-    // The platform's part; null when the system refuses.
-    [[nodiscard]] static std::unique_ptr<Installation> install(int32_t signum, Handler handler);
-
     int32_t m_signum;
-    std::unique_ptr<Installation> m_installation;
+    Handler m_previous = nullptr;
+    bool m_isInstalled;
 };
 
 } // namespace NS_UTL

@@ -10,12 +10,13 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "utl/utl_signal.h"
+#include "core/memory/core_neverdestroyed.h"
+#include "utl/utl_signal_platform.h"
 
 namespace NS_UTL {
 namespace {
 
-// Signal numbers go through the pipe as one byte each; 0 is no signal and tells the answering thread to end.
+// Signal numbers go through the pipe as one byte each; 0 is no signal and makes the handling thread end.
 constexpr int32_t kSignalLimit = NSIG;
 static_assert(kSignalLimit <= 256);
 constexpr uint8_t kEnd = 0;
@@ -24,11 +25,11 @@ constexpr uint8_t kEnd = 0;
 constinit std::atomic<int> g_writeEnd{-1};
 static_assert(std::atomic<int>::is_always_lock_free);
 
-// What the answering thread calls, by signal number.
+// What the handling thread calls, by signal number.
 constinit std::array<std::atomic<Signal::Handler>, kSignalLimit> g_handlers{};
 
 // The system's handler: runs on whatever thread the signal interrupts, in the middle of whatever that thread does.
-// Only async-signal-safe calls here. A full pipe means that 65536 signals wait for an answer: one more changes nothing.
+// Only async-signal-safe calls here. A full pipe means that 65536 signals wait to be handled: one more changes nothing.
 void passOn(int signum) {
     const int savedError = errno;
     const auto byte = static_cast<uint8_t>(signum);
@@ -36,7 +37,7 @@ void passOn(int signum) {
     errno = savedError;
 }
 
-void answer(int readEnd) {
+void handleSignals(int readEnd) {
     uint8_t byte = kEnd;
     for (;;) {
         const ssize_t count = ::read(readEnd, &byte, 1);
@@ -47,7 +48,7 @@ void answer(int readEnd) {
     }
 }
 
-// The answering thread and its pipe, shared by all Signal objects: the first one starts the thread, the last one ends
+// The handling thread and its pipe, shared by all Signal objects: the first one starts the thread, the last one ends
 // it. The pipe stays open for the life of the process, because a system handler that is still on its way on another
 // thread may write to it after the last object has ended.
 class Dispatcher {
@@ -85,7 +86,7 @@ private:
         sigset_t before;
         ::sigfillset(&all);
         ::pthread_sigmask(SIG_SETMASK, &all, &before);
-        m_thread = std::thread(&answer, m_readEnd);
+        m_thread = std::thread(&handleSignals, m_readEnd);
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
 
@@ -100,53 +101,36 @@ private:
     std::thread m_thread ABSL_GUARDED_BY(m_mutex);
 };
 
-Dispatcher& dispatcher() {
-    // Never destroyed: a process that exits in the middle of console mode leaves the thread waiting.
-    static Dispatcher& instance = *new Dispatcher;
-    return instance;
-}
+// Never destroyed: a process that exits in the middle of console mode leaves the thread waiting.
+NS_CORE::NeverDestroyed<Dispatcher> g_dispatcher;
+
+// What the process did about a signal before the first object for it.
+std::array<struct sigaction, kSignalLimit> g_actionsBefore;
 
 } // namespace
 
-class Signal::PlatformInstallation final : public Signal::Installation {
-public:
-    // Takes a use of the dispatcher over.
-    PlatformInstallation(int32_t signum, Handler previousHandler, const struct sigaction& previousAction)
-        : m_signum(signum), m_previousHandler(previousHandler), m_previousAction(previousAction) {}
-
-    PlatformInstallation(const PlatformInstallation&) = delete;
-    PlatformInstallation& operator=(const PlatformInstallation&) = delete;
-    ~PlatformInstallation() override { dispatcher().release(); }
-
-    bool undo() override {
-        const bool restored = ::sigaction(m_signum, &m_previousAction, nullptr) == 0;
-        g_handlers[static_cast<size_t>(m_signum)].store(m_previousHandler);
-        return restored;
-    }
-
-private:
-    int32_t m_signum;
-    Handler m_previousHandler;
-    struct sigaction m_previousAction;
-};
-
-std::unique_ptr<Signal::Installation> Signal::install(int32_t signum, Handler handler) {
-    if (signum <= 0 || signum >= kSignalLimit || !dispatcher().acquire()) return nullptr;
-    std::atomic<Handler>& slot = g_handlers[static_cast<size_t>(signum)];
-    const Handler previousHandler = slot.exchange(handler);
-
+bool signal_platform::install(int32_t signum, Signal::Handler handler, Signal::Handler& previous) {
+    if (signum <= 0 || signum >= kSignalLimit || !g_dispatcher->acquire()) return false;
+    const auto index = static_cast<size_t>(signum);
+    previous = g_handlers[index].exchange(handler);
     struct sigaction action = {};
     action.sa_handler = &passOn;
     // A system call that the signal interrupts goes on.
     action.sa_flags = SA_RESTART;
     ::sigfillset(&action.sa_mask);
-    struct sigaction previousAction = {};
-    if (::sigaction(signum, &action, &previousAction) != 0) {
-        slot.store(previousHandler);
-        dispatcher().release();
-        return nullptr;
-    }
-    return std::make_unique<PlatformInstallation>(signum, previousHandler, previousAction);
+    // A second object for the same signal finds our own action installed.
+    if (previous || ::sigaction(signum, &action, &g_actionsBefore[index]) == 0) return true;
+    g_handlers[index].store(previous);
+    g_dispatcher->release();
+    return false;
+}
+
+bool signal_platform::restore(int32_t signum, Signal::Handler previous) {
+    const auto index = static_cast<size_t>(signum);
+    const bool isRestored = previous || ::sigaction(signum, &g_actionsBefore[index], nullptr) == 0;
+    g_handlers[index].store(previous);
+    g_dispatcher->release();
+    return isRestored;
 }
 
 } // namespace NS_UTL

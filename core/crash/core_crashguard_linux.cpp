@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "core/crash/internal/core_crashreport.h"
-#include "core/crash/internal/core_crashreport_platform.h"
 #include "core/files/core_dir.h"
 #include "core/files/core_scopedfd.h"
 #include "core/files/core_wrapper.h"
@@ -29,8 +28,8 @@
 #include "core/identity/core_rcsname.h"
 #include "core/memory/core_neverdestroyed.h"
 #include "core/stack/core_stacktrace_linux.h"
-#include "core/stack/core_stacktrace_platform.h"
 #include "core/stack/core_stacktracetext.h"
+#include "core/text/core_pathseparator.h"
 #include "core/text/core_varargs.h"
 
 // The fault's handler does what a handler may do and no more: it walks the stack, writes the addresses to the dump
@@ -39,8 +38,6 @@
 // hangs, it is left for the next, and the addresses are on the disk already.
 
 namespace NS_CORE {
-
-const char crashreport_platform::kSeparator = '/';
 
 namespace {
 
@@ -282,8 +279,7 @@ std::string dumpText(const CrashNames& names, const Fault& fault) {
     for (size_t index = 0; index < fault.frameCount; ++index) frames.push_back(describeFrame(fault.frames[index]));
     std::string text = formatString("%s %s\n%s (code %d) at address 0x%x\n", names.name, names.version,
                                     signalName(fault.signal), fault.code, fault.address);
-    for (const std::string& line : traceLines(frames, /*discarded=*/0, stacktrace_platform::kSeparator))
-        formatInto(text, "%s\n", line);
+    for (const std::string& line : traceLines(frames, /*discarded=*/0, kPathSeparator)) formatInto(text, "%s\n", line);
     return text + '\n';
 }
 
@@ -332,7 +328,7 @@ void reportFault(Prepared& process) {
 void prepare(Prepared& process) {
     std::string executable;
     if (!Dir::getModuleFilename(executable)) executable.clear();
-    process.name = crashNames({}, executable, {}, {}, crashreport_platform::kSeparator).name;
+    process.name = crashNames({}, executable, {}, {}, kPathSeparator).name;
     process.step.store(Step::None);
     process.fault.frameCount = walkRaw(process.fault.frames.data(), 1);
     process.thread = threadId();

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "core/crash/internal/core_crashreport.h"
-#include "core/crash/internal/core_crashreport_platform.h"
 #include "core/crash/internal/core_seh_win32.h"
 #include "core/crash/internal/core_throwsite_win32.h"
 #include "core/files/core_wrapper.h"
@@ -21,8 +20,6 @@
 #include "core/text/core_utf8_win32.h"
 
 namespace NS_CORE {
-
-const char crashreport_platform::kSeparator = '\\';
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/text/core_checkf.h"
+#include "core/text/core_pathseparator.h"
 
 namespace NS_CORE {
 namespace {
@@ -26,7 +27,7 @@ bool Dir::getModuleFilename(std::string& out) {
 bool Dir::getModuleDir(std::string& out) {
     std::string filename;
     if (!getModuleFilename(filename)) return false;
-    const size_t separator = filename.rfind(dir_platform::kSeparator);
+    const size_t separator = filename.rfind(kPathSeparator);
     if (!CHECKF(separator != std::string::npos, "%s", filename)) return false;
     out = filename.substr(0, separator);
     return true;

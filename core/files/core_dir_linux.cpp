@@ -4,8 +4,6 @@
 
 namespace NS_CORE::dir_platform {
 
-const char kSeparator = '/';
-
 size_t readModuleFilename(char* buffer, size_t size) {
     const ssize_t length = ::readlink("/proc/self/exe", buffer, size);
     return length < 0 ? 0 : static_cast<size_t>(length);

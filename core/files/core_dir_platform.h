@@ -7,8 +7,6 @@
 // unit alone.
 namespace NS_CORE::dir_platform {
 
-extern const char kSeparator;
-
 // Writes the running executable's path to `buffer`, not terminated when it does not fit. Answers the count of
 // characters written, `size` when the path was cut, and 0 when the system cannot tell.
 size_t readModuleFilename(char* buffer, size_t size);

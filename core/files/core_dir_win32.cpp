@@ -4,8 +4,6 @@
 
 namespace NS_CORE::dir_platform {
 
-const char kSeparator = '\\';
-
 size_t readModuleFilename(char* buffer, size_t size) {
     return ::GetModuleFileNameA(/*hModule=*/nullptr, buffer, static_cast<DWORD>(size));
 }

@@ -12,9 +12,11 @@ namespace {
 
 thread_local bool t_useWidePaths = true;
 
-// False, with errno set, when the wide form is asked for and the path does not convert.
+// False, after a failed CHECKF and with errno set, when the wide form is asked for and the path does not convert.
 bool preparePath(wrapper_platform::Path& path) {
-    return !path.useWide || Wrapper::convertPath(path.narrow, path.wide);
+    if (!path.useWide || CHECKF(fromUtf8(path.narrow, path.wide), "%s", path.narrow)) return true;
+    errno = EILSEQ;
+    return false;
 }
 
 wrapper_platform::Path pathInChosenForm(const std::string& path) {
@@ -35,12 +37,6 @@ bool Wrapper::useWidePaths() {
 
 void Wrapper::setUseWidePaths(bool useWide) {
     t_useWidePaths = useWide;
-}
-
-bool Wrapper::convertPath(const std::string& path, std::u16string& wideOut) {
-    if (CHECKF(fromUtf8(path, wideOut), "%s", path)) return true;
-    errno = EILSEQ;
-    return false;
 }
 
 int Wrapper::open(const std::string& path, int openFlags, int permissionMode) {

@@ -24,20 +24,20 @@ public:
     // Opens for binary access and lets others read, write and share the file meanwhile.
     // openFlags       O_RDONLY, O_CREAT and so on, as <fcntl.h> has them on the platform.
     // permissionMode  the rights of a file that is created: S_IRUSR, S_IWUSR.
-    // Answers a descriptor, which the caller closes (ScopedFd, core_scopedfd.h) and which programs started
+    // Returns a descriptor, which the caller closes (ScopedFd, core_scopedfd.h) and which programs started
     // by ProcessUtils do not inherit; or -1 and errno.
     [[nodiscard]] static int open(const std::string& path, int openFlags, int permissionMode);
 
     // Removes a file, a read-only one too: when the first try is refused with EACCES, the file's mode is set to 0600
     // and the removal tried once more. A mode that cannot be set is logged at NORM.
-    // Answers 0, or -1 with the errno of the first try; after a second try that worked, errno holds the first's too.
+    // Returns 0, or -1 with the errno of the first try; after a second try that worked, errno holds the first's too.
     static int unlink(const std::string& path);
 
-    // Always the wide form. Answers a stream, which the caller closes, or null and errno. A mode that is not UTF-8
+    // Always the wide form. Returns a stream, which the caller closes, or null and errno. A mode that is not UTF-8
     // fails a CHECKF as well.
     [[nodiscard]] static std::FILE* fopen(const std::string& path, const std::string& mode);
 
-    // The descriptor calls under one name on both platforms. They answer what the runtime answers: the count of bytes
+    // The descriptor calls under one name on both platforms. They return what the runtime returns: the count of bytes
     // (0 at the end of the file), 0, or -1 and errno. A negative length is refused with EINVAL.
     [[nodiscard]] static int32_t read(int fd, void* data, int32_t length);
     [[nodiscard]] static int32_t write(int fd, const void* data, int32_t length);
@@ -46,10 +46,6 @@ public:
     static int close(int fd);
     // In bytes, or -1 and errno.
     [[nodiscard]] static int64_t size(int fd);
-
-    // Converts a path for a call of the system. False, after a failed CHECKF whose message is the path and with errno
-    // EILSEQ, when it is not UTF-8.
-    [[nodiscard]] static bool convertPath(const std::string& path, std::u16string& wideOut);
 };
 
 // The system's text for an error code (GetLastError's on Windows, errno on Linux), exactly as the system words it:

@@ -9,6 +9,7 @@
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace_platform.h"
 #include "core/stack/core_stacktracetext.h"
+#include "core/text/core_pathseparator.h"
 #include "core/text/core_varargs.h"
 
 namespace NS_CORE {
@@ -154,7 +155,7 @@ WalkStep walkStep(uint64_t programCounter, uint64_t returnAddress) {
         return;
     }
     if (!MasterLogger::isOn(level)) return;
-    for (const std::string& line : traceLines(frames, kDiscardedFrames, stacktrace_platform::kSeparator))
+    for (const std::string& line : traceLines(frames, kDiscardedFrames, kPathSeparator))
         MasterLogger::logText(level, line);
 }
 

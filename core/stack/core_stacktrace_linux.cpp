@@ -25,8 +25,6 @@
 
 namespace NS_CORE {
 
-const char stacktrace_platform::kSeparator = '/';
-
 namespace {
 
 struct DwflCloser {

@@ -5,9 +5,6 @@
 // What core_stacktrace.cpp asks of the platform. For that unit and its tests.
 namespace NS_CORE::stacktrace_platform {
 
-// Parts the directories of image and source file names.
-extern const char kSeparator;
-
 // The handle of this process.
 StackTrace::ProcessHandle processHandle();
 

@@ -15,8 +15,6 @@
 
 namespace NS_CORE {
 
-const char stacktrace_platform::kSeparator = '\\';
-
 namespace {
 
 constexpr DWORD kBufferSize = 1024; // of paths, and of names

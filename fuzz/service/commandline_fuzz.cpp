@@ -1,5 +1,3 @@
-#include "service/commandline.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -7,6 +5,9 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "service/argumentvector.h"
+#include "utl/utl_commandline.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < size; ++i) copy[i] = static_cast<char>(data[i]);
     const std::string_view text(copy.get(), size);
 
-    const std::vector<std::string> words = service::splitCommandLine(text);
+    const std::vector<std::string> words = NS_UTL::splitCommandLine(text);
     size_t total = 0;
     for (const std::string& word : words) {
         require(!word.empty());
@@ -41,11 +42,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         total += word.size();
     }
     require(total <= size);
+    require(text.ends_with(NS_UTL::withoutProgram(text)));
 
     // A word holds blanks only if it was quoted, and then no quote: writing it down again gives it again.
     for (const std::string& word : words)
         require(word.find(' ') == std::string::npos || word.find('"') == std::string::npos);
-    require(service::splitCommandLine(quoted(words)) == words);
+    require(NS_UTL::splitCommandLine(quoted(words)) == words);
 
     service::ArgumentVector arguments("program", words);
     require(arguments.count() == static_cast<int>(words.size()) + 1);

@@ -36,7 +36,7 @@ const test::ChildProgram g_deploy("deploy", [](const std::vector<std::string>& a
     const NS_CORE::DefaultGlobals globals;
     const test::HookRecorder hook;
     const test::LogRecorder log;
-    for (int i = 0; i < times; ++i) CopyDependencies();
+    for (int i = 0; i < times; ++i) service::CopyDependencies();
     std::string text;
     for (const std::string& line : log.lines()) text += line + '\n';
     for (const test::FailedCheck& check : hook.failures()) text += "CHECK " + check.file + ": " + check.message + '\n';
@@ -62,18 +62,18 @@ TEST_F(InstallDirTest, IsTheValueExactlyAsStored) {
         // Its bytes in the registry, the terminator among them.
         const std::string directory = "C:\\" + std::string(size - 5, 'k') + "\\";
         m_location.set(1, directory + '\0');
-        EXPECT_EQ(getKeriInstallDir(), directory);
+        EXPECT_EQ(service::getKeriInstallDir(), directory);
         m_location.set(1, directory + 'x');
-        EXPECT_EQ(getKeriInstallDir(), directory + 'x');
+        EXPECT_EQ(service::getKeriInstallDir(), directory + 'x');
         m_location.set(1, directory + std::string(2, '\0'));
-        EXPECT_EQ(getKeriInstallDir(), directory + '\0');
+        EXPECT_EQ(service::getKeriInstallDir(), directory + '\0');
     }
     EXPECT_TRUE(m_log.lines().empty());
 }
 
 TEST_F(InstallDirTest, IsEmptyForAnEmptyValueWithoutAWord) {
     m_location.set(1, std::string(1, '\0'));
-    EXPECT_EQ(getKeriInstallDir(), "");
+    EXPECT_EQ(service::getKeriInstallDir(), "");
     EXPECT_TRUE(m_log.lines().empty());
 }
 

@@ -62,5 +62,5 @@ TEST_F(DeploymentTest, SkipsASourceThatCannotBeRead) {
 TEST_F(DeploymentTest, FindsTheDirectoryOfTheSampleThatServesBothPlatforms) {
     m_location.removeKey();
     EXPECT_EQ(test::runAndWait("regedit.exe /S " + test::dataFile("keri.reg")), 0);
-    EXPECT_EQ(getKeriInstallDir(), "C:\\Keri\\");
+    EXPECT_EQ(service::getKeriInstallDir(), "C:\\Keri\\");
 }

@@ -274,7 +274,6 @@ TEST_F(RealCompanionTest, ThePausesOfTheServiceAreFiveSeconds) {
                            }});
     EXPECT_EQ(supervisor.run(0, nullptr), 0);
     EXPECT_GE(m_startTimes[1] - m_startTimes[0], milliseconds(5000));
-    EXPECT_LT(m_startTimes[1] - m_startTimes[0], milliseconds(5300));
 }
 
 TEST(RestartTest, AThousandRestartsLeaveNothingBehind) {

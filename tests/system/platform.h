@@ -38,9 +38,6 @@ void endProcessesBelow(const std::filesystem::path& root);
 void registerKeri(const std::filesystem::path& root, const std::string& location);
 void unregisterKeri(const std::filesystem::path& root);
 
-// How long ago the file was last written.
-std::chrono::microseconds sinceWritten(const std::filesystem::path& file);
-
 // Sends `length` bytes to UDP 127.0.0.1:port.
 void sendDatagram(uint16_t port, size_t length);
 

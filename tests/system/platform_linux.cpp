@@ -133,7 +133,7 @@ void endProcessesBelow(const std::filesystem::path& root) {
         }
         return isNone;
     };
-    if (!await(isNobodyLeft, std::chrono::seconds(5))) throw std::runtime_error("a program cannot be ended");
+    if (!await(isNobodyLeft, std::chrono::seconds(60))) throw std::runtime_error("a program cannot be ended");
 }
 
 void registerKeri(const std::filesystem::path& root, const std::string& location) {
@@ -149,11 +149,6 @@ void registerKeri(const std::filesystem::path& root, const std::string& location
 void unregisterKeri(const std::filesystem::path& root) {
     std::error_code error;
     std::filesystem::remove(registryFile(root), error);
-}
-
-std::chrono::microseconds sinceWritten(const std::filesystem::path& file) {
-    const auto age = std::filesystem::file_time_type::clock::now() - std::filesystem::last_write_time(file);
-    return std::chrono::duration_cast<std::chrono::microseconds>(age);
 }
 
 void sendDatagram(uint16_t port, size_t length) {
@@ -196,7 +191,7 @@ std::optional<int64_t> Process::awaitExit(std::chrono::milliseconds limit) {
 void Process::end() {
     if (m_exitCode) return;
     ::kill(static_cast<pid_t>(m_id), SIGKILL);
-    static_cast<void>(awaitExit(std::chrono::seconds(5)));
+    static_cast<void>(awaitExit(std::chrono::seconds(60)));
 }
 
 HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
@@ -217,7 +212,7 @@ void HeldDeployment::awaitReader() {
         m_handle = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         return m_handle != -1;
     };
-    if (!await(isRead, std::chrono::seconds(5))) fail("nobody reads the held library");
+    if (!await(isRead, std::chrono::seconds(60))) fail("nobody reads the held library");
 }
 
 void HeldDeployment::release() {

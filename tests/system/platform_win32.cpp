@@ -95,7 +95,7 @@ void endProcessesBelow(const std::filesystem::path& root) {
         }
         return isNone;
     };
-    if (!await(isNobodyLeft, std::chrono::seconds(5))) throw std::runtime_error("a program cannot be ended");
+    if (!await(isNobodyLeft, std::chrono::seconds(60))) throw std::runtime_error("a program cannot be ended");
 }
 
 void registerKeri(const std::filesystem::path& /*root*/, const std::string& location) {
@@ -113,19 +113,6 @@ void registerKeri(const std::filesystem::path& /*root*/, const std::string& loca
 
 void unregisterKeri(const std::filesystem::path& /*root*/) {
     ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, KEY_WOW64_64KEY, 0);
-}
-
-std::chrono::microseconds sinceWritten(const std::filesystem::path& file) {
-    // The standard library's file times are whole seconds on this platform.
-    WIN32_FILE_ATTRIBUTE_DATA attributes{};
-    if (!::GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &attributes)) fail("GetFileAttributesExW");
-    FILETIME now{};
-    ::GetSystemTimeAsFileTime(&now);
-    const auto ticks = [](const FILETIME& time) {
-        return (static_cast<int64_t>(time.dwHighDateTime) << 32) + time.dwLowDateTime;
-    };
-    constexpr int64_t kTicksPerMicrosecond = 10;
-    return std::chrono::microseconds((ticks(now) - ticks(attributes.ftLastWriteTime)) / kTicksPerMicrosecond);
 }
 
 void sendDatagram(uint16_t port, size_t length) {
@@ -185,7 +172,7 @@ void Process::end() {
     if (m_exitCode) return;
     constexpr UINT kEndedFromOutside = 99;
     ::TerminateProcess(reinterpret_cast<HANDLE>(m_handle), kEndedFromOutside);
-    static_cast<void>(awaitExit(std::chrono::seconds(5)));
+    static_cast<void>(awaitExit(std::chrono::seconds(60)));
 }
 
 HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
@@ -208,7 +195,7 @@ void HeldDeployment::awaitReader() {
         ::ConnectNamedPipe(reinterpret_cast<HANDLE>(m_handle), nullptr);
         return ::GetLastError() == ERROR_PIPE_CONNECTED;
     };
-    if (!await(isRead, std::chrono::seconds(5))) fail("nobody reads the held library");
+    if (!await(isRead, std::chrono::seconds(60))) fail("nobody reads the held library");
 }
 
 void HeldDeployment::release() {

@@ -52,7 +52,7 @@ void SupervisedService::requestStop() {
     const long before = sentDatagrams();
     if (::kill(static_cast<pid_t>(processId()), SIGTERM) != 0) throw std::runtime_error("the process is gone");
     // The signal is handled on a thread of the service's own; the datagram is the last that it does.
-    if (!await([&] { return sentDatagrams() > before; }, std::chrono::seconds(5)))
+    if (!await([&] { return sentDatagrams() > before; }, std::chrono::seconds(60)))
         throw std::runtime_error("no stop datagram was sent");
 }
 

@@ -1,4 +1,5 @@
 #include "utl/utl_registry.h"
+#include "utl/utl_regtype.h"
 
 #include <gtest/gtest.h>
 

@@ -45,7 +45,7 @@ TEST(RegistryKeyLinux, ReadsTheSampleThatServesBothPlatforms) {
 }
 
 TEST(RegistryKeyLinux, DoesNotOpenAKeyThatIsNotInTheFile) {
-    const RegistryFile file("REGEDIT4\n[HKEY_CURRENT_USER\\SOFTWARE\\X]\n");
+    const RegistryFile file("Windows Registry Editor Version 5.00\n[HKEY_CURRENT_USER\\SOFTWARE\\X]\n");
     test::LogRecorder log;
     RegistryKey key;
     EXPECT_FALSE(key.open("SOFTWARE\\X"));
@@ -68,21 +68,22 @@ TEST(RegistryKeyLinux, HasNoKeysWithoutAFile) {
 }
 
 TEST(RegistryKeyLinux, SaysWhereTheFileIsBroken) {
-    const RegistryFile file("REGEDIT4\n\n[HKLM\\X]\n\"v\"=\"C:\\Keri\"\n");
+    const RegistryFile file("Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\X]\n\"v\"=\"C:\\Keri\"\n");
     test::LogRecorder log;
     RegistryKey key;
     EXPECT_FALSE(key.open("X"));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "WARN UTL::RegFile::load - 'settings/registry.reg' is no registry export: line 4: a "
-                               "backslash in quoted text is not followed by another one or by a quote",
+                               "WARN UTL::RegFile::load - failed reading 'settings/registry.reg': line 4 is not a "
+                               "registry export's",
                                "WARN CORE::logLastError - RegistryKey: failed open 'X': Invalid argument"}));
 }
 
 TEST(RegistryKeyLinux, ShowsTheFileAsItWasWhenOpened) {
-    const RegistryFile file("REGEDIT4\n[HKLM\\X]\n\"v\"=\"before\"\n");
+    const RegistryFile file("Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\X]\n\"v\"=\"before\"\n");
     RegistryKey key;
     ASSERT_TRUE(key.open("X"));
-    test::writeFile("settings/registry.reg", "REGEDIT4\n[HKLM\\X]\n\"v\"=\"after\"\n");
+    test::writeFile("settings/registry.reg",
+                    "Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\X]\n\"v\"=\"after\"\n");
     std::string text;
     EXPECT_TRUE(key.getValue("v", text));
     EXPECT_EQ(text, "before");

@@ -6,12 +6,12 @@
 #include <ctime>
 #include <memory>
 
-#include "core/crash/internal/core_crashreport_platform.h"
 #include "core/files/core_dir.h"
 #include "core/files/core_wrapper.h"
 #include "core/identity/core_paths.h"
 #include "core/identity/core_rcsname.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/text/core_pathseparator.h"
 #include "core/text/core_varargs.h"
 #include "core/time/core_time.h"
 
@@ -59,7 +59,7 @@ CrashNames crashNames() {
     std::string executable;
     if (!Dir::getModuleFilename(executable)) executable.clear();
     return crashNames(versionWithBuildId(), executable, dotPath(PathKind::Dumps), dotPath(PathKind::Logs),
-                      crashreport_platform::kSeparator);
+                      kPathSeparator);
 }
 
 void logDump(const CrashNames& names, const std::optional<std::string>& error) {

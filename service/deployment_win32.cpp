@@ -1,7 +1,0 @@
-#include "service/deployment_platform.h"
-
-namespace deployment_platform {
-
-const char* const kPathFormat = "%s\\%s";
-
-} // namespace deployment_platform
