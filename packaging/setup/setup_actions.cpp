@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_files.h"
 #include "packaging/setup/setup_rights.h"
 #include "packaging/setup/setup_service.h"
@@ -52,15 +54,15 @@ std::wstring heldText(const std::wstring& file) {
 }
 
 bool isElevated() {
-    HANDLE token = nullptr;
-    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, /*OpenAsSelf=*/TRUE, &token) &&
-        !::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &token))
+    HANDLE opened = nullptr;
+    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, /*OpenAsSelf=*/TRUE, &opened) &&
+        !::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &opened))
         return false;
+    const NS_CORE::ScopedKernelHandle token(opened);
     TOKEN_ELEVATION elevation = {};
     DWORD size = 0;
-    const BOOL known = ::GetTokenInformation(token, TokenElevation, &elevation, sizeof(elevation), &size);
-    ::CloseHandle(token);
-    return known && elevation.TokenIsElevated;
+    return ::GetTokenInformation(token.get(), TokenElevation, &elevation, sizeof(elevation), &size) &&
+           elevation.TokenIsElevated;
 }
 
 // Between 0 and 600; nothing for any other text.
@@ -70,6 +72,37 @@ std::optional<unsigned> stopSeconds(const std::wstring& text) {
         return std::nullopt;
     const unsigned seconds = static_cast<unsigned>(std::stoul(text));
     return seconds <= kMost ? std::optional(seconds) : std::nullopt;
+}
+
+// A property that is a choice. Sets `isRight` to false, after a sentence, for a value that is neither 0 nor 1.
+std::optional<bool> choice(const Session& session, const wchar_t* name, bool& isRight) {
+    const std::wstring value = session.property(name);
+    if (value.empty()) return std::nullopt;
+    if (value == L"0" || value == L"1") return value == L"1";
+    session.logError(std::wstring(name) + L" is '" + value + L"'. It has to be 0 or 1. Nothing was changed.");
+    isRight = false;
+    return std::nullopt;
+}
+
+std::wstring openText(const std::wstring& directory, const std::wstring& found) {
+    return found +
+           L", who could so let the service run a program of his own with full rights. Look at what lies there, then "
+           L"close it (icacls " +
+           directory + L" /setowner *S-1-5-32-544 /T & icacls " + directory + L" /reset /T & icacls " + directory +
+           L" /inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F *S-1-5-32-545:(OI)(CI)RX) and start "
+           L"again; or choose another directory with INSTALLDIR; or, to install there all the same, add "
+           L"ALLOWOPENDIR=1. Nothing was changed.";
+}
+
+// Whether the service may run from this directory.
+bool isClosed(const Session& session, const std::wstring& directory, bool isOpenAllowed) {
+    const std::optional<std::wstring> found = openDirectory(directory);
+    if (!found) return true;
+    if (isOpenAllowed)
+        session.log(L"ALLOWOPENDIR=1: the service will run there, although " + *found);
+    else
+        session.logError(openText(directory, *found));
+    return isOpenAllowed;
 }
 
 // A file that somebody holds is found now if it can be, because there is nothing to take back yet.
@@ -90,9 +123,15 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
     if (!problem) problem = keriProblem(withoutSeparator(given));
     if (!problem && service && !isOurs(session, *service)) problem = foreignServiceText(*service);
     if (!problem && service && service->isMarkedForDeletion) problem = markedText();
-    if (!problem) return true;
-    session.logError(*problem);
-    return false;
+    if (problem) {
+        session.logError(*problem);
+        return false;
+    }
+    bool isRight = true;
+    for (const wchar_t* name : {L"DELAYEDSTART", L"WERDUMPS"})
+        if (isRight) choice(session, name, isRight);
+    const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isRight).value_or(false);
+    return isRight && isClosed(session, withoutSeparator(given), isOpenAllowed);
 }
 
 } // namespace
@@ -100,9 +139,9 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
 
 extern "C" {
 
-// Immediate, before costing: judges the directory and the service's name, and notes for the others whether the service
-// runs (RestoreService), whether it is somebody else's (FOREIGNSERVICE) and whether the directory is still to be made
-// (ProtectDirectory).
+// Immediate, before costing: judges the directory, the service's name and the properties, and notes for the others
+// whether the service runs (RestoreService), is disabled (SERVICEDISABLED) or somebody else's (FOREIGNSERVICE), and
+// what an administrator has set for it (ServiceBefore).
 __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::optional<setup::Registration> service = setup::registration();
@@ -123,24 +162,36 @@ __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     }
     if (!isRemoval && !setup::canInstall(session, service)) return ERROR_INSTALL_FAILURE;
     if (!setup::isFree(session)) return ERROR_INSTALL_FAILURE;
-    const std::wstring directory = setup::directoryOf(session, L"INSTALLDIR");
-    if (!setup::exists(directory)) session.setProperty(L"ProtectDirectory", directory);
     if (service && !setup::isOurs(session, *service)) {
         session.log(L"the service runs '" + service->program + L"' and is left alone");
         session.setProperty(L"FOREIGNSERVICE", L"1");
-    } else if (service && service->isRunning) {
-        session.setProperty(L"RestoreService", L"running");
+        return ERROR_SUCCESS;
     }
+    const setup::ServiceSettings before = setup::serviceSettings();
+    session.setProperty(L"ServiceBefore", before.toText());
+    if (before.startType == SERVICE_DISABLED) {
+        session.log(L"the service is disabled, stays so and is not started");
+        session.setProperty(L"SERVICEDISABLED", L"1");
+    }
+    if (service && service->isRunning) session.setProperty(L"RestoreService", L"running");
+    return ERROR_SUCCESS;
+}
+
+// Immediate, after the earlier version has gone: sets KEEPSERVICE when our service is registered still. Windows' own
+// action would give it the values of the package again.
+__declspec(dllexport) UINT __stdcall KeepService(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::optional<setup::Registration> service = setup::registration();
+    if (service && setup::isOurs(session, *service)) session.setProperty(L"KEEPSERVICE", L"1");
     return ERROR_SUCCESS;
 }
 
 // Deferred; data: the seconds that the service gets, a bar, the installation's directory.
 __declspec(dllexport) UINT __stdcall StopService(MSIHANDLE installation) {
     const setup::Session session(installation);
-    const std::wstring data = session.actionData();
-    const size_t bar = std::min(data.find(L'|'), data.size());
-    const std::wstring directory = setup::withoutSeparator(data.substr(std::min(bar + 1, data.size())));
-    const unsigned seconds = setup::stopSeconds(data.substr(0, bar)).value_or(0);
+    const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/2);
+    const unsigned seconds = setup::stopSeconds(data[0]).value_or(0);
+    const std::wstring directory = setup::withoutSeparator(data[1]);
     const std::optional<setup::Registration> service = setup::registration();
     if (!setup::stopEverything(session, directory, seconds * 1000)) return ERROR_INSTALL_FAILURE;
     constexpr unsigned kLimitMs = 5000;
@@ -153,18 +204,29 @@ __declspec(dllexport) UINT __stdcall StopService(MSIHANDLE installation) {
     return ERROR_INSTALL_FAILURE;
 }
 
-// Deferred, when the directory has just been made; data: the directory, or nothing where it was there before. The
-// rights of a directory that somebody else has made are that person's.
+// Deferred, before anything is copied; data: ALLOWOPENDIR, a bar, the directory. Makes the directory closed, or judges
+// the one that is there again, now with the rights of SYSTEM. The dumps are closed in either case.
 __declspec(dllexport) UINT __stdcall ProtectDirectory(MSIHANDLE installation) {
     const setup::Session session(installation);
-    const std::wstring directory = setup::withoutSeparator(session.actionData());
-    if (directory.empty()) {
-        session.log(L"the directory was there before; its rights stay as they are");
-        return ERROR_SUCCESS;
+    const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/2);
+    const std::wstring directory = setup::withoutSeparator(data[1]);
+    const std::wstring work = directory + L"\\work";
+    if (setup::exists(directory)) {
+        if (!setup::isClosed(session, directory, data[0] == L"1")) return ERROR_INSTALL_FAILURE;
     }
-    const std::wstring failed = setup::protectDirectory(directory);
-    session.log(failed.empty() ? L"only administrators and SYSTEM may write in '" + directory + L"'"
-                               : L"the rights of '" + directory + L"' could not be set: " + failed);
+    for (const std::wstring& missing : {directory, work}) {
+        if (setup::exists(missing)) continue;
+        const std::wstring failed = setup::makeClosedDirectory(missing);
+        if (failed.empty()) {
+            session.log(L"made '" + missing + L"', where only administrators and SYSTEM may write");
+            continue;
+        }
+        session.logError(L"The directory '" + missing + L"' cannot be made: " + failed + L". Nothing was changed.");
+        return ERROR_INSTALL_FAILURE;
+    }
+    const std::wstring failed = setup::closeDumps(setup::dumpsDirectory(directory));
+    session.log(failed.empty() ? L"only administrators and SYSTEM may read the dumps"
+                               : L"the rights of the dumps could not be set: " + failed);
     return ERROR_SUCCESS;
 }
 
@@ -175,9 +237,27 @@ __declspec(dllexport) UINT __stdcall RestoreService(MSIHANDLE installation) {
     return ERROR_SUCCESS;
 }
 
-// Deferred, after the service is registered.
-__declspec(dllexport) UINT __stdcall SetRecovery(MSIHANDLE installation) {
-    setup::setRecovery(setup::Session(installation));
+// Deferred, after the service is registered; data: DELAYEDSTART, the directory, and what Prepare has noted, with bars
+// between them.
+__declspec(dllexport) UINT __stdcall ConfigureService(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/3);
+    const std::optional<bool> isDelayed = data[0].empty() ? std::nullopt : std::optional(data[0] == L"1");
+    return setup::configureService(session, setup::withoutSeparator(data[1]), setup::ServiceSettings::fromText(data[2]),
+                                   isDelayed)
+               ? ERROR_SUCCESS
+               : ERROR_INSTALL_FAILURE;
+}
+
+// Deferred; data: WERDUMPS (0 in a removal), a bar, the directory.
+__declspec(dllexport) UINT __stdcall SetDumps(MSIHANDLE installation) {
+    const setup::Session session(installation);
+    const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/2);
+    const std::wstring directory = setup::withoutSeparator(data[1]);
+    if (data[0] == L"1")
+        setup::setErrorReportingDumps(session, directory);
+    else
+        setup::clearErrorReportingDumps(session, directory);
     return ERROR_SUCCESS;
 }
 
@@ -187,8 +267,8 @@ __declspec(dllexport) UINT __stdcall Purge(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::wstring directory = setup::withoutSeparator(session.actionData());
     std::wstring failed;
-    for (const wchar_t* name : {L"\\work", L"\\settings", L"\\assets"}) {
-        if (!setup::removeTree(directory + name, failed)) session.log(L"not removed: " + failed);
+    for (const wchar_t* name : {L"work", L"settings", L"assets"}) {
+        if (!setup::removeTree(directory, name, failed)) session.log(L"not removed: " + failed);
     }
     ::RemoveDirectoryW(setup::binDirectory(directory).c_str());
     ::RemoveDirectoryW(directory.c_str());

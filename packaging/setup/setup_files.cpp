@@ -3,26 +3,16 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <vector>
 
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_session.h"
 
 namespace setup {
 namespace {
 
-struct FileHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using ScopedFile = NS_CORE::ScopedHandle<FileHandleTraits>;
-
-struct FindHandleTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::FindClose(value); }
-};
-using ScopedFind = NS_CORE::ScopedHandle<FindHandleTraits>;
+using NS_CORE::ScopedFileHandle;
+using NS_CORE::ScopedFindHandle;
 
 constexpr size_t kLongestDirectory = 180; // what the longest name below it still fits into, with MAX_PATH for the whole
 
@@ -51,11 +41,11 @@ bool isDirectory(DWORD attributes) {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
-// Calls `visit` for each entry until it answers false. Nothing happens where there is no such directory.
+// Calls `visit` for each entry until it returns false. Nothing happens where there is no such directory.
 template <class Visit>
 void forEachEntry(const std::wstring& directory, const wchar_t* pattern, Visit visit) {
     WIN32_FIND_DATAW entry = {};
-    const ScopedFind find(::FindFirstFileW((directory + L'\\' + pattern).c_str(), &entry));
+    const ScopedFindHandle find(::FindFirstFileW((directory + L'\\' + pattern).c_str(), &entry));
     if (!find) return;
     do {
         const std::wstring_view name = entry.cFileName;
@@ -64,12 +54,13 @@ void forEachEntry(const std::wstring& directory, const wchar_t* pattern, Visit v
     } while (::FindNextFileW(find.get(), &entry));
 }
 
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
 // A file that runs may be opened for deletion, but not for writing.
 bool isHeld(const std::wstring& file, Hold hold) {
     const DWORD access = hold == Hold::OpenedElsewhere ? DELETE : GENERIC_WRITE | DELETE;
-    const ScopedFile handle(::CreateFileW(file.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                          /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                                          /*hTemplateFile=*/nullptr));
+    const ScopedFileHandle handle(::CreateFileW(file.c_str(), access, kShareAll, /*lpSecurityAttributes=*/nullptr,
+                                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr));
     if (handle) return false;
     const DWORD error = ::GetLastError();
     return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION || error == ERROR_USER_MAPPED_FILE;
@@ -88,27 +79,67 @@ std::wstring heldNow(const std::wstring& directory, Hold hold) {
     return held;
 }
 
-void note(const std::wstring& path, bool isDone, std::wstring& failed) {
-    if (!isDone && failed.empty()) failed = path + L": " + errorText(::GetLastError());
+// What lies at this path itself, also when it is a link; to be looked at, listed and deleted by the handle. Nobody else
+// can rename or delete it while the handle is open.
+ScopedFileHandle openForRemoval(const std::wstring& path) {
+    return ScopedFileHandle(::CreateFileW(
+        path.c_str(), DELETE | FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE,
+        FILE_SHARE_READ | FILE_SHARE_WRITE, /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING,
+        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, /*hTemplateFile=*/nullptr));
 }
 
-void removeFile(const std::wstring& file, std::wstring& failed) {
-    if (::DeleteFileW(file.c_str())) return;
-    ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
-    note(file, ::DeleteFileW(file.c_str()) != 0, failed);
+DWORD attributesOf(HANDLE file) {
+    BY_HANDLE_FILE_INFORMATION information = {};
+    return ::GetFileInformationByHandle(file, &information) ? information.dwFileAttributes : INVALID_FILE_ATTRIBUTES;
 }
 
-void removeTreeInto(const std::wstring& directory, std::wstring& failed) {
-    forEachEntry(directory, L"*", [&](const std::wstring& path, DWORD attributes) {
-        if (!isDirectory(attributes))
-            removeFile(path, failed);
-        else if (attributes & FILE_ATTRIBUTE_REPARSE_POINT)
-            note(path, ::RemoveDirectoryW(path.c_str()) != 0, failed);
-        else
-            removeTreeInto(path, failed);
-        return true;
-    });
-    note(directory, ::RemoveDirectoryW(directory.c_str()) != 0, failed);
+// The names in a directory, but for itself and the one above.
+std::vector<std::wstring> namesIn(HANDLE directory) {
+    std::vector<std::wstring> names;
+    constexpr size_t kBufferSize = 16384;
+    alignas(FILE_ID_BOTH_DIR_INFO) BYTE buffer[kBufferSize];
+    while (::GetFileInformationByHandleEx(directory, FileIdBothDirectoryInfo, buffer, sizeof(buffer))) {
+        for (const BYTE* at = buffer;;) {
+            const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
+            std::wstring name(entry->FileName, entry->FileNameLength / sizeof(wchar_t));
+            if (name != L"." && name != L"..") names.push_back(std::move(name));
+            if (entry->NextEntryOffset == 0) break;
+            at += entry->NextEntryOffset;
+        }
+    }
+    return names;
+}
+
+bool isSameText(const std::wstring& a, const std::wstring& b) {
+    return ::CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()),
+                                  /*bIgnoreCase=*/TRUE) == CSTR_EQUAL;
+}
+
+bool deleteByHandle(HANDLE file, DWORD attributes) {
+    if (attributes & FILE_ATTRIBUTE_READONLY) {
+        FILE_BASIC_INFO plain = {};
+        plain.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+        ::SetFileInformationByHandle(file, FileBasicInfo, &plain, sizeof(plain));
+    }
+    FILE_DISPOSITION_INFO disposition = {};
+    disposition.DeleteFile = TRUE;
+    return ::SetFileInformationByHandle(file, FileDispositionInfo, &disposition, sizeof(disposition));
+}
+
+// `place` is where the path has to lead. Whoever could write here may have put a link in the way since the directory
+// above was listed; what the handle leads to is the only thing that counts.
+void removeAt(const std::wstring& path, const std::wstring& place, std::wstring& failed) {
+    const auto note = [&](const std::wstring& why) {
+        if (failed.empty()) failed = path + L": " + why;
+    };
+    const ScopedFileHandle handle = openForRemoval(path);
+    if (!handle) return note(errorText(::GetLastError()));
+    if (!isSameText(finalPath(handle.get()), place)) return note(L"it leads out of the installation");
+    const DWORD attributes = attributesOf(handle.get());
+    if (isDirectory(attributes) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+        for (const std::wstring& name : namesIn(handle.get()))
+            removeAt(path + L'\\' + name, place + L'\\' + name, failed);
+    if (!deleteByHandle(handle.get(), attributes)) note(errorText(::GetLastError()));
 }
 
 } // namespace
@@ -130,11 +161,12 @@ std::wstring companionProgram(const std::wstring& directory) {
     return binDirectory(directory) + L'\\' + kCompanionFile;
 }
 
+std::wstring dumpsDirectory(const std::wstring& directory) {
+    return directory + L"\\work\\dumps";
+}
+
 bool isSamePath(const std::wstring& a, const std::wstring& b) {
-    const std::wstring longA = longPath(a);
-    const std::wstring longB = longPath(b);
-    return ::CompareStringOrdinal(longA.c_str(), static_cast<int>(longA.size()), longB.c_str(),
-                                  static_cast<int>(longB.size()), /*bIgnoreCase=*/TRUE) == CSTR_EQUAL;
+    return isSameText(longPath(a), longPath(b));
 }
 
 std::optional<std::wstring> directoryProblem(std::wstring_view directory) {
@@ -178,11 +210,15 @@ std::optional<std::wstring> writingProblem(const std::wstring& directory) {
         return L"'" + nearest +
                L"' is a file, and the installation needs a directory there. Move the file away, or choose "
                L"another directory with INSTALLDIR. Nothing was changed.";
-    const std::wstring probe = nearest + L"\\quorkeri_setup.tmp";
-    const ScopedFile file(::CreateFileW(probe.c_str(), GENERIC_WRITE, /*dwShareMode=*/0,
-                                        /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS,
-                                        FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE,
-                                        /*hTemplateFile=*/nullptr));
+    // A file of this name may be somebody's: nothing but a new one is opened, and deleted at the end.
+    ScopedFileHandle file;
+    for (int number = 0; !file && number < 100; ++number) {
+        const std::wstring probe = nearest + L"\\quorkeri_setup_" + std::to_wstring(number) + L".tmp";
+        file.reset(::CreateFileW(probe.c_str(), GENERIC_WRITE | DELETE, /*dwShareMode=*/0,
+                                 /*lpSecurityAttributes=*/nullptr, CREATE_NEW,
+                                 FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, /*hTemplateFile=*/nullptr));
+        if (!file && ::GetLastError() != ERROR_FILE_EXISTS) break;
+    }
     if (file) return std::nullopt;
     return L"No file can be made in '" + nearest + L"': " + errorText(::GetLastError()) +
            L". Give administrators and SYSTEM full rights there, or choose another directory with INSTALLDIR. Nothing "
@@ -218,14 +254,36 @@ std::wstring heldFile(const std::wstring& directory, Hold hold, unsigned limitMs
     }
 }
 
-bool removeTree(const std::wstring& directory, std::wstring& failed) {
+bool isLink(void* file) {
+    return attributesOf(file) & FILE_ATTRIBUTE_REPARSE_POINT;
+}
+
+std::wstring finalPath(void* file) {
+    wchar_t path[1024] = {};
+    const DWORD length = ::GetFinalPathNameByHandleW(file, path, ARRAYSIZE(path), FILE_NAME_NORMALIZED);
+    return length < ARRAYSIZE(path) ? std::wstring(path, length) : std::wstring();
+}
+
+bool forEachBelow(const std::wstring& directory, const std::function<bool(const std::wstring& path)>& visit) {
+    bool goesOn = true;
+    forEachEntry(directory, L"*", [&](const std::wstring& path, DWORD attributes) {
+        goesOn = visit(path);
+        if (goesOn && isDirectory(attributes) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+            goesOn = forEachBelow(path, visit);
+        return goesOn;
+    });
+    return goesOn;
+}
+
+bool removeTree(const std::wstring& directory, const std::wstring& name, std::wstring& failed) {
     failed.clear();
-    const DWORD attributes = ::GetFileAttributesW(directory.c_str());
-    if (!isDirectory(attributes)) return true;
-    if (attributes & FILE_ATTRIBUTE_REPARSE_POINT)
-        note(directory, ::RemoveDirectoryW(directory.c_str()) != 0, failed);
-    else
-        removeTreeInto(directory, failed);
+    const std::wstring path = directory + L'\\' + name;
+    if (!isDirectory(::GetFileAttributesW(path.c_str()))) return true;
+    // The directory itself may be reached by a link, which is the administrator's own affair.
+    const ScopedFileHandle handle(::CreateFileW(directory.c_str(), FILE_READ_ATTRIBUTES, kShareAll,
+                                                /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING,
+                                                FILE_FLAG_BACKUP_SEMANTICS, /*hTemplateFile=*/nullptr));
+    removeAt(path, finalPath(handle.get()) + L'\\' + name, failed);
     return failed.empty();
 }
 

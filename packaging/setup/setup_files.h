@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +16,7 @@ std::wstring withoutSeparator(std::wstring directory);
 std::wstring binDirectory(const std::wstring& directory);
 std::wstring serviceProgram(const std::wstring& directory);
 std::wstring companionProgram(const std::wstring& directory);
+std::wstring dumpsDirectory(const std::wstring& directory);
 
 // Equal for the file system, which ignores case; short names count as their long ones where the file is there.
 bool isSamePath(const std::wstring& a, const std::wstring& b);
@@ -43,8 +45,18 @@ enum class Hold {
 // Asks again for up to `limitMs` milliseconds, because a program that has ended lets go of its file a moment later.
 std::wstring heldFile(const std::wstring& directory, Hold hold, unsigned limitMs);
 
-// Removes the directory with all that is in it. A link is removed, what it leads to is not. False, with `failed` naming
-// the first thing that stays, when something could not be removed; the rest is gone all the same.
-bool removeTree(const std::wstring& directory, std::wstring& failed);
+// Of an open file or directory (a HANDLE).
+bool isLink(void* file);
+// Where it really lies, with the prefix "\\?\"; empty when that cannot be found out.
+std::wstring finalPath(void* file);
+
+// Calls `visit` for each file and directory below this one, until it returns false; returns whether it never did. Links
+// are visited and not followed.
+bool forEachBelow(const std::wstring& directory, const std::function<bool(const std::wstring& path)>& visit);
+
+// Removes this directory of the installation with all that is in it. A link is removed, what it leads to is not; what
+// does not lie where its path says is left alone. False when something could not be removed, with `failed` naming the
+// first; the rest is gone all the same.
+bool removeTree(const std::wstring& directory, const std::wstring& name, std::wstring& failed);
 
 } // namespace setup

@@ -5,39 +5,231 @@
 #include <aclapi.h>
 #include <sddl.h>
 
-#include "core/memory/core_scopedhandle.h"
+#include <array>
+#include <vector>
+
+#include "core/memory/core_scopedhandle_win32.h"
+#include "packaging/setup/setup_files.h"
 #include "packaging/setup/setup_session.h"
 
 namespace setup {
 namespace {
 
-struct DescriptorTraits {
-    using Value = PSECURITY_DESCRIPTOR;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::LocalFree(value); }
-};
-using ScopedDescriptor = NS_CORE::ScopedHandle<DescriptorTraits>;
+using NS_CORE::ScopedFileHandle;
+using ScopedDescriptor = NS_CORE::ScopedLocalMemory<void>;
+using ScopedText = NS_CORE::ScopedLocalMemory<wchar_t>;
 
-// Nothing inherited; full rights for SYSTEM and administrators, reading and running for users; for all that lies below.
-constexpr const wchar_t* kRights = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FRFX;;;BU)";
+// Nothing inherited, owned by administrators. Full rights for SYSTEM and administrators, for all that lies below.
+constexpr const wchar_t* kAdministratorsOnly = L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+// The same, and users may read and run.
+constexpr const wchar_t* kUsersMayRead = L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FRFX;;;BU)";
+
+constexpr ACCESS_MASK kRemoval = DELETE | WRITE_DAC | WRITE_OWNER | FILE_DELETE_CHILD;
+constexpr ACCESS_MASK kWriting = kRemoval | FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_EA | FILE_WRITE_ATTRIBUTES;
+
+ACCESS_MASK harmfulRights(Place place) {
+    switch (place) {
+        case Place::Above:
+            return kRemoval;
+        case Place::Inside:
+            return kWriting;
+        case Place::Root:
+            break;
+    }
+    return kRemoval & ~static_cast<ACCESS_MASK>(DELETE);
+}
+
+using Sid = std::array<BYTE, SECURITY_MAX_SID_SIZE>;
+
+bool isWellKnown(PSID sid, WELL_KNOWN_SID_TYPE type) {
+    return ::IsWellKnownSid(sid, type);
+}
+
+ScopedDescriptor descriptorOf(HANDLE file) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (::GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                          /*ppsidOwner=*/nullptr, /*ppsidGroup=*/nullptr, /*ppDacl=*/nullptr, /*ppSacl=*/nullptr,
+                          &descriptor) != ERROR_SUCCESS)
+        return ScopedDescriptor();
+    return ScopedDescriptor(descriptor);
+}
+
+PSID ownerOf(PSECURITY_DESCRIPTOR descriptor) {
+    PSID owner = nullptr;
+    BOOL isDefault = FALSE;
+    return ::GetSecurityDescriptorOwner(descriptor, &owner, &isDefault) ? owner : nullptr;
+}
+
+ScopedFileHandle openForRights(const std::wstring& path, DWORD rights) {
+    return ScopedFileHandle(::CreateFileW(path.c_str(), rights, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                          /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING,
+                                          FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                          /*hTemplateFile=*/nullptr));
+}
+
+// TrustedInstaller on Windows. All zero, which equals no account, when it cannot be read.
+Sid systemDirectoryOwner() {
+    Sid copy = {};
+    wchar_t directory[MAX_PATH] = {};
+    if (::GetSystemDirectoryW(directory, MAX_PATH) == 0) return copy;
+    const ScopedFileHandle handle = openForRights(directory, READ_CONTROL);
+    const ScopedDescriptor descriptor = handle ? descriptorOf(handle.get()) : ScopedDescriptor();
+    const PSID owner = descriptor ? ownerOf(descriptor.get()) : nullptr;
+    if (owner) ::CopySid(static_cast<DWORD>(copy.size()), copy.data(), owner);
+    return copy;
+}
+
+bool isTrusted(PSID sid) {
+    if (isWellKnown(sid, WinLocalSystemSid) || isWellKnown(sid, WinBuiltinAdministratorsSid) ||
+        isWellKnown(sid, WinCreatorOwnerRightsSid)) // the rights of an owner, who is judged as such
+        return true;
+    static Sid systemOwner = systemDirectoryOwner();
+    return ::IsValidSid(systemOwner.data()) && ::EqualSid(sid, systemOwner.data());
+}
+
+std::wstring nameOf(PSID sid) {
+    wchar_t name[256] = {};
+    wchar_t domain[256] = {};
+    DWORD nameSize = ARRAYSIZE(name);
+    DWORD domainSize = ARRAYSIZE(domain);
+    SID_NAME_USE use = {};
+    if (::LookupAccountSidW(/*lpSystemName=*/nullptr, sid, name, &nameSize, domain, &domainSize, &use))
+        return domain[0] ? std::wstring(domain) + L'\\' + name : name;
+    wchar_t* text = nullptr;
+    if (!::ConvertSidToStringSidW(sid, &text)) return L"an unknown account";
+    return ScopedText(text).get();
+}
+
+// What an entry of an access list allows, and to whom; null for an entry that allows nothing.
+PSID allowedTo(ACE_HEADER* entry, Place place, ACCESS_MASK& rights) {
+    if (entry->AceType != ACCESS_ALLOWED_ACE_TYPE && entry->AceType != ACCESS_ALLOWED_CALLBACK_ACE_TYPE) return nullptr;
+    auto* allowed = reinterpret_cast<ACCESS_ALLOWED_ACE*>(entry);
+    const PSID sid = &allowed->SidStart;
+    if (entry->AceFlags & INHERIT_ONLY_ACE) {
+        // For what is made here later. The creator is one of those who may write here.
+        const bool isCreator = isWellKnown(sid, WinCreatorOwnerSid) || isWellKnown(sid, WinCreatorGroupSid);
+        if (place != Place::Inside || isCreator) return nullptr;
+    }
+    GENERIC_MAPPING mapping = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
+    DWORD mask = allowed->Mask;
+    ::MapGenericMask(&mask, &mapping);
+    rights = mask;
+    return sid;
+}
+
+std::optional<std::wstring> judge(const std::wstring& path, Place place) {
+    const ScopedFileHandle handle = openForRights(path, READ_CONTROL);
+    // Not to be read by this account: the action that runs with SYSTEM's rights judges it.
+    const ScopedDescriptor descriptor = handle ? descriptorOf(handle.get()) : ScopedDescriptor();
+    if (!descriptor) return std::nullopt;
+    const std::wstring who = whoElseMayChange(descriptor.get(), place);
+    if (who.empty()) return std::nullopt;
+    return L"'" + path + L"' belongs to '" + who + L"' or can be changed by that account";
+}
+
+// From the drive's root down to the one above `path`.
+std::optional<std::wstring> judgeAbove(const std::wstring& path, size_t rootLength) {
+    for (size_t end = rootLength; end < path.size(); end = std::min(path.find(L'\\', end + 1), path.size())) {
+        const bool isRoot = end == rootLength;
+        // A root keeps its separator.
+        std::optional<std::wstring> found = judge(path.substr(0, end), isRoot ? Place::Root : Place::Above);
+        if (found) return found;
+    }
+    return std::nullopt;
+}
+
+// Where a path leads when all links on the way are followed, "C:\..." again; empty where nothing is, or on no drive.
+std::wstring followed(const std::wstring& path) {
+    const ScopedFileHandle handle(::CreateFileW(
+        path.c_str(), /*dwDesiredAccess=*/0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, /*hTemplateFile=*/nullptr));
+    constexpr std::wstring_view kPrefix = L"\\\\?\\";
+    std::wstring final = handle ? finalPath(handle.get()) : std::wstring();
+    return final.starts_with(kPrefix) && final.size() > 6 && final[5] == L':' ? final.substr(kPrefix.size()) : L"";
+}
+
+// A security descriptor of this text, which has to be right.
+ScopedDescriptor descriptorFrom(const wchar_t* text) {
+    PSECURITY_DESCRIPTOR made = nullptr;
+    ::ConvertStringSecurityDescriptorToSecurityDescriptorW(text, SDDL_REVISION_1, &made, /*size=*/nullptr);
+    return ScopedDescriptor(made);
+}
+
+std::wstring setRights(const std::wstring& path, PSECURITY_DESCRIPTOR descriptor) {
+    const ScopedFileHandle handle = openForRights(path, WRITE_DAC | WRITE_OWNER | READ_CONTROL | FILE_READ_ATTRIBUTES);
+    if (!handle) return errorText(::GetLastError());
+    if (isLink(handle.get())) return L"'" + path + L"' is a link";
+    // By the handle, and without passing anything on: what lies below is set by name.
+    const BOOL isSet = ::SetKernelObjectSecurity(
+        handle.get(), OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+        descriptor);
+    return isSet ? std::wstring() : errorText(::GetLastError());
+}
+
+std::wstring makeWith(const std::wstring& directory, const wchar_t* rights) {
+    const ScopedDescriptor descriptor = descriptorFrom(rights);
+    SECURITY_ATTRIBUTES attributes = {sizeof(attributes), descriptor.get(), /*bInheritHandle=*/FALSE};
+    if (!descriptor || !::CreateDirectoryW(directory.c_str(), &attributes)) return errorText(::GetLastError());
+    return {};
+}
 
 } // namespace
 
-std::wstring protectDirectory(const std::wstring& directory) {
-    PSECURITY_DESCRIPTOR made = nullptr;
-    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kRights, SDDL_REVISION_1, &made, /*size=*/nullptr))
-        return errorText(::GetLastError());
-    const ScopedDescriptor descriptor(made);
+std::wstring whoElseMayChange(void* descriptor, Place place) {
+    const PSID owner = ownerOf(descriptor);
+    if (!owner) return L"nobody";
+    if (!isTrusted(owner)) return nameOf(owner);
     BOOL isPresent = FALSE;
     BOOL isDefault = FALSE;
     PACL list = nullptr;
-    if (!::GetSecurityDescriptorDacl(descriptor.get(), &isPresent, &list, &isDefault))
-        return errorText(::GetLastError());
-    std::wstring name = directory; // the call takes a text that it might change
-    const DWORD error = ::SetNamedSecurityInfoW(name.data(), SE_FILE_OBJECT,
-                                                DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                                                /*psidOwner=*/nullptr, /*psidGroup=*/nullptr, list, /*pSacl=*/nullptr);
-    return error == ERROR_SUCCESS ? std::wstring() : errorText(error);
+    if (!::GetSecurityDescriptorDacl(descriptor, &isPresent, &list, &isDefault) || !isPresent || !list)
+        return L"everybody";
+    for (DWORD i = 0; i < list->AceCount; ++i) {
+        void* entry = nullptr;
+        ACCESS_MASK rights = 0;
+        if (!::GetAce(list, i, &entry)) continue;
+        const PSID sid = allowedTo(static_cast<ACE_HEADER*>(entry), place, rights);
+        if (sid && (rights & harmfulRights(place)) && !isTrusted(sid)) return nameOf(sid);
+    }
+    return {};
+}
+
+std::optional<std::wstring> openDirectory(const std::wstring& directory) {
+    constexpr size_t kRootLength = 3; // "C:\"
+    std::optional<std::wstring> found = judgeAbove(directory, kRootLength);
+    const std::wstring behindLinks = followed(directory);
+    if (!found && !behindLinks.empty() && !isSamePath(behindLinks, directory)) {
+        found = judgeAbove(behindLinks, kRootLength);
+        if (!found) found = judge(behindLinks, Place::Inside);
+    }
+    if (!found) found = judge(directory, Place::Inside);
+    if (!found)
+        forEachBelow(directory, [&](const std::wstring& path) {
+            found = judge(path, Place::Inside);
+            return !found;
+        });
+    return found;
+}
+
+std::wstring makeClosedDirectory(const std::wstring& directory) {
+    const size_t separator = directory.find_last_of(L'\\');
+    if (separator != std::wstring::npos && separator > 2 && !exists(directory.substr(0, separator))) {
+        std::wstring failed = makeClosedDirectory(directory.substr(0, separator));
+        if (!failed.empty()) return failed;
+    }
+    return makeWith(directory, kUsersMayRead);
+}
+
+std::wstring closeDumps(const std::wstring& directory) {
+    if (!exists(directory)) return makeWith(directory, kAdministratorsOnly);
+    const ScopedDescriptor descriptor = descriptorFrom(kAdministratorsOnly);
+    if (!descriptor) return errorText(::GetLastError());
+    std::wstring failed = setRights(directory, descriptor.get());
+    forEachBelow(directory, [&](const std::wstring& path) {
+        if (failed.empty()) failed = setRights(path, descriptor.get());
+        return failed.empty();
+    });
+    return failed;
 }
 
 } // namespace setup

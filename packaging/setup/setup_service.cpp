@@ -4,48 +4,33 @@
 
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <array>
 #include <vector>
 
-#include "core/memory/core_scopedhandle.h"
+#include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_files.h"
 
 namespace setup {
 namespace {
 
-struct ScHandleTraits {
-    using Value = SC_HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseServiceHandle(value); }
-};
-using ScopedScHandle = NS_CORE::ScopedHandle<ScHandleTraits>;
-
-struct ProcessTraits {
-    using Value = HANDLE;
-    static Value empty() { return nullptr; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using ScopedProcess = NS_CORE::ScopedHandle<ProcessTraits>;
-
-struct SnapshotTraits {
-    using Value = HANDLE;
-    static Value empty() { return INVALID_HANDLE_VALUE; }
-    static void close(Value value) { ::CloseHandle(value); }
-};
-using ScopedSnapshot = NS_CORE::ScopedHandle<SnapshotTraits>;
+using NS_CORE::ScopedFileHandle;
+using NS_CORE::ScopedKernelHandle;
+using NS_CORE::ScopedRegistryKey;
+using NS_CORE::ScopedServiceHandle;
 
 constexpr DWORD kAfterwardsMs = 7000; // the service's own pause of five seconds, and a little
 constexpr DWORD kProcessEndMs = 5000;
 constexpr DWORD kPollMs = 50;
 
-ScopedScHandle openService(DWORD rights) {
-    const ScopedScHandle manager(
+ScopedServiceHandle openService(DWORD rights) {
+    const ScopedServiceHandle manager(
         ::OpenSCManagerW(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_CONNECT));
-    if (!manager) return ScopedScHandle();
-    return ScopedScHandle(::OpenServiceW(manager.get(), kServiceName, rights));
+    if (!manager) return ScopedServiceHandle();
+    return ScopedServiceHandle(::OpenServiceW(manager.get(), kServiceName, rights));
 }
 
-SERVICE_STATUS_PROCESS statusOf(const ScopedScHandle& service) {
+SERVICE_STATUS_PROCESS statusOf(const ScopedServiceHandle& service) {
     SERVICE_STATUS_PROCESS status = {};
     DWORD needed = 0;
     ::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
@@ -53,20 +38,41 @@ SERVICE_STATUS_PROCESS statusOf(const ScopedScHandle& service) {
     return status;
 }
 
-std::wstring programOf(const ScopedScHandle& service) {
+// The structure lies at the front of the buffer, and its texts behind it; empty on failure.
+using ConfigBuffer = std::vector<BYTE>;
+ConfigBuffer configOf(const ScopedServiceHandle& service) {
     DWORD needed = 0;
     ::QueryServiceConfigW(service.get(), /*lpServiceConfig=*/nullptr, 0, &needed);
-    std::vector<BYTE> buffer(needed + sizeof(QUERY_SERVICE_CONFIGW));
-    auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-    if (!::QueryServiceConfigW(service.get(), config, static_cast<DWORD>(buffer.size()), &needed)) return {};
-    std::wstring program = config->lpBinaryPathName ? config->lpBinaryPathName : L"";
+    ConfigBuffer buffer(needed + sizeof(QUERY_SERVICE_CONFIGW));
+    if (!::QueryServiceConfigW(service.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data()),
+                               static_cast<DWORD>(buffer.size()), &needed))
+        buffer.clear();
+    return buffer;
+}
+
+ConfigBuffer optionalConfigOf(const ScopedServiceHandle& service, DWORD level) {
+    DWORD needed = 0;
+    constexpr DWORD kMost = 8192; // by the system's own limit
+    ConfigBuffer buffer(kMost);
+    if (!::QueryServiceConfig2W(service.get(), level, buffer.data(), kMost, &needed)) buffer.clear();
+    return buffer;
+}
+
+std::wstring textOf(const wchar_t* text) {
+    return text ? text : L"";
+}
+
+std::wstring programOf(const ScopedServiceHandle& service) {
+    const ConfigBuffer config = configOf(service);
+    if (config.empty()) return {};
+    std::wstring program = textOf(reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data())->lpBinaryPathName);
     if (!program.starts_with(L'"')) return program;
     program.erase(0, 1);
     program.resize(std::min(program.find(L'"'), program.size()));
     return program;
 }
 
-bool awaitStopped(const ScopedScHandle& service, DWORD limitMs) {
+bool awaitStopped(const ScopedServiceHandle& service, DWORD limitMs) {
     const ULONGLONG end = ::GetTickCount64() + limitMs;
     for (;;) {
         if (statusOf(service).dwCurrentState == SERVICE_STOPPED) return true;
@@ -83,8 +89,8 @@ std::wstring imageOf(HANDLE process) {
 
 // Ends this one process if it runs this very file, and waits until it is gone.
 void endProcess(const Session& session, DWORD id, const std::wstring& program) {
-    const ScopedProcess process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE,
-                                              /*bInheritHandle=*/FALSE, id));
+    const ScopedKernelHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE,
+                                                   /*bInheritHandle=*/FALSE, id));
     if (!process || !isSamePath(imageOf(process.get()), program)) return;
     session.log(L"ending '" + program + L"', process " + std::to_wstring(id));
     if (!::TerminateProcess(process.get(), /*uExitCode=*/1))
@@ -94,7 +100,7 @@ void endProcess(const Session& session, DWORD id, const std::wstring& program) {
 
 // By the full path, because another installation's companion has the same name.
 void endAll(const Session& session, const std::wstring& program) {
-    const ScopedSnapshot snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, /*th32ProcessID=*/0));
+    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, /*th32ProcessID=*/0));
     if (!snapshot) return;
     PROCESSENTRY32W entry = {};
     entry.dwSize = sizeof(entry);
@@ -105,7 +111,7 @@ void endAll(const Session& session, const std::wstring& program) {
     }
 }
 
-void requestStop(const Session& session, const ScopedScHandle& service) {
+void requestStop(const Session& session, const ScopedServiceHandle& service) {
     SERVICE_STATUS status = {};
     session.log(L"asking the service to stop");
     if (::ControlService(service.get(), SERVICE_CONTROL_STOP, &status)) return;
@@ -116,11 +122,11 @@ void requestStop(const Session& session, const ScopedScHandle& service) {
 }
 
 // Asks, waits, ends the companion that may hold the stop, waits again, and at last ends the service's own process.
-bool stopService(const Session& session, const ScopedScHandle& service, const std::wstring& directory,
+bool stopService(const Session& session, const ScopedServiceHandle& service, const std::wstring& directory,
                  unsigned politeMs) {
     const SERVICE_STATUS_PROCESS status = statusOf(service);
     if (status.dwCurrentState == SERVICE_STOPPED) return true;
-    const ScopedProcess process(::OpenProcess(SYNCHRONIZE, /*bInheritHandle=*/FALSE, status.dwProcessId));
+    const ScopedKernelHandle process(::OpenProcess(SYNCHRONIZE, /*bInheritHandle=*/FALSE, status.dwProcessId));
     requestStop(session, service);
     bool isStopped = awaitStopped(service, politeMs);
     if (!isStopped) {
@@ -138,10 +144,137 @@ bool stopService(const Session& session, const ScopedScHandle& service, const st
     return isStopped;
 }
 
+// Recovery
+
+constexpr DWORD kMinuteMs = 60000;
+constexpr DWORD kDaySeconds = 86400;
+
+std::wstring recoveryCommand(const std::wstring& directory) {
+    return L'"' + binDirectory(directory) + L"\\quorkeri_health.exe\" --recover";
+}
+
+// Nobody has set any, or they are ours: of this version in any directory, or of version 1.1, which only restarted and
+// left the companion of the service that had died with its port.
+bool mayReplaceRecovery(const ScopedServiceHandle& service) {
+    const ConfigBuffer buffer = optionalConfigOf(service, SERVICE_CONFIG_FAILURE_ACTIONS);
+    if (buffer.empty()) return true;
+    const auto* actions = reinterpret_cast<const SERVICE_FAILURE_ACTIONSW*>(buffer.data());
+    if (actions->cActions == 0) return true;
+    const std::wstring command = textOf(actions->lpCommand);
+    const bool isRestartTwice =
+        actions->cActions == 3 && actions->dwResetPeriod == kDaySeconds &&
+        actions->lpsaActions[0].Type == SC_ACTION_RESTART && actions->lpsaActions[0].Delay == kMinuteMs &&
+        actions->lpsaActions[1].Type == SC_ACTION_RESTART && actions->lpsaActions[1].Delay == kMinuteMs &&
+        actions->lpsaActions[2].Type == SC_ACTION_NONE;
+    return command.empty() ? isRestartTwice : command.ends_with(L"\\bin\\quorkeri_health.exe\" --recover");
+}
+
+void setRecovery(const Session& session, const ScopedServiceHandle& service, const std::wstring& directory) {
+    if (!mayReplaceRecovery(service)) {
+        session.log(L"the service has recovery actions of an administrator's; they stay");
+        return;
+    }
+    std::array<SC_ACTION, 3> steps = {
+        {{SC_ACTION_RUN_COMMAND, kMinuteMs}, {SC_ACTION_RUN_COMMAND, kMinuteMs}, {SC_ACTION_NONE, 0}}};
+    std::wstring command = recoveryCommand(directory);
+    SERVICE_FAILURE_ACTIONSW actions = {};
+    actions.dwResetPeriod = kDaySeconds;
+    actions.lpCommand = command.data();
+    actions.cActions = static_cast<DWORD>(steps.size());
+    actions.lpsaActions = steps.data();
+    if (::ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &actions))
+        session.log(L"recovery actions: " + command + L" after a minute, twice");
+    else
+        session.log(L"this system did not accept recovery actions: " + errorText(::GetLastError()));
+}
+
+// The other settings
+
+bool changeConfig(const ScopedServiceHandle& service, DWORD startType, const wchar_t* program, const wchar_t* account) {
+    return ::ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, program,
+                                  /*lpLoadOrderGroup=*/nullptr, /*lpdwTagId=*/nullptr, /*lpDependencies=*/nullptr,
+                                  account, /*lpPassword=*/nullptr, /*lpDisplayName=*/nullptr);
+}
+
+void setDelayed(const Session& session, const ScopedServiceHandle& service, bool isDelayed) {
+    SERVICE_DELAYED_AUTO_START_INFO info = {isDelayed};
+    if (::ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &info))
+        session.log(isDelayed ? L"the service starts delayed" : L"the service starts without delay");
+    else
+        session.log(L"this system did not accept a delayed start: " + errorText(::GetLastError()));
+}
+
+void restoreSettings(const Session& session, const ScopedServiceHandle& service, const ServiceSettings& before,
+                     const ServiceSettings& now) {
+    if (before.startType == 0) return;
+    if (before.startType != now.startType && !changeConfig(service, before.startType, nullptr, nullptr))
+        session.log(L"the start type of before was not set again: " + errorText(::GetLastError()));
+    if (before.isDelayed && !now.isDelayed) setDelayed(session, service, true);
+    if (before.account != now.account && !changeConfig(service, SERVICE_NO_CHANGE, nullptr, before.account.c_str()))
+        session.log(L"the account '" + before.account + L"' was not set again (" + errorText(::GetLastError()) +
+                    L"); set it with sc config " + kServiceName + L" obj= ACCOUNT password= PASSWORD");
+    if (!before.description.empty() && before.description != now.description) {
+        std::wstring text = before.description;
+        SERVICE_DESCRIPTIONW description = {text.data()};
+        ::ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DESCRIPTION, &description);
+    }
+}
+
+ServiceSettings settingsOf(const ScopedServiceHandle& service) {
+    ServiceSettings settings;
+    const ConfigBuffer config = configOf(service);
+    if (config.empty()) return settings;
+    const auto* values = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data());
+    settings.startType = values->dwStartType;
+    settings.account = textOf(values->lpServiceStartName);
+    const ConfigBuffer delayed = optionalConfigOf(service, SERVICE_CONFIG_DELAYED_AUTO_START_INFO);
+    settings.isDelayed =
+        !delayed.empty() && reinterpret_cast<const SERVICE_DELAYED_AUTO_START_INFO*>(delayed.data())->fDelayedAutostart;
+    const ConfigBuffer description = optionalConfigOf(service, SERVICE_CONFIG_DESCRIPTION);
+    if (!description.empty())
+        settings.description = textOf(reinterpret_cast<const SERVICE_DESCRIPTIONW*>(description.data())->lpDescription);
+    return settings;
+}
+
+// Windows Error Reporting
+
+std::wstring dumpsKey(const wchar_t* program) {
+    return std::wstring(L"SOFTWARE\\Microsoft\\Windows\\Windows Error Reporting\\LocalDumps\\") + program;
+}
+
+// Windows Error Reporting looks in the 64-bit view, also for a program of 32 bits.
+ScopedRegistryKey openDumpsKey(const wchar_t* program) {
+    HKEY key = nullptr;
+    ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, dumpsKey(program).c_str(), /*ulOptions=*/0, KEY_READ | KEY_WOW64_64KEY, &key);
+    return ScopedRegistryKey(key);
+}
+
+LSTATUS setDumps(const wchar_t* program, const std::wstring& folder) {
+    HKEY made = nullptr;
+    LSTATUS error = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, dumpsKey(program).c_str(), /*Reserved=*/0,
+                                      /*lpClass=*/nullptr, REG_OPTION_NON_VOLATILE, KEY_WRITE | KEY_WOW64_64KEY,
+                                      /*lpSecurityAttributes=*/nullptr, &made, /*lpdwDisposition=*/nullptr);
+    if (error) return error;
+    const ScopedRegistryKey key(made);
+    constexpr DWORD kFullDump = 2;
+    constexpr DWORD kCount = 5;
+    const auto setNumber = [&](const wchar_t* name, DWORD value) {
+        if (!error)
+            error = ::RegSetValueExW(key.get(), name, 0, REG_DWORD, reinterpret_cast<BYTE*>(&value), sizeof(value));
+    };
+    setNumber(L"DumpType", kFullDump);
+    setNumber(L"DumpCount", kCount);
+    if (!error)
+        error =
+            ::RegSetValueExW(key.get(), L"DumpFolder", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(folder.c_str()),
+                             static_cast<DWORD>((folder.size() + 1) * sizeof(wchar_t)));
+    return error;
+}
+
 } // namespace
 
 std::optional<Registration> registration() {
-    const ScopedScHandle service = openService(SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS);
+    const ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS);
     if (!service) {
         if (::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST) return std::nullopt;
         return Registration{};
@@ -150,7 +283,7 @@ std::optional<Registration> registration() {
     found.program = programOf(service);
     const DWORD state = statusOf(service).dwCurrentState;
     found.isRunning = state != SERVICE_STOPPED && state != SERVICE_STOP_PENDING;
-    const ScopedScHandle changeable = openService(SERVICE_CHANGE_CONFIG);
+    const ScopedServiceHandle changeable = openService(SERVICE_CHANGE_CONFIG);
     // Changes nothing; a service that waits for its deletion refuses even that.
     found.isMarkedForDeletion =
         changeable &&
@@ -161,7 +294,7 @@ std::optional<Registration> registration() {
 }
 
 bool stopEverything(const Session& session, const std::wstring& directory, unsigned politeMs) {
-    const ScopedScHandle service = openService(SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_STOP);
+    const ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_STOP);
     bool isStopped = true;
     if (service && isSamePath(programOf(service), serviceProgram(directory)))
         isStopped = stopService(session, service, directory, politeMs);
@@ -174,7 +307,7 @@ bool stopEverything(const Session& session, const std::wstring& directory, unsig
 }
 
 void startAgain(const Session& session) {
-    const ScopedScHandle service = openService(SERVICE_START);
+    const ScopedServiceHandle service = openService(SERVICE_START);
     if (service && ::StartServiceW(service.get(), 0, /*lpServiceArgVectors=*/nullptr)) {
         session.log(L"the service was started again");
         return;
@@ -183,32 +316,72 @@ void startAgain(const Session& session) {
     if (error != ERROR_SERVICE_ALREADY_RUNNING) session.log(L"the service was not started again: " + errorText(error));
 }
 
-void setRecovery(const Session& session) {
-    const ScopedScHandle service = openService(SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG | SERVICE_START);
-    if (!service) {
-        session.log(L"no recovery actions: " + errorText(::GetLastError()));
-        return;
+std::wstring ServiceSettings::toText() const {
+    return startType ? std::to_wstring(startType) + L'|' + (isDelayed ? L"1|" : L"0|") + account + L'|' + description
+                     : std::wstring();
+}
+
+ServiceSettings ServiceSettings::fromText(const std::wstring& text) {
+    const std::vector<std::wstring> parts = splitData(text, /*count=*/4);
+    ServiceSettings settings;
+    if (parts[0].size() != 1) return settings; // a start type has one digit
+    settings.startType = static_cast<DWORD>(parts[0][0] - L'0');
+    settings.isDelayed = parts[1] == L"1";
+    settings.account = parts[2];
+    settings.description = parts[3];
+    return settings;
+}
+
+ServiceSettings serviceSettings() {
+    const ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG);
+    return service ? settingsOf(service) : ServiceSettings();
+}
+
+bool configureService(const Session& session, const std::wstring& directory, const ServiceSettings& before,
+                      std::optional<bool> isDelayed) {
+    const ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG | SERVICE_START);
+    const std::wstring program = serviceProgram(directory);
+    if (!service || (!isSamePath(programOf(service), program) &&
+                     !changeConfig(service, SERVICE_NO_CHANGE, program.c_str(), nullptr))) {
+        session.logError(L"The service '" + std::wstring(kServiceName) + L"' cannot be given the program '" + program +
+                         L"': " + errorText(::GetLastError()) + L". Nothing was changed.");
+        return false;
     }
-    std::array<BYTE, 1024> buffer = {};
-    DWORD needed = 0;
-    if (::QueryServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, buffer.data(),
-                               static_cast<DWORD>(buffer.size()), &needed) &&
-        reinterpret_cast<const SERVICE_FAILURE_ACTIONSW*>(buffer.data())->cActions > 0) {
-        session.log(L"the service has recovery actions already; they stay");
-        return;
+    restoreSettings(session, service, before, settingsOf(service));
+    if (isDelayed) setDelayed(session, service, *isDelayed);
+    setRecovery(session, service, directory);
+    return true;
+}
+
+void setErrorReportingDumps(const Session& session, const std::wstring& directory) {
+    for (const wchar_t* program : {kServiceFile, kCompanionFile}) {
+        if (openDumpsKey(program)) {
+            session.log(L"Windows Error Reporting has settings for '" + std::wstring(program) +
+                        L"' already; they stay");
+            continue;
+        }
+        const LSTATUS error = setDumps(program, dumpsDirectory(directory));
+        session.log(L"Windows Error Reporting keeps dumps of '" + std::wstring(program) + L"'" +
+                    (error ? L" not: " + errorText(static_cast<DWORD>(error)) : std::wstring()));
     }
-    constexpr DWORD kMinuteMs = 60000;
-    constexpr DWORD kDaySeconds = 86400;
-    std::array<SC_ACTION, 3> steps = {
-        {{SC_ACTION_RESTART, kMinuteMs}, {SC_ACTION_RESTART, kMinuteMs}, {SC_ACTION_NONE, 0}}};
-    SERVICE_FAILURE_ACTIONSW actions = {};
-    actions.dwResetPeriod = kDaySeconds;
-    actions.cActions = static_cast<DWORD>(steps.size());
-    actions.lpsaActions = steps.data();
-    if (::ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &actions))
-        session.log(L"recovery actions: restart after a minute, twice");
-    else
-        session.log(L"this system took no recovery actions: " + errorText(::GetLastError()));
+}
+
+void clearErrorReportingDumps(const Session& session, const std::wstring& directory) {
+    for (const wchar_t* program : {kServiceFile, kCompanionFile}) {
+        ScopedRegistryKey key = openDumpsKey(program);
+        wchar_t folder[1024] = {};
+        DWORD size = sizeof(folder) - sizeof(wchar_t);
+        if (!key ||
+            ::RegGetValueW(key.get(), /*lpSubKey=*/nullptr, L"DumpFolder",
+                           RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND,
+                           /*pdwType=*/nullptr, folder, &size) ||
+            !isSamePath(withoutSeparator(folder), dumpsDirectory(directory)))
+            continue;
+        key.reset();
+        const LSTATUS error = ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, dumpsKey(program).c_str(), KEY_WOW64_64KEY, 0);
+        session.log(L"Windows Error Reporting no longer keeps dumps of '" + std::wstring(program) + L"'" +
+                    (error ? L": " + errorText(static_cast<DWORD>(error)) : std::wstring()));
+    }
 }
 
 } // namespace setup

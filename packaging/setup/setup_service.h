@@ -29,8 +29,31 @@ bool stopEverything(const Session& session, const std::wstring& directory, unsig
 // Starts the service again after an installation that was taken back; nothing to do when it runs.
 void startAgain(const Session& session);
 
-// Windows starts the service again after a minute when its process dies, twice; a day without a failure clears the
-// count. What an administrator has set already stays. A system that does not take it is not a failure.
-void setRecovery(const Session& session);
+// What an administrator may have changed in the registration, and an upgrade keeps.
+struct ServiceSettings {
+    unsigned long startType = 0; // as CreateService has it; 0, which no service of ours has, means unknown
+    bool isDelayed = false;
+    std::wstring account;     // "LocalSystem" when nobody has changed it
+    std::wstring description; // may be empty
+
+    // In one line, for the data of a deferred action, and back.
+    std::wstring toText() const;
+    static ServiceSettings fromText(const std::wstring& text);
+};
+ServiceSettings serviceSettings();
+
+// Brings the registered service into its final form: the path of its program; the settings from before, where the
+// registration was made anew (an account that needs a password stays LocalSystem, and the log says so); a delayed start
+// where `isDelayed` says so; recovery actions, unless an administrator has set others. Windows 7 and later take all of
+// it; Wine refuses a delayed start and recovery actions, which is logged and is no failure. False, with a sentence in
+// the log, when the service would run another program.
+bool configureService(const Session& session, const std::wstring& directory, const ServiceSettings& before,
+                      std::optional<bool> isDelayed);
+
+// Windows Error Reporting keeps the last five full dumps of the service and the companion in work\\dumps of this
+// directory. Settings of others for these programs stay as they are.
+void setErrorReportingDumps(const Session& session, const std::wstring& directory);
+// Takes that back, where it is this directory's.
+void clearErrorReportingDumps(const Session& session, const std::wstring& directory);
 
 } // namespace setup

@@ -5,6 +5,8 @@
 #include <msi.h>
 #include <msiquery.h>
 
+#include <algorithm>
+
 namespace setup {
 namespace {
 
@@ -41,6 +43,19 @@ void Session::log(const std::wstring& text) const {
 
 void Session::logError(const std::wstring& text) const {
     process(m_handle, INSTALLMESSAGE_ERROR, text);
+}
+
+std::vector<std::wstring> splitData(const std::wstring& data, size_t count) {
+    std::vector<std::wstring> parts(count);
+    size_t begin = 0;
+    for (std::wstring& part : parts) {
+        if (begin > data.size()) break;
+        const bool isLast = &part == &parts.back();
+        const size_t end = isLast ? data.size() : std::min(data.find(L'|', begin), data.size());
+        part = data.substr(begin, end - begin);
+        begin = end + 1;
+    }
+    return parts;
 }
 
 std::wstring errorText(unsigned long code) {

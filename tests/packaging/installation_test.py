@@ -71,6 +71,18 @@ def machine() -> dict[str, object]:
     return vars(Machine())
 
 
+ERROR_REPORTING = r"HKLM\Software\Microsoft\Windows\Windows Error Reporting\LocalDumps"
+
+
+def error_reporting() -> dict[str, dict[str, str]]:
+    keys = Machine.registry(prompt(f'reg query "{ERROR_REPORTING}" /s /reg:64')[1])
+    return {key.rpartition("\\")[2]: values for key, values in keys.items() if values}
+
+
+def service_config(start: str, account: str) -> int:
+    return wine(BUILD / "tests/setup_tests.exe", "--run-child", "service-config", start, account)[0]
+
+
 def service_state() -> str | None:
     match = re.search(r"STATE\s*: \d+\s+(\w+)", wine("sc", "query", SERVICE)[1])
     return match[1] if match else None
@@ -211,7 +223,6 @@ class MsiInstall(OnOneMachine):
         log = self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}"))
         THE_COMPANION.await_event()
         self.assertInstalled(OLD)
-        self.assertIn(rf"there before; its rights stay as they are", log)
         self.assertNotIn("reboot", log.lower().replace("property(s): reboot = reallysuppress", ""))
 
     def test_without_a_companion_or_the_keri_software(self):
@@ -225,16 +236,45 @@ class MsiInstall(OnOneMachine):
         finally:
             register_keri()
 
-    def test_the_default_directory_has_no_blank(self):
+    def test_the_default_directory_has_no_blank_and_is_closed(self):
         log = self.assertSucceeded(install(OLD))
-        self.assertIn(r"only administrators and SYSTEM may write in 'C:\QuorkeriService'", log)
+        directory = DRIVE / "QuorkeriService"
+        self.assertIn(r"made 'C:\QuorkeriService', where only administrators and SYSTEM may write", log)
+        self.assertIn("only administrators and SYSTEM may read the dumps", log)
+        # What Wine makes of the rights: nothing is left for others to write, and of the dumps nothing to read.
+        self.assertEqual([path for path in directory.rglob("*") if path.stat().st_mode & 0o002], [])
+        self.assertEqual((directory / "work/dumps").stat().st_mode & 0o007, 0)
         self.assertEqual(Machine().service["ImagePath"], rf"C:\QuorkeriService\bin\{SERVICE}")
         self.assertSucceeded(remove(OLD, "PURGE=1"))
-        self.assertFalse((DRIVE / "QuorkeriService").exists())
+        self.assertFalse(directory.exists())
 
-    def test_a_refused_recovery_action_is_no_failure(self):
-        self.assertRegex(self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}")),
-                         "recovery actions: restart after a minute, twice|this system took no recovery actions")
+    def test_dumps_that_were_there_are_closed(self):
+        put_companion()
+        dumps = INSTALLATION / "work/dumps"
+        dumps.mkdir(parents=True)
+        (dumps / "old.dmp").write_bytes(b"memory")
+        self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}"))
+        for path in (dumps, dumps / "old.dmp"):
+            self.assertEqual(path.stat().st_mode & 0o007, 0, path)
+
+    def test_the_service_is_set_up_for_an_administrator(self):
+        log = self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}", "DELAYEDSTART=1", "WERDUMPS=1"))
+        # Wine's service manager refuses both.
+        self.assertRegex(log, r'recovery actions: "C:\\Quorkeri\\bin\\quorkeri_health.exe" --recover after a minute, twice|'
+                              "this system did not accept recovery actions")
+        self.assertRegex(log, "the service starts delayed|this system did not accept a delayed start")
+        self.assertEqual(Machine().service["Description"], "Keeps the companion program of the Keri software running.")
+        wanted = {"DumpFolder": INSTALLDIR + r"\work\dumps", "DumpType": "0x2", "DumpCount": "0x5"}
+        self.assertEqual(error_reporting(), {SERVICE: wanted, COMPANION: wanted})
+        self.assertSucceeded(install(OLD, "WERDUMPS=0"))
+        self.assertEqual(error_reporting(), {})
+        # Another's settings stay, and a removal takes back what is ours.
+        wine("reg", "add", rf"{ERROR_REPORTING}\{SERVICE}", "/v", "DumpFolder", "/d", r"C:\Elsewhere", "/f", "/reg:64")
+        self.assertIn(f"has settings for '{SERVICE}' already; they stay", self.assertSucceeded(install(OLD, "WERDUMPS=1")))
+        self.assertEqual(error_reporting(), {SERVICE: {"DumpFolder": r"C:\Elsewhere"}, COMPANION: wanted})
+        self.assertSucceeded(remove(OLD))
+        self.assertEqual(error_reporting(), {SERVICE: {"DumpFolder": r"C:\Elsewhere"}})
+        wine("reg", "delete", ERROR_REPORTING, "/f", "/reg:64")
 
     def test_the_same_package_again_keeps_it_working(self):
         for state, words in self.STATES:
@@ -267,6 +307,27 @@ class MsiUpgrade(OnOneMachine):
                 (INSTALLATION / "settings" / "testing.ini").unlink()
                 self.assertInstalled(NEW)
 
+    def test_keeps_what_an_administrator_has_set(self):
+        """The registration may be kept, as on Windows, or made anew, as Wine does when it removes the earlier version."""
+        for kept in (True, False):
+            with self.subTest(registration_kept=kept):
+                self.begin("running")
+                self.assertEqual(service_config("3", r"NT AUTHORITY\LocalService"), 0)
+                wine("sc", "description", SERVICE, "Ours since 2019 | do not touch")
+                if kept:
+                    self.assertSucceeded(remove(OLD, "UPGRADINGPRODUCTCODE={00000000-0000-0000-0000-000000000001}"))
+                self.assertSucceeded(install(NEW, f"INSTALLDIR={INSTALLDIR}"))
+                THE_COMPANION.await_event(count=2)
+                service = Machine().service
+                self.assertEqual([service[name] for name in ("Start", "ObjectName", "Description")],
+                                 ["0x3", r"NT AUTHORITY\LocalService", "Ours since 2019 | do not touch"])
+                self.assertEqual(service_state(), "RUNNING")
+
+    def test_does_not_start_a_disabled_service(self):
+        self.begin("stopped")
+        self.assertEqual(service_config("4", "LocalSystem"), 0)
+        self.assertIn("the service is disabled, stays so and is not started", self.assertSucceeded(install(NEW)))
+        self.assertEqual((service_state(), Machine().service["Start"]), ("STOPPED", "0x4"))
 
     def test_a_removal_within_an_upgrade_keeps_the_registration_and_the_libraries(self):
         # What Windows tells the earlier version that it removes; Wine does not.
@@ -278,7 +339,6 @@ class MsiUpgrade(OnOneMachine):
         self.assertSucceeded(install(NEW, f"INSTALLDIR={INSTALLDIR}"))
         THE_COMPANION.await_event(count=2)
         self.assertInstalled(NEW)
-
 
     def test_into_another_directory(self):
         self.begin("running")
@@ -324,8 +384,22 @@ class MsiRemove(OnOneMachine):
         self.begin("running")
         (INSTALLATION / "settings" / "testing.ini").write_text("[general]\n")
         (INSTALLATION / "work" / "tmp" / "deeper").mkdir()
+        (INSTALLATION / "work" / "tmp" / "deeper" / "read-only.txt").write_text("")
+        (INSTALLATION / "work" / "tmp" / "deeper" / "read-only.txt").chmod(0o444)
         self.assertSucceeded(remove(OLD, "PURGE=1"))
         self.assertNothingLeft(COMPANION_FILES)
+
+    def test_purging_does_not_follow_a_link(self):
+        self.begin("running")
+        outside = DRIVE / "Outside"
+        outside.mkdir()
+        self.addCleanup(shutil.rmtree, outside)
+        (outside / "precious.txt").write_text("not the service's")
+        (INSTALLATION / "work" / "tmp" / "link").symlink_to(outside)
+        log = self.assertSucceeded(remove(OLD, "PURGE=1"))
+        self.assertIn(r"work\tmp\link: it leads out of the installation", log)
+        self.assertEqual(files(outside), ["precious.txt"])
+        (INSTALLATION / "work" / "tmp" / "link").unlink()
 
     def test_a_service_that_somebody_has_put_in_its_place_stays(self):
         self.begin("stopped")
@@ -436,15 +510,17 @@ class Zip(OnOneMachine):
                 self.assertNothingLeft([])
 
 
-class MsiRefusals(OnOneMachine):
-    """What cannot be installed leaves a sentence in the log and the machine as it was."""
-
+class Refusing(OnOneMachine):
     def assertRefused(self, action, sentence: str) -> None:
         before = machine()
         code, log = action()
         self.assertEqual(code, 1603, log)
         self.assertIn(sentence, log)
         self.assertEqual(machine(), before)
+
+
+class MsiRefusals(Refusing):
+    """What cannot be installed leaves a sentence in the log and the machine as it was."""
 
     def drive(self) -> list[str]:
         return sorted(path.name for path in DRIVE.iterdir() if path.name not in ("msiexec.log", "line.cmd"))
@@ -471,11 +547,12 @@ class MsiRefusals(OnOneMachine):
                 self.assertRefused(lambda: install(OLD, f"INSTALLDIR={directory}"), sentence)
                 self.assertEqual(self.drive(), before)
 
-    def test_a_stop_time_that_is_none(self):
-        for text in ("x", "-1", "601", "1.5"):
-            with self.subTest(text=text):
-                self.assertRefused(lambda: install(OLD, f"STOPTIMEOUT={text}"),
-                                   f"STOPTIMEOUT is '{text}'. It has to be a number of seconds from 0 to 600.")
+    def test_a_value_that_makes_no_sense(self):
+        for name, values, sentence in (("STOPTIMEOUT", ("x", "-1", "601", "1.5"), "a number of seconds from 0 to 600"),
+                                       *((name, ("2", "yes"), "0 or 1") for name in ("ALLOWOPENDIR", "DELAYEDSTART", "WERDUMPS"))):
+            for value in values:
+                with self.subTest(f"{name}={value}"):
+                    self.assertRefused(lambda: install(OLD, f"{name}={value}"), f"{name} is '{value}'. It has to be {sentence}.")
 
     def test_the_sentence_is_found_in_the_log(self):
         self.assertEqual(install(OLD, "INSTALLDIR=here")[0], 1603)
@@ -553,6 +630,58 @@ class MsiRefusals(OnOneMachine):
         finally:
             other.kill()
             other.wait()
+
+
+class MsiOpenDirectory(Refusing):
+    """A directory that others can write to is refused: LocalSystem would run what they put there. Wine shows a file's owner
+    and rights as far as Linux has them."""
+
+    def open_ways(self):
+        """What is made open, by whom it can be changed as Wine says it, and how it is opened."""
+        (BIN / "settings").mkdir(parents=True)
+        (BIN / COMPANION).write_text("")
+        for path, name in ((INSTALLATION, INSTALLDIR), (BIN, INSTALLDIR + r"\bin"),
+                           (BIN / COMPANION, rf"{INSTALLDIR}\bin\{COMPANION}")):
+            yield name, lambda: path.chmod(0o777), lambda: path.chmod(0o755)
+            yield name, lambda: shutil.chown(path, "nobody"), lambda: shutil.chown(path, os.getuid())
+
+    def test_is_refused_until_it_is_closed(self):
+        for name, open_it, close_it in self.open_ways():
+            open_it()
+            self.assertRefused(lambda: install(OLD, f"INSTALLDIR={INSTALLDIR}"),
+                               f"'{name}' belongs to '")
+            close_it()
+        (BIN / COMPANION).unlink()
+        (BIN / "settings").rmdir()
+        put_companion()
+        self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}"))
+        THE_COMPANION.await_event()
+        # And later: neither repaired nor upgraded, and the service runs on.
+        INSTALLATION.chmod(0o777)
+        for action in (lambda: install(OLD, "REINSTALL=ALL"), lambda: install(NEW)):
+            self.assertRefused(action, rf"(icacls {INSTALLDIR} /setowner *S-1-5-32-544 /T & icacls {INSTALLDIR} /reset /T & ")
+            self.assertService()
+        self.assertSucceeded(remove(OLD))
+
+    def test_a_directory_above_that_others_may_rename(self):
+        above = DRIVE / "Above"
+        above.mkdir()
+        self.addCleanup(shutil.rmtree, above)
+        above.chmod(0o777)
+        self.assertRefused(lambda: install(OLD, r"INSTALLDIR=C:\Above\Quorkeri"), r"'C:\Above' belongs to '")
+
+    def test_a_property_overrules_it_and_the_log_says_so(self):
+        put_companion()
+        INSTALLATION.chmod(0o777)
+        log = self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}", "ALLOWOPENDIR=1"))
+        self.assertIn(f"ALLOWOPENDIR=1: the service will run there, although '{INSTALLDIR}' belongs to '", log)
+        self.assertService()
+
+    def test_a_file_with_the_name_of_the_write_probe_stays(self):
+        BIN.mkdir(parents=True)
+        (BIN / "quorkeri_setup_0.tmp").write_text("somebody's")
+        self.assertSucceeded(install(OLD, f"INSTALLDIR={INSTALLDIR}"))
+        self.assertEqual((BIN / "quorkeri_setup_0.tmp").read_text(), "somebody's")
 
 
 class MsiHalfRemoved(OnOneMachine):
@@ -633,7 +762,8 @@ def make_packages() -> None:
         directory = stage(version)
         subprocess.run(["cmake", "--install", BUILD, "--prefix", directory, "--strip"], check=True,
                        stdout=subprocess.DEVNULL)
-        (directory / "bin" / "quorkeri_service.pdb").unlink()
+        for symbols in (directory / "bin").glob("*.pdb"):
+            symbols.unlink()
         (directory / "README.txt").write_text("how to install\r\n")
         set_version(directory / "bin" / SERVICE, version)
         subprocess.run([ROOT / "scripts/lib/package-msi", "--actions", BUILD / "packaging/setup/quorkeri_setup.dll",
