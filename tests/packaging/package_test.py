@@ -4,12 +4,14 @@ package_test.py ROOT
 """
 
 import contextlib
+import ctypes
 import hashlib
 import http.server
 import json
 import os
 import pathlib
 import re
+import shlex
 import shutil
 import signal
 import stat
@@ -24,15 +26,22 @@ import uuid
 import xml.etree.ElementTree as xml
 import zipfile
 
-import pe
+import jsonschema
+import pefile
+import yaml
 
 ROOT = pathlib.Path(sys.argv.pop(1)).resolve()
 PACKAGE = ROOT / "scripts/package"
 TREE = ROOT / "build/windows-x86"
 UNSIGNED = 'These packages are NOT SIGNED: Windows shows "Unknown publisher" and SmartScreen may warn.'
-SIGNED = "The program and the MSI are signed; Windows shows by whom"
+SIGNED = "The programs and the MSI are signed; Windows shows by whom"
 # Windows' own, on every system that the manifest names; the api-ms-win-crt-* are the universal C runtime's.
-SYSTEM_DLLS = {"kernel32.dll", "advapi32.dll", "ws2_32.dll", "dbghelp.dll", "user32.dll", "shell32.dll", "bcrypt.dll"}
+SYSTEM_DLLS = {"kernel32.dll", "advapi32.dll", "ws2_32.dll", "dbghelp.dll", "user32.dll", "shell32.dll", "bcrypt.dll",
+               "iphlpapi.dll"}
+
+PROGRAMS = ("quorkeri_health", "quorkeri_service")
+SHIPPED = [f"{name}.exe" for name in PROGRAMS] + ["quorkeri_setup.dll"]
+SCHEMAS = pathlib.Path(__file__).resolve().parent / "schemas"
 
 made = {}  # what setUpModule made: name -> directory
 told = {}  # and what the script printed with it
@@ -49,7 +58,8 @@ def cached(variable):
 def run_package(*arguments, **more):
     environment = {name: value for name, value in os.environ.items()
                    if not name.startswith("QUORKERI_") and name != "SOURCE_DATE_EPOCH"} | more.pop("env", {})
-    command = [more.pop("script", PACKAGE), *map(str, arguments)]
+    trial = [] if more.pop("identity", None) else ["--trial"]
+    command = [more.pop("script", PACKAGE), *trial, *map(str, arguments)]
     return subprocess.run(command, capture_output=True, text=True, check=False, env=environment, timeout=240, **more)
 
 
@@ -68,6 +78,11 @@ def make_certificate(name, use):
     return ["--sign-cert", certificate, "--sign-key", key]
 
 
+def make_sums_key():
+    output("minisign", "-G", "-W", "-p", str(WORK / "sums.pub"), "-s", str(WORK / "sums.key"))
+    return WORK / "sums.key"
+
+
 def setUpModule():
     global WORK, VERSION, STAMP, NAME, EPOCH, SIGNER
     directory = tempfile.TemporaryDirectory(prefix="quorkeri-packages-")
@@ -77,7 +92,7 @@ def setUpModule():
     # Elsewhere, to a relative path, in another zone, with other rights for what is made.
     make("again", cwd=WORK, umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"})
     SIGNER = make_certificate("signer", "codeSigning")
-    make("signed", *SIGNER)
+    make("signed", *SIGNER, "--sums-key", make_sums_key(), "--download-url", "https://downloads.example/keri/")
     VERSION = cached("CMAKE_PROJECT_VERSION")
     STAMP = f"{cached('QUORKERI_RELEASE_TAG').removeprefix('release_')}_{cached('QUORKERI_BUILD_ID')}"
     NAME = f"quorkeri-service-{VERSION}"
@@ -94,25 +109,65 @@ def unpacked(kind, name="plain"):
         return {entry.split("/", 1)[1]: archive.read(entry) for entry in archive.namelist()}
 
 
-def exe(name="plain"):
-    return pe.Image(unpacked("-win32.zip", name)["bin/quorkeri_service.exe"])
+def exe(name="plain", program="quorkeri_service.exe"):
+    if program.endswith(".dll"):
+        return pefile.PE(data=output_bytes("msiinfo", "extract", package("-win32.msi", name), "Binary.SetupActions"))
+    return pefile.PE(data=unpacked("-win32.zip", name)[f"bin/{program}"])
 
 
-def unstripped():
-    return pe.Image(unpacked("-symbols.zip")["quorkeri_service.exe"])
+def unstripped(program="quorkeri_service.exe"):
+    return pefile.PE(data=unpacked("-symbols.zip")[program])
+
+
+def output_bytes(*command):
+    return subprocess.run(command, check=True, capture_output=True).stdout
+
+
+def sections(image):
+    """Size and content by address. The section of the build id holds an offset in the file."""
+    return {section.VirtualAddress: (section.Misc_VirtualSize, section.get_data()[:section.Misc_VirtualSize])
+            for section in image.sections if not section.Name.startswith(b".buildid")}
+
+
+def moved(image, base):
+    """The file as it were if it had been linked for another base."""
+    data = bytearray(image.__data__[:])
+    for block in image.DIRECTORY_ENTRY_BASERELOC:
+        for entry in block.entries:
+            if entry.type == pefile.RELOCATION_TYPE["IMAGE_REL_BASED_HIGHLOW"]:
+                at = image.get_offset_from_rva(entry.rva)
+                address, = struct.unpack_from("<I", data, at)
+                struct.pack_into("<I", data, at, (address + base - image.OPTIONAL_HEADER.ImageBase) & 0xFFFFFFFF)
+    struct.pack_into("<I", data, image.OPTIONAL_HEADER.get_field_absolute_offset("ImageBase"), base)
+    return bytes(data)
+
+
+def resources(image, kind):
+    """Number and content of every resource of a kind, whatever its language."""
+    (found,) = [entry for entry in image.DIRECTORY_ENTRY_RESOURCE.entries if entry.id == pefile.RESOURCE_TYPE[kind]]
+    leaves = [(number.id, language.data.struct) for number in found.directory.entries for language in number.directory.entries]
+    return {number: image.get_data(leaf.OffsetToData, leaf.Size) for number, leaf in leaves}
+
+
+def debug_file(image):
+    (entry,) = image.DIRECTORY_ENTRY_DEBUG
+    guid = uuid.UUID(fields=(entry.entry.Signature_Data1, entry.entry.Signature_Data2, entry.entry.Signature_Data3,
+                             entry.entry.Signature_Data4, entry.entry.Signature_Data5,
+                             int.from_bytes(entry.entry.Signature_Data6, "big")))
+    return entry.entry.PdbFileName.rstrip(b"\0").decode(), guid, entry.entry.Age
 
 
 class OutputTest(unittest.TestCase):
     def test_holds_the_packages_and_nothing_else(self):
         self.assertEqual(sorted(path.name for path in made["plain"].iterdir()), ["SHA256SUMS"] + [
-            NAME + kind for kind in ("-symbols.zip", "-win32.msi", "-win32.zip", ".cdx.json")])
+            NAME + kind for kind in ("-deployment.zip", "-symbols.zip", "-win32.msi", "-win32.zip", ".cdx.json")])
 
     def test_can_be_read_by_anybody(self):
         for path in made["again"].iterdir():
             self.assertEqual(stat.S_IMODE(path.stat().st_mode), 0o644, path)
 
     def test_is_covered_by_the_checksums(self):
-        self.assertEqual(output("sha256sum", "--strict", "-c", "SHA256SUMS", cwd=made["plain"]).count(": OK"), 4)
+        self.assertEqual(output("sha256sum", "--strict", "-c", "SHA256SUMS", cwd=made["plain"]).count(": OK"), 5)
         lines = (made["plain"] / "SHA256SUMS").read_text().splitlines()
         self.assertEqual([line.split("  ")[1] for line in lines],
                          sorted(path.name for path in made["plain"].iterdir() if path.name != "SHA256SUMS"))
@@ -149,7 +204,7 @@ class ZipTest(unittest.TestCase):
 
     def test_holds_the_symbols_apart(self):
         self.assertEqual(sorted(unpacked("-symbols.zip")),
-                         ["", *(f"quorkeri_{program}.{kind}" for program in ("health", "service") for kind in ("exe", "pdb"))])
+                         sorted(["", *SHIPPED, *(pathlib.Path(name).stem + ".pdb" for name in SHIPPED)]))
 
     def test_has_the_same_times_and_modes_whatever_the_machine_has(self):
         moment = time.gmtime(EPOCH)[:5] + (EPOCH % 60 // 2 * 2,)
@@ -218,41 +273,48 @@ class TextsTest(unittest.TestCase):
 
 
 class ProgramTest(unittest.TestCase):
-    def test_is_a_small_32_bit_program_without_a_window_of_its_own(self):
-        image = exe()
-        self.assertEqual((hex(image.machine), image.subsystem), ("0x14c", 2))
-        self.assertEqual((image.system, image.subsystem_version), ((6, 1), (6, 1)))
-        self.assertLess(len(image.data), 1500000)
+    """The service, the health check and the set-up library, which is inside the MSI."""
 
-    def setup_library(self):
-        return pe.Image((TREE / "packaging/setup/quorkeri_setup.dll").read_bytes())
+    def for_each(self):
+        for name in SHIPPED:
+            with self.subTest(name):
+                yield name, exe(program=name)
+
+    def test_is_a_small_32_bit_file_for_windows_7_and_later(self):
+        for name, image in self.for_each():
+            header = image.OPTIONAL_HEADER
+            self.assertEqual(image.FILE_HEADER.Machine, pefile.MACHINE_TYPE["IMAGE_FILE_MACHINE_I386"])
+            self.assertEqual([(header.MajorOperatingSystemVersion, header.MinorOperatingSystemVersion),
+                              (header.MajorSubsystemVersion, header.MinorSubsystemVersion)], [(6, 1), (6, 1)])
+            # A service has no window of its own, and neither has it a console.
+            graphical = header.Subsystem == pefile.SUBSYSTEM_TYPE["IMAGE_SUBSYSTEM_WINDOWS_GUI"]
+            self.assertEqual(graphical, name == "quorkeri_service.exe")
+            self.assertLess(len(image.__data__), 1500000)
 
     def test_needs_nothing_but_windows(self):
-        for image, more in ((exe(), set()), (self.setup_library(), {"msi.dll"})):
-            names = [name.lower() for name in image.imports()]
+        for name, image in self.for_each():
+            names = [entry.dll.decode().lower() for entry in image.DIRECTORY_ENTRY_IMPORT]
             self.assertIn("kernel32.dll", names)
-            for name in names:
-                self.assertTrue(name in SYSTEM_DLLS | more or name.startswith("api-ms-win-crt-"), name)
+            for library in names:
+                self.assertTrue(library in SYSTEM_DLLS | {"msi.dll"} or library.startswith("api-ms-win-crt-"), library)
 
     def test_is_hardened(self):
-        for image in (exe(), self.setup_library()):
-            flags = image.dll_characteristics
-            self.assertEqual(flags & (pe.DYNAMIC_BASE | pe.NX_COMPAT), pe.DYNAMIC_BASE | pe.NX_COMPAT)
-            self.assertEqual(flags & (pe.NO_SEH | pe.HIGH_ENTROPY), 0)
-            self.assertEqual(image.characteristics & pe.RELOCS_STRIPPED, 0)
-            for name, section in image.sections.items():
-                both = pe.EXECUTE | pe.WRITE
-                self.assertNotEqual(section[4] & both, both, f"{name} can be written and run")
+        for name, image in self.for_each():
+            header = image.OPTIONAL_HEADER
+            self.assertTrue(header.IMAGE_DLLCHARACTERISTICS_DYNAMIC_BASE and header.IMAGE_DLLCHARACTERISTICS_NX_COMPAT)
+            self.assertFalse(header.IMAGE_DLLCHARACTERISTICS_NO_SEH or header.IMAGE_DLLCHARACTERISTICS_HIGH_ENTROPY_VA)
+            self.assertFalse(image.FILE_HEADER.IMAGE_FILE_RELOCS_STRIPPED)
+            for section in image.sections:
+                self.assertFalse(section.IMAGE_SCN_MEM_EXECUTE and section.IMAGE_SCN_MEM_WRITE, section.Name)
 
     def test_can_lie_at_any_address(self):
         image = exe()
-        self.assertGreater(sum(1 for _ in image.relocations()), 1000)
+        self.assertGreater(sum(len(block.entries) for block in image.DIRECTORY_ENTRY_BASERELOC), 1000)
         directory = WORK / "moved"
         (directory / "bin").mkdir(parents=True)
         (directory / "work/logs").mkdir(parents=True)
         program = directory / "bin/quorkeri_service.exe"
-        program.write_bytes(image.moved(0x20000000))
-        self.assertEqual(pe.Image(program.read_bytes()).base, 0x20000000)
+        program.write_bytes(moved(image, 0x20000000))
         # With nothing at the address that it was linked for, whatever still points there would end this.
         result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=120, check=False)
         self.assertEqual(result.returncode, 1)
@@ -271,43 +333,49 @@ class ProgramTest(unittest.TestCase):
                 archive.extractall(target)
         return target / f"{NAME}-symbols"
 
-    def test_tells_its_version(self):
-        file_version, product_version, texts = exe().version()
-        numbers = tuple(int(part) for part in VERSION.split(".")) + (0,)
-        self.assertEqual((file_version, product_version), (numbers, numbers))
-        expected = {"CompanyName": "Quorvane", "FileDescription": "Quorvane Keri Wrapper", "FileVersion": VERSION,
-                    "InternalName": "quorkeri_service", "OriginalFilename": "quorkeri_service.exe",
-                    "ProductName": "Quorvane Keri Wrapper", "ProductVersion": STAMP}
-        self.assertEqual({name: texts.get(name) for name in expected}, expected)
-        self.assertIn("040904B0", texts)
-        self.assertEqual(texts["Translation"], struct.pack("<HH", 0x0409, 1200))
+    def test_has_a_version(self):
+        descriptions = {"quorkeri_health": ": health check", "quorkeri_service": "", "quorkeri_setup": " Setup"}
+        major, minor, patch = map(int, VERSION.split("."))
+        for name, image in self.for_each():
+            (fixed,) = image.VS_FIXEDFILEINFO
+            high, low = major << 16 | minor, patch << 16
+            self.assertEqual([fixed.FileVersionMS, fixed.FileVersionLS, fixed.ProductVersionMS, fixed.ProductVersionLS],
+                             [high, low, high, low])
+            texts = {key.decode(): value.decode() for part in image.FileInfo[0] if part.Key == b"StringFileInfo"
+                     for table in part.StringTable for key, value in table.entries.items()}
+            stem = pathlib.Path(name).stem
+            self.assertEqual(texts, {
+                "CompanyName": "Quorvane", "FileDescription": "Quorvane Keri Wrapper" + descriptions[stem],
+                "FileVersion": VERSION, "InternalName": stem, "LegalCopyright": "Quorvane. Proprietary.",
+                "OriginalFilename": name, "ProductName": "Quorvane Keri Wrapper", "ProductVersion": STAMP})
 
-    def test_tells_the_stamp_that_windows_shows(self):
-        data = bytes(exe().data)
+    def test_holds_the_stamp_that_windows_shows(self):
+        data = exe().__data__[:]
         for text in (f"$Name: {cached('QUORKERI_RELEASE_TAG')} $", cached("QUORKERI_BUILD_ID"), STAMP):
             self.assertIn(text.encode() + b"\0", data)
 
     def test_has_a_manifest(self):
-        (manifest,) = exe().resources(pe.MANIFEST).values()
-        root = xml.fromstring(manifest)
-        v3, compatibility = "{urn:schemas-microsoft-com:asm.v3}", "{urn:schemas-microsoft-com:compatibility.v1}"
-        (level,) = root.iter(f"{v3}requestedExecutionLevel")
-        self.assertEqual(level.attrib, {"level": "asInvoker", "uiAccess": "false"})
-        self.assertEqual([system.attrib["Id"] for system in root.iter(f"{compatibility}supportedOS")],
-                         ["{35138b9a-5d96-4fbd-8e2d-a2440225f93a}", "{4a2f28e3-53b9-4441-ba9c-d69d4a4a6e38}",
-                          "{1f676c76-80e1-4239-95bb-83d0f6d0da78}", "{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"])
-        (page,) = root.iter("{http://schemas.microsoft.com/SMI/2019/WindowsSettings}activeCodePage")
-        self.assertEqual(page.text, "UTF-8")
+        for name in PROGRAMS:
+            (manifest,) = resources(exe(program=f"{name}.exe"), "RT_MANIFEST").values()
+            root = xml.fromstring(manifest)
+            v3, compatibility = "{urn:schemas-microsoft-com:asm.v3}", "{urn:schemas-microsoft-com:compatibility.v1}"
+            (level,) = root.iter(f"{v3}requestedExecutionLevel")
+            self.assertEqual(level.attrib, {"level": "asInvoker", "uiAccess": "false"})
+            self.assertEqual([system.attrib["Id"] for system in root.iter(f"{compatibility}supportedOS")],
+                             ["{35138b9a-5d96-4fbd-8e2d-a2440225f93a}", "{4a2f28e3-53b9-4441-ba9c-d69d4a4a6e38}",
+                              "{1f676c76-80e1-4239-95bb-83d0f6d0da78}", "{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}"])
+            (page,) = root.iter("{http://schemas.microsoft.com/SMI/2019/WindowsSettings}activeCodePage")
+            self.assertEqual(page.text, "UTF-8")
 
-    def test_has_an_icon_in_three_sizes(self):
+    def test_has_an_icon_in_four_sizes(self):
         image = exe()
-        (group,) = image.resources(pe.GROUP_ICON).values()
-        icons = image.resources(pe.ICON)
-        reserved, kind, count = struct.unpack_from("<HHH", group)
-        self.assertEqual((reserved, kind, count), (0, 1, 3))
-        for i, side in enumerate((16, 32, 48)):
+        (group,) = resources(image, "RT_GROUP_ICON").values()
+        icons = resources(image, "RT_ICON")
+        sides = [16, 32, 48, 256]
+        self.assertEqual(struct.unpack_from("<HHH", group), (0, 1, len(sides)))
+        for i, side in enumerate(sides):
             width, height, _, _, _, depth, size, number = struct.unpack_from("<BBBBHHIH", group, 6 + 14 * i)
-            self.assertEqual((width, height, depth, size), (side, side, 32, len(icons[number])))
+            self.assertEqual((width, height, depth, size), (side % 256, side % 256, 32, len(icons[number])))
             if icons[number].startswith(b"\x89PNG\r\n\x1a\n"):
                 self.assertEqual(struct.unpack_from(">II", icons[number], 16), (side, side))
             else:
@@ -315,28 +383,30 @@ class ProgramTest(unittest.TestCase):
 
     def test_has_the_checksum_of_its_bytes(self):
         for name in ("plain", "signed"):
-            image = exe(name)
-            self.assertEqual(hex(image.checksum), hex(image.computed_checksum()), name)
+            for program in SHIPPED:
+                self.assertTrue(exe(name, program).verify_checksum(), (name, program))
 
-    def test_is_the_unstripped_program_without_its_symbols(self):
-        image, whole = exe(), unstripped()
-        self.assertEqual(image.symbol_count, 0)
-        self.assertTrue([name for name in whole.sections if name.startswith(".debug")])
-        self.assertFalse([name for name in image.sections if name.startswith(".debug")])
-        self.assertEqual((image.timestamp, image.entry, image.base), (whole.timestamp, whole.entry, whole.base))
-        self.assertEqual(image.debug_file(), whole.debug_file())
-        for name, section in image.sections.items():
-            self.assertEqual(section[:2], whole.sections[name][:2], name)
-            if name != ".buildid":  # holds an offset in the file; compared above by its meaning
-                self.assertEqual(image.section(name), whole.section(name), name)
+    def test_is_the_unstripped_file_without_its_symbols(self):
+        for name, image in self.for_each():
+            whole = unstripped(name)
+            self.assertEqual(image.FILE_HEADER.NumberOfSymbols, 0)
+            header, other = image.OPTIONAL_HEADER, whole.OPTIONAL_HEADER
+            self.assertEqual((image.FILE_HEADER.TimeDateStamp, header.AddressOfEntryPoint, header.ImageBase),
+                             (whole.FILE_HEADER.TimeDateStamp, other.AddressOfEntryPoint, other.ImageBase))
+            self.assertEqual(debug_file(image), debug_file(whole))
+            ours, theirs = sections(image), sections(whole)
+            self.assertLess(len(ours), len(theirs), "the debug information")
+            self.assertTrue(ours.items() <= theirs.items())
+            self.assertIn(" .debug_info ", output("i686-w64-mingw32-objdump", "-h", str(self.symbols() / name)))
 
     def test_belongs_to_the_pdb(self):
-        file, guid, age = exe().debug_file()
-        self.assertEqual((file, age), ("quorkeri_service.pdb", 1))
-        summary = output("llvm-pdbutil-19", "dump", "--summary", str(self.symbols() / file))
-        self.assertIn("GUID: {" + str(uuid.UUID(bytes_le=guid)).upper() + "}", summary)
-        self.assertIn(f"Signature: {exe().timestamp}\n", summary)
-        output(str(ROOT / "tests/system/pdb_test"), str(self.symbols() / file),
+        for name, image in self.for_each():
+            file, guid, age = debug_file(image)
+            self.assertEqual((file, age), (pathlib.Path(name).stem + ".pdb", 1))
+            summary = output("llvm-pdbutil-19", "dump", "--summary", str(self.symbols() / file))
+            self.assertIn("GUID: {" + str(guid).upper() + "}", summary)
+            self.assertIn(f"Signature: {image.FILE_HEADER.TimeDateStamp}\n", summary)
+        output(str(ROOT / "tests/system/pdb_test"), str(self.symbols() / "quorkeri_service.pdb"),
                str(self.symbols() / "quorkeri_service.exe"))
 
     def test_has_all_symbols_of_the_linker_s_pdb_and_no_trace_of_the_build_machine(self):
@@ -348,7 +418,7 @@ class ProgramTest(unittest.TestCase):
         content = symbols.read_bytes()
         self.assertTrue(b"\0build/windows-x86/core/libcore.a\0" in content)
         for place in (ROOT, (ROOT / "build/deps").resolve()):
-            self.assertFalse(str(place).encode() in content, place)
+            self.assertFalse(f"{place}/".encode() in content, place)
         # As if it had been built elsewhere: the same in the end.
         program, there = str(self.symbols() / "quorkeri_service.exe"), "/some/other/place" * 9
         steps = [TREE / "service/quorkeri_service.pdb", WORK / "there.pdb", WORK / "back.pdb"]
@@ -370,13 +440,12 @@ class ProgramTest(unittest.TestCase):
         # The program as it is shipped, but for an illegal instruction where a run begins.
         names = output("i686-w64-mingw32-nm", str(self.symbols() / "quorkeri_service.exe"))
         address = int(re.search(r"^([0-9a-f]+) T __ZN6NS_UTL7Service3runEiPPc$", names, re.M).group(1), 16)
-        at = image.offset(address - image.base)
-        image.data[at:at + 2] = b"\x0f\x0b"
+        image.set_bytes_at_rva(address - image.OPTIONAL_HEADER.ImageBase, b"\x0f\x0b")
         directory = WORK / "crashed"
         for part in ("bin", "work/logs", "work/dumps"):
             (directory / part).mkdir(parents=True)
         program = directory / "bin/quorkeri_service.exe"
-        program.write_bytes(image.data)
+        program.write_bytes(image.write())
         result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=120, check=False)
         self.assertEqual(result.returncode, 129)
         (dump,) = (directory / "work/dumps").glob("*.dmp")
@@ -395,28 +464,36 @@ class BillOfMaterialsTest(unittest.TestCase):
         return found
 
     def test_is_a_document_of_its_kind(self):
-        self.assertEqual([self.bill[name] for name in ("bomFormat", "specVersion", "version")], ["CycloneDX", "1.5", 1])
-        self.assertRegex(self.bill["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$")
+        for name in ("plain", "signed"):
+            jsonschema.validate(json.loads(package(".cdx.json", name).read_text()),
+                                json.loads((SCHEMAS / "cyclonedx-1.5.json").read_text()))
         self.assertEqual(self.bill["metadata"]["timestamp"], time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(EPOCH)))
         parts = self.bill["components"] + self.bill["metadata"]["tools"]["components"]
-        references = [part["bom-ref"] for part in parts] + [self.bill["metadata"]["component"]["bom-ref"]]
+        product = self.bill["metadata"]["component"]
+        references = [part["bom-ref"] for part in [*parts, product, *product["components"]]]
         self.assertEqual(len(references), len(set(references)))
-        for part in parts:
-            self.assertIn(part["type"], ("library", "application", "operating-system"))
-            self.assertTrue(part["name"] and part["version"], part)
         (dependency,) = self.bill["dependencies"]
-        self.assertEqual(dependency["ref"], self.bill["metadata"]["component"]["bom-ref"])
-        self.assertEqual(dependency["dependsOn"], [part["bom-ref"] for part in self.bill["components"]])
+        self.assertEqual(dependency, {"ref": product["bom-ref"], "dependsOn": [part["bom-ref"] for part in self.bill["components"]]})
+
+    def test_the_schema_refuses_what_the_standard_refuses(self):
+        schema = json.loads((SCHEMAS / "cyclonedx-1.5.json").read_text())
+        for change in (lambda bill: bill.update(bomFormat="SPDX"), lambda bill: bill.update(colour="blue"),
+                       lambda bill: bill["components"][0].pop("name"), lambda bill: bill["components"][0].update(type="thing"),
+                       lambda bill: bill["components"][0].update(licenses=[{"license": {"id": "My-Own"}}]),
+                       lambda bill: bill.update(serialNumber="1234")):
+            bill = json.loads(package(".cdx.json").read_text())
+            change(bill)
+            with self.assertRaises(jsonschema.ValidationError):
+                jsonschema.validate(bill, schema)
 
     def test_names_the_product_and_the_bytes_that_are_shipped(self):
         for name in ("plain", "signed"):
             product = json.loads(package(".cdx.json", name).read_text())["metadata"]["component"]
             self.assertEqual((product["name"], product["version"], product["purl"]),
                              ("quorkeri-service", VERSION, f"pkg:generic/quorkeri-service@{VERSION}"))
-            setup = (TREE / "packaging/setup/quorkeri_setup.dll").read_bytes()
             self.assertEqual([(file["name"], file["hashes"]) for file in product["components"]], [
-                (file, [{"alg": "SHA-256", "content": hashlib.sha256(content).hexdigest()}])
-                for file, content in (("bin/quorkeri_service.exe", exe(name).data), ("quorkeri_setup.dll", setup))])
+                (file if file.endswith(".dll") else f"bin/{file}",
+                 [{"alg": "SHA-256", "content": hashlib.sha256(exe(name, file).__data__[:]).hexdigest()}]) for file in SHIPPED])
             properties = {entry["name"]: entry["value"] for entry in product["properties"]}
             self.assertEqual(properties["quorvane:release"], STAMP)
             commit = output("git", "-C", str(ROOT), "rev-parse", "HEAD")
@@ -440,7 +517,13 @@ class BillOfMaterialsTest(unittest.TestCase):
         debian = pathlib.Path("/etc/debian_version").read_text().strip()
         self.assertEqual((image["name"], image["version"]), ("debian", debian))
 
-    def test_gives_each_licence(self):
+    def test_gives_each_licence_and_supplier(self):
+        product = self.bill["metadata"]["component"]
+        for part in (product, *product["components"]):
+            self.assertEqual(part["licenses"], [{"license": {"name": "proprietary, Quorvane"}}])
+        self.assertEqual(product["supplier"], {"name": "Quorvane"})
+        for part in self.bill["components"] + self.bill["metadata"]["tools"]["components"]:
+            self.assertEqual(part["supplier"], {"name": "Debian"}, part["name"])
         licences = {part["name"]: part["licenses"][0].get("expression") or part["licenses"][0]["license"]["id"]
                     for part in self.bill["components"]}
         gcc = "GPL-3.0-or-later WITH GCC-exception-3.1"
@@ -456,6 +539,96 @@ class BillOfMaterialsTest(unittest.TestCase):
             file = output("i686-w64-mingw32-g++-posix", f"-print-file-name=lib{library}.a")
             owner = output("dpkg-query", "-S", os.path.realpath(file)).split(":")[0]
             self.assertIn(f"/{owner.replace('+', '%2B')}@", purls, library)
+
+
+class DeploymentTest(unittest.TestCase):
+    def texts(self, name="plain"):
+        return {entry: content.decode() for entry, content in unpacked("-deployment.zip", name).items() if not entry.endswith("/") and entry}
+
+    def test_has_the_packages_own_codes(self):
+        table = output("msiinfo", "export", str(package("-win32.msi")), "Property")
+        codes = dict(line.split("\t") for line in table.splitlines())
+        product = json.loads(self.texts()["product.json"])
+        self.assertEqual((product["productCode"], product["upgradeCode"]), (codes["ProductCode"], codes["UpgradeCode"]))
+        self.assertEqual(product["detection"]["conditions"][0]["productCode"], codes["ProductCode"])
+        self.assertEqual(product["installer"]["sha256"], hashlib.sha256(package("-win32.msi").read_bytes()).hexdigest().upper())
+        self.assertIn(f"msiexec /x {codes['ProductCode']} ", product["commands"]["uninstall"])
+
+    def test_winget_manifests_are_valid_or_no_manifests(self):
+        schemas = json.loads((SCHEMAS / "winget-1.6.0.json").read_text())
+        manifests = {name: text for name, text in self.texts("signed").items() if name.startswith("winget/")}
+        self.assertEqual(sorted(yaml.safe_load(text)["ManifestType"] for text in manifests.values()),
+                         ["defaultLocale", "installer", "version"])
+        for name, text in manifests.items():
+            manifest = yaml.safe_load(text)
+            jsonschema.validate(manifest, schemas[manifest["ManifestType"]])
+        installer = yaml.safe_load(manifests["winget/Quorvane.KeriWrapper.installer.yaml"])["Installers"][0]
+        self.assertEqual(installer["InstallerUrl"], f"https://downloads.example/keri/{NAME}-win32.msi")
+        self.assertEqual(installer["InstallerSha256"],
+                         hashlib.sha256(package("-win32.msi", "signed").read_bytes()).hexdigest().upper())
+        # Nobody has said where it is offered: nothing that a tool would take.
+        templates = {name: text for name, text in self.texts().items() if name.startswith("winget/")}
+        self.assertEqual(sorted(templates), sorted(f"{name}.in" for name in manifests))
+        template = yaml.safe_load(templates["winget/Quorvane.KeriWrapper.installer.yaml.in"])
+        with self.assertRaises(jsonschema.ValidationError):
+            jsonschema.validate(template, schemas["installer"])
+
+    def test_chocolatey_package_is_well_formed(self):
+        texts = self.texts()
+        space = "{http://schemas.microsoft.com/packaging/2015/06/nuspec.xsd}"
+        metadata = xml.fromstring(texts["chocolatey/quorkeri-service.nuspec"]).find(f"{space}metadata")
+        for name, value in (("id", "quorkeri-service"), ("version", VERSION), ("authors", "Quorvane")):
+            self.assertEqual(metadata.find(space + name).text, value)
+        self.assertGreater(len(metadata.find(space + "description").text), 20)
+        self.assertIn(f"'{NAME}-win32.msi'", texts["chocolatey/tools/chocolateyinstall.ps1"])
+
+    def test_nothing_is_left_open_but_the_address(self):
+        for name in ("plain", "signed"):
+            open_values = {value for text in self.texts(name).values() for value in re.findall(r"@[A-Z_]+@", text)}
+            self.assertEqual(open_values, {"@DOWNLOAD_URL@"} if name == "plain" else set())
+
+    def test_reads_the_log_that_the_program_writes(self):
+        directory = WORK / "logged"
+        (directory / "work/logs").mkdir(parents=True)
+        (directory / "bin").mkdir()
+        program = directory / "bin/quorkeri_service.exe"
+        program.write_bytes(exe().__data__[:])
+        subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=120, check=False)
+        content = (directory / "work/logs/service.log").read_text("utf-8")
+        texts = self.texts()
+        log = json.loads(texts["logs/service-log.json"])
+        pattern = re.compile(re.sub(r"\(\?<(\w+)>", r"(?P<\1>", log["pattern"]))
+        starts = [match.start() for match in re.finditer(log["record_begins_with"], content, re.MULTILINE)]
+        self.assertEqual(starts[0], 0)
+        for begin, end in zip(starts, [*starts[1:], len(content)]):
+            found = pattern.match(content[begin:end])
+            self.assertEqual(f"{found['time']} {found['place']} - {found['message']}", content[begin:end])
+            # The C library's own parser, as shippers call it.
+            year, day, again, clock = re.fullmatch(r"(\d+-\d+-)(\d+) (\d+) (\S+)", found["time"]).groups()
+            self.assertEqual(day, again)
+            seconds = parsed_time(found["time"], log["time_format"]["strptime"])
+            self.assertEqual(time.strftime("%Y-%m-%d %H:%M:%S", seconds), f"{year}{day} {clock}")
+        more = pattern.match("2019-11-20 20 14:49:57 a line without a place")
+        self.assertEqual((more["place"], more["message"]), (None, "a line without a place"))
+        self.assertNotRegex("#01 in a trace", log["record_begins_with"])
+        # The same words in each shipper's own file.
+        for name in ("fluent-bit", "logstash"):
+            for text in (log["pattern"], log["record_begins_with"]):
+                self.assertIn(text, texts[f"logs/service-log.{name}.conf"])
+
+
+def parsed_time(text, form):
+    """By the C library: Python's own strptime takes no directive twice."""
+    class Fields(ctypes.Structure):
+        _fields_ = [(name, ctypes.c_int) for name in ("sec", "min", "hour", "mday", "mon", "year", "wday", "yday", "isdst")]
+
+    library = ctypes.CDLL(None)
+    library.strptime.restype = ctypes.c_void_p
+    buffer = ctypes.create_string_buffer(256)
+    if not library.strptime(text.encode(), form.encode(), buffer):
+        raise ValueError(text)
+    fields = Fields.from_buffer(buffer)
+    return time.struct_time((fields.year + 1900, fields.mon + 1, fields.mday, fields.hour, fields.min, fields.sec, 0, 1, -1))
 
 
 class TimeStamper(http.server.BaseHTTPRequestHandler):
@@ -495,25 +668,24 @@ def time_stamper():
 
 class SignatureTest(unittest.TestCase):
     def verify(self, name, kind, *options):
-        if kind == "exe":
-            file = WORK / "verified.exe"
-            file.write_bytes(exe(name).data)
+        file = WORK / f"verified-{kind}"
+        if kind == "msi":
+            shutil.copy(package("-win32.msi", name), file)
         else:
-            file = package("-win32.msi", name)
+            file.write_bytes(exe(name, kind).__data__[:])
         result = subprocess.run(["osslsigncode", "verify", "-CAfile", WORK / "signer.pem", *options, "-in", file],
                                 capture_output=True, text=True, check=False)
         return result.returncode, result.stdout + result.stderr
 
     def test_is_not_there_unless_asked_for(self):
-        self.assertEqual(exe().directory(pe.CERTIFICATES), (0, 0))
-        for kind in ("exe", "msi"):
+        for kind in (*SHIPPED, "msi"):
             code, text = self.verify("plain", kind)
             self.assertNotEqual(code, 0)
             self.assertRegex(text, "(?i)(no signature found|has no signature)")
 
     def test_is_the_one_of_the_certificate(self):
         self.assertIn("good only as long as the certificate", told["signed"])
-        for kind in ("exe", "msi"):
+        for kind in (*SHIPPED, "msi"):
             code, text = self.verify("signed", kind)
             self.assertEqual(code, 0, text)
             self.assertRegex(text, r"Subject: ?/CN=Throwaway signer")
@@ -522,25 +694,66 @@ class SignatureTest(unittest.TestCase):
 
     def test_no_longer_fits_when_a_byte_changes(self):
         image = exe("signed")
-        image.data[image.offset(image.entry)] ^= 1
-        changed = WORK / "changed.exe"
-        changed.write_bytes(image.data)
-        result = subprocess.run(["osslsigncode", "verify", "-CAfile", WORK / "signer.pem", "-in", changed],
+        entry = image.OPTIONAL_HEADER.AddressOfEntryPoint
+        image.set_bytes_at_rva(entry, bytes([image.get_data(entry, 1)[0] ^ 1]))
+        (WORK / "changed.exe").write_bytes(image.write())
+        result = subprocess.run(["osslsigncode", "verify", "-CAfile", WORK / "signer.pem", "-in", WORK / "changed.exe"],
                                 capture_output=True, text=True, check=False)
         self.assertNotEqual(result.returncode, 0)
 
     def test_leaves_the_symbols_as_they_are(self):
         self.assertEqual(package("-symbols.zip", "signed").read_bytes(), package("-symbols.zip").read_bytes())
-        image, signed = exe(), exe("signed")
-        for name in image.sections:
-            self.assertEqual(image.section(name), signed.section(name), name)
+        self.assertTrue(sections(exe()) == sections(exe("signed")))
+
+    def test_of_the_checksums_fits_them_alone(self):
+        sums = made["signed"] / "SHA256SUMS"
+        self.assertIn(f"quorkeri-service {VERSION} {STAMP}", (made["signed"] / "SHA256SUMS.minisig").read_text())
+        check = ["minisign", "-V", "-p", str(WORK / "sums.pub"), "-x", f"{sums}.minisig", "-m"]
+        output(*check, str(sums))
+        (WORK / "changed-sums").write_bytes(sums.read_bytes() + b"\n")
+        self.assertNotEqual(subprocess.run([*check, WORK / "changed-sums"], capture_output=True, check=False).returncode, 0)
+        self.assertFalse((made["plain"] / "SHA256SUMS.minisig").exists())
+
+    def test_comes_from_a_key_in_hardware(self):
+        """A token in software, which osslsigncode reaches as it reaches a real one."""
+        (module,) = list(pathlib.Path("/usr/lib").rglob("libsofthsm2.so"))[:1]
+        (WORK / "tokens").mkdir()
+        (WORK / "softhsm2.conf").write_text(f"directories.tokendir = {WORK}/tokens\n")
+        (WORK / "pin").write_text("1234")
+        environment = {"SOFTHSM2_CONF": str(WORK / "softhsm2.conf")}
+        with_token = os.environ | environment
+        output("softhsm2-util", "--init-token", "--free", "--label", "keri", "--pin", "1234", "--so-pin", "4321", env=with_token)
+        output("openssl", "pkcs8", "-topk8", "-nocrypt", "-in", str(SIGNER[3]), "-out", str(WORK / "signer.p8"))
+        output("softhsm2-util", "--import", str(WORK / "signer.p8"), "--token", "keri", "--label", "signer", "--id", "a1",
+               "--pin", "1234", env=with_token)
+        make("token", "--sign-cert", SIGNER[1], "--sign-key", "pkcs11:token=keri;object=signer;type=private", "--sign-module",
+             module, env=environment | {"QUORKERI_SIGN_PASSWORD_FILE": str(WORK / "pin")})
+        for kind in (*SHIPPED, "msi"):
+            code, text = self.verify("token", kind)
+            self.assertEqual(code, 0, text)
+
+    def test_comes_from_a_command_in_this_order_and_is_verified(self):
+        script = WORK / "sign here.sh"
+        script.write_text(f'#!/bin/sh\necho "$(basename "$1")" >>"{WORK}/order"\nosslsigncode sign -certs {SIGNER[1]} -key {SIGNER[3]} '
+                          '-h sha256 -in "$1" -out "$1.new" && mv "$1.new" "$1"\n')
+        script.chmod(0o755)
+        make("command", "--sign-command", shlex.quote(str(script)), "--sign-ca", SIGNER[1])
+        self.assertEqual((WORK / "order").read_text().split(), [*SHIPPED, f"{NAME}-win32.msi"])
+        for kind in (*SHIPPED, "msi"):
+            self.assertEqual(self.verify("command", kind)[0], 0)
+        # One that does nothing, and one whose signature nobody trusts.
+        for command in ("true", shlex.quote(str(script))):
+            result = run_package("--out", WORK / "unverified", "--sign-command", command)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("package: the signature of 'quorkeri_health.exe' cannot be verified; does this machine know its "
+                          "root? --sign-ca FILE\n", result.stderr)
 
     def test_is_asked_for_by_the_environment_and_stamped_by_a_server(self):
         with time_stamper() as url:
             make("stamped", env={"QUORKERI_SIGN_CERT": str(SIGNER[1]), "QUORKERI_SIGN_KEY": str(SIGNER[3]),
                                  "QUORKERI_TIMESTAMP_URL": url})
         self.assertNotIn("good only as long as", told["stamped"])
-        for kind in ("exe", "msi"):
+        for kind in ("quorkeri_service.exe", "msi"):
             code, text = self.verify("stamped", kind, "-TSA-CAfile", WORK / "clock.pem")
             self.assertEqual(code, 0, text)
             self.assertRegex(text, "(?i)timestamp.* verified|timestamp verification: ok")
@@ -551,7 +764,7 @@ class SignatureTest(unittest.TestCase):
         output("openssl", "rsa", "-aes256", "-in", str(SIGNER[3]), "-out", str(locked), "-passout", "pass:secret")
         make("locked", "--sign-cert", SIGNER[1], "--sign-key", locked,
              env={"QUORKERI_SIGN_PASSWORD_FILE": str(password), "SOURCE_DATE_EPOCH": "1700000000"})
-        code, text = self.verify("locked", "exe")
+        code, text = self.verify("locked", "quorkeri_service.exe")
         self.assertEqual(code, 0, text)
         self.assertIn("Signing time: Nov 14 22:13:20 2023 GMT", text)
         with zipfile.ZipFile(package("-win32.zip", "locked")) as archive:
@@ -574,26 +787,49 @@ class RefusalTest(unittest.TestCase):
         return result
 
     def test_options(self):
-        usage = "usage: package [--out DIR] [--sign-cert FILE --sign-key FILE [--timestamp-url URL]]\n"
-        for sentence, arguments in (("unknown option '--frob'\n", ["--frob"]), ("unknown option 'x'\n", ["x"]),
-                                    ("--sign-cert needs a value\n", ["--sign-cert"]),
-                                    ("--out needs a value\n", ["--out", ""]),
-                                    ("a certificate needs its key: --sign-key FILE\n", SIGNER[:2]),
-                                    ("a key needs its certificate: --sign-cert FILE\n", SIGNER[2:]),
-                                    ("a time stamp needs a signature: --sign-cert FILE --sign-key FILE\n",
-                                     ["--timestamp-url", "http://127.0.0.1/"]),
-                                    ("'ftp://x' is no http address\n", SIGNER + ["--timestamp-url", "ftp://x"])):
-            self.assertTrue(self.refused(2, sentence, *arguments).stderr.endswith(usage))
+        pair = "--sign-cert FILE --sign-key FILE\n"
+        for sentence, arguments in (
+                ("unknown option '--frob'\n", ["--frob"]), ("unknown option 'x'\n", ["x"]),
+                ("unknown option '--sign-off'\n", ["--sign-off", "x"]),
+                ("--sign-cert needs a value\n", ["--sign-cert"]), ("--out needs a value\n", ["--out", ""]),
+                ("a certificate needs its key: --sign-key FILE\n", SIGNER[:2]),
+                ("a key needs its certificate: --sign-cert FILE\n", SIGNER[2:]),
+                (f"a time stamp needs a signature: {pair}", ["--timestamp-url", "http://127.0.0.1/"]),
+                (f"a root certificate needs a signature: {pair}", ["--sign-ca", SIGNER[1]]),
+                ("a PKCS#11 module needs a key: ", ["--sign-module", SIGNER[1]]),
+                ("a key in hardware needs its module: ", [*SIGNER[:2], "--sign-key", "pkcs11:object=x"]),
+                ("--sign-command does all of the signing: ", [*SIGNER, "--sign-command", "true"]),
+                ("'http://x' is no https address\n", ["--download-url", "http://x"]),
+                ("'ftp://x' is no http address\n", SIGNER + ["--timestamp-url", "ftp://x"])):
+            self.assertIn("usage: package --identity TAG:BUILDID | --trial ", self.refused(2, sentence, *arguments).stderr)
+
+    def test_identities(self):
+        form = "its form is TAG:BUILDID, such as release_ravelin_1_2_final_0:261121-140500\n"
+        self.refused(2, "without an identity this would be the placeholder's: --identity TAG:BUILDID, or --trial\n", identity=True)
+        for text, sentence in (("release_1", f"the identity is 'release_1'; {form}"), ("a b:261121-140500", "the identity is 'a b:"),
+                               ("release_1:261121", "the identity is 'release_1:261121'"),
+                               ("release_1:261321-140500", "'261321-140500' is no date and time"),
+                               ("tag_ravelin_1_1_final_0:191120-144957", "'tag_ravelin_1_1_final_0:191120-144957' is the placeholder")):
+            self.refused(2, sentence, "--identity", text, identity=True)
+        self.refused(2, "a trial build has no identity of its own", "--identity", "release_1:261121-140500")
+
+    def test_an_identity_reaches_the_build(self):
+        tree, environment = self.checkout("identity")
+        result = self.refused(1, "the build failed\n", "--identity", "release_ravelin_1_2:261101-040506", script=tree / "scripts/package",
+                              env=environment, identity=True)
+        for setting in ("RELEASE_TAG=release_ravelin_1_2", "BUILD_ID=261101-040506", "BUILD_DATE=Nov 01 2026", "BUILD_TIME=04:05:06"):
+            self.assertIn(f"-DQUORKERI_{setting}|", result.stderr)
+        self.assertIn("/build/release|", result.stderr)
 
     def test_certificates(self):
         self.refused(1, f"cannot read '{WORK}/none'\n", "--sign-cert", WORK / "none", "--sign-key", SIGNER[3])
         self.refused(1, f"cannot read '{WORK}'\n", "--sign-cert", SIGNER[1], "--sign-key", WORK)
         make_certificate("other", "codeSigning")
-        self.refused(1, f"'quorkeri_service.exe' cannot be signed with '{SIGNER[1]}'\n", "--sign-cert", SIGNER[1],
+        self.refused(1, f"'quorkeri_health.exe' cannot be signed with '{WORK}/other.key'\n", "--sign-cert", SIGNER[1],
                      "--sign-key", WORK / "other.key")
 
     def test_a_time_stamp_that_nobody_gives(self):
-        result = self.refused(1, f"'quorkeri_service.exe' cannot be signed with '{SIGNER[1]}'\n", *SIGNER,
+        result = self.refused(1, f"'quorkeri_health.exe' cannot be signed with '{SIGNER[3]}'\n", *SIGNER,
                               "--timestamp-url", "http://127.0.0.1:9/")
         self.assertIn("http://127.0.0.1:9/", result.stderr)
 
@@ -612,7 +848,7 @@ class RefusalTest(unittest.TestCase):
             disk = WORK / f"disk-{size}"
             disk.mkdir()
             # A file system of its own, which goes away with the command.
-            script = 'mount -t tmpfs -o size="$1" tmpfs "$2" && "$3" --out "$2"; code=$?; ls -A "$2"; exit $code'
+            script = 'mount -t tmpfs -o size="$1" tmpfs "$2" && "$3" --trial --out "$2"; code=$?; ls -A "$2"; exit $code'
             own_user = [] if os.geteuid() == 0 else ["--map-root-user"]
             result = subprocess.run(["unshare", "--mount", *own_user, "sh", "-c", script, "sh", size, disk, PACKAGE],
                                     capture_output=True, text=True, check=False, timeout=240)
@@ -627,7 +863,7 @@ class RefusalTest(unittest.TestCase):
         out = WORK / "halfway"
         out.mkdir()
         (out / "SHA256SUMS").write_text("of before\n")
-        with subprocess.Popen([PACKAGE, "--out", out], stdout=subprocess.PIPE, text=True,
+        with subprocess.Popen([PACKAGE, "--trial", "--out", out], stdout=subprocess.PIPE, text=True,
                               start_new_session=True) as process:
             while process.stdout.readline() not in ("Packing ...\n", ""):
                 pass
@@ -652,7 +888,7 @@ class RefusalTest(unittest.TestCase):
             shutil.copy(ROOT / "build/deps" / mark, tree / "build/deps" / mark)
         tools = WORK / f"{name}-tools"
         tools.mkdir()
-        (tools / "cmake").write_text("#!/bin/sh\necho 'error: no work today'\nexit 1\n")
+        (tools / "cmake").write_text("#!/bin/sh\nprintf '%s|' \"error: no work today, not with\" \"$@\"\nexit 1\n")
         (tools / "cmake").chmod(0o755)
         return tree, {"PATH": f"{tools}:{os.environ['PATH']}"}
 
@@ -661,7 +897,7 @@ class RefusalTest(unittest.TestCase):
         script = tree / "scripts/package"
         note = "Note: the tree has changes that are not committed"
         result = self.refused(1, "the build failed\n", script=script, env=environment)
-        self.assertIn("error: no work today\n", result.stderr)
+        self.assertIn("error: no work today", result.stderr)
         self.assertNotIn(note, result.stdout)
         (tree / "extra").write_text("")
         result = self.refused(1, "the build failed\n", script=script, env=environment)
