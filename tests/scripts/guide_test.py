@@ -20,6 +20,8 @@ import tempfile
 import threading
 import unittest
 
+import pefile
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 from quorkeri_wine import COMPANION, LIBRARIES, ROOT, SERVICE, Companion, Wine, await_true, text_of
 
@@ -360,7 +362,8 @@ class MessagesTest(unittest.TestCase):
                 subprocess.run([strip, "-g", "-o", stripped, TREE / archive], check=True)
                 content += stripped.read_bytes()
         cls.texts = {text.decode().strip("\n") for text in re.findall(rb"[\x09\x0a\x20-\x7e]{4,}(?=\0)", content)}
-        setup = (TREE / "packaging/setup/quorkeri_setup.dll").read_bytes()
+        with pefile.PE(TREE / "packaging/setup/quorkeri_setup.dll") as image:
+            (setup,) = [section.get_data() for section in image.sections if section.Name.startswith(b".rdata")]
         cls.setup_texts = {text.decode("utf-16le").strip() for text in re.findall(rb"(?:[\x20-\x7e]\0){6,}", setup)}
         log, _, installer = MESSAGES.partition("\n## The installer's log")
         log, _, cls.findings = log.partition("\n## Health findings")
@@ -404,9 +407,11 @@ class MessagesTest(unittest.TestCase):
     def test_each_sentence_of_the_installer_has_its_row(self):
         for text in sorted(self.setup_texts):
             for part in re.split(r"Nothing was changed\.|'|: |\. ", text):
-                if len(part.split()) > 2:
+                part = part.strip(" ,.:")
+                if len(part.split()) > 2 and not part.startswith("SOFTWARE\\"):
                     with self.subTest(part):
-                        self.assertIn(part.strip(" ,.:"), self.installer)
+                        # The end of a narrow text in front looks like a letter more.
+                        self.assertTrue(part in self.installer or part[1:] in self.installer)
 
 
 if TREE is None:
