@@ -32,6 +32,9 @@ if not exist "%OUT%\" (
   echo Run this command as an administrator, or make room on the disk.
   exit /b 1
 )
+rem Dumps hold memory: only administrators and SYSTEM may read the bundle.
+set RIGHTS=/inheritance:r /grant:r *S-1-5-18:(OI)(CI)F *S-1-5-32-544:(OI)(CI)F
+"%SYSTEM%\icacls.exe" "%OUT%" %RIGHTS% >nul 2>nul
 mkdir "%OUT%\logs" "%OUT%\dumps" "%OUT%\settings"
 set RESULT=0
 
@@ -72,8 +75,10 @@ if not exist "%REPORT%" set RESULT=2
 rem Windows 10 and later can make an archive of it. The folder stays as well.
 set "ARCHIVE="
 if not exist "%SYSTEM%\tar.exe" goto done
+type nul >"%OUT%.zip"
+"%SYSTEM%\icacls.exe" "%OUT%.zip" /inheritance:r /grant:r *S-1-5-18:F *S-1-5-32-544:F >nul 2>nul
 "%SYSTEM%\tar.exe" -a -c -f "%OUT%.zip" -C "%TEMPORARY%" "support-%NUMBER%" 2>nul
-if not errorlevel 1 set "ARCHIVE=%OUT%.zip"
+if errorlevel 1 (del "%OUT%.zip") else set "ARCHIVE=%OUT%.zip"
 
 :done
 if %RESULT%==2 echo Not everything could be copied. The rest is there.
