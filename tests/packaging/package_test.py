@@ -160,14 +160,14 @@ def debug_file(image):
 class OutputTest(unittest.TestCase):
     def test_holds_the_packages_and_nothing_else(self):
         self.assertEqual(sorted(path.name for path in made["plain"].iterdir()), ["SHA256SUMS"] + [
-            NAME + kind for kind in ("-deployment.zip", "-symbols.zip", "-win32.msi", "-win32.zip", ".cdx.json")])
+            NAME + kind for kind in ("-deployment.zip", "-selftest.zip", "-symbols.zip", "-win32.msi", "-win32.zip", ".cdx.json")])
 
     def test_can_be_read_by_anybody(self):
         for path in made["again"].iterdir():
             self.assertEqual(stat.S_IMODE(path.stat().st_mode), 0o644, path)
 
     def test_is_covered_by_the_checksums(self):
-        self.assertEqual(output("sha256sum", "--strict", "-c", "SHA256SUMS", cwd=made["plain"]).count(": OK"), 5)
+        self.assertEqual(output("sha256sum", "--strict", "-c", "SHA256SUMS", cwd=made["plain"]).count(": OK"), 6)
         lines = (made["plain"] / "SHA256SUMS").read_text().splitlines()
         self.assertEqual([line.split("  ")[1] for line in lines],
                          sorted(path.name for path in made["plain"].iterdir() if path.name != "SHA256SUMS"))
