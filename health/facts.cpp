@@ -56,16 +56,6 @@ const Process* parentOf(const Process& process, const std::vector<Process>& all)
     return parent && parent->created <= process.created ? parent : nullptr;
 }
 
-Companion::Owner ownerOf(const Process& companion, const Installation& installation, const std::vector<Process>& all) {
-    const Process* parent = parentOf(companion, all);
-    const bool hasService = parent && isService(*parent);
-    // A plain user is not told every image; the parent's word counts as well.
-    const bool isOurs = companion.image.empty() ? hasService && isSamePath(parent->image, installation.service)
-                                                : isSamePath(companion.image, installation.companion);
-    if (!isOurs) return Companion::Owner::Other;
-    return hasService ? Companion::Owner::Service : Companion::Owner::Nobody;
-}
-
 PortHolder::Who whoIs(const Process& process, const std::vector<Companion>& companions) {
     const auto found = std::ranges::find(companions, process.id, [](const Companion& it) { return it.process.id; });
     if (found == companions.end()) return process.id == 0 ? PortHolder::Who::Unknown : PortHolder::Who::Foreign;
@@ -143,6 +133,17 @@ std::optional<Crash> lastCrash(const Installation& installation, LocalSeconds af
 }
 
 } // namespace
+
+Companion::Owner ownerOf(const Process& companion, const Installation& installation, const std::vector<Process>& all) {
+    const Process* parent = parentOf(companion, all);
+    const bool hasService = parent && isService(*parent);
+    // A plain user may not be told images; then the service that the companion belongs to speaks for it.
+    const bool isOurs = companion.image.empty()
+                            ? hasService && (parent->image.empty() || isSamePath(parent->image, installation.service))
+                            : isSamePath(companion.image, installation.companion);
+    if (!isOurs) return Companion::Owner::Other;
+    return hasService ? Companion::Owner::Service : Companion::Owner::Nobody;
+}
 
 // Windows takes the path up to each blank in turn when it is not quoted; ours is registered so, and ends in ".exe".
 std::string programOf(const std::string& command) {

@@ -80,6 +80,9 @@ Facts gather(const Installation& installation, uint32_t hours);
 // of all services and companions are filled in.
 std::vector<Companion> companionsOf(const Installation& installation, std::vector<Process>& all);
 
+// Whose a companion is, with the images filled in as far as the system tells them.
+Companion::Owner ownerOf(const Process& companion, const Installation& installation, const std::vector<Process>& all);
+
 // The process that the service manager means, or that runs in the foreground; nothing when neither runs.
 std::optional<Process> findService(const Installation& installation, const Registration& registration,
                                    const std::vector<Process>& all);

@@ -60,6 +60,13 @@ std::string ofProcess(uint32_t id, const char* file) {
     return "/proc/" + std::to_string(id) + '/' + file;
 }
 
+// Another user's program is not told, but its command line is.
+std::string firstWord(uint32_t id) {
+    std::string words = readSystemFile(ofProcess(id, "cmdline"));
+    words.resize(std::min(words.find('\0'), words.size()));
+    return words;
+}
+
 int64_t millisecondsOf(clockid_t clock) {
     timespec time{};
     ::clock_gettime(clock, &time);
@@ -96,11 +103,7 @@ std::optional<Process> processOf(uint32_t id, int64_t boot) {
     process.created = toNumber(fields[kStartTime]);
     process.started = toLocal((boot + static_cast<int64_t>(process.created) * 1000 / ::sysconf(_SC_CLK_TCK)) / 1000);
     std::string program = imageOf(id);
-    // Another user's program is not told, but its command line is.
-    if (program.empty()) {
-        program = readSystemFile(ofProcess(id, "cmdline"));
-        program.resize(std::min(program.find('\0'), program.size()));
-    }
+    if (program.empty()) program = firstWord(id);
     process.name = program.substr(program.rfind('/') + 1);
     return process;
 }
@@ -145,7 +148,9 @@ std::string imageOf(uint32_t processId) {
     std::string path = linkOf(ofProcess(processId, "exe"));
     constexpr std::string_view kDeleted = " (deleted)";
     if (path.ends_with(kDeleted)) path.resize(path.size() - kDeleted.size());
-    return path;
+    if (!path.empty()) return path;
+    const std::string word = firstWord(processId);
+    return word.starts_with('/') ? word : "";
 }
 
 std::string finalPath(const std::string& path) {

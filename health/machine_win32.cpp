@@ -129,6 +129,18 @@ Registration refused(DWORD error) {
     return out;
 }
 
+// The companion runs as LocalSystem, whose processes administrators may end only with this privilege. A user who does
+// not have it is refused later.
+void allowDebugging() {
+    HANDLE opened = nullptr;
+    if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &opened)) return;
+    const NS_CORE::ScopedKernelHandle token(opened);
+    TOKEN_PRIVILEGES privileges{1, {{{}, SE_PRIVILEGE_ENABLED}}};
+    if (::LookupPrivilegeValueW(/*lpSystemName=*/nullptr, L"SeDebugPrivilege", &privileges.Privileges[0].Luid))
+        ::AdjustTokenPrivileges(token.get(), /*DisableAllPrivileges=*/FALSE, &privileges, /*BufferLength=*/0,
+                                /*PreviousState=*/nullptr, /*ReturnLength=*/nullptr);
+}
+
 bool isSame(HANDLE handle, const Process& process) {
     FILETIME created{};
     FILETIME unused{};
@@ -185,6 +197,7 @@ uint32_t ownId() {
 }
 
 std::string endProcess(const Process& process) {
+    allowDebugging();
     const NS_CORE::ScopedKernelHandle handle(::OpenProcess(
         PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, /*bInheritHandle=*/FALSE, process.id));
     if (!handle) {

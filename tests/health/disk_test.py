@@ -1,7 +1,7 @@
 """disk_test.py HEALTH SERVICE COMPANION: the health check of a service whose disk is full, or nearly so."""
 import contextlib
+import json
 import pathlib
-import re
 import shutil
 import socket
 import subprocess
@@ -38,13 +38,15 @@ class DiskTest(unittest.TestCase):
 
     def ask(self):
         """The exit code and the names of the findings."""
-        program = self.root / "bin" / HEALTH.name
+        command = [self.root / "bin" / HEALTH.name, "--json"]
         if IS_WINDOWS:
-            code, text = Wine().run(program)
+            code, text = Wine().run(*command)
         else:
-            done = subprocess.run([program], capture_output=True, text=True, timeout=LIMIT, check=False)
+            done = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False)
             code, text = done.returncode, done.stdout
-        return code, re.findall(r" \[([a-z-]+)\] ", text)
+        told = json.loads(text)
+        self.assertEqual(told["code"], code)
+        return code, [finding["name"] for finding in told["findings"]]
 
     @contextlib.contextmanager
     def service(self):
