@@ -12,7 +12,9 @@ void setProcessMode() {
     const FARPROC found = ::GetProcAddress(::GetModuleHandleA("kernel32.dll"), "SetDefaultDllDirectories");
     const auto setDirectories = reinterpret_cast<SetDefaultDllDirectories>(reinterpret_cast<void*>(found));
     if (setDirectories) setDirectories(kSystemDirectory);
-    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+    // Not SEM_NOGPFAULTERRORBOX: it turns Windows Error Reporting off, also for the companion, and with it the dumps
+    // that an administrator asked for. Error Reporting itself shows no box in a session without a desktop.
+    ::SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
     ::_set_error_mode(_OUT_TO_STDERR);
 }
 
