@@ -20,7 +20,7 @@
 #include <string_view>
 #include <utility>
 
-#include "bench/allocation_counter.h"
+#include "bench/allocation_column.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/report/core_testinterface.h"
 #include "core/text/core_checkf.h"
@@ -81,7 +81,7 @@ template <class Check>
 void run(benchmark::State& state, Level level, Check check) {
     prepare(level);
     std::string name = "./quorkeri_wrapper.exe";
-    const bench::AllocationCounter counter(state);
+    const bench::AllocationColumn column(state);
     for (auto _ : state) {
         benchmark::DoNotOptimize(name);
         check(name);

@@ -1,15 +1,16 @@
-// What logging costs: a call whose level is off against an empty loop, and a record of the file logger against the bare
-// system calls that it is made of.
+// What logging costs, on both platforms: a call whose level is off against an empty loop, and a record of the file
+// logger against the bare system calls that it is made of. Prints the lines that scripts/bench makes a table of.
+//
+//     logger_bench [ROUNDS]
 
-#include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 
+#include "bench/bare_record.h"
+#include "bench/rounds.h"
 #include "core/log/core_v2masterlogger.h"
 #include "utl/utl_filelogger.h"
 
@@ -24,73 +25,53 @@ extern "C" [[gnu::noinline]] void disabledCallSite(int value) {
 
 namespace {
 
-void emptyLoop(benchmark::State& state) {
-    int value = 0;
-    for (auto _ : state) benchmark::DoNotOptimize(++value);
-}
-BENCHMARK(emptyLoop);
-
-void loopWithDisabledLog(benchmark::State& state) {
-    int value = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(++value);
-        MLOG(Norm, "Bench::loop", "%d of %s", value, "many");
-    }
-}
-BENCHMARK(loopWithDisabledLog);
-
-// A directory on the disk that the working directory is on.
-class WorkDirectory {
-public:
-    WorkDirectory() {
-        std::filesystem::remove_all(m_path);
-        std::filesystem::create_directory(m_path);
-    }
-    ~WorkDirectory() { std::filesystem::remove_all(m_path); }
-    WorkDirectory(const WorkDirectory&) = delete;
-    WorkDirectory& operator=(const WorkDirectory&) = delete;
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path = "logger_bench.tmp";
-};
-
 constexpr char kText[] = "QuorkeriWrapper::run - Run: './quorkeri_wrapper.exe' failed";
 
-void bareSystemCalls(benchmark::State& state) {
-    const WorkDirectory work;
-    const std::string path = work.path() + "/service.log";
-    const std::string line = std::string("2019-11-20 20 14:49:57 ") + kText + "\n";
-    for (auto _ : state) {
-        const int fd = ::open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-        benchmark::DoNotOptimize(::write(fd, line.data(), line.size()));
-        struct stat status{};
-        benchmark::DoNotOptimize(::fstat(fd, &status));
-        ::fsync(fd);
-        ::close(fd);
-    }
+void measureDisabledLevel(int rounds) {
+    bench::Row row("a level that is off", "");
+    row.add("MLOG", [](uint32_t times) {
+        for (uint32_t value = 0; value < times; ++value) {
+            bench::touch(value);
+            MLOG(Norm, "Bench::loop", "%u of %s", value, "many");
+        }
+    });
+    row.add("empty loop", [](uint32_t times) {
+        for (uint32_t value = 0; value < times; ++value) bench::touch(value);
+    });
+    row.measure(rounds, /*roundMicroseconds=*/20);
 }
 
-void fileLoggerRecord(benchmark::State& state) {
-    const WorkDirectory work;
-    NS_UTL::FileLogger logger(work.path(), "service.log", 1000000000, 1);
+void measureRecord(const std::string& directory, int rounds) {
+    constexpr int64_t kMaxLogSize = 1'000'000'000;
+    NS_UTL::FileLogger logger(directory, "service.log", kMaxLogSize, 1);
     const NS_CORE::LevelEntry entry = MasterLogger::levelEntry(NS_CORE::LogLevel::Info);
-    for (auto _ : state) logger.log(NS_CORE::LogLevel::Info, 0, entry, 4, kText, sizeof(kText) - 1);
-}
+    MasterLogger::setImplementation(std::make_unique<NS_UTL::FileLogger>(directory, "master.log", kMaxLogSize, 1));
+    const std::string bareFile = directory + "/bare.log";
+    const std::string bareLine = std::string("2019-11-20 20 14:49:57 ") + kText + "\n";
 
-void recordThroughTheMasterLogger(benchmark::State& state) {
-    const WorkDirectory work;
-    MasterLogger::setImplementation(std::make_unique<NS_UTL::FileLogger>(work.path(), "service.log", 1000000000, 1));
-    for (auto _ : state) MLOG(Info, "QuorkeriWrapper::run", "Run: '%s' failed", "./quorkeri_wrapper.exe");
+    bench::Row row("a record of the file logger", "1.05 bare mean");
+    row.add("FileLogger::log", [&](uint32_t times) {
+        for (; times > 0; --times) logger.log(NS_CORE::LogLevel::Info, 0, entry, 4, kText, sizeof(kText) - 1);
+    });
+    row.add("bare", [&](uint32_t times) {
+        for (; times > 0; --times) bench::writeBareRecord(bareFile.c_str(), bareLine);
+    });
+    row.add("MLOG", [](uint32_t times) {
+        for (; times > 0; --times) MLOG(Info, "QuorkeriWrapper::run", "Run: '%s' failed", "./quorkeri_wrapper.exe");
+    });
+    // One record a round, because a disk's pace changes.
+    row.measure(rounds, /*roundMicroseconds=*/0);
     MasterLogger::setImplementation(nullptr);
 }
 
-// Interleaved, because a disk's pace drifts; the medians are compared.
-void interleaved(benchmark::internal::Benchmark* bench) {
-    bench->Iterations(200)->Repetitions(15)->Unit(benchmark::kMicrosecond)->UseRealTime()->ReportAggregatesOnly(true);
-}
-BENCHMARK(bareSystemCalls)->Apply(interleaved);
-BENCHMARK(fileLoggerRecord)->Apply(interleaved);
-BENCHMARK(recordThroughTheMasterLogger)->Apply(interleaved);
-
 } // namespace
+
+int main(int argc, char** argv) {
+    const int rounds = argc > 1 ? std::atoi(argv[1]) : 1000;
+    measureDisabledLevel(rounds);
+    // On the disk that the working directory is on.
+    const std::filesystem::path directory = "logger_bench.tmp";
+    std::filesystem::create_directories(directory);
+    measureRecord(directory.string(), rounds);
+    std::filesystem::remove_all(directory);
+}

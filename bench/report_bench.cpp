@@ -10,7 +10,7 @@
 #include <pugixml.hpp>
 #include <string>
 
-#include "bench/allocation_counter.h"
+#include "bench/allocation_column.h"
 #include "core/report/internal/core_testreport.h"
 
 namespace {
@@ -91,7 +91,7 @@ template <class Build>
 void run(benchmark::State& state, Build build) {
     const FailureReport one = report(state.range(0));
     const ReportSource& from = source();
-    const bench::AllocationCounter counter(state);
+    const bench::AllocationColumn column(state);
     size_t bytes = 0;
     for (auto _ : state) {
         const std::string document = build(one, from);

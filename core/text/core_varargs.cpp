@@ -67,7 +67,8 @@ size_t lengthBeforePercent(Word word) {
 // memcpy for the short texts that messages are made of: the real one is a call into the runtime library's module, which
 // on 32-bit Windows costs more than copying such a text.
 void copyText(char* to, const char* from, size_t length) {
-    constexpr size_t kWorthACall = 64;
+    // Measured on both: the 64-bit build's memcpy is the faster one.
+    constexpr size_t kWorthACall = sizeof(Word) == 4 ? 64 : 16;
     if (length > kWorthACall) {
         std::memcpy(to, from, length);
     } else if (length >= sizeof(Word)) {
