@@ -306,6 +306,11 @@ class TextTest(unittest.TestCase):
             self.assertIn(hashlib.sha256(source.read_bytes()).hexdigest(), source.with_suffix(".svg").read_text("utf-8"),
                           f"{source.name} has changed: run scripts/lib/draw-pictures")
 
+    def test_the_picture_of_the_rooms_has_their_levels(self):
+        rooms = re.findall(r"^\| (\d+) \| `(\w+)` \|", TEXTS[ROOT / "core/README.md"], re.MULTILINE)
+        picture = (ROOT / "docs/pictures/rooms.dot").read_text("utf-8")
+        self.assertEqual(sorted(rooms), sorted(re.findall(r'label="(\d+)  (\w+)"', picture)))
+
     def test_the_guide_knows_every_key_of_the_settings(self):
         for sample in ("testing.ini", "testing.alt.ini"):
             for line in (ROOT / "packaging/settings" / (sample + ".sample")).read_text("utf-8").splitlines():
