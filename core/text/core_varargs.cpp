@@ -236,19 +236,17 @@ constexpr char kDigitPairs[] =
     "80818283848586878889"
     "90919293949596979899";
 
-// These write the digits of `value` so that they end at `end`, and return where they begin.
+// These write digits so that they end at `end`, and return where they begin.
+
+// pair  0 to 99.
+char* digitPair(uint32_t pair, char* end) {
+    std::memcpy(end - 2, &kDigitPairs[size_t{pair} * 2], 2);
+    return end - 2;
+}
 
 char* decimalDigits(uint32_t value, char* end) {
-    while (value >= 100) {
-        end -= 2;
-        std::memcpy(end, kDigitPairs + value % 100 * 2, 2);
-        value /= 100;
-    }
-    if (value >= 10) {
-        end -= 2;
-        std::memcpy(end, kDigitPairs + value * 2, 2);
-        return end;
-    }
+    for (; value >= 100; value /= 100) end = digitPair(value % 100, end);
+    if (value >= 10) return digitPair(value, end);
     *--end = static_cast<char>('0' + value);
     return end;
 }
