@@ -278,15 +278,16 @@ TEST_F(RealCompanionTest, ThePausesOfTheServiceAreFiveSeconds) {
     EXPECT_GE(m_startTimes[1] - m_startTimes[0], milliseconds(5000));
 }
 
-TEST(RestartTest, AThousandRestartsLeaveNothingBehind) {
+TEST(RestartTest, RestartsLeaveNothingBehind) {
     // Not recorded: the records would be the memory that grows.
     NS_CORE::MasterLogger::setImplementation(nullptr);
-    constexpr int kWarmUp = 100;
+    constexpr int kWarmUp = 20;
     // scripts/bench-service asks for more.
     const char* const asked = std::getenv("QUORKERI_RESTARTS");
-    const int restarts = asked ? std::atoi(asked) : 1000;
+    const int restarts = asked ? std::atoi(asked) : 100;
     const std::string commandLine = test::childCommandLine("supervision_ends", {"0"});
     const Supervisor::Steps production = Supervisor::Steps::production();
+    Supervisor(production).stop(); // what the socket library makes once
     test::ProcessGauge before = {};
     int starts = 0;
     Supervisor supervisor({[] {},

@@ -40,6 +40,13 @@ TEST(FileLinux, CommitsAsItsFlagsSay) {
     EXPECT_EQ(commitsDuring(File::kLogFileFlags), 1);
     EXPECT_EQ(commitsDuring(File::Write | File::Create | File::CommitOnWrite), 2);
     EXPECT_EQ(commitsDuring(File::Write | File::Create | File::CommitOnWrite | File::CommitOnClose), 3);
+    const test::TempDir dir;
+    const int before = g_commits;
+    {
+        File file;
+        EXPECT_TRUE(file.openFile(dir.file("file")));
+    }
+    EXPECT_EQ(g_commits - before, 1) << "the object's end is a close";
 }
 
 TEST(FileLinux, AFullDiskIsLogged) {

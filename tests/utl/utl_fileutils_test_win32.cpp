@@ -8,6 +8,7 @@
 #include "core/files/core_wrapper.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
+#include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_fileutils.h"
@@ -53,7 +54,7 @@ private:
     std::thread m_server;
 };
 
-// Runs until a file appears that is named by the argument.
+// Sets one event when it runs, and ends with the other.
 const test::ChildProgram g_runsUntil("runs-until-set", [](const auto& arguments) {
     const NS_CORE::ScopedKernelHandle ready(::OpenEventA(EVENT_MODIFY_STATE, FALSE, arguments.at(0).c_str()));
     const NS_CORE::ScopedKernelHandle end(::OpenEventA(SYNCHRONIZE, FALSE, arguments.at(1).c_str()));
@@ -140,6 +141,32 @@ TEST(RenameFileWin32, AFileThatIsHeldOpenIsLoggedAtInfo) {
     EXPECT_FALSE(FileUtils::renameFile(dir.file("from"), dir.file("to")));
     EXPECT_EQ(log.lines(), (Lines{"INFO NS_UTL::FileUtils::renameFile - '" + dir.file("from") + "'=>'" +
                                   dir.file("to") + "' failed : " + NS_CORE::systemErrorText(ERROR_SHARING_VIOLATION)}));
+}
+
+DWORD g_moveFlags = 0;
+int g_commits = 0;
+
+BOOL WINAPI moveAndNote(LPCWSTR /*from*/, LPCWSTR /*to*/, DWORD flags) {
+    g_moveFlags = flags;
+    return TRUE;
+}
+
+int __cdecl commitAndNote(int /*fd*/) {
+    return ++g_commits;
+}
+
+TEST(RenameFileWin32, ReplacesAndWritesThroughOnOneVolume) {
+    const test::ImportHook hook("MoveFileExW", &moveAndNote);
+    EXPECT_TRUE(FileUtils::renameFile("from", "to"));
+    EXPECT_EQ(g_moveFlags, DWORD{MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH});
+}
+
+TEST(CopyWin32, CommitsNothingToTheDisk) {
+    const test::TempDir dir;
+    test::writeFile(dir.path() / "source", "bytes");
+    const test::ImportHook hook("_commit", &commitAndNote);
+    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
+    EXPECT_EQ(g_commits, 0);
 }
 
 TEST(RenameFileWin32, AReaderThatSharesDeletionIsNoHindrance) {

@@ -4,7 +4,9 @@
 #include <fstream>
 
 #include "tests/support/child.h"
+#include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/open_handles_win32.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_processutils.h"
 
@@ -36,13 +38,6 @@ const test::ChildProgram g_console("console", [](const auto&) {
     return (::GetConsoleWindow() ? 1 : 0) + (screen != INVALID_HANDLE_VALUE ? 2 : 0);
 });
 
-// The system hands out the lowest free handle, so that a handle that was leaked shows in the next one.
-uintptr_t nextHandle() {
-    const HANDLE event = ::CreateEventW(nullptr, /*bManualReset=*/TRUE, /*bInitialState=*/FALSE, nullptr);
-    ::CloseHandle(event);
-    return reinterpret_cast<uintptr_t>(event);
-}
-
 class ExitCodesWin32 : public testing::TestWithParam<unsigned long> {};
 
 TEST_P(ExitCodesWin32, OfProgramsEndedByForceAreStored) {
@@ -72,15 +67,56 @@ TEST(ProcessUtilsWin32, TheChildHasNoConsole) {
     EXPECT_EQ(exitCode, 0UL);
 }
 
-TEST(ProcessUtilsWin32, StartsLeakNoHandle) {
+TEST(ProcessUtilsWin32, StartsLeakNoHandleAndTheGaugeWouldSeeOne) {
     const test::LogRecorder log;
     const std::string line = test::childCommandLine("exit", {"0"});
+    const auto growthBy = [&](int starts, int failures, int leaks) {
+        const int64_t before = test::openHandles();
+        unsigned long exitCode = kUntouched;
+        for (int i = 0; i < starts; ++i) EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
+        for (int i = 0; i < failures; ++i)
+            EXPECT_EQ(ProcessUtils::start("Z:\\no\\such.exe", &exitCode), Result::StartFailed);
+        for (int i = 0; i < leaks; ++i) EXPECT_NE(::CreateEventW(nullptr, TRUE, FALSE, nullptr), nullptr);
+        return test::openHandles() - before;
+    };
+    growthBy(1, 1, 0); // what is made once
+    EXPECT_EQ(growthBy(100, 1000, 0), 0);
+    EXPECT_EQ(growthBy(100, 0, 1), 1);
+}
+
+std::vector<std::string> g_closed;
+PROCESS_INFORMATION g_started;
+const test::ImportHook<decltype(::CloseHandle)>* g_closing;
+
+BOOL WINAPI createAndNote(LPCSTR program, LPSTR line, LPSECURITY_ATTRIBUTES ofProcess, LPSECURITY_ATTRIBUTES ofThread,
+                          BOOL inherit, DWORD flags, LPVOID environment, LPCSTR directory, LPSTARTUPINFOA startup,
+                          LPPROCESS_INFORMATION information) {
+    EXPECT_TRUE(!program && !ofProcess && !ofThread && !inherit && !environment && !directory);
+    EXPECT_EQ(flags, DWORD{DETACHED_PROCESS});
+    EXPECT_EQ(startup->cb, 0U);
+    STARTUPINFOW wideStartup = {};
+    wideStartup.cb = sizeof wideStartup;
+    std::wstring wideLine = test::fromText(line).wstring();
+    const BOOL isStarted = ::CreateProcessW(nullptr, wideLine.data(), nullptr, nullptr, inherit, flags, nullptr,
+                                            nullptr, &wideStartup, information);
+    g_started = *information;
+    return isStarted;
+}
+
+BOOL WINAPI closeAndNote(HANDLE handle) {
+    if (handle == g_started.hProcess) g_closed.emplace_back("process");
+    if (handle == g_started.hThread) g_closed.emplace_back("thread");
+    return g_closing->original()(handle);
+}
+
+TEST(ProcessUtilsWin32, StartsDetachedAndClosesTheProcessBeforeItsThread) {
+    const test::ImportHook creating("CreateProcessA", &createAndNote);
+    const test::ImportHook<decltype(::CloseHandle)> closing("CloseHandle", &closeAndNote);
+    g_closing = &closing;
     unsigned long exitCode = kUntouched;
-    ASSERT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
-    const uintptr_t before = nextHandle();
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
-    for (int i = 0; i < 1000; ++i) ASSERT_EQ(ProcessUtils::start("Z:\\no\\such.exe", &exitCode), Result::StartFailed);
-    EXPECT_EQ(nextHandle(), before);
+    EXPECT_EQ(ProcessUtils::start(test::childCommandLine("exit", {"3"}).c_str(), &exitCode), Result::Finished);
+    EXPECT_EQ(exitCode, 3UL);
+    EXPECT_EQ(g_closed, (std::vector<std::string>{"process", "thread"}));
 }
 
 } // namespace

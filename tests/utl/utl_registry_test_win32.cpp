@@ -5,7 +5,9 @@
 #include <thread>
 
 #include "core/files/core_wrapper.h"
+#include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/open_handles_win32.h"
 #include "tests/support/registry_value.h"
 #include "utl/utl_registry.h"
 
@@ -14,13 +16,6 @@ using NS_UTL::RegistryKey;
 namespace {
 
 const std::string kSubKey = "SOFTWARE\\Quorkeri tests\\Key";
-
-// The system gives a new handle the lowest free number, so a handle that stays open shows in the next one's.
-uintptr_t nextHandle() {
-    const HANDLE event = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    ::CloseHandle(event);
-    return reinterpret_cast<uintptr_t>(event);
-}
 
 bool keyExists(const std::string& subKey, REGSAM view) {
     HKEY key = nullptr;
@@ -72,14 +67,32 @@ TEST(RegistryKeyWin32, KeepsTheKeyOpenForTheProcesssLife) {
         RegistryKey first;
         ASSERT_TRUE(first.open(kSubKey));
     }
-    const uintptr_t before = nextHandle();
+    const int64_t before = test::openHandles();
     {
         RegistryKey key;
         ASSERT_TRUE(key.open(kSubKey));
         std::string text;
         EXPECT_TRUE(key.getValue("v", text));
     }
-    EXPECT_GT(nextHandle(), before);
+    EXPECT_EQ(test::openHandles(), before + 1);
+}
+
+REGSAM g_access = 0;
+
+LSTATUS WINAPI createAndNote(HKEY root, LPCSTR subKey, DWORD reserved, LPSTR keyClass, DWORD options, REGSAM access,
+                             LPSECURITY_ATTRIBUTES security, PHKEY key, LPDWORD disposition) {
+    g_access = access;
+    EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+    EXPECT_TRUE(reserved == 0 && !keyClass && options == REG_OPTION_NON_VOLATILE && !security && !disposition);
+    return ::RegCreateKeyExW(root, std::wstring(subKey, subKey + strlen(subKey)).c_str(), 0, nullptr, options, access,
+                             nullptr, key, nullptr);
+}
+
+TEST(RegistryKeyWin32, AsksForTheRightToQueryValuesAndNothingElse) {
+    const test::ImportHook hook("RegCreateKeyExA", &createAndNote);
+    RegistryKey key;
+    EXPECT_TRUE(key.open("SOFTWARE"));
+    EXPECT_EQ(g_access, REGSAM{KEY_QUERY_VALUE});
 }
 
 TEST(RegistryKeyWin32, ReportsAKeyThatCannotBeOpenedWithTheThreadsLastError) {

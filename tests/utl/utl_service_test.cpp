@@ -11,6 +11,7 @@
 
 #include "core/net/core_socket.h"
 #include "tests/support/child.h"
+#include "tests/support/log_recorder.h"
 #include "tests/support/self_process.h"
 #include "tests/support/semaphore.h"
 #include "tests/utl/utl_service_fixture.h"
@@ -47,7 +48,10 @@ TEST_F(ServiceTest, WorksAboveTheAnchor) {
 
 TEST_F(ServiceTest, FailsACheckForAnAnchorThatIsNotThereAndGoesOn) {
     const fs::path before = fs::current_path();
+    // The log file is installed afterwards, where the working directory has taken it.
+    const test::LogRecorder log;
     const Service host = hostWithAnchor("bin", m_logs.file(""));
+    EXPECT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service", 41, 0, "bin"}));
     EXPECT_EQ(fs::current_path(), before);
 }

@@ -8,6 +8,9 @@
 #include "core/files/core_wrapper.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
+#include "tests/support/import_hook_win32.h"
+#include "tests/support/log_recorder.h"
+#include "tests/support/semaphore.h"
 #include "tests/utl/utl_service_fixture.h"
 #include "utl/utl_service.h"
 
@@ -109,6 +112,103 @@ TEST_F(ServiceInstallTest, ANameThatTheManagerRefusesIsACriticalMessage) {
     const Lines entries = m_journal.entries();
     ASSERT_EQ(entries.size(), 1U);
     EXPECT_TRUE(entries[0].starts_with("CRIT UTL::Service::install - failed to create service '': ")) << entries[0];
+}
+
+DWORD g_managerRights = 0;
+DWORD g_serviceRights = 0;
+
+SC_HANDLE WINAPI refuseManager(LPCSTR /*machine*/, LPCSTR /*database*/, DWORD rights) {
+    g_managerRights = rights;
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
+}
+
+SC_HANDLE WINAPI openAndNote(SC_HANDLE manager, LPCSTR name, DWORD rights) {
+    g_serviceRights = rights;
+    return ::OpenServiceW(manager, std::wstring(name, name + strlen(name)).c_str(), rights);
+}
+
+TEST_F(ServiceInstallTest, AManagerThatRefusesIsAWarningOfBothModes) {
+    const test::ImportHook hook("OpenSCManagerA", &refuseManager);
+    EXPECT_EQ(run({"program", "service-install"}), 1);
+    EXPECT_EQ(g_managerRights, 0xF003FU);
+    EXPECT_EQ(run({"program", "service-remove"}), 1);
+    const std::string reason = text(ERROR_ACCESS_DENIED);
+    EXPECT_EQ(
+        m_journal.entries(),
+        (Lines{"WARN UTL::Service::install - failed to open service manager: " + reason,
+               "WARN UTL::Service::run - failed to install service 'quorkeri_test_service' running '" + program() + "'",
+               "WARN UTL::Service::remove - failed to open service manager: " + reason,
+               "WARN UTL::Service::run - failed to remove service 'quorkeri_test_service'"}));
+}
+
+TEST_F(ServiceInstallTest, RemovalAsksForItsOwnRights) {
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    const test::ImportHook hook("OpenServiceA", &openAndNote);
+    EXPECT_EQ(run({"program", "service-remove"}), 0);
+    EXPECT_EQ(g_serviceRights, 0xF003FU);
+}
+
+BOOL WINAPI refuseDirectory(LPCSTR /*path*/) {
+    return FALSE;
+}
+
+DWORD WINAPI cutPath(HMODULE /*module*/, LPSTR /*path*/, DWORD size) {
+    return size;
+}
+
+TEST_F(ServiceTest, FailsACheckWhenTheProgramsDirectoryCannotBeEntered) {
+    const test::LogRecorder log;
+    const test::ImportHook hook("SetCurrentDirectoryA", &refuseDirectory);
+    const Service host("", "name", "display", m_logs.file(""), "service.log", {}, {});
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service", 34, 0, ""}));
+}
+
+TEST_F(ServiceTest, FailsACheckWhenTheProgramsPathIsTooLongToInstall) {
+    makeHost({}, {});
+    const test::ImportHook hook("GetModuleFileNameA", &cutPath);
+    EXPECT_EQ(run({"program", "service-install"}), 1);
+    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service", 70, 0, ""}));
+    EXPECT_EQ(m_journal.entries(), Lines{"WARN CORE::Dir::getModuleFilename - buffer to small"});
+}
+
+// As the system tells of an event: on a thread of its own that begins in its own code. Nothing under Wine makes these.
+void announce(DWORD event, test::Semaphore& stopped) {
+    const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernelbase.dll"), "CtrlRoutine")));
+    const NS_CORE::ScopedKernelHandle thread(
+        ::CreateThread(nullptr, 0, routine, reinterpret_cast<void*>(uintptr_t{event}), 0, nullptr));
+    stopped.acquire();
+    // The system would end the process as soon as the thread ends.
+    if (::WaitForSingleObject(thread.get(), 300) != WAIT_TIMEOUT) ::TerminateProcess(::GetCurrentProcess(), 99);
+}
+
+const test::ChildProgram g_closed("console-closed", [](const std::vector<std::string>& arguments) {
+    test::Semaphore stopped;
+    const auto event = static_cast<DWORD>(std::stoul(arguments.at(0)));
+    Service host(
+        "", "name", "display", arguments.at(1), "service.log",
+        [&](int, char**) {
+            announce(event, stopped);
+            return 5;
+        },
+        [&] { stopped.release(); });
+    char program[] = "program";
+    char word[] = "service-console";
+    char* argv[] = {program, word, nullptr};
+    const int result = host.run(2, argv);
+    Service::clearInstance();
+    return result;
+});
+
+TEST_F(ServiceTest, ConsoleModeStopsAndEndsByItselfWhenItsConsoleEnds) {
+    for (const int event : {CTRL_CLOSE_EVENT, CTRL_LOGOFF_EVENT, CTRL_SHUTDOWN_EVENT}) {
+        const test::TempDir logs;
+        EXPECT_EQ(test::runAndWait(
+                      test::childCommandLine("console-closed", {std::to_string(event), test::utf8(logs.path())})),
+                  5);
+        EXPECT_TRUE(test::readFile(logs.path() / "service.log").ends_with(" UTL::Service::signalHandler - 21\n"));
+    }
 }
 
 TEST_F(ServiceTest, ServiceModeFromAPromptFailsWithTheSystemsText) {

@@ -10,11 +10,25 @@
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
+#include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 
 namespace NS_CORE {
 namespace {
+
+int g_freed = 0;
+
+HLOCAL WINAPI freeAndCount(HLOCAL memory) {
+    if (memory) ++g_freed;
+    return nullptr;
+}
+
+TEST(WrapperWin32, AnErrorsTextIsGivenBackToTheSystem) {
+    const test::ImportHook hook("LocalFree", &freeAndCount);
+    EXPECT_FALSE(systemErrorText(ERROR_FILE_NOT_FOUND).empty());
+    EXPECT_EQ(g_freed, 1);
+}
 
 TEST(WrapperWin32, AReadOnlyFileIsRemovedWithTheFirstErrorKept) {
     const test::TempDir dir;
