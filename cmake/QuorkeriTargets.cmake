@@ -1,5 +1,5 @@
-# What every target of the tree shares: the language, the warnings, the sanitizers, and the rule that
-# chooses platform sources.
+# What every target of the tree shares: the language, the warnings, the sanitizers, and the rules that choose platform
+# sources and lay out the libraries for other programs.
 
 add_library(quorkeri_options INTERFACE)
 target_compile_features(quorkeri_options INTERFACE cxx_std_20)
@@ -51,6 +51,26 @@ function(quorkeri_platform_sources out dir)
     list(FILTER sources EXCLUDE REGEX "_win32\\.cpp$")
   endif()
   set(${out} "${sources}" PARENT_SCOPE)
+endfunction()
+
+# quorkeri_library(NAME SOURCE...): a library of the tree, which `cmake --install DIR --component libraries` lays out for
+# other programs. The headers of its seams and of the other platform stay here.
+function(quorkeri_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_link_libraries(${name} PRIVATE "$<BUILD_INTERFACE:quorkeri_options>")
+  target_include_directories(${name} PUBLIC
+    "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>" "$<INSTALL_INTERFACE:include/quorkeri>")
+  install(TARGETS ${name} EXPORT quorkeriTargets
+    ARCHIVE DESTINATION lib/quorkeri COMPONENT libraries EXCLUDE_FROM_ALL)
+  set(other_platform "_win32\\.h$")
+  if(WIN32)
+    set(other_platform "_linux\\.h$")
+  endif()
+  install(DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}/" DESTINATION include/quorkeri/${name}
+    COMPONENT libraries EXCLUDE_FROM_ALL FILES_MATCHING PATTERN "*.h"
+    REGEX "_platform\\.h$" EXCLUDE
+    REGEX "${other_platform}" EXCLUDE)
 endfunction()
 
 # quorkeri_shipped_program(TARGET LIBRARY...): links a program of the packages for Windows and installs it with its

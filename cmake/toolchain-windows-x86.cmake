@@ -20,5 +20,7 @@ string(APPEND quorkeri_runtime " -ladvapi32 -lshell32 -luser32 -lkernel32 -lws2_
 set(CMAKE_C_STANDARD_LIBRARIES "${quorkeri_runtime}" CACHE STRING "")
 set(CMAKE_CXX_STANDARD_LIBRARIES "${quorkeri_runtime}" CACHE STRING "")
 
-# Tests run under Wine, in a prefix below the build tree.
-set(CMAKE_CROSSCOMPILING_EMULATOR "${CMAKE_CURRENT_LIST_DIR}/../scripts/lib/wine-run" CACHE STRING "")
+# Tests run under Wine, in a prefix below the build tree. (This file is also installed with the libraries.)
+if(EXISTS "${CMAKE_CURRENT_LIST_DIR}/../scripts/lib/wine-run")
+  set(CMAKE_CROSSCOMPILING_EMULATOR "${CMAKE_CURRENT_LIST_DIR}/../scripts/lib/wine-run" CACHE STRING "")
+endif()
