@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "absl/strings/str_cat.h"
+#include "core/memory/core_neverdestroyed.h"
 #include "core/text/core_checkf.h"
 
 namespace NS_CORE {
@@ -35,10 +36,10 @@ size_t indexOf(PathKind kind) {
 
 Entry& entryOf(PathKind kind) {
     // Never destroyed: what runs at process end, a crash dump included, may still ask for a path.
-    static auto& table = *new std::array<Entry, kKinds.size()>;
+    static NeverDestroyed<std::array<Entry, kKinds.size()>> table;
     // Not at(): its text differs from one standard library to the next, and this one ends up in reports.
-    if (indexOf(kind) >= table.size()) throw std::out_of_range("invalid vector<T> subscript");
-    return table[indexOf(kind)];
+    if (indexOf(kind) >= table->size()) throw std::out_of_range("invalid vector<T> subscript");
+    return (*table)[indexOf(kind)];
 }
 
 } // namespace

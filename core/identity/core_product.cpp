@@ -2,13 +2,15 @@
 
 #include <utility>
 
+#include "core/memory/core_neverdestroyed.h"
+
 namespace NS_CORE {
 namespace {
 
 std::string& storedIdentifier() {
     // Never destroyed: exit handlers may still ask.
-    static std::string& identifier = *new std::string;
-    return identifier;
+    static NeverDestroyed<std::string> identifier;
+    return *identifier;
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include "core/identity/core_buildstamp.h"
 #include "core/identity/core_rcsname_platform.h"
+#include "core/memory/core_neverdestroyed.h"
 #include "core/text/core_checkf.h"
 
 namespace NS_CORE {
@@ -43,8 +44,8 @@ std::string version() {
 
 const std::string& buildId() {
     // Never destroyed: reports are made until the very end.
-    static const auto& id = *new std::string(stamp::kBuildId);
-    return id;
+    static const NeverDestroyed<std::string> id(stamp::kBuildId);
+    return *id;
 }
 
 const char* versionWithBuildId() {

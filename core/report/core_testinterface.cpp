@@ -10,6 +10,7 @@
 #include "core/identity/core_product.h"
 #include "core/identity/core_rcsname.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_neverdestroyed.h"
 #include "core/net/core_socket.h"
 #include "core/stack/core_stacktrace.h"
 #include "core/time/core_time.h"
@@ -68,8 +69,8 @@ TestInterface::TestInterface(std::function<int32_t()> utcSeconds)
 
 TestInterface& TestInterface::instance() {
     // Never destroyed, because checks fail in static destructors, too.
-    static TestInterface& instance = *new TestInterface;
-    return instance;
+    static NeverDestroyed<TestInterface> instance;
+    return *instance;
 }
 
 // Nothing, after a warning, when the address is not one.
