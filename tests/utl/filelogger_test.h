@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -10,6 +11,7 @@
 
 #include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
+#include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_filelogger.h"
 
@@ -22,15 +24,33 @@ struct FileLoggerTest : testing::Test {
             std::make_unique<NS_UTL::FileLogger>(directory(), "service.log", maxSize, keep));
     }
 
-    std::string directory() const {
-        const std::u8string text = dir.path().u8string();
-        return {text.begin(), text.end()};
-    }
+    std::string directory() const { return test::utf8(dir.path()); }
 
     std::string log() const { return directory() + "/service.log"; }
 
     // One record with that text, at INFO.
     static void say(const std::string& text) { NS_CORE::MasterLogger::logText(NS_CORE::LogLevel::Info, text); }
+
+    // What is printed when the file cannot be opened, cannot be written and, as a begin, cannot be renamed.
+    std::string openFailure(const std::string& file) const {
+        return test::refusedRecord("WARN",
+                                   "UTL::File::openFile - File:openFile(" + file + ",167,384) - failed opening");
+    }
+    std::string openFailure() const { return openFailure(log()); }
+    std::string writeFailure(size_t length, int error) const {
+        return test::refusedRecord("WARN", "UTL::File::writeFrom - File(" + log() + "):writeFrom - failed writing " +
+                                               std::to_string(length) + " bytes with error " + std::to_string(error) +
+                                               ":" + std::strerror(error));
+    }
+    static std::string renameFailure(const std::string& from, const std::string& to) {
+        return test::beginOfRefusedRecord("INFO",
+                                          "NS_UTL::FileUtils::renameFile - '" + from + "'=>'" + to + "' failed : ");
+    }
+
+    // Fails the test unless the one failed check says that the file could not become the old one.
+    void expectRenameCheck() const {
+        EXPECT_EQ(hook.single().message, "failed renaming " + log() + " to " + log() + ".old");
+    }
 
     // Whether a line begins as in "2019-11-20 20 14:49:57 ", with the day twice.
     static bool isStamped(const std::string& line) {
@@ -44,7 +64,7 @@ struct FileLoggerTest : testing::Test {
 
     // The lines of a file without their stamps; fails the test for any line that is not whole.
     static std::vector<std::string> texts(const std::string& file) {
-        const std::string bytes = test::readFile(std::u8string(file.begin(), file.end()));
+        const std::string bytes = test::readFile(test::fromText(file));
         std::vector<std::string> all;
         for (size_t begin = 0; begin < bytes.size();) {
             const size_t end = bytes.find('\n', begin);

@@ -6,6 +6,9 @@
 #include <vector>
 
 #include "core/memory/core_scopedhandle_win32.h"
+#include "tests/support/child.h"
+#include "tests/support/planted_code.h"
+#include "tests/support/self_process.h"
 #include "tests/support/stream_capture.h"
 #include "tests/utl/filelogger_test.h"
 
@@ -32,9 +35,7 @@ TEST_F(FileLoggerTest, DropsRecordsWhileAnotherProgramLocksTheFile) {
         const FileHandle locked = openSharing(log(), /*share=*/0);
         printed = printedBy([] { say("lost"); }).error;
     }
-    EXPECT_EQ(printed,
-              "MasterLogger:implLog - called recursively!\n  <[WARN] {0} UTL::File::openFile - File:openFile(" + log() +
-                  ",167,384) - failed opening>\n");
+    EXPECT_EQ(printed, openFailure());
     EXPECT_EQ(hook.single().message, "");
     say("2");
     EXPECT_EQ(texts(log()), (Lines{"1", "2"}));
@@ -46,12 +47,8 @@ TEST_F(FileLoggerTest, WritesOnWhileAnotherProgramReadsAndRotatesWhenItMay) {
     {
         const FileHandle reader = openSharing(log(), FILE_SHARE_READ | FILE_SHARE_WRITE);
         const std::string printed = printedBy([] { say("2, long enough"); }).error;
-        const std::string begin =
-            "MasterLogger:implLog - called recursively!\n  <[INFO] {0} "
-            "NS_UTL::FileUtils::renameFile - '" +
-            log() + "'=>'" + log() + ".old' failed : ";
-        EXPECT_EQ(printed.substr(0, begin.size()), begin);
-        EXPECT_EQ(hook.single().message, "failed renaming " + log() + " to " + log() + ".old");
+        EXPECT_TRUE(printed.starts_with(renameFailure(log(), log() + ".old"))) << printed;
+        expectRenameCheck();
     }
     EXPECT_EQ(texts(log()), (Lines{"1", "2, long enough"}));
     say("3");
@@ -73,7 +70,7 @@ TEST_F(FileLoggerTest, GrowsWhileTheOldFileIsLocked) {
     {
         const FileHandle locked = openSharing(log() + ".old", /*share=*/0);
         printedBy([] { say("the second line, long enough"); });
-        EXPECT_EQ(hook.single().message, "failed renaming " + log() + " to " + log() + ".old");
+        expectRenameCheck();
     }
     EXPECT_EQ(texts(log() + ".old"), Lines{"the first line, long enough"});
     EXPECT_EQ(texts(log()), Lines{"the second line, long enough"});
@@ -107,10 +104,27 @@ TEST_F(FileLoggerTest, ReplacesOrKeepsAnOldFileThatIsReadOnly) {
     if (hook.failures().empty()) {
         EXPECT_EQ(texts(log() + ".old"), Lines{"the second line, long enough"});
     } else {
-        EXPECT_EQ(hook.single().message, "failed renaming " + log() + " to " + log() + ".old");
+        expectRenameCheck();
         EXPECT_EQ(texts(log() + ".old"), Lines{"the first line, long enough"});
         EXPECT_EQ(texts(log()), Lines{"the second line, long enough"});
     }
+}
+
+// Logs one record, and would end with 0 if the system were not asked to commit it.
+const test::ChildProgram g_logsWhereACommitFaults("LogsWhereACommitFaults", [](const auto& arguments) {
+    for (const char* module : {"kernel32", "kernelbase"})
+        test::makeFault(reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA(module), "FlushFileBuffers")));
+    NS_CORE::MasterLogger::setImplementation(
+        std::make_unique<NS_UTL::FileLogger>(arguments.at(0), "service.log", 5000000U, 1U));
+    FileLoggerTest::say("committed");
+    return 0;
+});
+
+TEST_F(FileLoggerTest, CommitsEachRecord) {
+    test::SelfProcess child("LogsWhereACommitFaults", {directory()}, test::SelfProcess::StandardError::WithOutput);
+    child.readAll();
+    EXPECT_NE(child.wait(), 0);
+    EXPECT_EQ(texts(log()), Lines{"committed"}) << "written by then";
 }
 
 } // namespace

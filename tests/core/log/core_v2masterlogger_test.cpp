@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,6 +34,7 @@ using test::LogRecord;
 using test::LogRecorder;
 using test::Printed;
 using test::printedBy;
+using test::refusedRecord;
 using test::SelfProcess;
 
 namespace LogLevel = NS_CORE::LogLevel;
@@ -43,7 +43,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-constexpr char kRecursive[] = "MasterLogger:implLog - called recursively!\n";
 constexpr char kWhileSetting[] = "MasterLogger:implLog - log while setting impl\n";
 
 // Static initialisers of any unit may log and look at the levels, whatever the order of the units.
@@ -60,67 +59,38 @@ void onOtherThread(const std::function<void()>& action) {
 
 void ignoreRecord(const std::string&) {}
 
-// Calls back with "WARN text" for every record, and at its end.
+// Calls back with "WARN text" for every record, and at its end. Of the functions, Base has those that it knows.
 template <class Base>
-class Calling : public Base {
-public:
+struct Calling : Base {
     explicit Calling(
-        std::function<void(const std::string&)> onRecord, std::function<void()> onEnd = [] {})
-        : m_onRecord(std::move(onRecord)), m_onEnd(std::move(onEnd)) {}
-    ~Calling() override { m_onEnd(); }
-
-protected:
-    void call(const LevelEntry& levelEntry, uint8_t implementationBits, const char* text, size_t textLength) const {
+        std::function<void(const std::string&)> record, std::function<void()> end = [] {})
+        : onRecord(std::move(record)), onEnd(std::move(end)) {}
+    virtual ~Calling() { onEnd(); }
+    virtual void log(uint32_t /*level*/, uint32_t /*threadNumber*/, const LevelEntry& levelEntry,
+                     uint8_t implementationBits, const char* text, size_t textLength) {
         EXPECT_EQ(implementationBits, levelEntry.implementationBits);
-        m_onRecord(levelEntry.name + std::string(" ").append(text, textLength));
+        onRecord(levelEntry.name + std::string(" ").append(text, textLength));
     }
-
-private:
-    std::function<void(const std::string&)> m_onRecord;
-    std::function<void()> m_onEnd;
-};
-
-struct CallingLogImpl : Calling<NS_CORE::LogImpl> {
-    using Calling::Calling;
-    void log(uint32_t /*level*/, uint32_t /*threadNumber*/, const LevelEntry& levelEntry, uint8_t implementationBits,
-             const char* text, size_t textLength) override {
-        call(levelEntry, implementationBits, text, textLength);
+    virtual void notify(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, uint8_t implementationBits,
+                        const char* text, size_t textLength) {
+        log(level, threadNumber, levelEntry, implementationBits, text, textLength);
     }
-};
+    virtual bool accepts(uint32_t level) const { return level == acceptedLevel; }
 
-struct CallingGlobalObserver : Calling<NS_CORE::GlobalLogObserver> {
-    using Calling::Calling;
-    void notify(uint32_t /*level*/, uint32_t /*threadNumber*/, const LevelEntry& levelEntry, uint8_t implementationBits,
-                const char* text, size_t textLength) override {
-        call(levelEntry, implementationBits, text, textLength);
-    }
-};
-
-class CallingObserver : public Calling<NS_CORE::LogObserver> {
-public:
-    using Calling::Calling;
-    CallingObserver(uint32_t level, std::function<void(const std::string&)> onRecord)
-        : Calling(std::move(onRecord)), m_level(level) {}
-    bool accepts(uint32_t level) const override { return level == m_level; }
-
-protected:
-    void notify(uint32_t /*level*/, uint32_t /*threadNumber*/, const LevelEntry& levelEntry, uint8_t implementationBits,
-                const char* text, size_t textLength) override {
-        call(levelEntry, implementationBits, text, textLength);
-    }
-
-private:
-    uint32_t m_level = LogLevel::Warn;
+    std::function<void(const std::string&)> onRecord;
+    std::function<void()> onEnd;
+    uint32_t acceptedLevel = LogLevel::Warn;
 };
 
 template <class... Arguments>
 void setImplementation(Arguments&&... arguments) {
-    MasterLogger::setImplementation(std::make_unique<CallingLogImpl>(std::forward<Arguments>(arguments)...));
+    MasterLogger::setImplementation(std::make_unique<Calling<NS_CORE::LogImpl>>(std::forward<Arguments>(arguments)...));
 }
 
 template <class... Arguments>
 void setGlobalObserver(Arguments&&... arguments) {
-    MasterLogger::setGlobalObserver(std::make_unique<CallingGlobalObserver>(std::forward<Arguments>(arguments)...));
+    MasterLogger::setGlobalObserver(
+        std::make_unique<Calling<NS_CORE::GlobalLogObserver>>(std::forward<Arguments>(arguments)...));
 }
 
 // Sets a level's flags for a test.
@@ -138,19 +108,22 @@ private:
     uint8_t m_before;
 };
 
+std::unique_ptr<Calling<NS_CORE::LogObserver>> observerOf(uint32_t level,
+                                                          std::function<void(const std::string&)> onRecord) {
+    auto observer = std::make_unique<Calling<NS_CORE::LogObserver>>(std::move(onRecord));
+    observer->acceptedLevel = level;
+    return observer;
+}
+
 // Is an observer while it lives.
-class Observing {
-public:
+struct Observing {
     Observing(uint32_t level, std::function<void(const std::string&)> onRecord)
-        : m_observer(MasterLogger::addObserver(std::make_unique<CallingObserver>(level, std::move(onRecord)))) {}
-    ~Observing() { MasterLogger::removeObserver(m_observer); }
+        : observer(MasterLogger::addObserver(observerOf(level, std::move(onRecord)))) {}
+    ~Observing() { MasterLogger::removeObserver(observer); }
     Observing(const Observing&) = delete;
     Observing& operator=(const Observing&) = delete;
 
-    NS_CORE::LogObserver& operator*() { return *m_observer; }
-
-private:
-    NS_CORE::LogObserver* m_observer;
+    NS_CORE::LogObserver* observer;
 };
 
 void sayLimited(const char* text) {
@@ -431,9 +404,7 @@ TEST(MasterLogger, KeepsAReplacedGlobalObserverWhileItIsInside) {
 
 TEST(MasterLogger, SendsWhatAnImplementationOrObserverLogsToStandardError) {
     const auto sayAgain = [](const std::string&) { MLOG(Warn, "A::inner", "again"); };
-    const auto expected = [&](uint32_t number) {
-        return kRecursive + ("  <[WARN] {" + std::to_string(number)) + "} A::inner - again>\n";
-    };
+    const auto expected = [](uint32_t number) { return refusedRecord("WARN", "A::inner - again", number); };
     setImplementation(sayAgain);
     Printed printed = printedBy([] { MLOG(Info, "A::b", "1"); });
     EXPECT_EQ(printed.error, expected(0));
@@ -475,7 +446,7 @@ TEST(MasterLogger, RefusesToBeChangedWhileItServes) {
     const auto change = [&] {
         MasterLogger::setImplementation(nullptr);
         MasterLogger::setRateImplementation(nullptr);
-        added = MasterLogger::addObserver(std::make_unique<CallingObserver>(ignoreRecord));
+        added = MasterLogger::addObserver(observerOf(LogLevel::Warn, ignoreRecord));
         MasterLogger::removeObserver(nullptr);
         EXPECT_TRUE(MasterLogger::history().empty());
     };
@@ -530,7 +501,7 @@ TEST(MasterLogger, SkipsAnObserverThatIsInsideItsOwnCall) {
     });
     deliverAgain = [&] {
         const LevelEntry entry = MasterLogger::levelEntry(LogLevel::Warn);
-        (*observing).deliver(LogLevel::Warn, 0, entry, entry.implementationBits, "again", 5);
+        observing.observer->deliver(LogLevel::Warn, 0, entry, entry.implementationBits, "again", 5);
     };
     const LevelFlags flags(LogLevel::Warn, LevelEntry::Observers);
     const Printed printed = printedBy([] {
@@ -578,7 +549,7 @@ TEST(MasterLogger, LimitsWhatIsLoggedWhileARecordIsServed) {
                   MLOG(Info, "A::b", "1");
                   MLOG(Info, "A::b", "2");
               }).error,
-              std::string(kRecursive) + "  <[WARN] {0} A::b - inside>\n");
+              refusedRecord("WARN", "A::b - inside"));
 }
 
 TEST(LogGlobals, InstallTheDefaultsAndTakeEverythingOutAtTheirEnd) {
@@ -592,7 +563,7 @@ TEST(LogGlobals, InstallTheDefaultsAndTakeEverythingOutAtTheirEnd) {
         MLOG(Warn, "A::b", "to the default implementation");
         EXPECT_TRUE(log.records().empty());
         setImplementation(see, [&] { ++ended; });
-        MasterLogger::addObserver(std::make_unique<CallingObserver>(LogLevel::Norm, see));
+        MasterLogger::addObserver(observerOf(LogLevel::Norm, see));
         MLOG(Norm, "A::b", "kept");
         sayLimited("x");
         sayLimited("x");
@@ -663,28 +634,16 @@ TEST(LogThreads, KeepTheirNumbers) {
 }
 
 TEST(LogThreads, LoseNoRecordAndMixNone) {
-    constexpr int kThreads = 10;
-    constexpr int kRecords = 1000;
     LogRecorder log;
+    // Under the logger's own lock, unlike the recorder.
     const LevelFlags flags(LogLevel::Info, LevelEntry::History);
-    std::vector<uint32_t> numbers(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&numbers, t] {
-            numbers[static_cast<size_t>(t)] = MasterLogger::threadNumber();
-            for (int i = 0; i < kRecords; ++i) MLOG(Info, "T", "%d %d", t, i);
-        });
+    test::logFromTenThreads(LogLevel::Info, 1000);
+    Lines texts;
+    for (const LogRecord& record : log.records()) {
+        texts.push_back(record.text);
+        EXPECT_TRUE(record.text.starts_with("T - " + std::to_string(record.threadNumber) + " ")) << record.text;
     }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(std::set(numbers.begin(), numbers.end()).size(), size_t{kThreads});
-    const std::vector<LogRecord> records = log.records();
-    ASSERT_EQ(records.size(), size_t{kThreads * kRecords});
-    std::vector<int> next(kThreads);
-    for (const LogRecord& record : records) {
-        const auto t = static_cast<size_t>(std::ranges::find(numbers, record.threadNumber) - numbers.begin());
-        ASSERT_LT(t, size_t{kThreads});
-        EXPECT_EQ(record.text, "T - " + std::to_string(t) + " " + std::to_string(next[t]++));
-    }
+    test::expectRecordsOfTenThreads(texts, 1000);
 }
 
 TEST(LogThreads, MayLogWhileEverythingIsBeingChanged) {
@@ -725,30 +684,23 @@ TEST(LogThreads, MayLogWhileEverythingIsBeingChanged) {
 }
 
 const test::ChildProgram g_tenThreadsOnTheConsole("TenThreadsOnTheConsole", [](const auto&) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 10; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 200; ++i) MLOG(Crit, "T", "%u %d", MasterLogger::threadNumber(), i);
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    test::logFromTenThreads(LogLevel::Crit, 200);
     return 0;
 });
 
 TEST(LogThreads, WriteWholeConsoleLines) {
     const std::string text = printedByChild("TenThreadsOnTheConsole");
-    std::map<std::string, int> next;
-    int lines = 0;
-    for (size_t begin = 0; begin < text.size(); ++lines) {
+    Lines texts;
+    for (size_t begin = 0; begin < text.size();) {
         const size_t end = text.find('\n', begin);
         ASSERT_NE(end, std::string::npos);
-        const std::string line = text.substr(begin, end - begin);
+        const size_t record = text.find("} ", begin) + 2;
+        texts.push_back(text.substr(record, end - record));
+        EXPECT_EQ(text.substr(begin, record - begin),
+                  "[CRIT] {" + texts.back().substr(4, texts.back().rfind(' ') - 4) + "} ");
         begin = end + 1;
-        const std::string number = line.substr(8, line.find('}') - 8);
-        EXPECT_EQ(line, "[CRIT] {" + number + "} T - " + number + " " + std::to_string(next[number]++));
     }
-    EXPECT_EQ(lines, 2000);
-    EXPECT_EQ(next.size(), 10U);
+    test::expectRecordsOfTenThreads(texts, 200);
 }
 
 } // namespace
