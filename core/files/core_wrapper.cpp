@@ -4,13 +4,19 @@
 
 #include "core/files/core_wrapper_platform.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_threadword.h"
 #include "core/text/core_checkf.h"
 #include "core/text/core_utf8.h"
 
 namespace NS_CORE {
 namespace {
 
-thread_local bool t_useWidePaths = true;
+// Not thread_local, which allocates on Windows: the log of a crash is opened through here.
+constinit ThreadWord g_useNarrowPaths;
+
+bool useWide() {
+    return g_useNarrowPaths.get() == 0;
+}
 
 // False, after a failed CHECKF and with errno set, when the wide form is asked for and the path does not convert.
 bool preparePath(wrapper_platform::Path& path) {
@@ -20,7 +26,7 @@ bool preparePath(wrapper_platform::Path& path) {
 }
 
 wrapper_platform::Path pathInChosenForm(const std::string& path) {
-    return {path, {}, t_useWidePaths || !wrapper_platform::hasNarrowForm()};
+    return {path, {}, useWide() || !wrapper_platform::hasNarrowForm()};
 }
 
 bool isLengthValid(int32_t length) {
@@ -32,11 +38,11 @@ bool isLengthValid(int32_t length) {
 } // namespace
 
 bool Wrapper::useWidePaths() {
-    return t_useWidePaths;
+    return useWide();
 }
 
 void Wrapper::setUseWidePaths(bool useWide) {
-    t_useWidePaths = useWide;
+    g_useNarrowPaths.set(useWide ? 0 : 1);
 }
 
 int Wrapper::open(const std::string& path, int openFlags, int permissionMode) {

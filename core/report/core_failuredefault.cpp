@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_threadword.h"
 
 namespace NS_CORE {
 namespace {
@@ -18,12 +19,13 @@ constexpr AssertPolicy kPolicyAtStart{
 
 constinit std::atomic<const AssertPolicy*> g_policy{&kPolicyAtStart};
 
-constinit thread_local bool g_insideFailDefault = false;
+// 1 on a thread that is inside failDefault. Not thread_local, which allocates on Windows.
+constinit ThreadWord g_insideFailDefault;
 
 class InsideFailDefault {
 public:
-    InsideFailDefault() { g_insideFailDefault = true; }
-    ~InsideFailDefault() { g_insideFailDefault = false; }
+    InsideFailDefault() { g_insideFailDefault.set(1); }
+    ~InsideFailDefault() { g_insideFailDefault.set(0); }
     InsideFailDefault(const InsideFailDefault&) = delete;
     InsideFailDefault& operator=(const InsideFailDefault&) = delete;
 };
@@ -51,7 +53,7 @@ bool Assert::failDefault(const char* expression, std::string_view file, int32_t 
         MLOG(Crit, kFunction, "ERROR!! ASSERT failed at %s:%d", file, line);
         return false;
     }
-    if (g_insideFailDefault) {
+    if (g_insideFailDefault.get() != 0) {
         std::fputs("Assert:failDefault - recursive call\n", stderr);
         std::fflush(stderr);
         return false;
