@@ -17,7 +17,7 @@ constexpr int kUnknown = 3;
 void silenceLibraries() {
     using namespace NS_CORE;
     for (const uint32_t level : {LogLevel::Crit, LogLevel::Warn, LogLevel::Info, LogLevel::Norm})
-        static_cast<void>(MasterLogger::setLevelFlags(level, /*flags=*/0));
+        static_cast<void>(MasterLogger::setLevelOn(level, false));
     Assert::installFailureHandler(nullptr);
 }
 
