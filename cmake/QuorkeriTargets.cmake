@@ -29,6 +29,12 @@ if(WIN32)
     WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
 endif()
 
+# For targets that link core, which says what happens when a guard is overwritten: core_stackprotector_win32.cpp.
+add_library(quorkeri_stack_guard INTERFACE)
+if(WIN32)
+  target_compile_options(quorkeri_stack_guard INTERFACE -fstack-protector-strong)
+endif()
+
 if(QUORKERI_SANITIZE)
   # The check of virtual pointers opens descriptors of its own, and tests take those away.
   target_compile_options(quorkeri_options INTERFACE
@@ -58,7 +64,7 @@ endfunction()
 function(quorkeri_library name)
   add_library(${name} STATIC ${ARGN})
   target_compile_features(${name} PUBLIC cxx_std_20)
-  target_link_libraries(${name} PRIVATE "$<BUILD_INTERFACE:quorkeri_options>")
+  target_link_libraries(${name} PRIVATE "$<BUILD_INTERFACE:quorkeri_stack_guard>" "$<BUILD_INTERFACE:quorkeri_options>")
   target_include_directories(${name} PUBLIC
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>" "$<INSTALL_INTERFACE:include/quorkeri>")
   install(TARGETS ${name} EXPORT quorkeriTargets
