@@ -9,12 +9,15 @@ namespace {
 constinit NS_CORE::ThreadWord g_word;
 
 struct Events {
+    // A thread's start takes the heap's lock, too.
+    NS_CORE::ScopedKernelHandle hasStarted{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
     NS_CORE::ScopedKernelHandle heapIsLocked{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
     NS_CORE::ScopedKernelHandle isUsed{::CreateEventA(nullptr, TRUE, FALSE, nullptr)};
 };
 
 DWORD WINAPI useTheWord(void* argument) {
     const auto* events = static_cast<const Events*>(argument);
+    ::SetEvent(events->hasStarted.get());
     ::WaitForSingleObject(events->heapIsLocked.get(), INFINITE);
     g_word.set(g_word.get() + 1);
     ::SetEvent(events->isUsed.get());
@@ -24,6 +27,7 @@ DWORD WINAPI useTheWord(void* argument) {
 TEST(ThreadWord, NeedsNoHeapWhenAThreadFirstUsesIt) {
     Events events;
     const NS_CORE::ScopedKernelHandle thread(::CreateThread(nullptr, 0, &useTheWord, &events, 0, nullptr));
+    ::WaitForSingleObject(events.hasStarted.get(), INFINITE);
     ::HeapLock(::GetProcessHeap());
     ::SetEvent(events.heapIsLocked.get());
     const DWORD waited = ::WaitForSingleObject(events.isUsed.get(), 20000);
