@@ -16,6 +16,7 @@
 #include "packaging/setup/setup_rights.h"
 #include "packaging/setup/setup_service.h"
 #include "packaging/setup/setup_session.h"
+#include "packaging/setup/setup_text.h"
 
 namespace setup {
 namespace {
@@ -96,7 +97,7 @@ std::wstring openText(const std::wstring& directory, const std::wstring& found) 
 
 // Whether the service may run from this directory.
 bool isClosed(const Session& session, const std::wstring& directory, bool isOpenAllowed) {
-    const std::optional<std::wstring> found = openDirectory(directory);
+    const std::optional<std::wstring> found = openDirectory(directory, serviceSettings().account);
     if (!found) return true;
     if (isOpenAllowed)
         session.log(L"ALLOWOPENDIR=1: the service will run there, although " + *found);
@@ -131,7 +132,8 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
     for (const wchar_t* name : {L"DELAYEDSTART", L"WERDUMPS"})
         if (isRight) choice(session, name, isRight);
     const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isRight).value_or(false);
-    return isRight && isClosed(session, withoutSeparator(given), isOpenAllowed);
+    // Without an administrator's rights it cannot be judged; the action that makes the directory judges it again.
+    return isRight && (!isElevated() || isClosed(session, withoutSeparator(given), isOpenAllowed));
 }
 
 } // namespace
@@ -224,7 +226,7 @@ __declspec(dllexport) UINT __stdcall ProtectDirectory(MSIHANDLE installation) {
         session.logError(L"The directory '" + missing + L"' cannot be made: " + failed + L". Nothing was changed.");
         return ERROR_INSTALL_FAILURE;
     }
-    const std::wstring failed = setup::closeDumps(setup::dumpsDirectory(directory));
+    const std::wstring failed = setup::closeDumps(setup::dumpsDirectory(directory), setup::serviceSettings().account);
     session.log(failed.empty() ? L"only administrators and SYSTEM may read the dumps"
                                : L"the rights of the dumps could not be set: " + failed);
     return ERROR_SUCCESS;

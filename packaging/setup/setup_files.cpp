@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/memory/core_scopedhandle_win32.h"
-#include "packaging/setup/setup_session.h"
+#include "packaging/setup/setup_text.h"
 
 namespace setup {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_files.h"
-#include "packaging/setup/setup_session.h"
+#include "packaging/setup/setup_text.h"
 
 namespace setup {
 namespace {
@@ -79,7 +79,22 @@ Sid systemDirectoryOwner() {
     return copy;
 }
 
-bool isTrusted(PSID sid) {
+// The account of the service, when it is not LocalSystem and the system knows its name.
+std::optional<Sid> sidOf(std::wstring account) {
+    if (account.starts_with(L".\\")) account.erase(0, 2); // this machine's own
+    Sid sid = {};
+    DWORD size = static_cast<DWORD>(sid.size());
+    wchar_t domain[256] = {};
+    DWORD domainSize = ARRAYSIZE(domain);
+    SID_NAME_USE use = {};
+    if (account.empty() || account == L"LocalSystem" ||
+        !::LookupAccountNameW(/*lpSystemName=*/nullptr, account.c_str(), sid.data(), &size, domain, &domainSize, &use))
+        return std::nullopt;
+    return sid;
+}
+
+bool isTrusted(PSID sid, PSID serviceAccount) {
+    if (serviceAccount && ::EqualSid(sid, serviceAccount)) return true;
     if (isWellKnown(sid, WinLocalSystemSid) || isWellKnown(sid, WinBuiltinAdministratorsSid) ||
         isWellKnown(sid, WinCreatorOwnerRightsSid)) // the rights of an owner, who is judged as such
         return true;
@@ -117,20 +132,29 @@ PSID allowedTo(ACE_HEADER* entry, Place place, ACCESS_MASK& rights) {
     return sid;
 }
 
-std::optional<std::wstring> judge(const std::wstring& path, Place place) {
-    const ScopedFileHandle handle = openForRights(path, READ_CONTROL);
-    // Not to be read by this account: the action that runs with SYSTEM's rights judges it.
-    const ScopedDescriptor descriptor = handle ? descriptorOf(handle.get()) : ScopedDescriptor();
-    if (!descriptor) return std::nullopt;
-    const std::wstring who = whoElseMayChange(descriptor.get(), place);
-    if (who.empty()) return std::nullopt;
-    return L"'" + path + L"' belongs to '" + who + L"' or can be changed by that account";
-}
+// One judgement of a whole directory.
+struct Judge {
+    std::optional<Sid> serviceAccount;
+
+    std::optional<std::wstring> operator()(const std::wstring& path, Place place) {
+        const ScopedFileHandle handle = openForRights(path, READ_CONTROL);
+        if (!handle && (::GetLastError() == ERROR_FILE_NOT_FOUND || ::GetLastError() == ERROR_PATH_NOT_FOUND))
+            return std::nullopt;
+        const ScopedDescriptor descriptor = handle ? descriptorOf(handle.get()) : ScopedDescriptor();
+        // Whoever owns a directory can keep even SYSTEM from reading its rights.
+        if (!descriptor) return L"the rights of '" + path + L"' cannot be read; it may belong to somebody";
+        const std::wstring who =
+            whoElseMayChange(descriptor.get(), place, serviceAccount ? serviceAccount->data() : nullptr);
+        if (who.empty()) return std::nullopt;
+        return L"'" + path + L"' belongs to '" + who + L"' or can be changed by that account";
+    }
+};
 
 // From the drive's root down to the one above `path`.
-std::optional<std::wstring> judgeAbove(const std::wstring& path, size_t rootLength) {
-    for (size_t end = rootLength; end < path.size(); end = std::min(path.find(L'\\', end + 1), path.size())) {
-        const bool isRoot = end == rootLength;
+std::optional<std::wstring> judgeAbove(Judge& judge, const std::wstring& path) {
+    constexpr size_t kRootLength = 3; // "C:\"
+    for (size_t end = kRootLength; end < path.size(); end = std::min(path.find(L'\\', end + 1), path.size())) {
+        const bool isRoot = end == kRootLength;
         // A root keeps its separator.
         std::optional<std::wstring> found = judge(path.substr(0, end), isRoot ? Place::Root : Place::Above);
         if (found) return found;
@@ -175,10 +199,10 @@ std::wstring makeWith(const std::wstring& directory, const wchar_t* rights) {
 
 } // namespace
 
-std::wstring whoElseMayChange(void* descriptor, Place place) {
+std::wstring whoElseMayChange(void* descriptor, Place place, void* serviceAccount) {
     const PSID owner = ownerOf(descriptor);
     if (!owner) return L"nobody";
-    if (!isTrusted(owner)) return nameOf(owner);
+    if (!isTrusted(owner, serviceAccount)) return nameOf(owner);
     BOOL isPresent = FALSE;
     BOOL isDefault = FALSE;
     PACL list = nullptr;
@@ -189,17 +213,17 @@ std::wstring whoElseMayChange(void* descriptor, Place place) {
         ACCESS_MASK rights = 0;
         if (!::GetAce(list, i, &entry)) continue;
         const PSID sid = allowedTo(static_cast<ACE_HEADER*>(entry), place, rights);
-        if (sid && (rights & harmfulRights(place)) && !isTrusted(sid)) return nameOf(sid);
+        if (sid && (rights & harmfulRights(place)) && !isTrusted(sid, serviceAccount)) return nameOf(sid);
     }
     return {};
 }
 
-std::optional<std::wstring> openDirectory(const std::wstring& directory) {
-    constexpr size_t kRootLength = 3; // "C:\"
-    std::optional<std::wstring> found = judgeAbove(directory, kRootLength);
+std::optional<std::wstring> openDirectory(const std::wstring& directory, const std::wstring& serviceAccount) {
+    Judge judge{sidOf(serviceAccount)};
+    std::optional<std::wstring> found = judgeAbove(judge, directory);
     const std::wstring behindLinks = followed(directory);
     if (!found && !behindLinks.empty() && !isSamePath(behindLinks, directory)) {
-        found = judgeAbove(behindLinks, kRootLength);
+        found = judgeAbove(judge, behindLinks);
         if (!found) found = judge(behindLinks, Place::Inside);
     }
     if (!found) found = judge(directory, Place::Inside);
@@ -220,9 +244,14 @@ std::wstring makeClosedDirectory(const std::wstring& directory) {
     return makeWith(directory, kUsersMayRead);
 }
 
-std::wstring closeDumps(const std::wstring& directory) {
-    if (!exists(directory)) return makeWith(directory, kAdministratorsOnly);
-    const ScopedDescriptor descriptor = descriptorFrom(kAdministratorsOnly);
+std::wstring closeDumps(const std::wstring& directory, const std::wstring& serviceAccount) {
+    std::wstring rights = kAdministratorsOnly;
+    std::optional<Sid> account = sidOf(serviceAccount);
+    wchar_t* name = nullptr;
+    if (account && ::ConvertSidToStringSidW(account->data(), &name))
+        rights += std::wstring(L"(A;OICI;FA;;;") + ScopedText(name).get() + L")";
+    if (!exists(directory)) return makeWith(directory, rights.c_str());
+    const ScopedDescriptor descriptor = descriptorFrom(rights.c_str());
     if (!descriptor) return errorText(::GetLastError());
     std::wstring failed = setRights(directory, descriptor.get());
     forEachBelow(directory, [&](const std::wstring& path) {

@@ -15,22 +15,27 @@ enum class Place {
     Root,   // a drive's root directory, which nobody can rename or remove
 };
 
-// The first account beside the three that owns the thing with this security descriptor or may change it; empty when
+// The account that the service runs as is trusted, too, where an administrator has given it another than LocalSystem:
+// who can write there gains that account's rights alone.
+
+// The first account beside these that owns the thing with this security descriptor or may change it; empty when
 // there is none. `descriptor` is a PSECURITY_DESCRIPTOR with owner and access list. A missing access list lets
-// everybody in. Entries that deny something are not subtracted.
-std::wstring whoElseMayChange(void* descriptor, Place place);
+// everybody in. Entries that deny something are not subtracted. `serviceAccount` is a PSID, or null.
+std::wstring whoElseMayChange(void* descriptor, Place place, void* serviceAccount = nullptr);
 
 // Looks at the directory, at everything below it, and at the directories above it. A sentence that says who else may
-// change what, without a full stop; nothing when nobody may. What does not exist is not looked at. Links are not
-// followed, but for those on the way to the directory.
-std::optional<std::wstring> openDirectory(const std::wstring& directory);
+// change what, or what could not be judged, without a full stop; nothing when nobody else may change anything. What
+// does not exist is not looked at. Links are not followed, but for those on the way to the directory. `serviceAccount`
+// is a name as the service control manager has it, or empty. Needs an administrator's or SYSTEM's rights.
+std::optional<std::wstring> openDirectory(const std::wstring& directory, const std::wstring& serviceAccount);
 
 // Makes the directory, with the ones above it that are missing, for administrators and SYSTEM alone; users may read and
 // run. They own it. Returns the system's text on failure, else an empty one.
 std::wstring makeClosedDirectory(const std::wstring& directory);
 
 // Makes the directory of the dumps, or changes it and the files in it, so that administrators and SYSTEM alone can read
-// it: a dump holds the service's memory. Returns the system's text on failure, else an empty one.
-std::wstring closeDumps(const std::wstring& directory);
+// it: a dump holds the service's memory. So can the service's account, where that is another than LocalSystem. Returns
+// the system's text on failure, else an empty one.
+std::wstring closeDumps(const std::wstring& directory, const std::wstring& serviceAccount);
 
 } // namespace setup

@@ -10,6 +10,7 @@
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_files.h"
+#include "packaging/setup/setup_text.h"
 
 namespace setup {
 namespace {

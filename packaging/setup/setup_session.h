@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 namespace setup {
 
@@ -20,19 +19,12 @@ public:
 
     // One line in the installer's log.
     void log(const std::wstring& text) const;
-    // An error: shown where the installation has a face, always in the log and, on Windows, in the event log. The
+    // An error: shown where the installation has a window, always in the log and, on Windows, in the event log. The
     // action has to end with a failure afterwards.
     void logError(const std::wstring& text) const;
 
 private:
     unsigned long m_handle;
 };
-
-// The data of a deferred action: `count` parts with bars between them. The last part may have bars of its own; parts
-// that are missing are empty.
-std::vector<std::wstring> splitData(const std::wstring& data, size_t count);
-
-// The system's text for one of its codes, without line end, and the number behind it.
-std::wstring errorText(unsigned long code);
 
 } // namespace setup

@@ -59,6 +59,7 @@ def run_package(*arguments, **more):
     environment = {name: value for name, value in os.environ.items()
                    if not name.startswith("QUORKERI_") and name != "SOURCE_DATE_EPOCH"} | more.pop("env", {})
     trial = [] if more.pop("identity", None) else ["--trial"]
+    trial += [] if more.pop("selftest", None) else ["--no-selftest"]
     command = [more.pop("script", PACKAGE), *trial, *map(str, arguments)]
     return subprocess.run(command, capture_output=True, text=True, check=False, env=environment, timeout=240, **more)
 
@@ -88,9 +89,9 @@ def setUpModule():
     directory = tempfile.TemporaryDirectory(prefix="quorkeri-packages-")
     unittest.addModuleCleanup(directory.cleanup)
     WORK = pathlib.Path(directory.name)
-    make("plain", cwd=ROOT)
+    make("plain", cwd=ROOT, selftest=True)
     # Elsewhere, to a relative path, in another zone, with other rights for what is made.
-    make("again", cwd=WORK, umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"})
+    make("again", cwd=WORK, umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"}, selftest=True)
     SIGNER = make_certificate("signer", "codeSigning")
     make("signed", *SIGNER, "--sums-key", make_sums_key(), "--download-url", "https://downloads.example/keri/")
     VERSION = cached("CMAKE_PROJECT_VERSION")

@@ -68,4 +68,16 @@ TEST(SetupRights, SomebodyElseIsFound) {
     }
 }
 
+TEST(SetupRights, TheServicesOwnAccountIsTrusted) {
+    PSECURITY_DESCRIPTOR made = nullptr;
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"O:BAD:P(A;OICI;FA;;;BA)(A;OICI;0x1301bf;;;LS)",
+                                                                       SDDL_REVISION_1, &made, nullptr));
+    const NS_CORE::ScopedLocalMemory<void> descriptor(made);
+    BYTE account[SECURITY_MAX_SID_SIZE] = {};
+    DWORD size = sizeof(account);
+    ASSERT_TRUE(::CreateWellKnownSid(WinLocalServiceSid, nullptr, account, &size));
+    EXPECT_FALSE(setup::whoElseMayChange(descriptor.get(), Inside).empty());
+    EXPECT_TRUE(setup::whoElseMayChange(descriptor.get(), Inside, account).empty());
+}
+
 } // namespace

@@ -15,8 +15,11 @@ import subprocess
 import sys
 import tarfile
 import tempfile
-import time
 import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import SERVICE as NAME
+from quorkeri_wine import Companion, Wine
 
 SERVICE, SCRIPT = map(pathlib.Path, sys.argv[1:3])
 HEALTH = SERVICE.parents[1] / "health" / SERVICE.name.replace("service", "health")
@@ -24,11 +27,6 @@ WINE = sys.argv[3:4]
 COMPANION = sys.argv[4:5]
 del sys.argv[1:]
 
-NAME = "quorkeri_service.exe"
-
-
-def windows(path):
-    return "Z:" + str(path).replace("/", "\\") if WINE else str(path)
 
 
 class SupportBundleTest(unittest.TestCase):
@@ -67,7 +65,7 @@ class SupportBundleTest(unittest.TestCase):
         # With a path that has these signs the interpreter needs "call", and Wine's then makes 1 of every failure.
         if WINE:
             command = WINE + (["cmd", "/c", script.name] if where == script.parent else
-                              ["cmd", "/c", "call", windows(script)])
+                              ["cmd", "/c", "call", Wine.path(script)])
         return subprocess.run(command, cwd=where or self.elsewhere, timeout=60, check=False, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
@@ -185,20 +183,13 @@ class WindowsTest(SupportBundleTest):
         self.assertTrue(content.endswith(b"\r\n"))
 
     def test_a_file_that_is_held_open_is_told_and_the_rest_is_there(self):
-        place = self.elsewhere / "companion"
-        place.mkdir()
-        shutil.copy(COMPANION[0], place / "quorkeri_wrapper.exe")
-        log = os.path.relpath(self.root / "work/logs/service.log", place).replace("/", "\\")
-        (place / "quorkeri_wrapper.settings").write_text(f"hold {log}\nmute\n", "utf-8")
-        holder = subprocess.Popen(WINE + [place / "quorkeri_wrapper.exe"], stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        place = Companion(self.elsewhere / "companion")
+        log = os.path.relpath(self.root / "work/logs/service.log", place.directory).replace("/", "\\")
+        place.put(COMPANION[0], f"hold {log}\nmute\n")
+        holder = Wine().start(place.directory / "quorkeri_wrapper.exe")
         self.addCleanup(holder.wait)
         self.addCleanup(holder.kill)
-        until = time.monotonic() + 30
-        while not (place / "quorkeri_wrapper.records").exists() or \
-                " ready " not in (place / "quorkeri_wrapper.records").read_text("utf-8"):
-            self.assertLess(time.monotonic(), until, "the file is not held")
-            time.sleep(0.02)
+        place.await_event()
         done = self.run_it(self.root / "bin")
         self.assertEqual(done.returncode, 2, done.stdout)
         self.assertRegex(done.stdout, rb'\ACould not be copied: "[^\n]*service.log"\r\n')
@@ -206,14 +197,10 @@ class WindowsTest(SupportBundleTest):
         self.files.pop("work/logs/service.log")
         self.assert_gathered(2)
 
-    def wine(self, *command):
-        return subprocess.run(WINE + list(command), timeout=60, check=False, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
-
     def test_the_registration_is_told(self):
         # By hand, because other tests register the service from their own place.
-        self.addCleanup(self.wine, "sc", "delete", NAME)
-        self.assertEqual(self.wine("sc", "create", NAME, "binPath=", windows(self.root / "bin" / NAME)), 0)
+        self.addCleanup(Wine().run, "sc", "delete", NAME)
+        self.assertEqual(Wine().run("sc", "create", NAME, "binPath=", Wine.path(self.root / "bin" / NAME))[0], 0)
         self.run_it()
         system = self.assert_gathered(2)
         self.assertRegex(system, r"ImagePath\s+REG_\w+\s+Z:\\")

@@ -22,6 +22,9 @@ import time
 import tty
 import unittest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import Companion, Wine, text_of
+
 SERVICE, COMPANION = map(pathlib.Path, sys.argv[1:3])
 WINE = sys.argv[3:5]
 del sys.argv[1:5]
@@ -103,7 +106,8 @@ class ConsoleTest(unittest.TestCase):
             (self.root / name).mkdir(parents=True)
         self.program = self.root / "bin" / SERVICE.name
         shutil.copy(SERVICE, self.program)
-        shutil.copy(COMPANION, self.root / "bin" / "quorkeri_wrapper.exe")
+        self.companion = Companion(self.root / "bin")
+        self.companion.put(COMPANION)
 
     def at_terminal(self, *command):
         terminal = Terminal([str(word) for word in command], self.root, is_raw=bool(WINE))
@@ -111,26 +115,13 @@ class ConsoleTest(unittest.TestCase):
         return terminal
 
     def log(self):
-        try:
-            return (self.root / "work/logs/service.log").read_text("utf-8")
-        except FileNotFoundError:
-            return ""
-
-    def records(self):
-        """What the companion has written about itself: time, process id, event, text."""
-        try:
-            return (self.root / "bin/quorkeri_wrapper.records").read_text("utf-8").splitlines()
-        except FileNotFoundError:
-            return []
-
-    def events(self):
-        return [line.split(" ")[2] for line in self.records()]
+        return text_of(self.root / "work/logs/service.log")
 
     def await_companion(self, terminal):
-        terminal.await_true("the companion does not run", lambda: "ready" in self.events())
+        terminal.await_true("the companion does not run", lambda: self.companion.records("ready"))
 
     def assert_stopped_once(self):
-        self.assertEqual(self.events().count("datagram"), 1)
+        self.assertEqual(len(self.companion.records("datagram")), 1)
         self.assertEqual(self.log().count(" Stop - Stop\n"), 1)
 
 
@@ -174,24 +165,21 @@ class WindowsTest(ConsoleTest):
     def child(self, name, *arguments):
         return self.wine(WINE[1], "--run-child", name, *arguments)
 
-    def windows(self, path):
-        return "Z:" + str(path).replace("/", "\\")
-
     def parent(self, how, file, *command):
-        return self.child("console-parent", how, self.windows(self.root / file), *command)
+        return self.child("console-parent", how, Wine.path(self.root / file), *command)
 
     def service(self, how, file="unused"):
-        return self.parent(how, file, self.windows(self.program), "service-console")
+        return self.parent(how, file, Wine.path(self.program), "service-console")
 
     def text(self, how, file="unused"):
-        return self.parent(how, file, self.windows(WINE[1]), "--run-child", "console-text",
-                           self.windows(self.root / "found"))
+        return self.parent(how, file, Wine.path(WINE[1]), "--run-child", "console-text",
+                           Wine.path(self.root / "found"))
 
     def test_its_lines_appear_at_a_prompt(self):
         """The key is another test's: at this prompt Wine makes two events of it, and the second ends any program."""
         prompt = self.wine("cmd")
         prompt.await_text(">")
-        prompt.type(b'start /wait /b "" "' + os.fsencode(self.windows(self.program)) + b'" service-console\r')
+        prompt.type(b'start /wait /b "" "' + os.fsencode(Wine.path(self.program)) + b'" service-console\r')
         prompt.await_text(COMPLAINT)
         self.await_companion(prompt)
 

@@ -21,14 +21,16 @@ import tempfile
 import time
 import unittest
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import LIMIT, ROOT, SILENT, Companion, Wine, await_true, text_of
+
 CMAKE, BUILD = sys.argv[1:3]
 COMPANION = pathlib.Path(sys.argv[3])
 WINE_RUN, SYSTEM_TESTS, PROGRAM, NM = (sys.argv[4:8] + [None] * 4)[:4]
 del sys.argv[1:8]
 IS_WINDOWS = WINE_RUN is not None
 
-SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
-LIMIT = 30  # seconds for anything that is waited for
+SCRIPTS = ROOT / "scripts"
 STOP_PORT = 34002
 VERSION = "tag_ravelin_1_1_final_0_191120-144957"
 CRASH_RESULT = 4294967169 if IS_WINDOWS else 129
@@ -48,18 +50,6 @@ def enter_own_network():
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
-def await_true(what, is_true):
-    until = time.monotonic() + LIMIT
-    while not is_true():
-        if time.monotonic() > until:
-            raise AssertionError(what() if callable(what) else what)
-        time.sleep(0.02)
-
-
-def wine_path(path):
-    return "Z:" + str(path).replace("/", "\\")
-
-
 class LinuxProgram:
     """Console mode: there is no service manager."""
 
@@ -70,7 +60,7 @@ class LinuxProgram:
     def start(self):
         # From elsewhere, as a service manager would.
         self.process = subprocess.Popen([self.root / "bin" / "quorkeri_service", "service-console"], cwd="/",
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                        **SILENT)
 
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
@@ -106,12 +96,7 @@ class WindowsService:
 
     @staticmethod
     def wine(command):
-        """What it prints. By a file: what Wine leaves running would keep a pipe open."""
-        with tempfile.TemporaryFile("w+") as output:
-            subprocess.run([WINE_RUN, *command], stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.DEVNULL,
-                           timeout=60, check=False)
-            output.seek(0)
-            return output.read().replace("\r", "")
+        return Wine().run(*command)[1]
 
     def command(self, word):
         """The service manager's error, and how long it took in seconds."""
@@ -123,8 +108,7 @@ class WindowsService:
         assert error == 0, error
 
     def start_console(self):
-        self.console = subprocess.Popen([WINE_RUN, self.root / "bin" / "quorkeri_service.exe", "service-console"],
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.console = Wine().start(self.root / "bin" / "quorkeri_service.exe", "service-console")
 
     def stop(self):
         return self.command("1")[0]
@@ -133,8 +117,8 @@ class WindowsService:
         """The result. `wake` ends what the main thread waits for."""
         offset = offset_of(function) if function else 0
         with open(self.root / "crash.txt", "w+", encoding="utf-8") as output:
-            caller = subprocess.Popen([WINE_RUN, self.helper, "--run-child", "call-in-main-thread",
-                                       wine_path(self.root), str(offset)], stdin=subprocess.DEVNULL, stdout=output)
+            caller = Wine().start(self.helper, "--run-child", "call-in-main-thread", Wine.path(self.root), str(offset),
+                                  stdout=output)
             said = lambda: (self.root / "crash.txt").read_text(encoding="utf-8").split()
             await_true("nothing was called", lambda: "called" in said() or caller.poll() is not None)
             wake()
@@ -163,34 +147,26 @@ class InstalledTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.root = pathlib.Path(directory.name) / "installation"
         subprocess.run([CMAKE, "--install", BUILD, "--prefix", self.root], check=True, stdout=subprocess.DEVNULL)
-        shutil.copy(COMPANION, self.root / "bin" / "quorkeri_wrapper.exe")
+        self.companion = Companion(self.root / "bin")
+        self.companion.put(COMPANION)
         self.program = (WindowsService if IS_WINDOWS else LinuxProgram)(self.root)
         self.addCleanup(self.end_companion)
         self.addCleanup(self.program.remove)
 
     # The companion, which outlives a service that crashes.
 
-    def records(self):
-        try:
-            return (self.root / "bin" / "quorkeri_wrapper.records").read_text(encoding="utf-8")
-        except FileNotFoundError:
-            return ""
-
     def await_companion(self):
-        await_true(lambda: "the companion is not ready; the log: " + self.log(), lambda: " ready" in self.records())
+        await_true(lambda: "the companion is not ready; the log: " + self.log(), lambda: self.companion.records("ready"))
 
     def end_companion(self):
         """As the service's stop would; nobody minds a datagram too much."""
-        if " started" in self.records():
+        if self.companion.records("started"):
             with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_port:
                 any_port.sendto(b"x", ("127.0.0.1", STOP_PORT))
-            await_true("the companion stays", lambda: " ending" in self.records())
+            await_true("the companion stays", lambda: self.companion.records("ending"))
 
     def log(self):
-        try:
-            return (self.root / "work" / "logs" / "service.log").read_text(encoding="utf-8", errors="replace")
-        except OSError:
-            return ""
+        return text_of(self.root / "work" / "logs" / "service.log")
 
     def await_log(self, text):
         await_true(lambda: f"no {text!r} in\n{self.log()}", lambda: text in self.log())
@@ -258,7 +234,7 @@ class CrashTest(InstalledTest):
             self.start()
             self.assertEqual(self.crash(), CRASH_RESULT)
             self.end_companion()
-            (self.root / "bin" / "quorkeri_wrapper.records").unlink()
+            self.companion.file.unlink()
         self.assertEqual(len(list(self.dump().parent.iterdir())), 1)
         self.expect_history(2)
 
@@ -280,7 +256,7 @@ class CrashTest(InstalledTest):
                 self.assertEqual(self.program.crash(function, self.end_companion), CRASH_RESULT)
                 self.assertTrue(self.log().rstrip().endswith(WRITTEN), self.log())
                 self.expect_frames(frame, r"service::main\(.* at main\.cpp:\d+", r"NS_CORE::guard\(")
-                for left in (self.dump(), self.root / "bin" / "quorkeri_wrapper.records",
+                for left in (self.dump(), self.companion.file,
                              self.root / "work" / "logs" / "service.log"):
                     left.unlink()
         self.expect_history(3)
@@ -348,7 +324,7 @@ class SettingsTest(InstalledTest):
             self.await_log(message)
         self.assertIn("Run - Running", self.log())
         self.assertEqual(self.program.stop(), 0)
-        await_true("the service runs on", lambda: " ending" in self.records())
+        await_true("the service runs on", lambda: self.companion.records("ending"))
 
     def test_directories_in_their_place(self):
         for name in ("testing.ini", "assert.exclude"):
@@ -425,7 +401,7 @@ class ServiceReportsTest(InstalledTest if IS_WINDOWS else object):
         self.assertEqual(self.program.command("130")[0], 0)
         self.await_log(f"EXCLUDED_ASSERT failed at {self.CHECK} (CHECKF) (130)")
         self.assertEqual(self.program.stop(), 0)
-        await_true("the service runs on", lambda: " ending" in self.records())
+        await_true("the service runs on", lambda: self.companion.records("ending"))
         collector.terminate()
         self.assertEqual(collector.stdout.read(), "")
 
@@ -447,7 +423,7 @@ class ServiceReportsTest(InstalledTest if IS_WINDOWS else object):
                 self.assertEqual(self.program.stop(), 0)
                 await_true("the service runs on", lambda: "Completed" in self.log())
                 (self.root / "work" / "logs" / "service.log").unlink()
-                (self.root / "bin" / "quorkeri_wrapper.records").unlink()
+                self.companion.file.unlink()
                 time.sleep(0.5)
 
 
