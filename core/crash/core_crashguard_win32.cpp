@@ -16,7 +16,7 @@
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/memory/core_scopedhandle_win32.h"
-#include "core/stack/core_symbolturn.h"
+#include "core/stack/core_symbollock.h"
 #include "core/text/core_utf8_win32.h"
 
 namespace NS_CORE {

@@ -16,7 +16,7 @@ namespace NS_CORE {
 // told at NORM. Nothing throws but for memory.
 //
 // Only the calling thread is walked, and the object is destroyed on the thread that made it. One thread traces at a
-// time (core_symbolturn.h): the object has the turn as long as it lives, and a second thread's waits five seconds for
+// time (core_symbollock.h): the object has the turn as long as it lives, and a second thread's waits five seconds for
 // it at most; then it is as if symbols could not be prepared. One object per thread at a time.
 class StackTrace {
 public:

@@ -21,7 +21,7 @@
 #include "core/memory/core_neverdestroyed.h"
 #include "core/stack/core_stacktrace_platform.h"
 #include "core/stack/core_stacktracetext.h"
-#include "core/stack/core_symbolturn.h"
+#include "core/stack/core_symbollock.h"
 
 namespace NS_CORE {
 

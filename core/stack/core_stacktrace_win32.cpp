@@ -11,7 +11,7 @@
 #include "core/memory/core_scopedhandle_win32.h"
 #include "core/stack/core_stacktrace_platform.h"
 #include "core/stack/core_stacktracetext.h"
-#include "core/stack/core_symbolturn.h"
+#include "core/stack/core_symbollock.h"
 
 namespace NS_CORE {
 

@@ -4,7 +4,7 @@
 #include <future>
 #include <thread>
 
-#include "core/stack/core_symbolturn.h"
+#include "core/stack/core_symbollock.h"
 #include "tests/support/planted_code.h"
 #include "tests/support/planted_code_platform.h"
 

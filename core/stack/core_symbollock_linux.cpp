@@ -3,7 +3,7 @@
 #include <ctime>
 
 #include "core/memory/core_neverdestroyed.h"
-#include "core/stack/core_symbolturn.h"
+#include "core/stack/core_symbollock.h"
 
 namespace NS_CORE {
 namespace {

@@ -1,4 +1,4 @@
-#include "core/stack/core_symbolturn.h"
+#include "core/stack/core_symbollock.h"
 
 #include <gtest/gtest.h>
 
