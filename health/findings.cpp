@@ -278,6 +278,7 @@ private:
             return;
         }
         if (registration.answer == Registration::Answer::NotRegistered) return;
+        if (registration.state == Registration::State::Starting) return add(kServiceStarting);
         // A manager that still counts a dead process as running has not noticed; Windows says how it ended.
         const bool isDead = registration.hasAborted || registration.state != Registration::State::Stopped;
         add(isDead ? kServiceDead : registration.isDisabled ? kServiceDisabled : kServiceStopped);

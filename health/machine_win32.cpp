@@ -73,7 +73,7 @@ std::string withDrive(const std::wstring& path) {
     return "";
 }
 
-// For a plain user, who may not open the processes of others. Wine has no such answer.
+// For a plain user, who may not open the processes of others. Unproven under Wine, where everybody may.
 std::string imageWithoutHandle(uint32_t processId) {
     constexpr ULONG kSystemProcessIdInformation = 88;
     struct {
@@ -167,7 +167,8 @@ std::vector<Process> processes() {
     const auto* bytes = reinterpret_cast<const char*>(buffer.data());
     for (ULONG next = 1; next != 0; bytes += next) {
         const auto* entry = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(bytes);
-        all.push_back(processFrom(*entry));
+        // One that has ended stays for as long as somebody holds it open.
+        if (entry->NumberOfThreads != 0) all.push_back(processFrom(*entry));
         next = entry->NextEntryOffset;
     }
     return all;

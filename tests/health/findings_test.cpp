@@ -125,6 +125,13 @@ const Case kCases[] = {
      [](Facts& f) { f.registration.state = Registration::State::Starting; },
      {"service-starting"},
      "Ask again"},
+    {"starting, and no process yet",
+     [](Facts& f) {
+         endService(f);
+         f.registration.state = Registration::State::Starting;
+     },
+     {"service-starting"},
+     ""},
     {"in the foreground",
      [](Facts& f) {
          f.isForeground = true;
