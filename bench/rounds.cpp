@@ -29,8 +29,13 @@ void Row::measure(int rounds, int64_t roundMicroseconds) {
         way.run(way.times);
         way.allocations = static_cast<double>(allocations() - before) / way.times;
     }
+    std::vector<Way*> order;
+    for (Way& way : m_ways) order.push_back(&way);
     for (int round = 0; round < rounds; ++round) {
-        for (Way& way : m_ways) way.nanoseconds.push_back(nanosecondsOf(way.run, way.times) / way.times);
+        // In another order each time, because a way can leave work behind for the next one, above all on a disk.
+        std::rotate(order.begin(), order.begin() + 1, order.end());
+        if (round % static_cast<int>(order.size()) == 0) std::reverse(order.begin(), order.end());
+        for (Way* way : order) way->nanoseconds.push_back(nanosecondsOf(way->run, way->times) / way->times);
     }
     for (Way& way : m_ways) {
         std::vector<double>& sorted = way.nanoseconds;
