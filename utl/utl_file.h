@@ -41,11 +41,11 @@ public:
     [[nodiscard]] bool openFile(const std::string& path, uint32_t flags = kLogFileFlags,
                                 uint32_t mode = kReadWriteMode);
 
-    // Answers the count of bytes written, which may be less than `length`, or -1. A file opened without Write is a
+    // Returns the count of bytes written, which may be less than `length`, or -1. A file opened without Write is a
     // failed CHECKF with an empty message.
     int32_t writeFrom(const void* data, int32_t length);
 
-    // The file's current size in bytes, whoever wrote to it; -1 when it is closed or cannot be told.
+    // The file's current size in bytes, whoever wrote to it; -1 when it is closed or the system does not say.
     [[nodiscard]] int64_t size() const;
 
     // Nothing on a closed file.

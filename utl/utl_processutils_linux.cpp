@@ -53,7 +53,7 @@ public:
     SpawnFileActions(const SpawnFileActions&) = delete;
     SpawnFileActions& operator=(const SpawnFileActions&) = delete;
 
-    // The standard streams are /dev/null, and nothing else is open. Answers an error number.
+    // The standard streams are /dev/null, and nothing else is open. Returns an error number or 0.
     int inheritNothing() {
         for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
             const int error = ::posix_spawn_file_actions_addopen(&m_actions, stream, "/dev/null", O_RDWR, /*mode=*/0);
@@ -129,7 +129,7 @@ ProcessUtils::Result startAndWait(const char* commandLine, unsigned long& exitCo
     do {
         ended = ::waitpid(child, &status, /*options=*/0);
     } while (ended < 0 && errno == EINTR);
-    // A process that ignores SIGCHLD is told of the end, but not of the exit code.
+    // The system keeps no exit code for a process that ignores SIGCHLD.
     if (ended < 0) return ProcessUtils::Result::NoExitCode;
     exitCode =
         static_cast<unsigned long>(WIFSIGNALED(status) ? kSignalExitCodeBase + WTERMSIG(status) : WEXITSTATUS(status));

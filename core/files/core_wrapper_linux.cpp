@@ -56,7 +56,7 @@ int64_t Wrapper::size(int fd) {
 }
 
 std::string systemErrorText(uint32_t code) {
-    // The GNU form: the answer is the buffer or a text of the library's own.
+    // The GNU form: returns the buffer or a text of the library's own.
     char buffer[256] = {};
     return ::strerror_r(static_cast<int>(code), buffer, sizeof buffer);
 }

@@ -137,95 +137,56 @@ TEST(File, OpensAgainAfterAClose) {
     EXPECT_EQ(file.path(), dir.file("second"));
 }
 
-TEST(File, AnOpenThatFailsIsLogged) {
+TEST(File, AnOpenThatFailsIsLoggedUnlessReportsOrTheLevelAreOff) {
     const test::TempDir dir;
     const test::LogRecorder log;
-    File file;
-    const std::string path = dir.file("no such directory/service.log");
-    EXPECT_FALSE(file.openFile(path));
-    EXPECT_EQ(log.lines(), (Lines{"WARN UTL::File::openFile - File:openFile(" + path + ",167,384) - failed opening"}));
-    expectClosed(file);
-}
-
-TEST(File, AnOpenThatFailsIsNotLoggedWithoutReports) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
-    File file(File::Reports::Silent);
-    EXPECT_FALSE(file.openFile(dir.file("no such directory/service.log")));
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(File, AnOpenThatFailsIsNotLoggedWithWarnOff) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
+    Lines expected;
+    for (const std::string& path : {dir.file("no such directory/service.log"), dir.file("")}) {
+        File file;
+        EXPECT_FALSE(file.openFile(path));
+        expectClosed(file);
+        EXPECT_FALSE(File(File::Reports::Silent).openFile(path));
+        expected.push_back("WARN UTL::File::openFile - File:openFile(" + path + ",167,384) - failed opening");
+    }
     ASSERT_TRUE(NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Warn, 0));
     ASSERT_TRUE(NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Warn, 0));
-    File file;
-    EXPECT_FALSE(file.openFile(dir.file("no such directory/service.log")));
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_FALSE(File().openFile(dir.file("")));
+    EXPECT_EQ(log.lines(), expected);
 }
 
-TEST(File, ADirectoryCannotBeOpened) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
-    File file;
-    EXPECT_FALSE(file.openFile(dir.file("")));
-    EXPECT_EQ(log.lines().size(), 1U);
-}
-
-TEST(File, WritingToAClosedFileFailsACheck) {
-    const test::HookRecorder hook;
-    File file;
-    EXPECT_EQ(file.writeFrom("x", 1), -1);
-    const test::FailedCheck check = hook.single();
-    EXPECT_EQ(check.expression, "CHECKF");
-    EXPECT_EQ(check.file, "utl_file");
-    EXPECT_EQ(check.message, "");
-}
-
-TEST(File, WritingToAFileOpenedForReadingFailsACheck) {
+TEST(File, MisuseFailsACheck) {
     const test::TempDir dir;
     test::writeFile(dir.path() / "file", "content");
-    const test::HookRecorder hook;
+    test::HookRecorder hook;
     const test::LogRecorder log;
     File file;
+    EXPECT_EQ(file.writeFrom("x", 1), -1);
+    EXPECT_EQ(hook.single().file, "utl_file");
+    EXPECT_EQ(hook.single().message, "");
+    hook.clear();
+    EXPECT_EQ(file.size(), -1);
+    EXPECT_EQ(hook.single().message, "");
+    hook.clear();
     ASSERT_TRUE(file.openFile(dir.file("file"), File::Read));
     EXPECT_EQ(file.writeFrom("x", 1), -1);
     EXPECT_EQ(hook.single().message, "");
-    EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(file.size(), 7);
+    EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(File, TheSizeOfAClosedFileFailsACheck) {
-    const test::HookRecorder hook;
-    const File file;
-    EXPECT_EQ(file.size(), -1);
-    const test::FailedCheck check = hook.single();
-    EXPECT_EQ(check.expression, "CHECKF");
-    EXPECT_EQ(check.message, "");
-}
-
-TEST(File, AWriteThatFailsIsLogged) {
+TEST(File, AWriteThatFailsIsLoggedUnlessReportsAreOff) {
     const test::TempDir dir;
     const test::LogRecorder log;
-    File file;
-    ASSERT_TRUE(file.openFile(dir.file("log")));
-    turnReadOnly(file, dir.file("log"));
-    EXPECT_EQ(file.writeFrom("12345", 5), -1);
+    for (const File::Reports reports : {File::Reports::Warn, File::Reports::Silent}) {
+        File file(reports);
+        ASSERT_TRUE(file.openFile(dir.file("log")));
+        turnReadOnly(file, dir.file("log"));
+        EXPECT_EQ(file.writeFrom("12345", 5), -1);
+        EXPECT_EQ(file.bytesWritten(), 0U);
+    }
     EXPECT_EQ(log.lines(), (Lines{"WARN UTL::File::writeFrom - File(" + dir.file("log") +
                                   "):writeFrom - failed writing 5 bytes with error " + std::to_string(EBADF) + ":" +
                                   std::strerror(EBADF)}));
-    EXPECT_EQ(file.bytesWritten(), 0U);
-}
-
-TEST(File, AWriteThatFailsIsNotLoggedWithoutReports) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
-    File file(File::Reports::Silent);
-    ASSERT_TRUE(file.openFile(dir.file("log")));
-    turnReadOnly(file, dir.file("log"));
-    EXPECT_EQ(file.writeFrom("12345", 5), -1);
-    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(File, ABorrowedDescriptorStaysOpen) {

@@ -15,28 +15,11 @@ using Lines = std::vector<std::string>;
 
 void ignore(int /*signum*/) {}
 
-TEST(SignalTest, LogsANumberThatIsNoSignal) {
-    test::LogRecorder log;
-    {
-        const Signal signal(9999, &ignore);
-    }
-    EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::Signal - failed to install signal handler for 9999"});
-}
-
-TEST(SignalTest, LogsANegativeNumber) {
-    test::LogRecorder log;
-    {
-        const Signal signal(-1, &ignore);
-    }
-    EXPECT_EQ(log.lines(), Lines{"WARN UTL::Signal::Signal - failed to install signal handler for -1"});
-}
-
-TEST(SignalTest, LogsNothingWhenAllGoesWell) {
-    test::LogRecorder log;
-    {
-        const Signal signal(SIGINT, &ignore);
-    }
-    EXPECT_EQ(log.lines(), Lines{});
+TEST(SignalTest, LogsANumberThatIsNoSignalAndNothingElse) {
+    const test::LogRecorder log;
+    for (const int signum : {9999, SIGINT, -1}) const Signal signal(signum, &ignore);
+    EXPECT_EQ(log.lines(), (Lines{"WARN UTL::Signal::Signal - failed to install signal handler for 9999",
+                                  "WARN UTL::Signal::Signal - failed to install signal handler for -1"}));
 }
 
 TEST(SignalTest, PutsThePreviousHandlerBackInReverseOrder) {
