@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-// Ends the program, which is how a fuzz target tells what it has found.
+// Ends the program with the reason, which libFuzzer reports as a finding.
 inline void require(bool condition, const char* what = "a property does not hold") {
     if (condition) return;
     std::fprintf(stderr, "%s\n", what);

@@ -1,19 +1,15 @@
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "service/argumentvector.h"
 #include "utl/utl_commandline.h"
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 // The same words, spelled so that they split in one way only.
 std::string quoted(const std::vector<std::string>& words) {

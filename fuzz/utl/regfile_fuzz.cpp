@@ -2,19 +2,15 @@
 // holds can be asked for, and parsing it again gives the same.
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "fuzz/require.h"
 #include "utl/utl_regfile_linux.h"
 
 using NS_UTL::RegFile;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) std::abort();
-}
 
 const std::string kKey = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Test";
 

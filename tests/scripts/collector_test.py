@@ -64,24 +64,24 @@ class CollectorTest(unittest.TestCase):
     def kept(self):
         return [(path.suffix, path.read_bytes()) for path in sorted(self.folder.iterdir())]
 
-    def test_tells_a_report_in_a_line_and_keeps_it(self):
+    def test_prints_a_line_for_a_report_and_keeps_it(self):
         line = self.line_for(report(b"it&apos;s so\nhere", b"Backtrace START"))
         self.assertRegex(line, r"^\d\d:\d\d:\d\d 127\.0\.0\.1 ASSERT core_x:12 \(a < b\) it's so here - 2 new, 7 in "
                                r"all, continue - service\.exe tag_1 \(191120-144957, win_i686\) on host, with a "
                                r"backtrace \[\d{8}-\d{6}-000001\.xml\]$")
         self.assertEqual(self.kept(), [(".xml", report(b"it&apos;s so\nhere", b"Backtrace START"))])
 
-    def test_tells_a_request_for_logs(self):
+    def test_prints_a_line_for_a_request_for_logs(self):
         line = self.line_for(b"<sendlogs>\n  <file>f</file>\n  <line>3</line>\n  <server>s</server>\n</sendlogs>")
         self.assertIn(" s asks for logs: f 3 [", line)
 
-    def test_copes_with_texts_that_are_not_xml(self):
+    def test_replaces_characters_that_xml_does_not_allow(self):
         data = report(b"\x1b[2J \x00 \xff\xfe end")
         line = self.line_for(data)
         self.assertIn("\ufffd[2J \ufffd \ufffd\ufffd end - 2 new", line)
         self.assertEqual(self.kept(), [(".xml", data)])
 
-    def test_names_and_keeps_what_is_malformed_and_goes_on(self):
+    def test_reports_and_keeps_malformed_datagrams_and_goes_on(self):
         bombs = [b"", b"hello", report()[:200], b"\xff" * 1000, b"<other/>", b"<assert>" * 5000,
                  b'<!DOCTYPE a [<!ENTITY b "c">]><assert>&b;</assert>', bytes(range(256)) * 200]
         for data in bombs:
@@ -89,7 +89,7 @@ class CollectorTest(unittest.TestCase):
         self.assertIn("ASSERT core_x:12", self.line_for(report()))
         self.assertEqual(self.kept(), [(".malformed", data) for data in bombs] + [(".xml", report())])
 
-    def test_takes_a_report_without_its_parts(self):
+    def test_accepts_a_report_without_its_parts(self):
         self.assertIn("? ?:? (?) - ? new, ? in all, ?", self.line_for(b"<assert/>"))
 
     def test_goes_on_when_the_folder_is_gone(self):
@@ -114,7 +114,7 @@ class CollectorTest(unittest.TestCase):
         self.assertEqual(second.returncode, 1)
         self.assertRegex(second.stderr, r"^collector: .*in use\n$")
 
-    def test_ends_quietly_when_it_is_told_to(self):
+    def test_ends_quietly_when_terminated(self):
         self.process.terminate()
         self.assertEqual(self.process.wait(), 0)
         self.assertEqual(self.process.stdout.read(), "")

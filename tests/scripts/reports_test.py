@@ -1,4 +1,4 @@
-"""The installed program's reports, from its settings to the collector's folder.
+"""The program's reports, from its settings to the collector's folder.
 
 reports_test.py PROGRAM COLLECTOR
 """
@@ -61,10 +61,12 @@ class ReportsTest(unittest.TestCase):
         self.assertIn(" ASSERT utl_service:41 ", collector.stdout.readline())
         self.assertEqual(len(list((self.root / "kept").iterdir())), 1)
 
-    def test_settings_count_wherever_the_program_is_started(self):
-        (self.root / "settings" / "testing.ini").write_text("[nonsense]\n")
-        (self.root / "settings" / "assert.exclude").write_text("a 1 x\n")
-        self.run_program("bin", "/")
+    def test_the_installations_settings_count_wherever_the_program_is_started(self):
+        for directory in (self.root, self.root / "elsewhere"):
+            (directory / "settings").mkdir(exist_ok=True)
+            (directory / "settings" / "testing.ini").write_text("[nonsense]\n")
+            (directory / "settings" / "assert.exclude").write_text("a 1 x\n")
+        self.run_program("bin", self.root / "elsewhere")
         log = (self.root / "work" / "logs" / "service.log").read_text()
         self.assertIn("NS_CORE::TestInterface::loadIni - unhandled section 'nonsense'", log)
         self.assertIn("CORE::TestInterface::loadExclusions - 'settings/assert.exclude': 1 entries ignored", log)

@@ -1,7 +1,6 @@
 // Any bytes are a list of exclusions: every entry with a date of the build's day or later is found, and no other.
 
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string_view>
 #include <vector>

@@ -1,7 +1,6 @@
 // Any bytes are settings: what comes of them is within its ranges, and no abort bit is ever set.
 
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
 #include "core/files/core_settingsfile.h"

@@ -66,7 +66,7 @@ FailedCheck failed(int32_t line, const std::string& message) {
     return {"CHECKF", "core_guniquebuf", line, 0, message};
 }
 
-TEST(GUniqueBuf, TellsItsShapeAsText) {
+TEST(GUniqueBuf, WritesItsShapeAsText) {
     GUniqueBuf full(10, 0, 0);
     EXPECT_EQ(shape(full), "10 0+0");
     EXPECT_EQ(full.toText(), address(full.data()) + ":10");

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -354,6 +355,41 @@ TEST_F(TestInterfaceTest, SendsWhatAnotherThreadCouldNot) {
     expectNoMore();
 }
 
+// Holds the thread that logs, and with it the right to send, until it is released.
+struct BlocksWhileItLogs : NS_CORE::LogImpl {
+    test::Semaphore* isLogging = nullptr;
+    test::Semaphore* mayGoOn = nullptr;
+    void log(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
+        isLogging->release();
+        mayGoOn->acquire();
+    }
+};
+
+TEST_F(TestInterfaceTest, WaitsForAnotherThreadsSendingBeforeTheProcessStops) {
+    configure();
+    test::Semaphore isLogging;
+    test::Semaphore mayGoOn;
+    auto blocking = std::make_unique<BlocksWhileItLogs>();
+    blocking->isLogging = &isLogging;
+    blocking->mayGoOn = &mayGoOn;
+    NS_CORE::MasterLogger::setImplementation(std::move(blocking));
+    std::thread sender([this] { fail(1, std::string(TestInterface::kMaxDatagram, 'x')); });
+    isLogging.acquire();
+    interface.changeActionFlags(TestInterface::FlagChange::Set, TestAction::AssertAbort);
+    std::atomic<bool> isReleased = false;
+    std::thread releaser([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        isReleased = true;
+        mayGoOn.release();
+    });
+    fail(2);
+    EXPECT_TRUE(isReleased);
+    releaser.join();
+    sender.join();
+    NS_CORE::MasterLogger::setImplementation(nullptr);
+    EXPECT_EQ(collector.receive().bytes, document(2, 1, 1, "m", "abort"));
+}
+
 TEST_F(TestInterfaceTest, RequestsLogs) {
     configure();
     interface.requestSendLogs("a&b", "<12>");
@@ -363,6 +399,16 @@ TEST_F(TestInterfaceTest, RequestsLogs) {
               "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<sendlogs>\n  <file>a&amp;b</file>\n"
               "  <line>&lt;12&gt;</line>\n  <server>" +
                   executable.substr(executable.find_last_of("/\\") + 1) + "</server>\n</sendlogs>");
+}
+
+TEST_F(TestInterfaceTest, RequestsLogsWhileTheSettingsChange) {
+    configure();
+    std::thread reader([this] {
+        for (int i = 0; i < 50; ++i) interface.loadIni();
+    });
+    for (int i = 0; i < 50; ++i) interface.requestSendLogs("a", "1");
+    reader.join();
+    EXPECT_EQ(log.lines(), Strings());
 }
 
 // The process's own, as failing checks meet it.
@@ -386,7 +432,7 @@ TEST_F(TestInterfaceTest, ReportsFailedChecks) {
     expectNoMore();
 }
 
-// Reports where it is told to, and has a check fail that stops it.
+// Reports to the collector of the settings, and stops at a failed check.
 const test::ChildProgram g_stopsByTestInterface("StopsByTestInterface", [](const Strings& arguments) {
     std::filesystem::current_path(test::fromText(arguments.at(0)));
     TestInterface::instance().readFiles();

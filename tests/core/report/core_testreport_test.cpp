@@ -64,7 +64,7 @@ TEST(AssertDocument, IsExactToTheByte) {
               "</assert>");
 }
 
-TEST(AssertDocument, TellsAlertsAbortsAndTheLogAddress) {
+TEST(AssertDocument, WritesAlertsAbortsAndTheLogAddress) {
     FailureReport report = plainReport();
     report.kind = FailureKind::Alert;
     report.file = "a<";

@@ -7,7 +7,7 @@
 // The documents as another program's parser reads them.
 namespace {
 
-TEST(AssertDocument, GivesAParserTheTextsThatWentIn) {
+TEST(AssertDocument, GivesAnotherParserTheSameTexts) {
     const std::string text = "a<b && c>\"d\" 'e' &amp; <![CDATA[ ]]> \xc3\xa4\xe2\x82\xac";
     NS_CORE::ReportSource source;
     source.server = NS_CORE::escapedXml(text);
@@ -40,7 +40,7 @@ TEST(AssertDocument, GivesAParserTheTextsThatWentIn) {
     EXPECT_STREQ(root.child_value("action"), "abort");
 }
 
-TEST(LogRequestDocument, GivesAParserTheTextsThatWentIn) {
+TEST(LogRequestDocument, GivesAnotherParserTheSameTexts) {
     const std::string text = "<&>\"'";
     const std::string document = NS_CORE::logRequestDocument(text, text, "s");
     pugi::xml_document parsed;

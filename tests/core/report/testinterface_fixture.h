@@ -59,7 +59,7 @@ struct TestInterfaceTest : testing::Test {
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), logged));
     }
 
-    // What the collector has to get for that.
+    // The document that the collector must receive for it.
     static std::string document(int32_t line, uint64_t count, uint64_t total, const std::string& message = "m",
                                 const std::string& action = "continue", const std::string& type = "ASSERT",
                                 const std::string& logUrl = "") {

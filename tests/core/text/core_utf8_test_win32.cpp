@@ -7,7 +7,7 @@
 
 namespace {
 
-// What the system itself makes of a well-formed text.
+// The system's own conversion of a well-formed text.
 std::wstring bySystem(const std::string& text) {
     std::wstring wide(text.size(), L'\0');
     const int length = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
