@@ -1,66 +1,86 @@
-#include "core/crash/core_crashguard.h"
-
 #include <windows.h>
 // dbghelp.h needs windows.h before it.
 #include <dbghelp.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_crashreport.h"
+#include "core/crash/internal/core_minidumpfile_win32.h"
 #include "core/crash/internal/core_seh_win32.h"
 #include "core/crash/internal/core_throwsite_win32.h"
 #include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/memory/core_neverdestroyed.h"
 #include "core/memory/core_scopedhandle_win32.h"
+#include "core/stack/core_symbollibrary_win32.h"
 #include "core/stack/core_symbollock.h"
 #include "core/text/core_utf8_win32.h"
+
+// Three threads have a part in a report. The faulting one waits in the exception filter until the dump is written, then
+// unwinds and adds the two lines. The writer writes the dump, on a stack of its own. The watchdog ends the process when
+// neither makes progress any more.
+//
+// Writer and watchdog begin before the application does, because a broken process may not be able to start a thread,
+// and a thread needs the locks of the loader and the heap to begin. The watchdog calls nothing but the kernel, so that
+// no lock can hold it up. The writer needs both locks. If the faulting thread holds one of them, the writer cannot
+// reach the dump, and the faulting thread, which may acquire its own locks again, writes the dump itself.
 
 namespace NS_CORE {
 
 namespace {
 
-// Codes of the exceptions that stand for what this runtime library does not tell by one: error severity, and the bit
-// that marks codes as not Microsoft's.
+// Our own exception codes for endings that the runtime does not raise as structured exceptions: error severity, and the
+// bit that marks codes as not Microsoft's.
 constexpr DWORD kTerminateCode = 0xE0000001;
 constexpr DWORD kAbortCode = 0xE0000002;
 
-// Left on the guarded thread's stack when it overflows, for the exception to be handled at all.
+// Kept free on the guarded thread's stack, so that its overflow can be handled at all.
 constexpr ULONG kStackGuarantee = 64 * 1024;
 
-// Of the thread that writes the dump of an overflowed stack, and of the one that limits the report.
 constexpr SIZE_T kWriterStack = 512 * 1024;
 constexpr SIZE_T kWatchdogStack = 64 * 1024;
 
-// 0 while nothing is guarded. Only ever compared with the reading thread's own id.
-volatile DWORD g_guardedThread = 0;
+// The watchdog looks for progress this many times before its patience is over. The writer may take one sixth of the
+// patience to reach the dump.
+constexpr DWORD kLooks = 10;
+constexpr DWORD kShareOfWriter = 6;
 
-// site  null, or where it really happened: goes along as the exception's only argument.
-[[noreturn]] void raiseForGood(DWORD code, const ThrowSite* site) {
-    const auto argument = reinterpret_cast<ULONG_PTR>(site);
-    ::RaiseException(code, EXCEPTION_NONCONTINUABLE, /*nNumberOfArguments=*/1, &argument);
+// What the faulting thread's own stack must have left for the library's functions.
+constexpr ptrdiff_t kStackForLibrary = 256 * 1024;
+
+bool hasStackForLibrary() {
+    MEMORY_BASIC_INFORMATION stack{};
+    ::VirtualQuery(&stack, &stack, sizeof(stack));
+    return reinterpret_cast<const char*>(&stack) - static_cast<const char*>(stack.AllocationBase) > kStackForLibrary;
+}
+
+// Gives back the memory of the stack that the calling thread does not use yet. Some systems (Wine) touch all of it when
+// a thread begins, which is a megabyte.
+void giveBackStack() {
+    constexpr size_t kInUse = 16 * 1024;
+    MEMORY_BASIC_INFORMATION stack{};
+    ::VirtualQuery(&stack, &stack, sizeof(stack));
+    const auto size = static_cast<size_t>(reinterpret_cast<char*>(&stack) - static_cast<char*>(stack.AllocationBase));
+    if (size > kInUse) ::VirtualAlloc(stack.AllocationBase, size - kInUse, MEM_RESET, PAGE_READWRITE);
+}
+
+[[noreturn]] void endWithCrashResult() {
+    ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(kCrashResult));
     __builtin_unreachable();
 }
 
-// A C++ exception that nobody catches does not become a structured one by itself. It comes here with the stack as it
-// was thrown, and so do pure virtual calls. Other threads are not guarded and end the process as they always did.
-std::terminate_handler g_terminateBefore = nullptr;
-
-[[noreturn]] void onTerminate() {
-    if (::GetCurrentThreadId() == g_guardedThread) {
-        const ThrowSite site = findThrowSite();
-        raiseForGood(kTerminateCode, &site);
-    }
-    if (g_terminateBefore != nullptr) g_terminateBefore();
-    std::abort();
-}
-
-// When it returns, abort ends the process.
-void onAbort(int /*signal*/) {
-    if (::GetCurrentThreadId() == g_guardedThread) raiseForGood(kAbortCode, /*site=*/nullptr);
+// site  null, or where the exception really happened; it goes along as the only argument.
+[[noreturn]] void raiseNoncontinuable(DWORD code, const ThrowSite* site) {
+    const auto argument = reinterpret_cast<ULONG_PTR>(site);
+    ::RaiseException(code, EXCEPTION_NONCONTINUABLE, /*nNumberOfArguments=*/1, &argument);
+    __builtin_unreachable();
 }
 
 void onInvalidParameter(const wchar_t* expression, const wchar_t* function, const wchar_t* file, unsigned int line,
@@ -75,256 +95,317 @@ void onInvalidParameter(const wchar_t* expression, const wchar_t* function, cons
         LogLevel::Crit, invalidParameterText(pointer(expressionText), pointer(functionText), pointer(fileText), line));
 }
 
-[[noreturn]] void endWithCrashResult() {
-    ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(kCrashResult));
-    __builtin_unreachable();
-}
+// The exception as the dump records it: for a terminate, address and context are those of the throw, not of
+// RaiseException.
+struct RecordedException {
+    DWORD thread = 0;
+    EXCEPTION_RECORD record{};
+    CONTEXT context{};
+    EXCEPTION_POINTERS pointers{&record, &context};
 
-LONG WINAPI onFaultOnTheWayOut(EXCEPTION_POINTERS* /*exception*/) {
-    endWithCrashResult();
-}
-
-// Turns the ends of a C++ program on this thread into structured exceptions while it lives.
-class FaultsAsExceptions {
-public:
-    FaultsAsExceptions() {
-        g_guardedThread = ::GetCurrentThreadId();
-        g_terminateBefore = std::set_terminate(&onTerminate);
-        m_abortBefore = std::signal(SIGABRT, &onAbort);
-    }
-    ~FaultsAsExceptions() {
-        if (m_isKept) return;
-        std::signal(SIGABRT, m_abortBefore);
-        std::set_terminate(g_terminateBefore);
-        g_guardedThread = 0;
-    }
-    FaultsAsExceptions(const FaultsAsExceptions&) = delete;
-    FaultsAsExceptions& operator=(const FaultsAsExceptions&) = delete;
-
-    // After a fault: another one on the way out of the process must not change how it ends.
-    void keepForTheWayOut() {
-        m_isKept = true;
-        ::SetUnhandledExceptionFilter(&onFaultOnTheWayOut);
-    }
-
-private:
-    void (*m_abortBefore)(int);
-    bool m_isKept = false;
-};
-
-// Ends the process when the report of a fault and the way out after it take too long: they may wait for a lock that
-// nobody gives back any more. Its thread is made before the fault, since a broken process may not make another, and
-// runs from the fault on: until then it costs next to nothing (36 KiB under Wine, where one that waits costs a
-// megabyte). The price is that a fault of a thread that loads a library has no limit, because a thread begins under the
-// loader's lock.
-class Watchdog {
-public:
-    // Without the event or the thread there is no limit.
-    Watchdog() {
-        g_over = ::CreateEventA(/*lpEventAttributes=*/nullptr, /*bManualReset=*/TRUE, /*bInitialState=*/FALSE,
-                                /*lpName=*/nullptr);
-        m_thread.reset(::CreateThread(/*lpThreadAttributes=*/nullptr, kWatchdogStack, &watch, /*lpParameter=*/nullptr,
-                                      CREATE_SUSPENDED | STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
-    }
-    ~Watchdog() {
-        // Else it watches until the process has ended.
-        if (m_limits) return;
-        ::SetEvent(g_over);
-        if (m_thread && ::ResumeThread(m_thread.get()) != kResumeFailed)
-            ::WaitForSingleObject(m_thread.get(), INFINITE);
-        ::CloseHandle(g_over);
-    }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
-    void beginLimit() {
-        m_limits = true;
-        if (m_thread) ::ResumeThread(m_thread.get());
-    }
-
-private:
-    static constexpr DWORD kResumeFailed = ~DWORD{0};
-
-    // Apart from the object, which the thread may outlive.
-    static inline HANDLE g_over = nullptr;
-
-    static DWORD WINAPI watch(void* /*parameter*/) {
-        if (::WaitForSingleObject(g_over, g_crashPatienceMs.load()) == WAIT_TIMEOUT) endWithCrashResult();
-        return 0;
-    }
-
-    ScopedKernelHandle m_thread;
-    bool m_limits = false;
-};
-
-// One run under guard, with what its fault leaves for the report.
-struct GuardedRun {
-    int argc;
-    char** argv;
-    ApplicationMain applicationMain;
-    Watchdog* watchdog;
-    int result;
-    bool isDumpBegun;
-    bool isDumpWritten;
-    DWORD dumpError; // of the system, when it is not written
-    CrashNames names;
-};
-
-// An exception as the dump is to tell it: what stands for a C++ exception happened where that was thrown.
-class ToldException {
-public:
-    explicit ToldException(EXCEPTION_POINTERS* caught) : m_pointers(*caught) {
-        const EXCEPTION_RECORD& record = *caught->ExceptionRecord;
+    void set(const EXCEPTION_POINTERS& caught) {
+        thread = ::GetCurrentThreadId();
+        record = *caught.ExceptionRecord;
+        context = *caught.ContextRecord;
         if (record.ExceptionCode != kTerminateCode || record.NumberParameters != 1) return;
         const auto* const site = reinterpret_cast<const ThrowSite*>(record.ExceptionInformation[0]);
         if (site == nullptr || site->instruction == 0) return;
-        m_record = record;
-        m_record.ExceptionAddress = reinterpret_cast<void*>(uintptr_t{site->instruction});
-        m_context = *caught->ContextRecord;
-        m_context.Eip = site->instruction;
-        m_context.Esp = site->stack;
-        m_context.Ebp = site->frame;
-        m_pointers = {&m_record, &m_context};
+        record.ExceptionAddress = reinterpret_cast<void*>(uintptr_t{site->instruction});
+        context.Eip = site->instruction;
+        context.Esp = site->stack;
+        context.Ebp = site->frame;
     }
-    ToldException(const ToldException&) = delete;
-    ToldException& operator=(const ToldException&) = delete;
-    ~ToldException() = default;
+};
 
-    EXCEPTION_POINTERS* pointers() { return &m_pointers; }
+// The guard of this process, with all that a fault must find prepared. Never destroyed: its threads and handlers are
+// needed until the process has ended.
+class CrashGuard {
+public:
+    static CrashGuard& instance() {
+        static NeverDestroyed<CrashGuard> guard;
+        return *guard;
+    }
+
+    int run(int argc, char** argv, ApplicationMain applicationMain);
 
 private:
-    EXCEPTION_RECORD m_record{};
-    CONTEXT m_context{};
-    EXCEPTION_POINTERS m_pointers;
+    enum class DumpWriter : int { None, Writer, FaultingThread };
+
+    // Restores the handlers of before when the application returns or throws.
+    struct Handlers {
+        Handlers() { instance().installHandlers(); }
+        ~Handlers() { instance().restoreHandlers(); }
+        Handlers(const Handlers&) = delete;
+        Handlers& operator=(const Handlers&) = delete;
+    };
+
+    struct Call {
+        int argc;
+        char** argv;
+        ApplicationMain applicationMain;
+        int result;
+    };
+
+    void installHandlers();
+    void restoreHandlers();
+    void startThreads();
+    ScopedKernelHandle beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack, DWORD* id);
+    void awaitFault();
+
+    [[noreturn]] static void onTerminate();
+    static void onAbort(int signal);
+    static SehVerdict onFault(EXCEPTION_POINTERS* exception, void* context);
+    static LONG WINAPI onFaultOnTheWayOut(EXCEPTION_POINTERS* exception);
+
+    void awaitDump();
+    void addLines();
+    void noteProgress() { m_progress.fetch_add(1); }
+
+    static DWORD WINAPI watch(void* parameter);
+    uint64_t progress() const;
+
+    static DWORD WINAPI writeOnOwnStack(void* parameter);
+    void writeDump(DumpWriter writer);
+    DWORD errorOfDump(const SymbolLibrary& library);
+    static BOOL CALLBACK onDumpProgress(void* guard, MINIDUMP_CALLBACK_INPUT* input, MINIDUMP_CALLBACK_OUTPUT* output);
+
+    std::atomic<DWORD> m_guardedThread{0}; // 0 while nothing is guarded
+    std::terminate_handler m_terminateBefore = nullptr;
+    void (*m_abortBefore)(int) = SIG_DFL;
+
+    std::string m_program;
+    ScopedKernelHandle m_begun;     // set by each thread when it waits for a fault
+    ScopedKernelHandle m_faulted;   // set by the fault
+    ScopedKernelHandle m_dumpEnded; // set when the dump is written or has failed
+    ScopedKernelHandle m_watchdog;
+    DWORD m_watchdogId = 0;
+    ScopedKernelHandle m_writer;
+
+    std::atomic<bool> m_isReporting{false};
+    std::atomic<uint64_t> m_progress{0};
+    std::atomic<HANDLE> m_watchedFile{INVALID_HANDLE_VALUE};
+    std::atomic<DumpWriter> m_dumpWriter{DumpWriter::None}; // who calls the system's function
+    RecordedException m_exception;
+    CrashNames m_names;
+    ScopedFileHandle m_dumpFile; // open until the process has ended: the watchdog looks at its size
+    DWORD m_dumpError = ERROR_INVALID_DATA;
 };
 
-constexpr ULONG32 kDumpSignature = 0x504d444d; // "MDMP"
-
-bool readAt(HANDLE file, DWORD position, void* to, DWORD size) {
-    OVERLAPPED from{};
-    from.Offset = position;
-    DWORD count = 0;
-    return ::ReadFile(file, to, size, &count, &from) != FALSE && count == size;
+int CrashGuard::run(int argc, char** argv, ApplicationMain applicationMain) {
+    ::_set_invalid_parameter_handler(&onInvalidParameter);
+    ULONG guarantee = kStackGuarantee;
+    ::SetThreadStackGuarantee(&guarantee);
+    m_program = runningProgramName();
+    m_names = crashNames(m_program);
+    startThreads();
+    const Handlers handlers;
+    Call call{argc, argv, applicationMain, 0};
+    const auto callApplication = [](void* context) {
+        Call& to = *static_cast<Call*>(context);
+        to.result = to.applicationMain(to.argc, to.argv);
+    };
+    if (runGuarded(callApplication, &onFault, &call) == SehOutcome::Returned) return call.result;
+    ::SetUnhandledExceptionFilter(&onFaultOnTheWayOut);
+    addLines();
+    return kCrashResult;
 }
 
-// Whether the file holds all that its own directory promises.
-bool isWholeDump(HANDLE file, uint64_t fileSize) {
-    MINIDUMP_HEADER header{};
-    if (!readAt(file, 0, &header, sizeof(header)) || header.Signature != kDumpSignature) return false;
-    for (DWORD index = 0; index < header.NumberOfStreams; ++index) {
-        MINIDUMP_DIRECTORY entry{};
-        const DWORD position = header.StreamDirectoryRva + index * static_cast<DWORD>(sizeof(entry));
-        if (!readAt(file, position, &entry, sizeof(entry))) return false;
-        if (uint64_t{entry.Location.Rva} + entry.Location.DataSize > fileSize) return false;
+void CrashGuard::installHandlers() {
+    m_guardedThread = ::GetCurrentThreadId();
+    m_terminateBefore = std::set_terminate(&onTerminate);
+    m_abortBefore = std::signal(SIGABRT, &onAbort);
+}
+
+// After a fault they stay: another one on the way out must not change how the process ends.
+void CrashGuard::restoreHandlers() {
+    if (m_isReporting) return;
+    std::signal(SIGABRT, m_abortBefore);
+    std::set_terminate(m_terminateBefore);
+    m_guardedThread = 0;
+}
+
+// The threads of an earlier run still wait. Without the watchdog there is no limit; without the writer the faulting
+// thread writes the dump.
+void CrashGuard::startThreads() {
+    if (m_faulted) return;
+    const auto makeEvent = [](BOOL isManualReset) {
+        return ScopedKernelHandle(
+            ::CreateEventA(/*lpEventAttributes=*/nullptr, isManualReset, /*bInitialState=*/FALSE, /*lpName=*/nullptr));
+    };
+    m_begun = makeEvent(FALSE);
+    m_faulted = makeEvent(TRUE);
+    m_dumpEnded = makeEvent(TRUE);
+    if (!m_begun || !m_faulted || !m_dumpEnded) return;
+    m_watchdog = beginThread(&watch, kWatchdogStack, &m_watchdogId);
+    m_writer = beginThread(&writeOnOwnStack, kWriterStack, /*id=*/nullptr);
+}
+
+ScopedKernelHandle CrashGuard::beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack, DWORD* id) {
+    ScopedKernelHandle thread(
+        ::CreateThread(/*lpThreadAttributes=*/nullptr, stack, function, this, STACK_SIZE_PARAM_IS_A_RESERVATION, id));
+    if (thread) ::WaitForSingleObject(m_begun.get(), g_crashPatienceMs);
+    return thread;
+}
+
+void CrashGuard::awaitFault() {
+    giveBackStack();
+    ::SetEvent(m_begun.get());
+    ::WaitForSingleObject(m_faulted.get(), INFINITE);
+}
+
+// A C++ exception that nobody catches arrives here with the stack as it was thrown, and so do pure virtual calls. Other
+// threads are not guarded and end the process as they always did.
+void CrashGuard::onTerminate() {
+    if (::GetCurrentThreadId() == instance().m_guardedThread) {
+        const ThrowSite site = findThrowSite();
+        raiseNoncontinuable(kTerminateCode, &site);
     }
-    return true;
+    if (instance().m_terminateBefore != nullptr) instance().m_terminateBefore();
+    std::abort();
 }
 
-// What is wrong with the file after the writer said that it is done, or ERROR_SUCCESS. Some writers do not notice that
-// the disk takes nothing any more.
-DWORD errorOfDone(HANDLE file) {
+// If it returns, abort ends the process.
+void CrashGuard::onAbort(int /*signal*/) {
+    // The runtime has removed the handler. Another abort, on the way out, must come here, too.
+    std::signal(SIGABRT, &onAbort);
+    if (::GetCurrentThreadId() == instance().m_guardedThread) raiseNoncontinuable(kAbortCode, /*site=*/nullptr);
+}
+
+LONG WINAPI CrashGuard::onFaultOnTheWayOut(EXCEPTION_POINTERS* /*exception*/) {
+    endWithCrashResult();
+}
+
+// The filter of the guard. A fault of the filter itself arrives here again, and gives the dump up.
+SehVerdict CrashGuard::onFault(EXCEPTION_POINTERS* exception, void* /*context*/) {
+    CrashGuard& guard = instance();
+    if (guard.m_isReporting.exchange(true)) return SehVerdict::ExecuteHandler;
+    guard.m_exception.set(*exception);
+    ::SetEvent(guard.m_faulted.get());
+    guard.awaitDump();
+    guard.noteProgress();
+    return SehVerdict::ExecuteHandler;
+}
+
+void CrashGuard::awaitDump() {
+    const DWORD patience = m_writer ? g_crashPatienceMs / kShareOfWriter : 0;
+    if (m_writer && ::WaitForSingleObject(m_dumpEnded.get(), patience) == WAIT_OBJECT_0) return;
+    if (hasStackForLibrary()) writeDump(DumpWriter::FaultingThread);
+    // Either the dump is there, or the writer has begun it after all.
+    if (m_writer) ::WaitForSingleObject(m_dumpEnded.get(), INFINITE);
+}
+
+// Writes the log's line, then the history's. After a fault anything may be broken: a line that fails must not keep the
+// rest from being done.
+void CrashGuard::addLines() {
+    const auto log = [](void* context) {
+        const CrashGuard& guard = *static_cast<CrashGuard*>(context);
+        logDump(guard.m_names,
+                guard.m_dumpError == ERROR_SUCCESS ? std::nullopt : std::optional(systemErrorText(guard.m_dumpError)));
+    };
+    const auto history = [](void* context) { appendToHistory(static_cast<CrashGuard*>(context)->m_names); };
+    const auto giveUp = [](EXCEPTION_POINTERS*, void*) { return SehVerdict::ExecuteHandler; };
+    runGuarded(log, giveUp, this);
+    noteProgress();
+    runGuarded(history, giveUp, this);
+    noteProgress();
+}
+
+DWORD WINAPI CrashGuard::watch(void* parameter) {
+    CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
+    guard.awaitFault();
+    uint64_t before = 0;
+    // Counts waits, not the clock: a machine that slept meanwhile has not used up the patience.
+    for (DWORD looks = 0; looks < kLooks; ++looks) {
+        ::Sleep(g_crashPatienceMs / kLooks);
+        const uint64_t now = guard.progress();
+        if (now != before) looks = 0;
+        before = now;
+    }
+    endWithCrashResult();
+}
+
+// Grows with everything that the report achieves.
+uint64_t CrashGuard::progress() const {
     LARGE_INTEGER size{};
-    if (::GetFileSizeEx(file, &size) == FALSE) return ::GetLastError();
-    return isWholeDump(file, static_cast<uint64_t>(size.QuadPart)) ? ERROR_SUCCESS : ERROR_DISK_FULL;
+    ::GetFileSizeEx(m_watchedFile, &size);
+    return m_progress + static_cast<uint64_t>(size.QuadPart);
 }
 
-void writeDump(GuardedRun& run, EXCEPTION_POINTERS* exception, DWORD faultingThread) {
-    run.names = crashNames();
-    ::CreateDirectoryA(run.names.dumpsDirectory.c_str(), /*lpSecurityAttributes=*/nullptr);
-    const ScopedFileHandle file(
-        ::CreateFileA(run.names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                      /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS, /*dwFlagsAndAttributes=*/0,
-                      /*hTemplateFile=*/nullptr));
-    const DWORD createError = file ? ERROR_SUCCESS : ::GetLastError();
-    MINIDUMP_EXCEPTION_INFORMATION information{faultingThread, exception, /*ClientPointers=*/TRUE};
-    // Without one it is tried all the same.
-    const SymbolTurn turn(SymbolTurn::kTracePatienceMs);
-    const BOOL isWritten = ::MiniDumpWriteDump(::GetCurrentProcess(), ::GetCurrentProcessId(), file.get(),
-                                               MiniDumpWithDataSegs, exception != nullptr ? &information : nullptr,
-                                               /*UserStreamParam=*/nullptr, /*CallbackParam=*/nullptr);
-    run.dumpError = isWritten == FALSE ? ::GetLastError() : file ? errorOfDone(file.get()) : createError;
-    run.isDumpWritten = run.dumpError == ERROR_SUCCESS;
-}
-
-// What the writer's thread needs of the faulting one, which waits.
-struct DumpOrder {
-    GuardedRun& run;
-    EXCEPTION_POINTERS* exception;
-    DWORD faultingThread;
-};
-
-DWORD WINAPI writeDumpForOther(void* order) {
-    const auto& from = *static_cast<DumpOrder*>(order);
-    writeDump(from.run, from.exception, from.faultingThread);
+DWORD WINAPI CrashGuard::writeOnOwnStack(void* parameter) {
+    CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
+    guard.awaitFault();
+    const auto write = [](void* context) { static_cast<CrashGuard*>(context)->writeDump(DumpWriter::Writer); };
+    const auto giveUp = [](EXCEPTION_POINTERS*, void*) { return SehVerdict::ExecuteHandler; };
+    // A fault of the system's writer leaves the dump unfinished and the error as it was.
+    if (runGuarded(write, giveUp, &guard) == SehOutcome::Caught) ::SetEvent(guard.m_dumpEnded.get());
     return 0;
 }
 
-// On an overflowed stack there is no room for the writer; a thread of its own brings a stack along.
-void writeDumpOfOverflow(GuardedRun& run, EXCEPTION_POINTERS* exception) {
-    DumpOrder order{run, exception, ::GetCurrentThreadId()};
-    const ScopedKernelHandle writer(::CreateThread(/*lpThreadAttributes=*/nullptr, kWriterStack, &writeDumpForOther,
-                                                   &order, STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
-    if (writer)
-        ::WaitForSingleObject(writer.get(), INFINITE);
-    else
-        writeDump(run, exception, order.faultingThread);
+void CrashGuard::writeDump(DumpWriter writer) {
+    // What can wait for the faulting thread comes first, because up to here the other may still take over. The heap
+    // comes before the library: whoever waits for it must not hold the loader's lock meanwhile.
+    if (::HeapLock(::GetProcessHeap()) != FALSE) ::HeapUnlock(::GetProcessHeap());
+    const SymbolLibrary* const library = SymbolLibrary::get();
+    const DWORD loadError = library != nullptr ? ERROR_SUCCESS : ::GetLastError();
+    DumpWriter nobody = DumpWriter::None;
+    if (!m_dumpWriter.compare_exchange_strong(nobody, writer)) return;
+    m_names = crashNames(m_program);
+    m_dumpError = library != nullptr ? errorOfDump(*library) : loadError;
+    ::SetEvent(m_dumpEnded.get());
 }
 
-// The filter of the guard. A fault of the writer itself comes here again, and gives the dump up.
-SehVerdict onFault(EXCEPTION_POINTERS* exception, void* context) {
-    auto& run = *static_cast<GuardedRun*>(context);
-    if (run.isDumpBegun) return SehVerdict::ExecuteHandler;
-    run.isDumpBegun = true;
-    run.watchdog->beginLimit();
-    if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW)
-        writeDumpOfOverflow(run, exception);
-    else
-        writeDump(run, ToldException(exception).pointers(), ::GetCurrentThreadId());
-    return SehVerdict::ExecuteHandler;
+// Writes the dump's file and returns ERROR_SUCCESS, or the system's error.
+DWORD CrashGuard::errorOfDump(const SymbolLibrary& library) {
+    ::CreateDirectoryA(m_names.dumpsDirectory.c_str(), /*lpSecurityAttributes=*/nullptr);
+    m_dumpFile.reset(::CreateFileA(m_names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE, /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS,
+                                   /*dwFlagsAndAttributes=*/0, /*hTemplateFile=*/nullptr));
+    const DWORD createError = m_dumpFile ? ERROR_SUCCESS : ::GetLastError();
+    m_watchedFile = m_dumpFile.get();
+    // If the lock cannot be acquired, the dump is written without it.
+    const SymbolLock lock(SymbolLock::kTraceTimeoutMs);
+    // Some versions of the library otherwise read all symbols first, which takes ten times as long as the dump.
+    library.setOptions(library.getOptions() | SYMOPT_DEFERRED_LOADS);
+    MINIDUMP_EXCEPTION_INFORMATION exception{m_exception.thread, &m_exception.pointers, /*ClientPointers=*/TRUE};
+    MINIDUMP_CALLBACK_INFORMATION callback{&onDumpProgress, this};
+    const BOOL isWritten = library.writeDump(::GetCurrentProcess(), ::GetCurrentProcessId(), m_dumpFile.get(),
+                                             MiniDumpWithDataSegs, &exception, /*UserStreamParam=*/nullptr, &callback);
+    if (isWritten == FALSE) return ::GetLastError();
+    return m_dumpFile ? errorOfWrittenDump(m_dumpFile.get()) : createError;
 }
 
-void runApplication(void* context) {
-    auto& run = *static_cast<GuardedRun*>(context);
-    run.result = run.applicationMain(run.argc, run.argv);
-}
-
-void logDumpOf(void* context) {
-    const auto& run = *static_cast<GuardedRun*>(context);
-    logDump(run.names, run.isDumpWritten ? std::nullopt : std::optional(systemErrorText(run.dumpError)));
-}
-
-void appendToHistoryOf(void* context) {
-    appendToHistory(static_cast<GuardedRun*>(context)->names);
-}
-
-SehVerdict giveUp(EXCEPTION_POINTERS* /*exception*/, void* /*context*/) {
-    return SehVerdict::ExecuteHandler;
-}
-
-// After a fault anything may be broken: what fails here must not keep the rest from being done.
-void reportFault(GuardedRun& run) {
-    runGuarded(&logDumpOf, &giveUp, &run);
-    runGuarded(&appendToHistoryOf, &giveUp, &run);
-}
-
-void reserveStack() {
-    ULONG size = kStackGuarantee;
-    ::SetThreadStackGuarantee(&size);
+// The system's function suspends the other threads of the process until it is done. The watchdog is left out of the
+// dump so that it is not suspended, and resumed in case it was all the same.
+BOOL CALLBACK CrashGuard::onDumpProgress(void* parameter, MINIDUMP_CALLBACK_INPUT* input,
+                                         MINIDUMP_CALLBACK_OUTPUT* output) {
+    CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
+    guard.noteProgress();
+    ::ResumeThread(guard.m_watchdog.get());
+    switch (input->CallbackType) {
+        case IncludeThreadCallback:
+            return input->IncludeThread.ThreadId != guard.m_watchdogId;
+        case ModuleCallback:
+        case ThreadCallback:
+        case ThreadExCallback:
+        case IncludeModuleCallback:
+            return TRUE;
+        case CancelCallback:
+            output->CheckCancel = TRUE; // and so call again from time to time
+            output->Cancel = FALSE;
+            return TRUE;
+        default:
+            return FALSE;
+    }
 }
 
 } // namespace
 
 int guard(int argc, char** argv, ApplicationMain applicationMain) {
+    // A box that nobody sees must not hold the process, nor its companion, which inherits the mode.
+    ::SetErrorMode(::GetErrorMode() | SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
+    ::_set_error_mode(_OUT_TO_STDERR);
     if (isGuardSwitchedOff(argc, argv)) return applicationMain(argc, argv);
-    ::_set_invalid_parameter_handler(&onInvalidParameter);
-    reserveStack();
-    FaultsAsExceptions faultsAsExceptions;
-    Watchdog watchdog;
-    GuardedRun run{argc, argv, applicationMain, &watchdog, 0, false, false, ERROR_INVALID_DATA, {}};
-    if (runGuarded(&runApplication, &onFault, &run) == SehOutcome::Returned) return run.result;
-    faultsAsExceptions.keepForTheWayOut();
-    reportFault(run);
-    return kCrashResult;
+    return CrashGuard::instance().run(argc, argv, applicationMain);
 }
 
 } // namespace NS_CORE

@@ -57,6 +57,10 @@ const std::string& getPath(PathKind kind) {
     return pi.path;
 }
 
+bool isPathSet(PathKind kind) {
+    return entryOf(kind).is_set;
+}
+
 std::string dotPath(PathKind kind) {
     return absl::StrCat("./", getPath(kind));
 }

@@ -29,6 +29,9 @@ void setPath(PathKind kind, std::string path);
 // until the entry is set again.
 const std::string& getPath(PathKind kind);
 
+// Whether the kind's path was ever set.
+bool isPathSet(PathKind kind);
+
 // The path as the system's calls take it, "./work/logs" for Logs. Fails as getPath does.
 std::string dotPath(PathKind kind);
 

@@ -5,75 +5,69 @@
 #include <string>
 #include <vector>
 
+#include "core/stack/core_stacktracetext.h"
+#include "core/stack/core_symbollock.h"
+
 namespace NS_CORE {
 
 // The calling thread's stack as text: one line per frame with function, source place and image.
 //
 //     const std::string text = StackTrace().toText();
 //
-// Construct it, ask once, destroy it. Function names are readable ones; source places come where debug information is
-// in the image or beside it. What cannot be found is left out step by step, down to "?" with the image's name, and
-// told at NORM. Nothing throws but for memory.
+// Construct it, ask once, destroy it. Function names are demangled; source places appear where debug information is in
+// the image or beside it. What cannot be found is logged at NORM and left out of the line, down to "?" with the image's
+// name. Throws nothing but std::bad_alloc.
 //
-// Only the calling thread is walked, and the object is destroyed on the thread that made it. One thread traces at a
-// time (core_symbollock.h): the object has the turn as long as it lives, and a second thread's waits five seconds for
-// it at most; then it is as if symbols could not be prepared. One object per thread at a time.
+// It walks the calling thread only, and must be destroyed on the thread that made it. It holds the symbol library's
+// lock (core_symbollock.h) as long as it lives. Another thread's trace waits five seconds for that lock, and then
+// behaves as if symbols could not be initialised. One object per thread at a time.
 class StackTrace {
 public:
-    // One walked frame. What is unknown is empty, or 0.
-    struct Frame {
-        std::string image;  // full path of the module that holds the code
-        std::string pdb;    // full path of the debug information's own file
-        std::string symbol; // the function's name and "()"
-        std::string file;   // source file, as the debug information names it
-        uint32_t line = 0;
+    using Frame = StackFrame;
 
-        bool operator==(const Frame&) const = default;
-    };
-
-    // Of getStack, logStack and toText: the longest walk, and the innermost frames that are the tracer itself.
+    // The longest walk of logStack and toText, and how many of its innermost frames belong to the tracer itself.
     static constexpr size_t kMaxFrames = 63;
     static constexpr size_t kDiscardedFrames = 3;
 
-    // The handle under which the system's symbol library knows a process. Only of use to loadModule.
+    // The handle under which the system's symbol library knows a process.
     using ProcessHandle = void*;
 
-    // Prepares symbols for this process. When that fails, which is logged at NORM, every walk fails.
+    // Initialises symbols for this process. If that fails, which is logged at NORM, every walk fails.
     StackTrace();
 
-    // The same under a handle of this process's own: GetCurrentProcess's on Windows, the process id on Linux. With
-    // any other, preparing fails.
+    // The same with a given handle of this process: GetCurrentProcess's on Windows, the process id on Linux.
+    // Initialising fails with any other.
     explicit StackTrace(ProcessHandle process);
 
     ~StackTrace();
     StackTrace(const StackTrace&) = delete;
     StackTrace& operator=(const StackTrace&) = delete;
 
-    // Makes all modules of the process known to the symbol library, once per object; tried again by the next walk
-    // when the list of modules cannot be had. getStack calls it.
+    // Registers all modules of the process with the symbol library, once per object. If the list of modules cannot be
+    // read, the next walk tries again. getStack calls it.
     void loadModules();
 
-    // Makes one module known. False, and told at NORM, when the library refuses it.
+    // Registers one module. Returns false, and logs at NORM, if the library refuses it.
     // image   the module's full path.     module  its short name.
     // base    where it is loaded.         size    in bytes.
     static bool loadModule(ProcessHandle process, const std::string& image, const std::string& module, uint64_t base,
                            uint32_t size);
 
     // Appends one frame per active call to `frames`, innermost first, beginning with this function itself, until
-    // `frames` holds maxFrames. A walk that comes to nowhere ends there, with a WARN, and still counts as one.
-    // False, with `frames` as it was and a location record at WARN, when there are no symbols.
+    // `frames` holds maxFrames. A frame that leads nowhere ends the walk with a WARN; the walk still succeeds.
+    // Without symbols it logs a location record at WARN, leaves `frames` as they are, and returns false.
     [[nodiscard]] bool getStack(std::vector<Frame>& frames, size_t maxFrames);
 
-    // Logs the trace at `level`, a record per line (traceLines, core_stacktracetext.h).
+    // Logs the trace at `level`, one record per line of traceLines.
     void logStack(uint32_t level);
 
-    // The same lines as one text, without a newline at its end. Level-0 records that other threads write meanwhile get
-    // into it (core_logcapture.h).
+    // Returns the same lines as one text, without a newline at its end. It also contains the level-0 records that other
+    // threads write meanwhile (core_logcapture.h).
     std::string toText();
 
 private:
+    SymbolLock m_lock;
     ProcessHandle m_process = nullptr; // null without symbols
-    uint32_t m_processId = 0;          // 0 without symbols
     bool m_modulesLoaded = false;
 };
 

@@ -20,12 +20,12 @@
 #include "core/log/core_v2masterlogger.h"
 #include "core/memory/core_neverdestroyed.h"
 #include "core/stack/core_stacktrace_platform.h"
-#include "core/stack/core_stacktracetext.h"
-#include "core/stack/core_symbollock.h"
 
 namespace NS_CORE {
 
 namespace {
+
+using stacktrace_platform::walkStep;
 
 struct DwflCloser {
     void operator()(Dwfl* session) const { dwfl_end(session); }
@@ -39,8 +39,8 @@ struct ModuleGeneration {
     bool operator==(const ModuleGeneration&) const = default;
 };
 
-// The symbol library's view of this process. One for all traces: opening and indexing the debug information is what
-// makes a trace slow, and the process's code does not change under it.
+// The symbol library's view of this process, shared by all traces: opening and indexing debug information is what makes
+// a trace slow. Its mutex is apart from the SymbolLock because the crash guard must get in without that one.
 struct Session {
     absl::Mutex mutex{absl::kConstInit};
     // Elements ':'-separated, as the library takes them. It keeps a pointer to the pointer.
@@ -63,8 +63,8 @@ std::string executablePath() {
     return length > 0 ? std::string(buffer.data(), static_cast<size_t>(length)) : std::string();
 }
 
-// Debug information apart from the image is looked for beside the executable, in "symbols" below that, and where the
-// system's packages put it.
+// Separate files with debug information are searched for beside the executable, in "symbols" below it, and where the
+// system's packages install them.
 std::string debugSearchPath() {
     const std::string directory = moduleDirectory(executablePath());
     return formatString("%s:%s/symbols:/usr/lib/debug", directory, directory);
@@ -85,8 +85,8 @@ bool belongsToModule(int fd, Dwfl_Module* module) {
     return isSame;
 }
 
-// By the build id in the system's store, else by the name that the image tells, beside the executable and in "symbols"
-// below that. The library's standard way would ask servers on the network too, which is not for a crashing process.
+// Looks by build id in the system's store, then by the name in the image, beside the executable and in "symbols" below
+// it. The library's standard function is not used: it would ask servers on the network, too.
 int findDebugInformation(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base, const char* image,
                          const char* debugName, GElf_Word checksum, char** found) {
     const int stored = dwfl_build_id_find_debuginfo(module, userData, name, base, image, debugName, checksum, found);
@@ -102,7 +102,7 @@ int findDebugInformation(Dwfl_Module* module, void** userData, const char* name,
     return -1;
 }
 
-// False when the library cannot be had.
+// Returns false if the library cannot be opened.
 bool openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.library) return true;
     session.searchPath = debugSearchPath();
@@ -171,8 +171,8 @@ bool addToLibrary(Dwfl* library, const LoadedModule& module) {
     return false;
 }
 
-// Brings the library's list of modules up to date, from its beginning when it changed: modules that it has already
-// cannot be told to it again.
+// Updates the library's list of modules after a change. A new session is needed: the library refuses modules that it
+// knows already.
 void updateModules(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.generation == currentGeneration()) return;
     session.library.reset();
@@ -225,7 +225,8 @@ StackTrace::Frame lookUp(Dwfl* library, uintptr_t address) {
     return frame;
 }
 
-// An address inside the instruction that the frame stands at: the call's last byte for an address to come back to.
+// An address inside the frame's instruction. A return address lies behind the call, so its predecessor is the call's
+// last byte.
 uintptr_t lookUpAddress(const RawFrame& frame) {
     return frame.isReturnAddress ? frame.programCounter - 1 : frame.programCounter;
 }
@@ -255,44 +256,40 @@ _Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* data) {
 [[gnu::noinline]] size_t walkRaw(RawFrame* frames, size_t maxFrames) {
     RawWalk walk{frames, 0, maxFrames, /*ownFrames=*/1};
     _Unwind_Backtrace(&takeFrame, &walk);
-    // The process's first function has no caller, which some unwinders tell as a frame at address 0.
+    // Some unwinders report the missing caller of the process's first function as a frame at address 0.
     if (walk.count > 0 && frames[walk.count - 1].programCounter == 0) --walk.count;
     return walk.count;
 }
 
-StackTrace::Frame describeFrame(const RawFrame& frame) {
+void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame>& described) {
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
-    if (!openLibrary(session)) return {};
-    updateModules(session);
-    const uintptr_t address = lookUpAddress(frame);
-    const auto [entry, isNew] = session.known.try_emplace(address);
-    if (isNew && session.library) entry->second = lookUp(session.library.get(), address);
-    return entry->second;
+    if (openLibrary(session)) updateModules(session);
+    if (!session.library) return described.resize(described.size() + count);
+    for (size_t index = 0; index < count; ++index) {
+        const uintptr_t address = lookUpAddress(frames[index]);
+        const auto [entry, isNew] = session.known.try_emplace(address);
+        if (isNew) entry->second = lookUp(session.library.get(), address);
+        described.push_back(entry->second);
+    }
 }
 
 StackTrace::ProcessHandle stacktrace_platform::processHandle() {
     return reinterpret_cast<StackTrace::ProcessHandle>(static_cast<intptr_t>(::getpid()));
 }
 
-StackTrace::StackTrace() : StackTrace(stacktrace_platform::processHandle()) {}
-
 StackTrace::StackTrace(ProcessHandle process) {
-    const bool hasTurn =
-        process == stacktrace_platform::processHandle() && SymbolTurn::take(SymbolTurn::kTracePatienceMs);
-    if (!hasTurn || !openTheLibrary()) {
-        if (hasTurn) SymbolTurn::giveBack();
+    const bool isThisProcess = process == stacktrace_platform::processHandle();
+    if (!isThisProcess || !m_lock.acquire(SymbolLock::kTraceTimeoutMs) || !openTheLibrary()) {
+        m_lock.release();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", debugSearchPath());
         return;
     }
-    m_processId = static_cast<uint32_t>(::getpid());
     m_process = process;
 }
 
-// What the library has found out is kept for the next trace.
-StackTrace::~StackTrace() {
-    if (m_process != nullptr) SymbolTurn::giveBack();
-}
+// The session stays open for the next trace.
+StackTrace::~StackTrace() = default;
 
 void StackTrace::loadModules() {
     if (m_modulesLoaded) return;
@@ -321,11 +318,16 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
     loadModules();
     std::vector<RawFrame> walked(maxFrames > frames.size() ? maxFrames - frames.size() : 0);
     walked.resize(walkRaw(walked.data(), walked.size()));
-    for (size_t index = 0; index < walked.size(); ++index) {
-        const uintptr_t returnAddress = index + 1 < walked.size() ? walked[index + 1].programCounter : 0;
-        if (walkStep(walked[index].programCounter, returnAddress) == WalkStep::Stop) break;
-        frames.push_back(describeFrame(walked[index]));
-    }
+    const auto returnAddress = [&walked](size_t index) {
+        return index + 1 < walked.size() ? walked[index + 1].programCounter : 0;
+    };
+    size_t taken = 0;
+    while (taken < walked.size() && walked[taken].programCounter != 0 &&
+           walked[taken].programCounter != returnAddress(taken))
+        ++taken;
+    describeFrames(walked.data(), taken, frames);
+    // Logs why the walk ends here. Not under the session's lock, because the log may trace, too.
+    if (taken < walked.size()) walkStep(walked[taken].programCounter, returnAddress(taken));
     return true;
 }
 

@@ -8,23 +8,22 @@
 
 namespace NS_CORE {
 
-// The two halves of a trace apart, for a fault's handler, which may walk but must not look up names yet.
+// The two halves of a trace, for the crash guard: its signal handler may walk, but must not look up names yet.
 
-// One active call's address in the code.
+// The code address of one active call.
 struct RawFrame {
     uintptr_t programCounter;
-    // Whether the address is the one to come back to, so that the call itself stands before it. A frame that a signal
-    // interrupted stands at the address itself.
+    // Whether it is a return address, so that the call stands before it. False for a frame that a signal interrupted.
     bool isReturnAddress;
 };
 
-// Writes the calling thread's frames to `frames`, innermost first, from the caller of this function on, and answers
-// their count, at most `maxFrames`. Allocates nothing once it has run once in the process; may be called in a signal
-// handler then, and passes from the handler's frames to the interrupted code's.
+// Writes the calling thread's frames to `frames`, innermost first, beginning with the caller of this function, and
+// returns their count, at most `maxFrames`. After its first call in the process it allocates nothing and is
+// async-signal-safe; in a signal handler it walks on from the handler's frames to the interrupted code's.
 size_t walkRaw(RawFrame* frames, size_t maxFrames);
 
-// The frame with its names, as StackTrace gives it. Thread-safe. What was found out is kept for the life of the
-// process, so that asking again costs next to nothing.
-StackTrace::Frame describeFrame(const RawFrame& frame);
+// Appends the frames with their names, as StackTrace finds them. Thread-safe, and without the SymbolLock. Remembers
+// every address for the life of the process, so that looking it up again is cheap.
+void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame>& described);
 
 } // namespace NS_CORE

@@ -1,8 +1,7 @@
 #include "core/stack/core_stacktrace.h"
 
 #include <windows.h>
-// dbghelp.h and tlhelp32.h need windows.h before them.
-#include <dbghelp.h>
+// tlhelp32.h needs windows.h before it.
 #include <tlhelp32.h>
 
 #include <cstddef>
@@ -10,19 +9,21 @@
 #include "core/log/core_v2masterlogger.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "core/stack/core_stacktrace_platform.h"
-#include "core/stack/core_stacktracetext.h"
-#include "core/stack/core_symbollock.h"
+#include "core/stack/core_symbollibrary_win32.h"
 
 namespace NS_CORE {
 
 namespace {
+
+using stacktrace_platform::walkStep;
+using stacktrace_platform::WalkStep;
 
 constexpr DWORD kBufferSize = 1024; // of paths, and of names
 
 static_assert(sizeof(IMAGEHLP_MODULE64) == 0x690, "with the fields on the PDB and the machine type");
 static_assert(sizeof(MODULEENTRY32) == 0x224, "the narrow form");
 
-// What a call that fills a path buffer has filled in; empty when it failed, or the buffer was too small.
+// The path that a call wrote to the buffer; empty if the call failed or the buffer was too small.
 std::string pathIn(const char* buffer, DWORD length) {
     return length != 0 && length <= kBufferSize ? std::string(buffer, length) : std::string();
 }
@@ -56,40 +57,38 @@ private:
     alignas(IMAGEHLP_SYMBOL64) std::byte m_bytes[kHeadSize + kBufferSize] = {};
 };
 
-// Names in Microsoft's mangling are undecorated by the symbol library, which hands on the compiler's own as they are.
-std::string undecorated(const char* name) {
+// The symbol library undecorates names in Microsoft's mangling, and returns the compiler's own unchanged.
+std::string undecorated(const SymbolLibrary& library, const char* name) {
     char buffer[kBufferSize] = {};
-    if (::UnDecorateSymbolName(name, buffer, kBufferSize, UNDNAME_NAME_ONLY) != 0) return readableName(buffer);
-    if (::UnDecorateSymbolName(name, buffer, kBufferSize, UNDNAME_COMPLETE) != 0) return readableName(buffer);
+    for (const DWORD form : {DWORD{UNDNAME_NAME_ONLY}, DWORD{UNDNAME_COMPLETE}}) {
+        if (library.undecorate(name, buffer, kBufferSize, form) != 0) return readableName(buffer);
+    }
     return readableName(name);
 }
 
-std::string symbolAt(HANDLE process, DWORD64 address) {
+std::string symbolAt(const SymbolLibrary& library, HANDLE process, DWORD64 address) {
     SymbolBuffer buffer;
-    if (::SymGetSymFromAddr64(process, address, /*Displacement=*/nullptr, buffer.symbol()) == FALSE) {
+    if (library.getSymbol(process, address, /*Displacement=*/nullptr, buffer.symbol()) == FALSE) {
         const DWORD error = ::GetLastError();
         MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get symbol from addr %d : %d", address, error);
         return {};
     }
-    return undecorated(buffer.symbol()->Name) + "()";
+    return undecorated(library, buffer.symbol()->Name) + "()";
 }
 
-void findLine(HANDLE process, DWORD64 address, StackTrace::Frame& frame) {
-    // Asked without the record's size at first. Versions of the library that insist on it are asked once more.
+void findLine(const SymbolLibrary& library, HANDLE process, DWORD64 address, StackTrace::Frame& frame) {
+    // Without the record's size. A version of the library that insists on it fails, and the line stays unknown.
     IMAGEHLP_LINE64 line{};
     DWORD displacement = 0;
-    if (::SymGetLineFromAddr64(process, address, &displacement, &line) == FALSE) {
-        line.SizeOfStruct = sizeof(line);
-        if (::SymGetLineFromAddr64(process, address, &displacement, &line) == FALSE) return;
-    }
+    if (library.getLine(process, address, &displacement, &line) == FALSE) return;
     frame.line = line.LineNumber;
     if (line.FileName != nullptr) frame.file = line.FileName;
 }
 
-void findModule(HANDLE process, DWORD64 address, StackTrace::Frame& frame) {
+void findModule(const SymbolLibrary& library, HANDLE process, DWORD64 address, StackTrace::Frame& frame) {
     IMAGEHLP_MODULE64 module{};
     module.SizeOfStruct = sizeof(module);
-    if (::SymGetModuleInfo64(process, address, &module) == FALSE) {
+    if (library.getModule(process, address, &module) == FALSE) {
         MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get module info");
         return;
     }
@@ -97,11 +96,11 @@ void findModule(HANDLE process, DWORD64 address, StackTrace::Frame& frame) {
     frame.pdb = module.LoadedPdbName;
 }
 
-StackTrace::Frame describe(HANDLE process, DWORD64 address) {
+StackTrace::Frame describe(const SymbolLibrary& library, HANDLE process, DWORD64 address) {
     StackTrace::Frame frame;
-    frame.symbol = symbolAt(process, address);
-    findLine(process, address, frame);
-    findModule(process, address, frame);
+    frame.symbol = symbolAt(library, process, address);
+    findLine(library, process, address, frame);
+    findModule(library, process, address, frame);
     return frame;
 }
 
@@ -122,30 +121,26 @@ StackTrace::ProcessHandle stacktrace_platform::processHandle() {
     return ::GetCurrentProcess();
 }
 
-StackTrace::StackTrace() : StackTrace(stacktrace_platform::processHandle()) {}
-
 StackTrace::StackTrace(ProcessHandle process) {
     const std::string path = symbolSearchPath(currentDirectory(), executableDirectory(), systemRoot());
-    // The library takes any handle and fails later.
+    // The library accepts any handle and fails later.
     const bool isThisProcess = ::GetProcessId(process) == ::GetCurrentProcessId();
-    const bool hasTurn = isThisProcess && SymbolTurn::take(SymbolTurn::kTracePatienceMs);
-    if (!hasTurn || ::SymInitialize(process, path.c_str(), /*fInvadeProcess=*/FALSE) == FALSE) {
-        if (hasTurn) SymbolTurn::giveBack();
+    const SymbolLibrary* const library =
+        isThisProcess && m_lock.acquire(SymbolLock::kTraceTimeoutMs) ? SymbolLibrary::get() : nullptr;
+    if (library == nullptr || library->initialize(process, path.c_str(), /*fInvadeProcess=*/FALSE) == FALSE) {
+        m_lock.release();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", path);
         return;
     }
-    m_processId = ::GetCurrentProcessId();
     m_process = process;
-    ::SymSetOptions(::SymGetOptions() | SYMOPT_LOAD_LINES | SYMOPT_FAIL_CRITICAL_ERRORS);
-    // The library settles the effective path when it is asked for it.
+    library->setOptions(library->getOptions() | SYMOPT_LOAD_LINES | SYMOPT_FAIL_CRITICAL_ERRORS);
+    // Asking for the path makes the library settle it.
     char effectivePath[kBufferSize] = {};
-    ::SymGetSearchPath(process, effectivePath, kBufferSize);
+    library->getSearchPath(process, effectivePath, kBufferSize);
 }
 
 StackTrace::~StackTrace() {
-    if (m_process == nullptr) return;
-    ::SymCleanup(m_process);
-    SymbolTurn::giveBack();
+    if (m_process != nullptr) SymbolLibrary::get()->cleanup(m_process);
 }
 
 void StackTrace::loadModules() {
@@ -156,18 +151,18 @@ void StackTrace::loadModules() {
     entry.dwSize = sizeof(entry);
     for (BOOL more = ::Module32First(snapshot.get(), &entry); more != FALSE;
          more = ::Module32Next(snapshot.get(), &entry)) {
-        // Extended with its sign, as the symbol library does with addresses of 32 bits.
-        const auto base = static_cast<int64_t>(reinterpret_cast<intptr_t>(entry.modBaseAddr));
-        loadModule(m_process, entry.szExePath, entry.szModule, static_cast<uint64_t>(base), entry.modBaseSize);
+        loadModule(m_process, entry.szExePath, entry.szModule, symbolAddress(entry.modBaseAddr), entry.modBaseSize);
     }
     m_modulesLoaded = true;
 }
 
 bool StackTrace::loadModule(ProcessHandle process, const std::string& image, const std::string& module, uint64_t base,
                             uint32_t size) {
-    // Set by the library when it fails, and left alone when the module is there already.
+    const SymbolLibrary* const library = SymbolLibrary::get();
+    if (library == nullptr) return false;
+    // The library sets the error when it fails, and leaves it alone if it knows the module already.
     ::SetLastError(ERROR_SUCCESS);
-    if (::SymLoadModule64(process, /*hFile=*/nullptr, image.c_str(), module.c_str(), base, size) != 0) return true;
+    if (library->loadModule(process, /*hFile=*/nullptr, image.c_str(), module.c_str(), base, size) != 0) return true;
     if (::GetLastError() == ERROR_SUCCESS) return true;
     MLOG(Norm, "NS_CORE::StackTrace::loadModule", "failed to load image=%s module=%d base_addr=%d, size=%d", image,
          module, base, size);
@@ -180,7 +175,7 @@ bool StackTrace::loadModule(ProcessHandle process, const std::string& image, con
         return false;
     }
     loadModules();
-    // Taken by hand: RtlCaptureContext does not answer for its caller's own frame everywhere.
+    // By hand, because RtlCaptureContext skips its caller's own frame on some systems.
     CONTEXT context{};
     context.ContextFlags = CONTEXT_FULL;
     asm volatile("call 1f\n1: popl %0" : "=r"(context.Eip));
@@ -188,13 +183,13 @@ bool StackTrace::loadModule(ProcessHandle process, const std::string& image, con
     asm volatile("movl %%esp, %0" : "=r"(context.Esp));
     STACKFRAME64 frame = flatFrame(context);
     const HANDLE thread = ::GetCurrentThread();
-    while (::StackWalk64(IMAGE_FILE_MACHINE_I386, m_process, thread, &frame, &context, /*ReadMemoryRoutine=*/nullptr,
-                         ::SymFunctionTableAccess64, ::SymGetModuleBase64,
-                         /*TranslateAddress=*/nullptr) != FALSE &&
+    const SymbolLibrary& library = *SymbolLibrary::get();
+    while (library.walk(IMAGE_FILE_MACHINE_I386, m_process, thread, &frame, &context, /*ReadMemoryRoutine=*/nullptr,
+                        library.functionTable, library.moduleBase, /*TranslateAddress=*/nullptr) != FALSE &&
            frames.size() < maxFrames) {
         const WalkStep step = walkStep(frame.AddrPC.Offset, frame.AddrReturn.Offset);
         if (step == WalkStep::Stop) break;
-        frames.push_back(describe(m_process, frame.AddrPC.Offset));
+        frames.push_back(describe(library, m_process, frame.AddrPC.Offset));
         if (step == WalkStep::TakeAndStop) break;
     }
     return true;

@@ -4,29 +4,32 @@
 
 namespace NS_CORE {
 
-// The system's symbol library, which walks stacks and writes dumps, serves one caller at a time. Whoever uses it holds
-// a turn meanwhile. A thread that has one may take another, so that a fault inside the library can still be reported.
-//
-// Nobody waits for ever: the one whose turn it is may itself wait for something that the caller has, or be broken.
-class SymbolTurn {
+// The process-wide lock around the system's symbol library, which walks stacks, looks up names and writes dumps, and
+// which is not thread-safe. It is recursive, so that a trace taken in the middle of a trace works. Every wait has a
+// limit, because the holder may have crashed, or may itself wait for something that the caller holds.
+class SymbolLock {
 public:
     // How long traces and dumps wait for another thread's trace.
-    static constexpr uint32_t kTracePatienceMs = 5000;
+    static constexpr uint32_t kTraceTimeoutMs = 5000;
 
-    // Waits that long at most. True: the same thread has to give it back.
-    [[nodiscard]] static bool take(uint32_t patienceMs);
-    static void giveBack();
+    // Does not hold the lock yet.
+    SymbolLock() = default;
+    // Holds the lock if it could be acquired in time.
+    explicit SymbolLock(uint32_t timeoutMs) { acquire(timeoutMs); }
+    ~SymbolLock() { release(); }
+    SymbolLock(const SymbolLock&) = delete;
+    SymbolLock& operator=(const SymbolLock&) = delete;
 
-    // A turn for a scope, if it can be had in time.
-    explicit SymbolTurn(uint32_t patienceMs) : m_isHeld(take(patienceMs)) {}
-    ~SymbolTurn() {
-        if (m_isHeld) giveBack();
-    }
-    SymbolTurn(const SymbolTurn&) = delete;
-    SymbolTurn& operator=(const SymbolTurn&) = delete;
+    // Waits for the lock; returns whether this object holds it then. Call it at most once before release.
+    bool acquire(uint32_t timeoutMs);
+
+    // Does nothing if this object does not hold the lock. Only the thread that acquired it may release it.
+    void release();
+
+    bool isHeld() const { return m_isHeld; }
 
 private:
-    bool m_isHeld;
+    bool m_isHeld = false;
 };
 
 } // namespace NS_CORE

@@ -8,9 +8,9 @@
 namespace NS_CORE {
 namespace {
 
-// The standard library's own recursive mutex with a time limit waits in a way that the thread sanitizer does not see.
-struct TurnMutex {
-    TurnMutex() {
+// Not std::recursive_timed_mutex: the thread sanitizer does not see the call by which that one waits.
+struct RecursiveMutex {
+    RecursiveMutex() {
         pthread_mutexattr_t attributes;
         ::pthread_mutexattr_init(&attributes);
         ::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
@@ -21,27 +21,34 @@ struct TurnMutex {
 };
 
 pthread_mutex_t* theMutex() {
-    static NeverDestroyed<TurnMutex> one;
+    static NeverDestroyed<RecursiveMutex> one;
     return &one->mutex;
+}
+
+timespec afterNow(uint32_t milliseconds) {
+    constexpr long kNanoseconds = 1'000'000'000;
+    timespec time{};
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    time.tv_sec += static_cast<time_t>(milliseconds / 1000);
+    time.tv_nsec += static_cast<long>(milliseconds % 1000) * 1'000'000;
+    if (time.tv_nsec >= kNanoseconds) {
+        ++time.tv_sec;
+        time.tv_nsec -= kNanoseconds;
+    }
+    return time;
 }
 
 } // namespace
 
-bool SymbolTurn::take(uint32_t patienceMs) {
-    constexpr long kNanoseconds = 1'000'000'000;
-    timespec end{};
-    ::clock_gettime(CLOCK_REALTIME, &end);
-    end.tv_sec += static_cast<time_t>(patienceMs / 1000);
-    end.tv_nsec += static_cast<long>(patienceMs % 1000) * 1'000'000;
-    if (end.tv_nsec >= kNanoseconds) {
-        ++end.tv_sec;
-        end.tv_nsec -= kNanoseconds;
-    }
-    return ::pthread_mutex_timedlock(theMutex(), &end) == 0;
+bool SymbolLock::acquire(uint32_t timeoutMs) {
+    const timespec end = afterNow(timeoutMs);
+    m_isHeld = ::pthread_mutex_timedlock(theMutex(), &end) == 0;
+    return m_isHeld;
 }
 
-void SymbolTurn::giveBack() {
-    ::pthread_mutex_unlock(theMutex());
+void SymbolLock::release() {
+    if (m_isHeld) ::pthread_mutex_unlock(theMutex());
+    m_isHeld = false;
 }
 
 } // namespace NS_CORE

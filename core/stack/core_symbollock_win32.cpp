@@ -1,12 +1,11 @@
-#include "core/stack/core_symbollock.h"
-
 #include <windows.h>
+
+#include "core/stack/core_symbollock.h"
 
 namespace NS_CORE {
 namespace {
 
-// The only lock of the system that a thread may take again and that is not waited for without limit. Without it, when
-// there are no more handles, nobody gets a turn.
+// The system's only recursive lock with a timeout. If it cannot be created, nobody ever acquires it.
 HANDLE theMutex() {
     static const HANDLE mutex = ::CreateMutexA(/*lpMutexAttributes=*/nullptr, /*bInitialOwner=*/FALSE,
                                                /*lpName=*/nullptr);
@@ -15,14 +14,16 @@ HANDLE theMutex() {
 
 } // namespace
 
-bool SymbolTurn::take(uint32_t patienceMs) {
-    const DWORD result = ::WaitForSingleObject(theMutex(), patienceMs);
-    // Abandoned by a thread that ended in the middle of it.
-    return result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
+bool SymbolLock::acquire(uint32_t timeoutMs) {
+    const DWORD result = ::WaitForSingleObject(theMutex(), timeoutMs);
+    // A thread that ended while it held the mutex abandoned it to us.
+    m_isHeld = result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
+    return m_isHeld;
 }
 
-void SymbolTurn::giveBack() {
-    ::ReleaseMutex(theMutex());
+void SymbolLock::release() {
+    if (m_isHeld) ::ReleaseMutex(theMutex());
+    m_isHeld = false;
 }
 
 } // namespace NS_CORE

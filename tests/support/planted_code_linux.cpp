@@ -5,35 +5,49 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 #include <thread>
 
 #include "core/stack/core_stacktrace.h"
-#include "tests/support/planted_code.h"
-#include "tests/support/planted_code_platform.h"
+#include "tests/support/planted_code_linux.h"
 
 namespace test {
 
-void allowWriting(void* code, size_t size) {
+namespace {
+
+void overwrite(void* function, std::string_view code) {
     const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const uintptr_t first = reinterpret_cast<uintptr_t>(code) / page * page;
-    const size_t length = reinterpret_cast<uintptr_t>(code) + size - first;
+    const uintptr_t first = reinterpret_cast<uintptr_t>(function) / page * page;
+    const size_t length = reinterpret_cast<uintptr_t>(function) + code.size() - first;
     EXPECT_EQ(::mprotect(reinterpret_cast<void*>(first), length, PROT_READ | PROT_WRITE | PROT_EXEC), 0);
+    std::memcpy(function, code.data(), code.size());
 }
 
-void* dumpWriter() {
+} // namespace
+
+void makeFault(void* function) {
+    overwrite(function, "\x0f\x0b"); // an undefined instruction
+}
+
+void makeHang(void* function) {
+    overwrite(function, "\xeb\xfe"); // a jump to itself
+}
+
+void* symbolReader() {
     return reinterpret_cast<void*>(&dwfl_addrmodule);
 }
 
 void holdSymbolLibrary() {
     // Under the library's lock, which nobody else gets then.
-    makeHang(dumpWriter());
+    makeHang(symbolReader());
     static std::atomic<bool> begins;
     std::thread([] {
         begins = true;
         NS_CORE::StackTrace().toText();
     }).detach();
     while (!begins) std::this_thread::yield();
-    // No sign can come from where it hangs; the fault is right whether it is there already or not.
+    // Where it hangs it cannot give a sign; the test passes whether it is there already or not.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }
 

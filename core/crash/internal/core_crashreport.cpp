@@ -22,14 +22,6 @@ struct StreamCloser {
     void operator()(std::FILE* stream) const { std::fclose(stream); }
 };
 
-std::string programName(std::string_view executable, char separator) {
-    std::string_view name = executable.substr(executable.find_last_of(separator) + 1);
-    if (name.empty()) return "unknown";
-    constexpr std::string_view kExtension = ".exe";
-    if (name.ends_with(kExtension)) name.remove_suffix(kExtension.size());
-    return std::string(name);
-}
-
 std::string timeStamp() {
     const std::tm now = localTimeOf(systemNow().seconds);
     std::array<char, 30> text;
@@ -43,38 +35,52 @@ bool isGuardSwitchedOff(int argc, char** argv) {
                        [](const char* word) { return std::string_view(word) == "jitd"; });
 }
 
-CrashNames crashNames(std::string_view version, std::string_view executable, std::string_view dumpsPath,
+std::string programName(std::string_view executable, char separator) {
+    std::string_view name = executable.substr(executable.find_last_of(separator) + 1);
+    if (name.empty()) return "unknown";
+    constexpr std::string_view kExtension = ".exe";
+    if (name.ends_with(kExtension)) name.remove_suffix(kExtension.size());
+    return std::string(name);
+}
+
+CrashNames crashNames(const char* version, std::string_view program, std::string_view dumpsPath,
                       std::string_view logsPath, char separator) {
     CrashNames names;
     names.version = version;
-    names.name = programName(executable, separator);
-    names.dumpsDirectory = dumpsPath;
-    std::replace(names.dumpsDirectory.begin(), names.dumpsDirectory.end(), '/', separator);
-    names.dumpFile = formatString("%s%c%s-%s.dmp", names.dumpsDirectory, separator, names.name, names.version);
-    names.historyFile = formatString("%s/dumps.log", logsPath);
+    names.name << program;
+    names.dumpsDirectory << "./" << dumpsPath;
+    names.dumpsDirectory.replace('/', separator);
+    names.dumpFile << names.dumpsDirectory.view() << std::string_view(&separator, 1) << program << "-" << version
+                   << ".dmp";
+    names.historyFile << "./" << logsPath << "/dumps.log";
     return names;
 }
 
-CrashNames crashNames() {
+CrashNames crashNames(std::string_view program) {
+    const auto path = [](PathKind kind) { return isPathSet(kind) ? std::string_view(getPath(kind)) : ""; };
+    return crashNames(versionWithBuildId(), program, path(PathKind::Dumps), path(PathKind::Logs),
+                      kPathSeparator);
+}
+
+std::string runningProgramName() {
     std::string executable;
     if (!Dir::getModuleFilename(executable)) executable.clear();
-    return crashNames(versionWithBuildId(), executable, dotPath(PathKind::Dumps), dotPath(PathKind::Logs),
-                      kPathSeparator);
+    return programName(executable, kPathSeparator);
 }
 
 void logDump(const CrashNames& names, const std::optional<std::string>& error) {
     if (!MasterLogger::isOn(LogLevel::Crit)) return;
-    MasterLogger::logText(
-        LogLevel::Crit, error ? formatString("Failed to write minidump for '%s' to '%s', version '%s' (%s)", names.name,
-                                             names.dumpFile, names.version, *error)
-                              : formatString("Wrote minidump for '%s' to '%s', version '%s'", names.name,
-                                             names.dumpFile, names.version));
+    MasterLogger::logText(LogLevel::Crit,
+                          error ? formatString("Failed to write minidump for '%s' to '%s', version '%s' (%s)",
+                                               names.name.view(), names.dumpFile.view(), names.version, *error)
+                                : formatString("Wrote minidump for '%s' to '%s', version '%s'", names.name.view(),
+                                               names.dumpFile.view(), names.version));
 }
 
 void appendToHistory(const CrashNames& names) {
-    const std::unique_ptr<std::FILE, StreamCloser> history(Wrapper::fopen(names.historyFile, "a"));
+    const std::unique_ptr<std::FILE, StreamCloser> history(Wrapper::fopen(names.historyFile.c_str(), "a"));
     if (!history) return;
-    const std::string line = formatString("%s: %s %s\n", timeStamp(), names.name, names.version);
+    const std::string line = formatString("%s: %s %s\n", timeStamp(), names.name.view(), names.version);
     std::fwrite(line.data(), 1, line.size(), history.get());
 }
 

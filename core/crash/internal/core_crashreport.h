@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/crash/internal/core_fixedtext.h"
+
 namespace NS_CORE {
 
 // What the crash guard writes, apart from catching faults and writing the dump itself.
@@ -13,36 +15,41 @@ namespace NS_CORE {
 // Whether one of argv[1] and on is exactly "jitd".
 bool isGuardSwitchedOff(int argc, char** argv);
 
-// How long the report of a fault may take before the process is ended as if it had been made: on Windows all of it,
-// on Linux each of its parts, of which the next is then still tried. Tests shorten it.
-inline constinit std::atomic<uint32_t> g_crashPatienceMs{20'000};
+// How long the report of a fault may go without progress before it is given up. Progress is a byte of the dump, or a
+// step of the report; so a busy machine loses nothing. Tests shorten it.
+inline constinit std::atomic<uint32_t> g_crashPatienceMs{30'000};
 
 struct CrashNames {
-    std::string version;        // tag and build id
-    std::string name;           // the executable's, without directory and ".exe"
-    std::string dumpsDirectory; // with the platform's separators
-    std::string dumpFile;       // the same for all crashes of a build; the next one overwrites it
-    std::string historyFile;    // keeps one line for each
-
-    bool operator==(const CrashNames&) const = default;
+    const char* version = ""; // tag and build id
+    FixedText name;           // the program's
+    FixedText dumpsDirectory; // with the platform's separators
+    FixedText dumpFile;       // the same for all crashes of a build: the next one overwrites it
+    FixedText historyFile;    // has one line for each
 };
 
-// executable  the running executable's path; empty when unknown, which the name then says.
-// dumpsPath, logsPath  as dotPath gives them.
-// separator   the platform's, '\' or '/'.
-CrashNames crashNames(std::string_view version, std::string_view executable, std::string_view dumpsPath,
+// Returns the program's name: the executable's without directory and ".exe"; "unknown" for an empty one.
+std::string programName(std::string_view executable, char separator);
+
+// Returns the names for this version and program. Allocates nothing, takes no lock, fails no check.
+// dumpsPath, logsPath  as getPath returns them.
+// separator            the platform's, '\' or '/'.
+CrashNames crashNames(const char* version, std::string_view program, std::string_view dumpsPath,
                       std::string_view logsPath, char separator);
 
-// Those of this process, from the application's paths. Logs what its sources log.
-CrashNames crashNames();
+// The names for this process, with the application's paths as they are now. May be called in a signal handler after a
+// first call elsewhere. `program` is programName of the running executable, which can only be found out before a fault.
+CrashNames crashNames(std::string_view program);
+
+// Returns programName of the running executable.
+std::string runningProgramName();
 
 // Logs at CRIT what became of the dump. error: why it could not be written, in the system's words.
 void logDump(const CrashNames& names, const std::optional<std::string>& error);
 
-// Adds "TIME: NAME VERSION" with the local time to the history. Silent when the file does not open.
+// Appends "TIME: NAME VERSION" with the local time to the history. Silent if the file cannot be opened.
 void appendToHistory(const CrashNames& names);
 
-// "Invalid parameter detected (exp=%s) (func=%s) (file=%s:%d)". Each text may be null, and then reads "(null)".
+// Returns "Invalid parameter detected (exp=%s) (func=%s) (file=%s:%d)". A null text reads "(null)".
 std::string invalidParameterText(const char* expression, const char* function, const char* file, unsigned int line);
 
 } // namespace NS_CORE

@@ -4,21 +4,12 @@
 
 namespace NS_CORE {
 
-#if defined(_MSC_VER)
+#if !defined(__GNUC__) || !defined(__i386__)
+#error "The frame below is that of 32-bit x86"
+#endif
 
-SehOutcome runGuarded(void (*body)(void*), SehVerdict (*filter)(_EXCEPTION_POINTERS*, void*), void* context) {
-    __try {
-        body(context);
-    } __except (static_cast<int>(filter(GetExceptionInformation(), context))) {
-        return SehOutcome::Caught;
-    }
-    return SehOutcome::Returned;
-}
-
-#elif defined(__GNUC__) && defined(__i386__)
-
-// GCC has no __try for this processor, so the frame that __try would have built is built by hand. Handlers found on
-// the stack are honoured only while the image does not claim to have none: never link with --no-seh.
+// GCC has no __try for this processor, so this unit builds by hand the frame that __try would build. Windows calls
+// handlers on the stack only for images that may have some: never link with --no-seh.
 namespace {
 
 struct GuardFrame {
@@ -32,20 +23,19 @@ EXCEPTION_REGISTRATION_RECORD* frameChain() {
     return reinterpret_cast<EXCEPTION_REGISTRATION_RECORD*>(__readfsdword(0));
 }
 
-// The barriers keep the compiler, which does not know that the system reads the frame, from dropping or moving
-// the stores to it.
+// The compiler does not know that the system reads the frame; the barriers keep it from dropping or moving stores.
 void setFrameChain(EXCEPTION_REGISTRATION_RECORD* head) {
     asm volatile("" ::: "memory");
     __writefsdword(0, reinterpret_cast<DWORD>(head));
     asm volatile("" ::: "memory");
 }
 
-// The system calls it with whatever stack alignment the fault left.
+// The system calls it with the stack alignment of the fault.
 [[gnu::force_align_arg_pointer]] EXCEPTION_DISPOSITION __cdecl handleException(EXCEPTION_RECORD* exception, void* frame,
                                                                                CONTEXT* processor, void*) {
     if ((exception->ExceptionFlags & (EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND)) != 0)
         return ExceptionContinueSearch;
-    // In memory, because RtlUnwind does not keep the registers on every system.
+    // In memory, because RtlUnwind does not preserve the registers on every system.
     GuardFrame* volatile guard = static_cast<GuardFrame*>(frame);
     EXCEPTION_POINTERS pointers{exception, processor};
     if (guard->filter(&pointers, guard->context) != SehVerdict::ExecuteHandler) return ExceptionContinueSearch;
@@ -53,13 +43,24 @@ void setFrameChain(EXCEPTION_REGISTRATION_RECORD* head) {
     __builtin_longjmp(guard->resume, 1);
 }
 
+// Also unlinks the frame when a C++ exception leaves the scope.
+class LinkedFrame {
+public:
+    explicit LinkedFrame(EXCEPTION_REGISTRATION_RECORD& record) : m_outer(record.Next) { setFrameChain(&record); }
+    ~LinkedFrame() { setFrameChain(m_outer); }
+    LinkedFrame(const LinkedFrame&) = delete;
+    LinkedFrame& operator=(const LinkedFrame&) = delete;
+
+private:
+    EXCEPTION_REGISTRATION_RECORD* m_outer;
+};
+
 } // namespace
 
 [[gnu::noinline]] SehOutcome runGuarded(void (*body)(void*), SehVerdict (*filter)(_EXCEPTION_POINTERS*, void*),
                                         void* context) {
-    EXCEPTION_REGISTRATION_RECORD* const outer = frameChain();
     GuardFrame guard{};
-    guard.record.Next = outer;
+    guard.record.Next = frameChain();
     guard.record.Handler = reinterpret_cast<PEXCEPTION_ROUTINE>(&handleException);
     guard.filter = filter;
     guard.context = context;
@@ -67,14 +68,9 @@ void setFrameChain(EXCEPTION_REGISTRATION_RECORD* head) {
         setFrameChain(guard.record.Next);
         return SehOutcome::Caught;
     }
-    setFrameChain(&guard.record);
+    const LinkedFrame linked(guard.record);
     body(context);
-    setFrameChain(outer);
     return SehOutcome::Returned;
 }
-
-#else
-#error "No structured-exception guard for this compiler and processor"
-#endif
 
 } // namespace NS_CORE

@@ -1,15 +1,10 @@
+#include "core/crash/internal/core_stackprotector_win32.h"
+
 #include <windows.h>
-
-#include <cstdint>
-
-// What the code that the compiler adds under -fstack-protector-strong asks for. Both names are the compiler's. Its own
-// library for this is not linked: that one loads the system's cryptography at every start for its random number, which
-// takes longer than all the rest of the start.
 
 namespace {
 
-// As random as the system's own headers' default for this: clocks, ids and where the stack lies. The lowest byte is 0,
-// so that no text that runs over its end can carry the value.
+// As random as the default of Microsoft's own runtime: clocks, ids and the stack's address.
 [[gnu::no_stack_protector]] uintptr_t makeGuard() {
     LARGE_INTEGER ticks = {};
     ::QueryPerformanceCounter(&ticks);
@@ -33,13 +28,11 @@ extern "C" {
 
 uintptr_t __stack_chk_guard = 0xBB40E600;
 
-// Before every initialiser of the program's own; no function that has saved the first value returns after it.
+// Runs before every initialiser of the program. No function that has saved the first value returns after it.
 [[gnu::constructor(101), gnu::no_stack_protector]] void quorkeriSetStackGuard() {
     __stack_chk_guard = makeGuard();
 }
 
-// The stack is not to be trusted any more, nor are the exception handlers on it: the process ends here, and Windows'
-// error reporting takes the dump where it is told to.
 [[noreturn]] void __stack_chk_fail() {
     if (::IsProcessorFeaturePresent(PF_FASTFAIL_AVAILABLE) != FALSE) {
         asm volatile("int $0x29" : : "c"(FAST_FAIL_STACK_COOKIE_CHECK_FAILURE) : "memory");

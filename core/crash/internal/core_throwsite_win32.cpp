@@ -20,7 +20,7 @@ uintptr_t addressOf(const void* function) {
     return reinterpret_cast<uintptr_t>(function);
 }
 
-// Whether the code belongs to what the runtime library goes through on its way from the throw to terminate.
+// Whether the function is one of the runtime library's between the throw and terminate.
 bool isOnTheWay(uintptr_t function) {
     const std::array way = {
         addressOf(reinterpret_cast<const void*>(&abi::__cxa_throw)),
@@ -37,7 +37,7 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     auto& search = *static_cast<Search*>(data);
     int isBeforeInstruction = 0;
     const uintptr_t instruction = _Unwind_GetIPInfo(context, &isBeforeInstruction);
-    // The call that never returns may be the last of its function.
+    // A call that never returns may be the last instruction of its function; its return address lies behind that.
     const uintptr_t inside = isBeforeInstruction != 0 ? instruction : instruction - 1;
     const uintptr_t function = addressOf(_Unwind_FindEnclosingFunction(reinterpret_cast<void*>(inside)));
     if (!search.isTerminatePassed) {

@@ -4,16 +4,16 @@
 
 namespace NS_CORE {
 
-// Where a C++ exception that nobody catches was thrown, or a pure virtual function called: the state of that function
-// as a debugger needs it to go on from there to its callers.
+// The place where an uncaught C++ exception was thrown, or a pure virtual function called: the registers of that
+// function, from which a debugger finds its callers.
 struct ThrowSite {
-    uint32_t instruction = 0; // 0 when it was not found
+    uint32_t instruction = 0; // 0 if it was not found
     uint32_t stack = 0;
     uint32_t frame = 0;
 };
 
-// To be asked in a terminate handler, with the stack still as it was thrown. The runtime library's functions, which
-// are of no interest and hard to walk for a debugger, are left behind.
+// Call it in a terminate handler, while the stack is still as it was at the throw. Skips the runtime library's
+// functions, which say nothing about the program and which debuggers walk badly.
 ThrowSite findThrowSite();
 
 } // namespace NS_CORE

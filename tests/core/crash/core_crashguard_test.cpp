@@ -2,37 +2,143 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
+#include <memory>
 #include <thread>
 
-#include "core/crash/internal/core_crashreport.h"
-#include "core/identity/core_paths.h"
-#include "core/identity/core_rcsname.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/stack/core_stacktrace.h"
+#include "tests/core/crash/crash_fixture.h"
 #include "tests/support/child.h"
-#include "tests/support/crash_kinds.h"
-#include "tests/support/history_lines.h"
-#include "tests/support/self_process.h"
-#include "tests/support/temp_dir.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using test::SelfProcess;
-
-std::string g_kind; // what the child's application is to do
 
 constexpr int kUnnoticed = 55; // the crash did nothing
 
-int application(int argc, char** argv) {
-    if (g_kind == "arguments") return argc * 10 + static_cast<int>(std::string_view(argv[argc - 1]).size());
-    if (g_kind == "thread") {
-        std::thread([] { test::crash("null"); }).join();
-        return kUnnoticed;
+// Does something with each record that begins so, then hands it to standard output.
+class ActingLog : public NS_CORE::LogImpl {
+public:
+    ActingLog(std::string start, std::function<void()> act) : m_start(std::move(start)), m_act(std::move(act)) {}
+    void log(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char* text, size_t length) override {
+        if (std::string_view(text, length).starts_with(m_start)) m_act();
     }
-    test::crash(g_kind);
+
+private:
+    std::string m_start;
+    std::function<void()> m_act;
+};
+
+void actOn(const std::string& start, std::function<void()> act) {
+    NS_CORE::MasterLogger::setImplementation(std::make_unique<ActingLog>(start, std::move(act)));
+}
+
+[[noreturn]] void waitForever() {
+    for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+// Runs on a thread of its own for good. Returns when it has called begun().
+void inBackground(const std::function<void(const std::function<void()>& begun)>& act) {
+    static std::atomic<bool> hasBegun;
+    hasBegun = false;
+    std::thread([act] { act([] { hasBegun = true; }); }).detach();
+    while (!hasBegun) std::this_thread::yield();
+}
+
+// Writes beyond what it was given, all over the memory that is to be given out next.
+[[maybe_unused]] void breakHeap() {
+    constexpr size_t kBlocks = 200;
+    constexpr size_t kBeyond = 512;
+    void* blocks[10][kBlocks];
+    for (size_t kind = 0; kind < std::size(blocks); ++kind) {
+        for (void*& block : blocks[kind]) block = std::malloc(24U << kind);
+    }
+    for (size_t kind = 0; kind < std::size(blocks); ++kind) {
+        for (size_t index = 0; index < kBlocks; index += 2) std::free(blocks[kind][index]);
+        // Volatile, or the compiler may see that nobody reads it.
+        for (size_t index = 1; index < kBlocks; index += 2) {
+            auto* const bytes = static_cast<volatile char*>(blocks[kind][index]);
+            for (size_t at = 0; at < (24U << kind) + kBeyond; ++at) bytes[at] = 'A';
+        }
+    }
+}
+
+struct FaultsWhenDestroyed {
+    FaultsWhenDestroyed() = default;
+    ~FaultsWhenDestroyed() { test::crash("null"); }
+    FaultsWhenDestroyed(const FaultsWhenDestroyed&) = delete;
+    FaultsWhenDestroyed& operator=(const FaultsWhenDestroyed&) = delete;
+};
+
+const test::Preparations& preparations() {
+    // Never destroyed: some crash on the way out of the process.
+    static const auto& all = *new test::Preparations{
+        {"nothing", [] {}},
+        {"crit-off",
+         [] {
+             NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit, 0);
+             NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Crit, 0);
+         }},
+        {"traced",
+         [] {
+             inBackground([](const auto& begun) {
+                 for (;;) {
+                     begun();
+                     NS_CORE::StackTrace().toText();
+                 }
+             });
+         }},
+        {"log-looks",
+         [] {
+             actOn("Wrote", [] {
+                 std::printf("dump %d, history %d\n", !fs::is_empty("work/dumps"), fs::exists("work/logs/dumps.log"));
+             });
+         }},
+        {"log-faults", [] { actOn("Wrote", [] { test::crash("null"); }); }},
+        {"log-throws", [] { actOn("Wrote", [] { test::crash("exception"); }); }},
+        {"log-hangs", [] { actOn("Wrote", &waitForever); }},
+        {"log-held",
+         [] {
+             inBackground([](const auto& begun) {
+                 actOn("held", [begun] {
+                     begun();
+                     waitForever();
+                 });
+                 NS_CORE::MasterLogger::logText(NS_CORE::LogLevel::Crit, "held");
+             });
+         }},
+        {"terminate-faults", [] { std::set_terminate([] { test::crash("null"); }); }},
+        {"exit-faults", [] { std::atexit([] { test::crash("null"); }); }},
+        {"exit-aborts", [] { std::atexit([] { test::crash("abort"); }); }},
+        {"exit-throws", [] { std::atexit([] { test::crash("exception"); }); }},
+        {"static-faults", [] { static const FaultsWhenDestroyed one; }},
+        {"exit-hangs", [] { std::atexit(&waitForever); }},
+    };
+    return all;
+}
+
+std::string g_act;
+std::string g_preparation;
+
+int application(int argc, char** argv) {
+    const auto own = preparations().find(g_preparation);
+    (own != preparations().end() ? own->second : test::platformPreparations().at(g_preparation))();
+    if (g_act == "arguments") return argc * 10 + static_cast<int>(std::string_view(argv[argc - 1]).size());
+    if (g_act == "thread") std::thread([] { test::crash("null"); }).join();
+    if (g_act == "heap") breakHeap();
+    if (g_act == "in-log") {
+        // Under the logger's lock, which the report needs.
+        actOn("", [] { test::crash("null"); });
+        NS_CORE::MasterLogger::logText(NS_CORE::LogLevel::Crit, "a record");
+    }
+    if (g_act == "heap" || g_act == "twice") test::crash("null");
+    test::crash(g_act);
     return kUnnoticed;
 }
 
@@ -44,38 +150,27 @@ int guardWith(const std::vector<std::string>& words) {
     return NS_CORE::guard(static_cast<int>(argv.size()), argv.data(), &application);
 }
 
-// kind, working directory, words for the command line
+// act, working directory; then, if they matter: preparation, patience in milliseconds, words for the command line
 const test::ChildProgram g_guarded("guarded", [](const std::vector<std::string>& arguments) {
-    g_kind = arguments.at(0);
-    fs::current_path(arguments.at(1));
-    NS_CORE::setDefaultPaths();
+    test::leaveMemoryBehind();
     test::endQuietlyOnUnhandledFaults();
-    return guardWith({arguments.begin() + 2, arguments.end()});
-});
-
-const test::ChildProgram g_guardedSilently("guarded-silently", [](const std::vector<std::string>& arguments) {
-    NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit, 0);
-    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Crit, 0);
-    g_kind = arguments.at(0);
     fs::current_path(arguments.at(1));
     NS_CORE::setDefaultPaths();
-    return guardWith({});
+    g_act = "arguments";
+    g_preparation = "nothing";
+    if (arguments.at(0) == "twice" && guardWith({"one"}) != 23) return 1;
+    g_act = arguments.at(0);
+    if (arguments.size() > 2) g_preparation = arguments[2];
+    if (arguments.size() > 3) NS_CORE::g_crashPatienceMs = static_cast<uint32_t>(std::stoul(arguments[3]));
+    return guardWith({arguments.begin() + std::min<std::ptrdiff_t>(4, std::ssize(arguments)), arguments.end()});
 });
 
-const test::ChildProgram g_guardedTwice("guarded-twice", [](const std::vector<std::string>& arguments) {
-    g_kind = "arguments";
-    if (guardWith({"one"}) != 23) return 1;
-    g_kind = arguments.at(0);
-    fs::current_path(arguments.at(1));
-    NS_CORE::setDefaultPaths();
-    return guardWith({});
-});
-
-// What the guard needs from the fault to its result, dump and both lines included.
+// Prints how many milliseconds pass from the fault to the guard's result. For docs/performance.md.
 const test::ChildProgram g_timed("guarded-timed", [](const std::vector<std::string>& arguments) {
-    g_kind = arguments.at(0);
-    fs::current_path(arguments.at(1));
+    fs::current_path(arguments.at(0));
     NS_CORE::setDefaultPaths();
+    g_act = "null";
+    g_preparation = "nothing";
     const auto start = std::chrono::steady_clock::now();
     guardWith({});
     const auto taken = std::chrono::steady_clock::now() - start;
@@ -83,156 +178,136 @@ const test::ChildProgram g_timed("guarded-timed", [](const std::vector<std::stri
     return 0;
 });
 
-// An installation's directories, as the service has them before its first crash.
-class CrashGuardTest : public testing::Test {
-protected:
-    CrashGuardTest() { fs::create_directories(m_directory.path() / "work/logs"); }
-
-    fs::path dumpFile() const {
-        return m_directory.path() / "work/dumps" /
-               ("core_tests-" + std::string(NS_CORE::versionWithBuildId()) + ".dmp");
-    }
-    fs::path historyFile() const { return m_directory.path() / "work/logs/dumps.log"; }
-    std::string directory() const { return m_directory.path().string(); }
-
-    // What a child prints, with '\n' for what the platform ends lines with.
-    static std::string outputOf(SelfProcess& child) {
-        std::string output = child.readAll();
-        std::erase(output, '\r');
-        return output;
-    }
-
-    // The dump's name as the log tells it.
-    static std::string toldDumpFile() {
-        NS_CORE::setDefaultPaths();
-        return NS_CORE::crashNames().dumpFile;
-    }
-    static std::string writtenLine() {
-        return "[CRIT] Wrote minidump for 'core_tests' to '" + toldDumpFile() + "', version '" +
-               NS_CORE::versionWithBuildId() + "'\n";
-    }
-
-    void expectHistory(int lines) const {
-        std::string expected;
-        for (int count = 0; count < lines; ++count)
-            expected += "TIME: core_tests " + std::string(NS_CORE::versionWithBuildId()) + "\n";
-        EXPECT_EQ(test::withoutTimes(test::readFile(historyFile())), expected);
-    }
-
-    test::TempDir m_directory;
-};
-
-class CrashKindTest : public CrashGuardTest, public testing::WithParamInterface<std::string> {};
+class CrashKindTest : public CrashTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(CrashKindTest, LeavesADumpALogLineAHistoryLineAndTheResult) {
-    SelfProcess child("guarded", {GetParam(), directory()});
-    EXPECT_EQ(outputOf(child), writtenLine());
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-    EXPECT_GT(fs::file_size(dumpFile()), 100U);
-    expectHistory(1);
+    expectFullReport({.act = GetParam()});
 }
 
 INSTANTIATE_TEST_SUITE_P(All, CrashKindTest, testing::ValuesIn(test::crashKinds()),
                          [](const auto& kind) { return kind.param; });
 
-TEST_F(CrashGuardTest, SecondCrashOverwritesTheDumpAndAddsToTheHistory) {
-    fs::create_directories(dumpFile().parent_path());
+TEST_F(CrashTest, SecondCrashOverwritesTheDumpAndAddsToTheHistory) {
+    fs::create_directories(dumps());
     test::writeFile(dumpFile(), std::string(50'000'000, 'x'));
-    SelfProcess first("guarded", {"null", directory()});
-    EXPECT_EQ(first.wait(), test::kCrashExitCode);
-    SelfProcess second("guarded", {"null", directory()});
-    EXPECT_EQ(second.wait(), test::kCrashExitCode);
-    const auto dumps = std::distance(fs::directory_iterator(dumpFile().parent_path()), fs::directory_iterator());
-    EXPECT_EQ(dumps, 1);
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dumps()), fs::directory_iterator()), 1);
     EXPECT_LT(fs::file_size(dumpFile()), 50'000'000U);
-    expectHistory(2);
+    EXPECT_EQ(history(), historyLine() + historyLine());
 }
 
-TEST_F(CrashGuardTest, IsDoneBeforeTheReportIsGivenUp) {
-    SelfProcess child("guarded-timed", {"null", directory()});
-    const std::string output = outputOf(child);
-    EXPECT_EQ(child.wait(), 0);
-    ASSERT_TRUE(output.starts_with(writtenLine())) << output;
-    const int milliseconds = std::stoi(output.substr(writtenLine().size()));
-    std::printf("from fault to result: %d ms\n", milliseconds);
-    RecordProperty("milliseconds", milliseconds);
-    EXPECT_LT(milliseconds, 30'000);
-    expectHistory(1);
+TEST_F(CrashTest, WithCritOffStillWritesDumpAndHistory) {
+    expectCrash({.preparation = "crit-off"});
+    EXPECT_EQ(m_output, "");
 }
 
-TEST_F(CrashGuardTest, WithCritOffStillWritesDumpAndHistory) {
-    SelfProcess child("guarded-silently", {"null", directory()});
-    EXPECT_EQ(outputOf(child), "");
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-    EXPECT_GT(fs::file_size(dumpFile()), 0U);
-    expectHistory(1);
+TEST_F(CrashTest, WritesTheDumpBeforeTheLogAndTheLogBeforeTheHistory) {
+    expectCrash({.preparation = "log-looks"});
+    EXPECT_EQ(m_output, written() + "dump 1, history 0\n");
 }
 
-TEST_F(CrashGuardTest, SaysWhyTheDumpCouldNotBeWrittenAndKeepsTheHistory) {
-    // The dumps directory's name is taken by a file.
-    test::writeFile(m_directory.path() / "work/dumps", "in the way");
-    SelfProcess child("guarded", {"null", directory()});
-    const std::string output = outputOf(child);
-    const std::string start = "[CRIT] Failed to write minidump for 'core_tests' to '" + toldDumpFile() +
-                              "', version '" + NS_CORE::versionWithBuildId() + "' (";
-    EXPECT_TRUE(output.starts_with(start)) << output;
-    EXPECT_GT(output.size(), start.size() + 5) << "no error text in " << output;
-    // On Windows the system's text ends with a line break of its own.
-    EXPECT_TRUE(output.ends_with(")\n")) << output;
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-    expectHistory(1);
-}
-
-TEST_F(CrashGuardTest, WithoutALogDirectorySkipsTheHistorySilently) {
-    fs::remove(m_directory.path() / "work/logs");
-    SelfProcess child("guarded", {"null", directory()});
-    EXPECT_EQ(outputOf(child), writtenLine());
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-    EXPECT_GT(fs::file_size(dumpFile()), 0U);
+TEST_F(CrashTest, HandsArgumentsAndResultThrough) {
+    EXPECT_EQ(run({.act = "arguments", .words = {"one", "seven77"}}), 37);
+    EXPECT_EQ(run({.act = "arguments", .words = {"jitd"}}), 24);
     EXPECT_FALSE(fs::exists(historyFile()));
 }
 
-TEST_F(CrashGuardTest, HandsArgumentsAndResultThrough) {
-    SelfProcess child("guarded", {"arguments", directory(), "one", "seven77"});
-    EXPECT_EQ(child.wait(), 37);
-    EXPECT_FALSE(fs::exists(historyFile()));
+TEST_F(CrashTest, GuardsAgainAfterARunWithoutFault) {
+    expectFullReport({.act = "twice"});
 }
 
-TEST_F(CrashGuardTest, GuardsAgainAfterARunWithoutFault) {
-    SelfProcess child("guarded-twice", {"null", directory()});
-    EXPECT_EQ(outputOf(child), writtenLine());
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-}
-
-TEST_F(CrashGuardTest, WithTheSwitchWordRunsUnguarded) {
+TEST_F(CrashTest, IsSwitchedOffByOneWordInOneSpelling) {
     for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{{"jitd"}, {"install", "jitd"}}) {
-        std::vector<std::string> arguments{"null", directory()};
-        arguments.insert(arguments.end(), words.begin(), words.end());
-        SelfProcess child("guarded", arguments);
-        EXPECT_EQ(outputOf(child), "");
-        EXPECT_TRUE(test::isEndByUnhandledFault(child.wait()));
+        EXPECT_TRUE(test::isEndByUnhandledFault(run({.words = words})));
+        EXPECT_EQ(m_output, "");
         EXPECT_FALSE(fs::exists(dumpFile()));
         EXPECT_FALSE(fs::exists(historyFile()));
     }
+    expectFullReport({.words = {"JITD", "-jitd"}});
 }
 
-TEST_F(CrashGuardTest, WithTheSwitchWordStillHandsArgumentsAndResultThrough) {
-    SelfProcess child("guarded", {"arguments", directory(), "jitd"});
-    EXPECT_EQ(child.wait(), 24);
-}
-
-TEST_F(CrashGuardTest, OtherSpellingsOfTheSwitchWordDoNotSwitchOff) {
-    SelfProcess child("guarded", {"null", directory(), "JITD", "-jitd"});
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-    expectHistory(1);
-}
-
-TEST_F(CrashGuardTest, DoesNotCoverOtherThreads) {
-    SelfProcess child("guarded", {"thread", directory()});
-    EXPECT_EQ(outputOf(child), "");
-    EXPECT_TRUE(test::isEndByUnhandledFault(child.wait()));
+TEST_F(CrashTest, DoesNotCoverOtherThreads) {
+    EXPECT_TRUE(test::isEndByUnhandledFault(run({.act = "thread"})));
+    EXPECT_EQ(m_output, "");
     EXPECT_FALSE(fs::exists(dumpFile()));
     EXPECT_FALSE(fs::exists(historyFile()));
+}
+
+// What the files' places are like.
+
+TEST_F(CrashTest, ADirectoryInTheDumpsPlaceIsLogged) {
+    fs::create_directories(dumpFile());
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, failed(test::errorOfDirectoryInPlace()));
+    EXPECT_EQ(history(), historyLine());
+}
+
+TEST_F(CrashTest, AHistoryThatCannotBeOpenedIsSkippedSilently) {
+    fs::create_directories(historyFile());
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, written());
+}
+
+// Faults of what reports a fault: the report does what it still can, and the process ends as promised.
+
+TEST_F(CrashTest, ADumpWriterThatFaultsIsLogged) {
+    EXPECT_EQ(run({.preparation = "writer-faults"}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, test::lineOfFaultingWriter(written(), [this](const auto& error) { return failed(error); }));
+    EXPECT_EQ(history(), historyLine());
+}
+
+// The thread sanitizer delays signals in code that makes no calls.
+#if !defined(__SANITIZE_THREAD__)
+TEST_F(CrashTest, ADumpWriterThatHangsIsGivenUp) {
+    EXPECT_EQ(run({.preparation = "writer-hangs", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, test::kContinuesAfterHang ? written() : "");
+    EXPECT_EQ(fs::exists(historyFile()), test::kContinuesAfterHang);
+}
+#endif
+
+TEST_F(CrashTest, AWriterThatIsSlowIsNotGivenUp) {
+    EXPECT_EQ(run({.preparation = "writer-slow", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, written());
+    EXPECT_EQ(history(), historyLine());
+}
+
+TEST_F(CrashTest, ThreadsThatTraceDisturbNothing) {
+    expectFullReport({.preparation = "traced"});
+    expectFullReport({.preparation = "library-held", .patienceMs = test::kContinuesAfterHang ? kImpatienceMs : 60'000});
+}
+
+TEST_F(CrashTest, ALogThatFaultsCostsItsLineAlone) {
+    expectCrash({.preparation = "log-faults"});
+    expectCrash({.preparation = "log-throws"});
+    expectCrash({.act = "in-log"});
+}
+
+TEST_F(CrashTest, ALogThatHangsIsGivenUp) {
+    for (const char* kind : {"log-hangs", "log-held"})
+        expectCrash({.preparation = kind, .patienceMs = kImpatienceMs}, true, test::kContinuesAfterHang);
+}
+
+TEST_F(CrashTest, ATerminateHandlerThatFaultsIsReported) {
+    expectFullReport({.act = "exception", .preparation = "terminate-faults"});
+}
+
+// The sanitizers' memory is not what ships, and they report its faults themselves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(CrashTest, BrokenMemoryDoesNotHoldTheProcess) {
+    EXPECT_EQ(run({.act = "heap", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    if (test::kContinuesAfterHang) {
+        EXPECT_GT(fs::file_size(dumpFile()), 100U);
+    }
+}
+#endif
+
+TEST_F(CrashTest, WhatHappensOnTheWayOutDoesNotChangeTheResult) {
+    for (const char* act : {"null", "abort", "exception"}) {
+        for (const char* kind : {"exit-faults", "exit-aborts", "exit-throws", "static-faults"})
+            expectFullReport({.act = act, .preparation = kind});
+    }
+    expectFullReport({.preparation = "exit-hangs", .patienceMs = kImpatienceMs});
 }
 
 } // namespace

@@ -1,73 +1,165 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unwind.h>
 
-#include <filesystem>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <sstream>
+#include <thread>
 
-#include "core/identity/core_rcsname.h"
-#include "tests/support/crash_kinds.h"
-#include "tests/support/self_process.h"
-#include "tests/support/temp_dir.h"
+#include "core/files/core_scopedfd.h"
+#include "tests/core/crash/crash_fixture.h"
+#include "tests/support/planted_code_linux.h"
+
+namespace test {
+
+const bool kContinuesAfterHang = true;
+
+// The addresses were written before names were asked for.
+std::string lineOfFaultingWriter(const std::string& written,
+                                 const std::function<std::string(std::string)>& /*failed*/) {
+    return written;
+}
+
+std::string errorOfDirectoryInPlace() {
+    return std::strerror(EISDIR);
+}
+
+const Preparations& platformPreparations() {
+    // The handler walks the stack with it.
+    static void* const walker = reinterpret_cast<void*>(&_Unwind_Backtrace);
+    static const Preparations all{
+        {"writer-faults", [] { makeFault(symbolReader()); }},
+        {"writer-hangs", [] { makeHang(symbolReader()); }},
+        // Its dump goes where it is taken slowly.
+        {"writer-slow",
+         [] {
+             static std::thread reader;
+             std::filesystem::create_directories("work/dumps");
+             const NS_CORE::CrashNames names = NS_CORE::crashNames("core_tests");
+             ::mkfifo(names.dumpFile.c_str(), 0600);
+             reader = std::thread([path = std::string(names.dumpFile.view())] {
+                 const NS_CORE::ScopedFd fifo(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+                 ::fcntl(fifo.get(), F_SETPIPE_SZ, 4096);
+                 char bytes[1024];
+                 while (::read(fifo.get(), bytes, sizeof(bytes)) > 0)
+                     std::this_thread::sleep_for(std::chrono::milliseconds(500));
+             });
+             reader.detach();
+         }},
+        {"library-held", &holdSymbolLibrary},
+        {"walker-faults", [] { makeFault(walker); }},
+        {"walker-hangs", [] { makeHang(walker); }},
+    };
+    return all;
+}
+
+} // namespace test
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// The dump that a child leaves which crashes in that way.
-std::string dumpOf(const std::string& kind) {
-    const test::TempDir directory;
-    fs::create_directories(directory.path() / "work/logs");
-    test::SelfProcess child("guarded", {kind, directory.path().string()});
-    EXPECT_EQ(child.wait(), test::kCrashExitCode);
-    return test::readFile(directory.path() / "work/dumps" /
-                          ("core_tests-" + std::string(NS_CORE::versionWithBuildId()) + ".dmp"));
-}
-
-// Where the line begins that has both texts; npos when there is none.
-size_t findLine(const std::string& dump, const std::string& start, const std::string& part) {
-    std::istringstream stream(dump);
-    size_t position = 0;
-    for (std::string line; std::getline(stream, line); position += line.size() + 1) {
-        if (line.starts_with(start) && line.find(part) != std::string::npos) return position;
+class CrashDump : public CrashTest {
+protected:
+    std::string dumpOf(const std::string& act) {
+        EXPECT_EQ(run({.act = act}), test::kCrashExitCode);
+        return test::readFile(dumpFile());
     }
-    return std::string::npos;
-}
 
-TEST(CrashDump, NamesProgramSignalAndAddress) {
+    // Where the line with both texts begins; npos if there is none.
+    static size_t findLine(const std::string& dump, const std::string& start, const std::string& part) {
+        std::istringstream stream(dump);
+        size_t position = 0;
+        for (std::string line; std::getline(stream, line); position += line.size() + 1) {
+            if (line.starts_with(start) && line.find(part) != std::string::npos) return position;
+        }
+        return std::string::npos;
+    }
+};
+
+TEST_F(CrashDump, NamesProgramSignalAndAddress) {
     const std::string dump = dumpOf("wild");
-    EXPECT_TRUE(dump.starts_with("core_tests " + std::string(NS_CORE::versionWithBuildId()) +
+    EXPECT_TRUE(dump.starts_with("core_tests " + std::string(m_names.version) +
                                  "\nSIGSEGV (code 1) at address 0x12345678\n#01 in "))
         << dump;
 }
 
-TEST(CrashDump, BeginsAtTheFaultAndGoesOnToItsCallers) {
+TEST_F(CrashDump, ListsTheFaultItsCallersAndTheMemoryMap) {
     const std::string dump = dumpOf("null");
     const size_t fault = findLine(dump, "#01 in ", "writeNull() at crash_kinds.cpp:");
-    const size_t guard = findLine(dump, "#", " in NS_CORE::guard() at core_crashguard_linux.cpp:");
+    const size_t guard = findLine(dump, "#", "CrashGuard::run() at core_crashguard_linux.cpp:");
     const size_t outermost = findLine(dump, "#", " in main() at test_main.cpp:");
-    EXPECT_NE(fault, std::string::npos) << dump;
-    EXPECT_NE(guard, std::string::npos) << dump;
-    EXPECT_NE(outermost, std::string::npos) << dump;
-    EXPECT_LT(fault, guard);
-    EXPECT_LT(guard, outermost);
+    const size_t maps = dump.find("\n\n");
+    EXPECT_LT(fault, guard) << dump;
+    EXPECT_LT(guard, outermost) << dump;
+    EXPECT_LT(outermost, maps) << dump;
+    ASSERT_NE(maps, std::string::npos) << dump;
+    EXPECT_NE(dump.find("/core_tests\n", maps), std::string::npos) << dump;
 }
 
-TEST(CrashDump, ShowsWhoThrewWhatNobodyCatches) {
+TEST_F(CrashDump, ShowsWhoThrewWhatNobodyCatches) {
     const std::string dump = dumpOf("exception");
     EXPECT_NE(dump.find("\nSIGABRT (code -6) at address "), std::string::npos) << dump;
     EXPECT_NE(findLine(dump, "#", "throwUncaught() at crash_kinds.cpp:"), std::string::npos) << dump;
 }
 
-TEST(CrashDump, ShowsTheInnermostCallsOfAnOverflowedStack) {
+TEST_F(CrashDump, ShowsTheInnermostCallsOfAnOverflowedStack) {
     const std::string dump = dumpOf("overflow");
     EXPECT_NE(findLine(dump, "#01 in ", "overflowStack() at crash_kinds.cpp:"), std::string::npos) << dump;
     EXPECT_NE(findLine(dump, "#200 in ", "overflowStack() at crash_kinds.cpp:"), std::string::npos) << dump;
 }
 
-TEST(CrashDump, EndsWithWhatWasMappedWhere) {
-    const std::string dump = dumpOf("null");
-    const size_t maps = dump.find("\n\n");
-    ASSERT_NE(maps, std::string::npos) << dump;
-    EXPECT_NE(dump.find("/core_tests\n", maps), std::string::npos) << dump;
+// Mounts a small file system in place of the dumps directory, for this process and its children.
+[[nodiscard]] bool mountSmallDisk(const fs::path& directory, unsigned long flags) {
+    fs::create_directories(directory);
+    return ::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount("small", directory.c_str(), "tmpfs", flags, "size=4096") == 0;
 }
+
+TEST_F(CrashTest, ADiskThatFillsUpOrIsReadOnlyIsLogged) {
+    for (const auto& [flags, error] : {std::pair(0UL, ENOSPC), std::pair(0UL | MS_RDONLY, EROFS)}) {
+        if (!mountSmallDisk(dumps(), flags)) GTEST_SKIP() << "no right to mount: " << std::strerror(errno);
+        EXPECT_EQ(run({}), test::kCrashExitCode);
+        EXPECT_EQ(m_output, failed(std::strerror(error)));
+        EXPECT_EQ(history(), historyLine());
+        EXPECT_EQ(::umount(dumps().c_str()), 0);
+        fs::remove(historyFile());
+    }
+}
+
+TEST_F(CrashTest, AFullDiskUnderTheHistoryCostsNothingElse) {
+    fs::create_symlink("/dev/full", historyFile());
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, written());
+}
+
+// Opening a pipe waits for somebody at its other end.
+TEST_F(CrashTest, FilesThatDoNotOpenAreGivenUp) {
+    ASSERT_EQ(::mkfifo(historyFile().c_str(), 0600), 0);
+    EXPECT_EQ(run({.patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, written());
+    fs::remove(historyFile());
+    fs::remove(dumpFile());
+    // In the signal handler.
+    ASSERT_EQ(::mkfifo(dumpFile().c_str(), 0600), 0);
+    expectCrash({.patienceMs = kImpatienceMs}, false);
+    EXPECT_EQ(m_output, failed(std::strerror(EFAULT)));
+}
+
+// The thread sanitizer delays signals in code that makes no calls, and walks stacks itself.
+#if !defined(__SANITIZE_THREAD__)
+TEST_F(CrashTest, AHandlerThatFaultsOrHangsStillLeavesTheLines) {
+    for (const char* kind : {"walker-faults", "walker-hangs"}) {
+        expectCrash({.preparation = kind, .patienceMs = kImpatienceMs}, false);
+        EXPECT_EQ(m_output, failed(std::strerror(EFAULT))) << kind;
+    }
+}
+#endif
 
 } // namespace

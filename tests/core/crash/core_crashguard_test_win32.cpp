@@ -1,16 +1,168 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <windows.h>
+// tlhelp32.h needs windows.h before it.
+#include <tlhelp32.h>
 
 #include <cerrno>
 #include <cstdio>
 
 #include "core/crash/core_crashguard.h"
+#include "core/crash/internal/core_minidumpfile_win32.h"
 #include "core/crash/internal/core_seh_win32.h"
+#include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
-#include "tests/support/child.h"
+#include "core/memory/core_scopedhandle_win32.h"
+#include "core/stack/core_symbollibrary_win32.h"
+#include "core/stack/core_symbollock.h"
+#include "tests/core/crash/crash_fixture.h"
 #include "tests/support/log_recorder.h"
-#include "tests/support/self_process.h"
+
+namespace test {
+namespace {
+
+std::string textOf(DWORD error) {
+    std::string text = NS_CORE::systemErrorText(error);
+    std::erase(text, '\r');
+    return text;
+}
+
+using DumpWriter = decltype(NS_CORE::SymbolLibrary::writeDump);
+
+// In place of the system's writer. All of them get its parameters.
+void setWriter(DumpWriter writer) {
+    NS_CORE::SymbolLibrary::get()->writeDump = writer;
+}
+
+BOOL tell(MINIDUMP_CALLBACK_INFORMATION* callback, MINIDUMP_CALLBACK_INPUT input) {
+    MINIDUMP_CALLBACK_OUTPUT output{};
+    return callback->CallbackRoutine(callback->CallbackParam, &input, &output);
+}
+
+BOOL WINAPI faultAtOnce(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
+                        MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
+    crash("null");
+    return FALSE;
+}
+
+// Suspends the other threads, as Windows' writer does: those that the callback wants in the dump, or all of them.
+void suspendOthers(MINIDUMP_CALLBACK_INFORMATION* callback, bool isAskedFirst) {
+    const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry)) {
+        if (entry.th32OwnerProcessID != ::GetCurrentProcessId() || entry.th32ThreadID == ::GetCurrentThreadId())
+            continue;
+        MINIDUMP_CALLBACK_INPUT input{};
+        input.CallbackType = IncludeThreadCallback;
+        input.IncludeThread.ThreadId = entry.th32ThreadID;
+        if (isAskedFirst && !tell(callback, input)) continue;
+        const NS_CORE::ScopedKernelHandle thread(::OpenThread(THREAD_SUSPEND_RESUME, FALSE, entry.th32ThreadID));
+        ::SuspendThread(thread.get());
+    }
+}
+
+template <bool isAskedFirst>
+BOOL WINAPI suspendAndHang(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
+                           MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION* callback) {
+    suspendOthers(callback, isAskedFirst);
+    if (!isAskedFirst) {
+        MINIDUMP_CALLBACK_INPUT input{};
+        input.CallbackType = ThreadCallback;
+        tell(callback, input);
+    }
+    ::Sleep(INFINITE);
+    return FALSE;
+}
+
+DumpWriter g_realWriter = nullptr;
+
+// Takes longer than the tests' patience, but goes on.
+BOOL WINAPI writeSlowly(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE type,
+                        MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
+                        MINIDUMP_CALLBACK_INFORMATION* callback) {
+    for (int round = 0; round < 10; ++round) {
+        ::Sleep(500);
+        DWORD count = 0;
+        ::WriteFile(file, "x", 1, &count, nullptr);
+    }
+    ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
+    return g_realWriter(process, id, file, type, exception, streams, callback);
+}
+
+// Prints what it is asked for, and whether others may read and write the dump meanwhile.
+BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
+                           MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
+                           MINIDUMP_CALLBACK_INFORMATION*) {
+    const NS_CORE::CrashNames names = NS_CORE::crashNames("core_tests");
+    const NS_CORE::ScopedFileHandle again(::CreateFileA(names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                                        FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                                                        nullptr));
+    std::printf("type %d, process %d, code %lx, other thread %d, streams %d, shared %d\n", type,
+                process == ::GetCurrentProcess() && id == ::GetCurrentProcessId(),
+                exception->ExceptionPointers->ExceptionRecord->ExceptionCode,
+                exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
+                static_cast<bool>(again));
+    std::fflush(stdout);
+    ::SetLastError(ERROR_WRITE_FAULT);
+    return FALSE;
+}
+
+// For the calling thread, as a DLL's start function has it.
+void holdLoaderLock() {
+    using Lock = LONG(WINAPI*)(ULONG flags, ULONG * state, ULONG_PTR * cookie);
+    const auto lock = reinterpret_cast<Lock>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("ntdll.dll"), "LdrLockLoaderLock")));
+    ULONG state = 0;
+    ULONG_PTR cookie = 0;
+    EXPECT_EQ(lock(0, &state, &cookie), 0);
+}
+
+} // namespace
+
+const bool kContinuesAfterHang = false;
+
+std::string lineOfFaultingWriter(const std::string& /*written*/,
+                                 const std::function<std::string(std::string)>& failed) {
+    return failed(textOf(ERROR_INVALID_DATA));
+}
+
+std::string errorOfDirectoryInPlace() {
+    return textOf(ERROR_ACCESS_DENIED);
+}
+
+const Preparations& platformPreparations() {
+    static const Preparations all{
+        {"writer-faults", [] { setWriter(&faultAtOnce); }},
+        {"writer-hangs", [] { setWriter(&suspendAndHang<true>); }},
+        {"writer-hangs-2", [] { setWriter(&suspendAndHang<false>); }},
+        {"writer-slow",
+         [] {
+             g_realWriter = NS_CORE::SymbolLibrary::get()->writeDump;
+             setWriter(&writeSlowly);
+         }},
+        {"writer-tells", [] { setWriter(&tellParameters); }},
+        {"heap-held", [] { ::HeapLock(::GetProcessHeap()); }},
+        {"loader-held", &holdLoaderLock},
+        {"library-held",
+         [] {
+             const NS_CORE::ScopedKernelHandle held(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+             const NS_CORE::ScopedKernelHandle thread(::CreateThread(
+                 nullptr, 0,
+                 [](void* event) WINAPI -> DWORD {
+                     NS_CORE::SymbolLock lock(/*timeoutMs=*/0);
+                     ::SetEvent(event);
+                     ::Sleep(INFINITE);
+                     return lock.isHeld();
+                 },
+                 held.get(), 0, nullptr));
+             ::WaitForSingleObject(held.get(), INFINITE);
+         }},
+    };
+    return all;
+}
+
+} // namespace test
 
 namespace {
 
@@ -19,47 +171,106 @@ using NS_CORE::runGuarded;
 using NS_CORE::SehOutcome;
 using NS_CORE::SehVerdict;
 
+TEST_F(CrashTest, AWriterThatSuspendsEvenTheWatchdogIsGivenUp) {
+    EXPECT_EQ(run({.preparation = "writer-hangs-2", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, "");
+}
+
+TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
+    for (const char* kind : {"heap-held", "loader-held"})
+        expectFullReport({.preparation = kind, .patienceMs = 2 * kImpatienceMs});
+}
+
+TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
+    EXPECT_EQ(run({.preparation = "writer-tells"}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, "type 1, process 1, code c0000005, other thread 1, streams 0, shared 1\n" +
+                            failed(test::textOf(ERROR_WRITE_FAULT)));
+}
+
+// Holds a file that no other program may open meanwhile, as a scanner or an archiver does.
+NS_CORE::ScopedFileHandle holdAlone(const std::filesystem::path& path) {
+    std::filesystem::create_directories(path.parent_path());
+    return NS_CORE::ScopedFileHandle(::CreateFileW(path.c_str(), GENERIC_WRITE, /*dwShareMode=*/0,
+                                                   /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS,
+                                                   FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr));
+}
+
+TEST_F(CrashTest, FilesThatAnotherProgramHoldsCostNothingElse) {
+    NS_CORE::ScopedFileHandle held = holdAlone(dumpFile());
+    ASSERT_TRUE(held);
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, failed(test::textOf(ERROR_SHARING_VIOLATION)));
+    EXPECT_EQ(history(), historyLine());
+    held = holdAlone(historyFile());
+    ASSERT_TRUE(held);
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, written());
+}
+
+// A header, a directory of two streams, and the second stream's data up to the end.
+struct SmallDump {
+    MINIDUMP_HEADER header{};
+    MINIDUMP_DIRECTORY directory[2]{};
+    char data[16]{};
+
+    SmallDump() {
+        header.Signature = 0x504d444d;
+        header.NumberOfStreams = 2;
+        header.StreamDirectoryRva = sizeof(header);
+        directory[0].Location = {0, sizeof(header)};
+        directory[1].Location = {sizeof(data), offsetof(SmallDump, data)};
+    }
+
+    DWORD error(DWORD size = sizeof(SmallDump)) const {
+        const test::TempDir directoryOfFile;
+        const NS_CORE::ScopedFileHandle file(::CreateFileW((directoryOfFile.path() / "dump").c_str(),
+                                                           GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
+                                                           nullptr));
+        DWORD count = 0;
+        ::WriteFile(file.get(), this, size, &count, nullptr);
+        return NS_CORE::errorOfWrittenDump(file.get());
+    }
+};
+
+TEST(WrittenDump, IsWholeWhenItHoldsAllItsStreams) {
+    EXPECT_EQ(SmallDump().error(), DWORD{ERROR_SUCCESS});
+    SmallDump noDump;
+    noDump.header.Signature ^= 1;
+    EXPECT_EQ(noDump.error(), DWORD{ERROR_DISK_FULL});
+    for (const DWORD size : {DWORD{0}, DWORD{sizeof(MINIDUMP_HEADER) - 1}, DWORD{sizeof(MINIDUMP_HEADER) + 12},
+                             DWORD{offsetof(SmallDump, data)}, DWORD{sizeof(SmallDump) - 1}})
+        EXPECT_EQ(SmallDump().error(size), DWORD{ERROR_DISK_FULL}) << size;
+    SmallDump huge; // the sum needs more than 32 bits
+    huge.directory[1].Location.DataSize = ~ULONG32{0};
+    EXPECT_EQ(huge.error(), DWORD{ERROR_DISK_FULL});
+    EXPECT_EQ(NS_CORE::errorOfWrittenDump(INVALID_HANDLE_VALUE), DWORD{ERROR_INVALID_HANDLE});
+}
+
+// Calls a function of the runtime library with an argument that it refuses, under guard.
+int callWithBadArgument() {
+    char program[] = "program";
+    char* argv[] = {program, nullptr};
+    return NS_CORE::guard(1, argv, [](int, char**) { return int{::fopen_s(nullptr, "file", "r")}; });
+}
+
 const std::string kInvalidParameter = "Invalid parameter detected (exp=(null)) (func=(null)) (file=(null):0)";
 
-// Calls the runtime library with an argument that it refuses, and answers what it says then.
-int callWithBadArgument() {
-    return ::fopen_s(nullptr, "file", "r");
-}
-
-int badArgument(int, char**) {
-    return callWithBadArgument();
-}
-
-TEST(InvalidParameter, IsLoggedAndTheCallAnswersItsError) {
+TEST(InvalidParameter, IsLoggedOnEveryThreadAndTheCallReturnsItsError) {
     const test::LogRecorder log;
-    char program[] = "program";
-    char* argv[] = {program, nullptr};
-    EXPECT_EQ(NS_CORE::guard(1, argv, &badArgument), EINVAL);
+    EXPECT_EQ(callWithBadArgument(), EINVAL);
     EXPECT_EQ(log.lines(), Lines{"CRIT " + kInvalidParameter});
-}
-
-TEST(InvalidParameter, IsLoggedFromOtherThreadsToo) {
-    const test::LogRecorder log;
-    char program[] = "program";
-    char* argv[] = {program, nullptr};
-    NS_CORE::guard(1, argv, [](int, char**) {
-        const HANDLE thread = ::CreateThread(
-            nullptr, 0, [](void*) WINAPI -> DWORD { return static_cast<DWORD>(callWithBadArgument()); }, nullptr, 0,
-            nullptr);
-        ::WaitForSingleObject(thread, INFINITE);
-        ::CloseHandle(thread);
-        return 0;
-    });
-    EXPECT_EQ(log.lines(), Lines{"CRIT " + kInvalidParameter});
+    const NS_CORE::ScopedKernelHandle thread(::CreateThread(
+        nullptr, 0, [](void*) WINAPI -> DWORD { return static_cast<DWORD>(::fopen_s(nullptr, "file", "r")); }, nullptr,
+        0, nullptr));
+    ::WaitForSingleObject(thread.get(), INFINITE);
+    EXPECT_EQ(log.lines(), (Lines{"CRIT " + kInvalidParameter, "CRIT " + kInvalidParameter}));
 }
 
 TEST(InvalidParameter, IsNotLoggedWithCritOff) {
     const test::LogRecorder log;
     NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit, 0);
     NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Crit, 0);
-    char program[] = "program";
-    char* argv[] = {program, nullptr};
-    EXPECT_EQ(NS_CORE::guard(1, argv, &badArgument), EINVAL);
+    EXPECT_EQ(callWithBadArgument(), EINVAL);
     EXPECT_EQ(log.lines(), Lines{});
 }
 
@@ -70,6 +281,12 @@ TEST(InvalidParameter, IsNotHandledWithTheSwitchWord) {
     char* argv[] = {program, word, nullptr};
     NS_CORE::guard(2, argv, [](int, char**) { return 0; });
     EXPECT_EQ(_get_invalid_parameter_handler(), before);
+}
+
+TEST(Guard, LetsNoErrorBoxWait) {
+    NS_CORE::guard(0, nullptr, [](int, char**) { return 0; });
+    constexpr UINT kQuiet = SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX;
+    EXPECT_EQ(::GetErrorMode() & kQuiet, kQuiet);
 }
 
 struct Filtered {
@@ -136,6 +353,8 @@ TEST(RunGuarded, LetsACxxExceptionThrough) {
     Filtered filtered;
     EXPECT_THROW(runGuarded([](void*) { throw 1; }, &noteException, &filtered), int);
     EXPECT_EQ(filtered.calls, 0);
+    // The chain is whole again.
+    EXPECT_EQ(runGuarded(&raise, &noteException, &filtered), SehOutcome::Caught);
 }
 
 } // namespace

@@ -2,12 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "core/identity/core_paths.h"
 #include "core/identity/core_rcsname.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/time/core_time.h"
 #include "tests/support/history_lines.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/time_zone.h"
 
 namespace {
 
@@ -15,10 +19,10 @@ using NS_CORE::CrashNames;
 using NS_CORE::crashNames;
 using Lines = std::vector<std::string>;
 
-constexpr std::string_view kVersion = "tag_ravelin_1_1_final_0_191120-144957";
+constexpr const char* kVersion = "tag_ravelin_1_1_final_0_191120-144957";
 
-CrashNames windowsNames(std::string_view executable) {
-    return crashNames(kVersion, executable, "./work/dumps", "./work/logs", '\\');
+CrashNames windowsNames(std::string_view program = "prog") {
+    return crashNames(kVersion, program, "work/dumps", "work/logs", '\\');
 }
 
 bool isOff(std::vector<std::string> words) {
@@ -45,48 +49,54 @@ TEST(CrashGuardSwitch, IsNoOtherWord) {
 }
 
 TEST(CrashNames, ComeFromTheProgramTheBuildAndThePaths) {
-    EXPECT_EQ(windowsNames("C:\\svc\\bin\\prog.exe"),
-              (CrashNames{.version = std::string(kVersion),
-                          .name = "prog",
-                          .dumpsDirectory = ".\\work\\dumps",
-                          .dumpFile = ".\\work\\dumps\\prog-tag_ravelin_1_1_final_0_191120-144957.dmp",
-                          .historyFile = "./work/logs/dumps.log"}));
+    const CrashNames names = windowsNames();
+    EXPECT_STREQ(names.version, kVersion);
+    EXPECT_EQ(names.name.view(), "prog");
+    EXPECT_EQ(names.dumpsDirectory.view(), ".\\work\\dumps");
+    EXPECT_EQ(names.dumpFile.view(), ".\\work\\dumps\\prog-tag_ravelin_1_1_final_0_191120-144957.dmp");
+    EXPECT_EQ(names.historyFile.view(), "./work/logs/dumps.log");
+    EXPECT_EQ(crashNames("v", "prog", "work/dumps", "work/logs", '/').dumpFile.view(), "./work/dumps/prog-v.dmp");
 }
 
-TEST(CrashNames, KeepLinuxSeparatorsOnLinux) {
-    const CrashNames names = crashNames("v", "/opt/svc/bin/quorkeri_service", "./work/dumps", "./work/logs", '/');
-    EXPECT_EQ(names.name, "quorkeri_service");
-    EXPECT_EQ(names.dumpFile, "./work/dumps/quorkeri_service-v.dmp");
+TEST(CrashNames, AreCutWhereTheyDoNotFit) {
+    const std::string longPath(2000, 'x');
+    const CrashNames names = crashNames("v", "prog", longPath, longPath, '/');
+    EXPECT_EQ(names.historyFile.view(), "./" + longPath.substr(0, NS_CORE::FixedText::kCapacity - 3));
+    EXPECT_EQ(names.historyFile.c_str()[NS_CORE::FixedText::kCapacity - 1], '\0');
 }
 
-TEST(CrashNames, DropOnlyTheExtensionInLowerCase) {
-    EXPECT_EQ(windowsNames("C:\\bin\\Prog.EXE").name, "Prog.EXE");
-    EXPECT_EQ(windowsNames("C:\\bin\\prog.Exe").name, "prog.Exe");
-    EXPECT_EQ(windowsNames("C:\\bin\\prog.exe.exe").name, "prog.exe");
-    EXPECT_EQ(windowsNames("prog.exe").name, "prog");
-    EXPECT_EQ(windowsNames("C:\\bin\\prog").name, "prog");
-    EXPECT_EQ(windowsNames("C:\\bin\\.exe").name, "");
+TEST(ProgramName, IsTheExecutablesWithoutTheExtensionInLowerCase) {
+    const std::pair<std::string_view, std::string> table[] = {
+        {"C:\\svc\\bin\\prog.exe", "prog"},
+        {"C:\\bin\\Prog.EXE", "Prog.EXE"},
+        {"C:\\bin\\prog.Exe", "prog.Exe"},
+        {"C:\\bin\\prog.exe.exe", "prog.exe"},
+        {"prog.exe", "prog"},
+        {"C:\\bin\\prog", "prog"},
+        {"C:\\bin\\.exe", ""},
+        {"", "unknown"},
+        {"C:\\bin\\", "unknown"},
+    };
+    for (const auto& [executable, name] : table) EXPECT_EQ(NS_CORE::programName(executable, '\\'), name) << executable;
+    EXPECT_EQ(NS_CORE::programName("/opt/svc/bin/quorkeri_service", '/'), "quorkeri_service");
+    EXPECT_EQ(NS_CORE::runningProgramName(), "core_tests");
 }
 
-TEST(CrashNames, CallAProgramWithoutANameUnknown) {
-    EXPECT_EQ(windowsNames("").name, "unknown");
-    EXPECT_EQ(windowsNames("C:\\bin\\").name, "unknown");
-    EXPECT_EQ(windowsNames("").dumpFile, ".\\work\\dumps\\unknown-" + std::string(kVersion) + ".dmp");
-}
-
-TEST(CrashNames, OfThisProcessUseItsOwnPathsAndBuild) {
+TEST(CrashNames, OfThisProcessUseItsPathsAsTheyAreNow) {
+    EXPECT_EQ(crashNames("me").historyFile.view(), ".//dumps.log") << "a path that is not set is no failed check";
     NS_CORE::setDefaultPaths();
     NS_CORE::setPath(NS_CORE::PathKind::Dumps, "elsewhere/of/mine");
-    const CrashNames names = crashNames();
-    EXPECT_EQ(names.version, NS_CORE::versionWithBuildId());
-    EXPECT_EQ(names.name, "core_tests");
-    EXPECT_TRUE(names.dumpsDirectory == ".\\elsewhere\\of\\mine" || names.dumpsDirectory == "./elsewhere/of/mine");
-    EXPECT_EQ(names.historyFile, "./work/logs/dumps.log");
+    const CrashNames names = crashNames("me");
+    EXPECT_STREQ(names.version, NS_CORE::versionWithBuildId());
+    EXPECT_EQ(names.name.view(), "me");
+    EXPECT_TRUE(names.dumpsDirectory.view() == ".\\elsewhere\\of\\mine" ||
+                names.dumpsDirectory.view() == "./elsewhere/of/mine");
+    EXPECT_EQ(names.historyFile.view(), "./work/logs/dumps.log");
 }
 
 TEST(LogDump, SaysWhatWasWrittenWhere) {
     const test::LogRecorder log;
-    NS_CORE::logDump(windowsNames("prog.exe"), std::nullopt);
+    NS_CORE::logDump(windowsNames(), std::nullopt);
     EXPECT_EQ(log.lines(), Lines{"CRIT Wrote minidump for 'prog' to "
                                  "'.\\work\\dumps\\prog-tag_ravelin_1_1_final_0_191120-144957.dmp', version "
                                  "'tag_ravelin_1_1_final_0_191120-144957'"});
@@ -94,7 +104,7 @@ TEST(LogDump, SaysWhatWasWrittenWhere) {
 
 TEST(LogDump, SaysWhyItWasNot) {
     const test::LogRecorder log;
-    NS_CORE::logDump(windowsNames("prog.exe"), "Access denied.\r\n");
+    NS_CORE::logDump(windowsNames(), "Access denied.\r\n");
     EXPECT_EQ(log.lines(), Lines{"CRIT Failed to write minidump for 'prog' to "
                                  "'.\\work\\dumps\\prog-tag_ravelin_1_1_final_0_191120-144957.dmp', version "
                                  "'tag_ravelin_1_1_final_0_191120-144957' (Access denied.\r\n)"});
@@ -104,27 +114,42 @@ TEST(LogDump, SaysNothingWithCritOff) {
     const test::LogRecorder log;
     NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit, 0);
     NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Crit, 0);
-    NS_CORE::logDump(windowsNames("prog.exe"), std::nullopt);
-    NS_CORE::logDump(windowsNames("prog.exe"), "Access denied.");
+    NS_CORE::logDump(windowsNames(), std::nullopt);
+    NS_CORE::logDump(windowsNames(), "Access denied.");
     EXPECT_EQ(log.lines(), Lines{});
 }
 
-TEST(DumpHistory, GetsALineEachTime) {
+CrashNames namesWithHistory(const std::string& file) {
+    CrashNames names = windowsNames();
+    names.historyFile = {};
+    names.historyFile << file;
+    return names;
+}
+
+// The local time now, in minutes.
+std::string minuteNow() {
+    const std::tm now = NS_CORE::localTimeOf(NS_CORE::systemNow().seconds);
+    char text[30];
+    return {text, std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M", &now)};
+}
+
+TEST(DumpHistory, GetsALineInLocalTimeEachTime) {
+    test::setTimeZone("XXX5:30");
     const test::TempDir directory;
-    CrashNames names = windowsNames("prog.exe");
-    names.historyFile = directory.file("dumps.log");
+    const CrashNames names = namesWithHistory(directory.file("dumps.log"));
+    const std::string before = minuteNow();
     NS_CORE::appendToHistory(names);
     NS_CORE::appendToHistory(names);
+    const std::string history = test::readFile(directory.path() / "dumps.log");
     const std::string line = "TIME: prog tag_ravelin_1_1_final_0_191120-144957\n";
-    EXPECT_EQ(test::withoutTimes(test::readFile(names.historyFile)), line + line);
+    EXPECT_EQ(test::withoutTimes(history), line + line);
+    EXPECT_TRUE(history.starts_with(before) || history.starts_with(minuteNow())) << history;
 }
 
 TEST(DumpHistory, IsSkippedSilentlyWhereItDoesNotOpen) {
     const test::TempDir directory;
     const test::LogRecorder log;
-    CrashNames names = windowsNames("prog.exe");
-    names.historyFile = directory.file("missing/dumps.log");
-    NS_CORE::appendToHistory(names);
+    NS_CORE::appendToHistory(namesWithHistory(directory.file("missing/dumps.log")));
     EXPECT_EQ(log.lines(), Lines{});
     EXPECT_FALSE(std::filesystem::exists(directory.path() / "missing"));
 }

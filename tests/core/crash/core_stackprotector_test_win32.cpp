@@ -6,9 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "core/crash/internal/core_stackprotector_win32.h"
 #include "tests/support/child.h"
-
-extern "C" uintptr_t __stack_chk_guard; // NOLINT(bugprone-reserved-identifier)
 
 namespace {
 

@@ -1,0 +1,59 @@
+#include "core/stack/core_symbollibrary_win32.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+namespace NS_CORE {
+namespace {
+
+// With its full path, and with its directory in place of the program's when it looks for libraries of its own.
+HMODULE loadFromSystemDirectory(const wchar_t* name) {
+    wchar_t directory[MAX_PATH + 1] = {};
+    const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH);
+    if (length == 0 || length > MAX_PATH) return nullptr;
+    const std::wstring path = std::wstring(directory, length) + L'\\' + name;
+    return ::LoadLibraryExW(path.c_str(), /*hFile=*/nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+}
+
+template <class Function>
+bool find(HMODULE module, const char* name, Function& function) {
+    // By way of void*: the compiler warns of a cast between function types.
+    function = reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+    return function != nullptr;
+}
+
+bool load(SymbolLibrary& library) {
+    const HMODULE module = loadFromSystemDirectory(L"dbghelp.dll");
+    return module != nullptr && find(module, "SymInitialize", library.initialize) &&
+           find(module, "SymCleanup", library.cleanup) && find(module, "SymGetOptions", library.getOptions) &&
+           find(module, "SymSetOptions", library.setOptions) &&
+           find(module, "SymGetSearchPath", library.getSearchPath) &&
+           find(module, "SymLoadModule64", library.loadModule) &&
+           find(module, "SymGetSymFromAddr64", library.getSymbol) &&
+           find(module, "UnDecorateSymbolName", library.undecorate) &&
+           find(module, "SymGetLineFromAddr64", library.getLine) &&
+           find(module, "SymGetModuleInfo64", library.getModule) &&
+           find(module, "SymFunctionTableAccess64", library.functionTable) &&
+           find(module, "SymGetModuleBase64", library.moduleBase) && find(module, "StackWalk64", library.walk) &&
+           find(module, "MiniDumpWriteDump", library.writeDump);
+}
+
+} // namespace
+
+SymbolLibrary* SymbolLibrary::get() {
+    // No lock and no static's own guard: the thread that holds it could wait for the loader's lock, and the caller have
+    // that one.
+    static std::atomic<SymbolLibrary*> loaded{nullptr};
+    if (SymbolLibrary* const library = loaded) return library;
+    auto library = std::make_unique<SymbolLibrary>();
+    if (!load(*library)) return nullptr;
+    SymbolLibrary* other = nullptr;
+    return loaded.compare_exchange_strong(other, library.get()) ? library.release() : other;
+}
+
+uint64_t symbolAddress(const void* address) {
+    return static_cast<uint64_t>(static_cast<int64_t>(reinterpret_cast<intptr_t>(address)));
+}
+
+} // namespace NS_CORE

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "core/crash/internal/core_crashreport.h"
+#include "core/identity/core_paths.h"
+#include "tests/support/crash_kinds.h"
+#include "tests/support/history_lines.h"
+#include "tests/support/self_process.h"
+#include "tests/support/temp_dir.h"
+
+namespace test {
+
+// What is broken in a program before it crashes under guard, by name.
+using Preparations = std::map<std::string, std::function<void()>>;
+
+// Those of this platform.
+const Preparations& platformPreparations();
+
+// How far a report gets where something hangs: on Linux it continues, on Windows the process ends there.
+extern const bool kContinuesAfterHang;
+
+// Why a file cannot be created where a directory is, in the system's words.
+std::string errorOfDirectoryInPlace();
+
+// What the log says of the dump when its writer faulted.
+std::string lineOfFaultingWriter(const std::string& written, const std::function<std::string(std::string)>& failed);
+
+// An installation's directories, in which a program of the test's own crashes under guard.
+class CrashTest : public testing::Test {
+protected:
+    struct Crash {
+        std::string act = "null"; // one of crashKinds(), or of the acts in core_crashguard_test.cpp
+        std::string preparation = "nothing";
+        uint32_t patienceMs = 60'000;
+        std::vector<std::string> words = {}; // of the program's command line
+    };
+    static constexpr uint32_t kImpatienceMs = 3000;
+
+    CrashTest() {
+        std::filesystem::create_directories(historyFile().parent_path());
+        NS_CORE::setDefaultPaths();
+        m_names = NS_CORE::crashNames("core_tests");
+    }
+
+    std::filesystem::path dumps() const { return m_directory.path() / "work/dumps"; }
+    std::filesystem::path dumpFile() const {
+        return dumps() / std::filesystem::path(m_names.dumpFile.view()).filename();
+    }
+    std::filesystem::path historyFile() const { return m_directory.path() / "work/logs/dumps.log"; }
+
+    // Returns how the program ended, and leaves its output in m_output, with '\n' for every line's end.
+    int64_t run(const Crash& crash) {
+        std::vector<std::string> arguments{crash.act, m_directory.path().string(), crash.preparation,
+                                           std::to_string(crash.patienceMs)};
+        arguments.insert(arguments.end(), crash.words.begin(), crash.words.end());
+        SelfProcess child("guarded", arguments);
+        m_output = child.readAll();
+        std::erase(m_output, '\r');
+        return child.wait();
+    }
+
+    // Crashes, and expects the result and whether dump and history are there. The next crash begins without them.
+    void expectCrash(const Crash& crash, bool hasDump = true, bool hasHistory = true) {
+        SCOPED_TRACE(crash.act + ' ' + crash.preparation);
+        EXPECT_EQ(run(crash), kCrashExitCode);
+        EXPECT_EQ(std::filesystem::is_regular_file(dumpFile()) && std::filesystem::file_size(dumpFile()) > 100,
+                  hasDump);
+        EXPECT_EQ(std::filesystem::exists(historyFile()), hasHistory);
+        if (hasHistory) {
+            EXPECT_EQ(history(), historyLine());
+        }
+        std::filesystem::remove(historyFile());
+        std::filesystem::remove(dumpFile());
+    }
+
+    // The same, and expects the log's line.
+    void expectFullReport(const Crash& crash) {
+        expectCrash(crash);
+        EXPECT_EQ(m_output, written()) << crash.act << ' ' << crash.preparation;
+    }
+
+    std::string written() const { return line("Wrote minidump for", ""); }
+    std::string failed(const std::string& error) const {
+        return line("Failed to write minidump for", " (" + error + ")");
+    }
+    std::string history() const { return withoutTimes(readFile(historyFile())); }
+    std::string historyLine() const { return "TIME: core_tests " + std::string(m_names.version) + "\n"; }
+
+    TempDir m_directory;
+    NS_CORE::CrashNames m_names;
+    std::string m_output;
+
+private:
+    std::string line(const std::string& start, const std::string& end) const {
+        return "[CRIT] " + start + " 'core_tests' to '" + m_names.dumpFile.c_str() + "', version '" + m_names.version +
+               "'" + end + "\n";
+    }
+};
+
+} // namespace test
+
+using test::CrashTest;
