@@ -175,8 +175,7 @@ std::string dumpText(const CrashNames& names, const Fault& fault) {
     }
     std::string text = formatString("%s %s\n%s (code %d) at address 0x%x\n", names.name.view(), names.version,
                                     signalName(fault.signal), fault.code, fault.address);
-    for (const std::string& line : traceLines(frames, /*discarded=*/0, kPathSeparator))
-        formatInto(text, "%s\n", line);
+    for (const std::string& line : traceLines(frames, /*discarded=*/0, kPathSeparator)) formatInto(text, "%s\n", line);
     return text + '\n';
 }
 

@@ -347,6 +347,7 @@ void CrashGuard::writeDump(DumpWriter writer) {
     if (::HeapLock(::GetProcessHeap()) != FALSE) ::HeapUnlock(::GetProcessHeap());
     const SymbolLibrary* const library = SymbolLibrary::get();
     const DWORD loadError = library != nullptr ? ERROR_SUCCESS : ::GetLastError();
+    noteProgress();
     DumpWriter nobody = DumpWriter::None;
     if (!m_dumpWriter.compare_exchange_strong(nobody, writer)) return;
     m_names = crashNames(m_program);
@@ -364,6 +365,7 @@ DWORD CrashGuard::errorOfDump(const SymbolLibrary& library) {
     m_watchedFile = m_dumpFile.get();
     // If the lock cannot be acquired, the dump is written without it.
     const SymbolLock lock(SymbolLock::kTraceTimeoutMs);
+    noteProgress();
     // Some versions of the library otherwise read all symbols first, which takes ten times as long as the dump.
     library.setOptions(library.getOptions() | SYMOPT_DEFERRED_LOADS);
     MINIDUMP_EXCEPTION_INFORMATION exception{m_exception.thread, &m_exception.pointers, /*ClientPointers=*/TRUE};
@@ -401,9 +403,6 @@ BOOL CALLBACK CrashGuard::onDumpProgress(void* parameter, MINIDUMP_CALLBACK_INPU
 } // namespace
 
 int guard(int argc, char** argv, ApplicationMain applicationMain) {
-    // A box that nobody sees must not hold the process, nor its companion, which inherits the mode.
-    ::SetErrorMode(::GetErrorMode() | SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
-    ::_set_error_mode(_OUT_TO_STDERR);
     if (isGuardSwitchedOff(argc, argv)) return applicationMain(argc, argv);
     return CrashGuard::instance().run(argc, argv, applicationMain);
 }

@@ -18,13 +18,30 @@ bool readAt(HANDLE file, DWORD position, Record& record) {
     return ::ReadFile(file, &record, sizeof(record), &count, &from) != FALSE && count == sizeof(record);
 }
 
+bool isInFile(const MINIDUMP_LOCATION_DESCRIPTOR& location, uint64_t fileSize) {
+    return uint64_t{location.Rva} + location.DataSize <= fileSize;
+}
+
+// Whether the bytes of all listed memory are in the file.
+bool hasMemory(HANDLE file, DWORD list, uint64_t fileSize) {
+    ULONG32 count = 0;
+    if (!readAt(file, list, count)) return false;
+    for (DWORD index = 0; index < count; ++index) {
+        MINIDUMP_MEMORY_DESCRIPTOR range{};
+        const DWORD position = list + sizeof(count) + index * static_cast<DWORD>(sizeof(range));
+        if (!readAt(file, position, range) || !isInFile(range.Memory, fileSize)) return false;
+    }
+    return true;
+}
+
 bool isWhole(HANDLE file, uint64_t fileSize) {
     MINIDUMP_HEADER header{};
     if (!readAt(file, 0, header) || header.Signature != kSignature) return false;
     for (DWORD index = 0; index < header.NumberOfStreams; ++index) {
-        MINIDUMP_DIRECTORY entry{};
-        if (!readAt(file, header.StreamDirectoryRva + index * static_cast<DWORD>(sizeof(entry)), entry)) return false;
-        if (uint64_t{entry.Location.Rva} + entry.Location.DataSize > fileSize) return false;
+        MINIDUMP_DIRECTORY stream{};
+        const DWORD position = header.StreamDirectoryRva + index * static_cast<DWORD>(sizeof(stream));
+        if (!readAt(file, position, stream) || !isInFile(stream.Location, fileSize)) return false;
+        if (stream.StreamType == MemoryListStream && !hasMemory(file, stream.Location.Rva, fileSize)) return false;
     }
     return true;
 }

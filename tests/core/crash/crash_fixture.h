@@ -42,7 +42,7 @@ protected:
         uint32_t patienceMs = 60'000;
         std::vector<std::string> words = {}; // of the program's command line
     };
-    static constexpr uint32_t kImpatienceMs = 3000;
+    static constexpr uint32_t kImpatienceMs = 8000;
 
     CrashTest() {
         std::filesystem::create_directories(historyFile().parent_path());

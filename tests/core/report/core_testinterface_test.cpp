@@ -186,10 +186,10 @@ TEST_F(TestInterfaceTest, AttachesTheStackOfThePlacesFirstFailure) {
     ASSERT_NE(to, std::string::npos) << bytes;
     const std::string trace = bytes.substr(from + start.size(), to - from - start.size());
     // The tracer's own three frames are left out: it begins at who asks the tracer.
-    EXPECT_TRUE(trace.starts_with("#01 in NS_CORE::TestInterface::trace() at core_testinterface.cpp:")) << trace;
+    EXPECT_TRUE(trace.starts_with("#01 in NS_CORE::TestInterface::trace() ")) << trace;
     const std::string second = trace.substr(trace.find('\n') + 1);
-    EXPECT_TRUE(second.starts_with("#02 in NS_CORE::TestInterface::report() at core_testinterface.cpp:")) << trace;
-    EXPECT_NE(second.find("fail() at testinterface_fixture.h:"), std::string::npos) << trace;
+    EXPECT_TRUE(second.starts_with("#02 in NS_CORE::TestInterface::report() ")) << trace;
+    EXPECT_NE(second.find("fail() "), std::string::npos) << trace;
     fail(1);
     EXPECT_NE(collector.receive().bytes.find(trace), std::string::npos);
 }
