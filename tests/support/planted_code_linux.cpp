@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "core/stack/core_stacktrace.h"
-#include "tests/support/planted_code_linux.h"
+#include "tests/support/planted_code.h"
 
 namespace test {
 

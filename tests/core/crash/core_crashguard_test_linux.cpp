@@ -14,7 +14,7 @@
 
 #include "core/files/core_scopedfd.h"
 #include "tests/core/crash/crash_fixture.h"
-#include "tests/support/planted_code_linux.h"
+#include "tests/support/planted_code.h"
 
 namespace test {
 

@@ -7,10 +7,10 @@ namespace test {
 void makeFault(void* function);
 void makeHang(void* function);
 
-// The part of the crash report that belongs to somebody else: a function of the library that reads symbols.
+// On Linux alone: the part of the crash report that belongs to somebody else: a function of the library that reads symbols.
 void* symbolReader();
 
-// Returns when another thread hangs in the middle of a stack trace.
+// On Linux alone: returns when another thread hangs in the middle of a stack trace.
 void holdSymbolLibrary();
 
 } // namespace test
