@@ -14,7 +14,7 @@ constexpr LocalSeconds kSecondsPerHour = 3600;
 std::string readAll(const std::string& path) {
     machine::InputFile file(path);
     std::string bytes;
-    // The log's size is 5 MB and a line at most; a file that never ends is not read for ever.
+    // The service limits its log to 5 MB and a line. The limit here is for files that are something else.
     constexpr size_t kMost = 16U << 20U;
     constexpr size_t kBlock = 1U << 16U;
     for (size_t length = 1; file && length != 0 && bytes.size() < kMost;) {
@@ -137,7 +137,7 @@ std::optional<Crash> lastCrash(const Installation& installation, LocalSeconds af
 Companion::Owner ownerOf(const Process& companion, const Installation& installation, const std::vector<Process>& all) {
     const Process* parent = parentOf(companion, all);
     const bool hasService = parent && isService(*parent);
-    // A plain user may not be told images; then the service that the companion belongs to speaks for it.
+    // A plain user may not be allowed to see images. Then the companion counts as that of its running parent.
     const bool isOurs = companion.image.empty()
                             ? hasService && (parent->image.empty() || isSamePath(parent->image, installation.service))
                             : isSamePath(companion.image, installation.companion);
@@ -145,7 +145,7 @@ Companion::Owner ownerOf(const Process& companion, const Installation& installat
     return hasService ? Companion::Owner::Service : Companion::Owner::Nobody;
 }
 
-// Windows takes the path up to each blank in turn when it is not quoted; ours is registered so, and ends in ".exe".
+// This product registers its path without quotes and without arguments, so an unquoted command is a path as a whole.
 std::string programOf(const std::string& command) {
     if (!command.starts_with('"')) return machine::finalPath(command);
     const std::vector<std::string> words = NS_UTL::splitCommandLine(command);
@@ -191,7 +191,7 @@ Facts gather(const Installation& installation, uint32_t hours) {
     facts.isCompanionProgram = beginsAsProgram(installation.companion);
     const std::string log = Installation::in(installation.logs, "service.log");
     facts.logFile = machine::fileState(log);
-    // Late, so that a line that was written meanwhile is not one of the future.
+    // Read the clock after the log, so that no line is newer than it.
     const std::string old = readAll(log + ".old");
     const std::string current = readAll(log);
     facts.now = toLocal(machine::now());

@@ -143,8 +143,8 @@ std::string quoted(const std::string& path) {
     return path.find(' ') == std::string::npos ? path : '"' + path + '"';
 }
 
-// What the templates may name of the installation, and the commands of the platform. Linux has no service manager:
-// there `serviceId` is asked by a signal.
+// The values that every template may use: the installation's paths and the platform's commands. Without a service
+// manager a service is stopped by a signal to `serviceId`.
 Values valuesOf(const Installation& installation, const std::string& serviceId) {
     Values values = {{"health", quoted(installation.health)},
                      {"companion", installation.companion},
@@ -284,8 +284,9 @@ private:
         add(isDead ? kServiceDead : registration.isDisabled ? kServiceDisabled : kServiceStopped);
     }
 
-    // A stop is lost when the service starts its companion after it. The log has a line for each start but the first:
-    // one may have been under way already, two may not. The first start is seen by the companion's age.
+    // A stop is lost when the service starts its companion after it. Each start but the first follows a restart line in
+    // the log. One such line may have been logged at the same moment as the stop; two prove it. The first start has no
+    // line, so the companion's start time is compared with the stop's.
     bool isStopLost(const Companion* companion) const {
         const LogSummary& log = m_facts.log;
         if (!log.stop) return false;
@@ -334,7 +335,7 @@ private:
             return add(kCompanionDamaged);
         const std::optional<std::string>& reason = m_facts.log.startFailure;
         if (!m_facts.service || child() || !reason) return;
-        // The system has no text of its own for a file that is no program of its kind.
+        // Windows' text for a damaged program has a place for its name, and is therefore logged empty.
         if (reason->empty()) return add(kCompanionDamaged);
         add(kCompanionRefused, {{"reason", *reason}});
     }
@@ -344,7 +345,7 @@ private:
         if (count != 0) add(count >= kManyRestarts ? kRestartsMany : kRestarts, {{"count", std::to_string(count)}});
     }
 
-    // The service logs when it begins and, but for the first time, before it starts its companion.
+    // The service logs when it starts, and before each start of its companion but the first.
     bool isLogStale(const Process& service) const {
         constexpr LocalSeconds kTimeToCopy = 600;
         constexpr LocalSeconds kTimeToLog = 5;
@@ -357,7 +358,7 @@ private:
         const FileState& file = m_facts.logFile;
         if (file.kind == FileState::Kind::Unreadable) return add(kLogUnreadable, {{"reason", file.reason}});
         if (!m_facts.service) return;
-        // A log that was put aside a moment ago is missing until the next line.
+        // After a rotation the log is missing until the next line is written.
         if ((file.kind == FileState::Kind::Missing || file.size == 0) &&
             m_facts.log.lastLine < m_facts.service->started)
             return add(kLogMissing);

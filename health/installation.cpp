@@ -37,7 +37,7 @@ std::optional<Installation> Installation::of(const std::string& image) {
 }
 
 std::optional<Installation> Installation::own() {
-    // As it is told of every process, so that paths can be compared.
+    // In the same form as the images of other processes, so that they can be compared.
     std::string image = machine::imageOf(machine::ownId());
     if (image.empty() && !NS_CORE::Dir::getModuleFilename(image)) return std::nullopt;
     return of(image);

@@ -6,8 +6,8 @@
 
 namespace health {
 
-// Seconds since 1970-01-01 00:00:00 on the clock on the wall. service.log has no other time, so all times are compared
-// in it. Where the clock is put back in autumn, an hour counts twice; in spring, one is missing.
+// Seconds since 1970-01-01 00:00:00 in local time, as a wall clock shows it. service.log has only local times, so all
+// times are compared as such. In the hour after a change of summer time, differences are wrong by an hour.
 using LocalSeconds = int64_t;
 
 // Of a moment in seconds since 1970, UTC. 0 for a moment that the runtime library does not convert.

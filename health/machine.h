@@ -46,8 +46,9 @@ std::string finalPath(const std::string& path);
 uint32_t ownId();
 
 // Ends a process by its id, and only if it is still the same one: the program's image and the time of its creation are
-// compared again when its handle is held, which keeps the id from being given to another. Waits for its end, ten
-// seconds at most. Returns the reason when it is not ended; empty on success, and when it had ended by itself.
+// compared again while its handle is open, and an id is not given to another process while a handle is open. Waits for
+// its end, ten seconds at most. Returns the reason when it is not ended; empty on success, and when it had ended by
+// itself.
 std::string endProcess(const Process& process);
 
 // What the service manager knows of a service.
@@ -91,7 +92,7 @@ FileState fileState(const std::string& path);
 // The files' names in a directory; none when it cannot be read.
 std::vector<std::string> namesIn(const std::string& directory);
 
-// A file that is read while others read, write, rename and delete it as they like.
+// A file open for reading. Others may read, write, rename and delete it meanwhile.
 class InputFile {
 public:
     explicit InputFile(const std::string& path);
@@ -109,7 +110,7 @@ private:
     intptr_t m_handle = kNone;
 };
 
-// What this user may still write on the disk that holds `path`.
+// How many bytes this user may still write to the disk that holds `path`.
 std::optional<uint64_t> freeBytes(const std::string& path);
 
 // UTC, seconds since 1970.
@@ -117,7 +118,7 @@ int64_t now();
 
 void pause(uint32_t milliseconds);
 
-// To standard output, whatever that is.
+// Writes to standard output: a console, a file or a pipe.
 void print(const std::string& text);
 
 } // namespace health::machine

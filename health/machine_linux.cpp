@@ -85,7 +85,7 @@ bool isInOtherNetwork(uint32_t id) {
     return !network.empty() && network != linkOf("/proc/self/ns/net");
 }
 
-// Nothing for one that has ended, waited for or not.
+// Nothing for a process that has ended, even if its parent has not waited for it yet.
 std::optional<Process> processOf(uint32_t id, int64_t boot) {
     if (isInOtherNetwork(id)) return std::nullopt;
     const std::string stat = readSystemFile(ofProcess(id, "stat"));
@@ -166,7 +166,7 @@ std::string endProcess(const Process& process) {
     const auto fd = static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(process.id), 0U));
     if (fd < 0) return errno == ESRCH ? "" : std::strerror(errno);
     const std::unique_ptr<const int, void (*)(const int*)> closer(&fd, [](const int* it) { ::close(*it); });
-    // The descriptor stays with the process that has the id now; whether that is the one meant is looked at behind it.
+    // The descriptor stays with the process that has the id now, so the check below cannot be overtaken by a new one.
     const auto found = processOf(process.id, bootTime());
     if (!found || found->created != process.created || imageOf(process.id) != process.image) return "";
     if (::syscall(SYS_pidfd_send_signal, fd, SIGKILL, nullptr, 0U) != 0 && errno != ESRCH) return std::strerror(errno);

@@ -53,7 +53,8 @@ std::string imageOf(HANDLE process) {
     return NS_CORE::toUtf8(path.c_str());
 }
 
-// The library of ntdll would offer the linker a second C runtime, and the header's enumeration lacks numbers.
+// Looked up by name: linking ntdll would offer a second C runtime to the linker, and the header's enumeration lacks
+// some numbers.
 NTSTATUS querySystem(ULONG what, void* answer, ULONG size) {
     using Query = NTSTATUS(NTAPI*)(ULONG, void*, ULONG, ULONG*);
     static const auto query =
@@ -211,7 +212,7 @@ std::string endProcess(const Process& process) {
     constexpr DWORD kLimitMs = 10'000;
     const BOOL isAsked = ::TerminateProcess(handle.get(), kExitCode);
     const DWORD error = ::GetLastError();
-    // One that is about to end by itself refuses.
+    // TerminateProcess fails for a process that is already ending.
     if (::WaitForSingleObject(handle.get(), isAsked ? kLimitMs : 0) == WAIT_OBJECT_0) return "";
     return isAsked ? "it has not ended within 10 seconds" : reasonOf(error);
 }

@@ -17,7 +17,7 @@ std::optional<Process> runningService(const Installation& installation) {
     return findService(installation, machine::registration(kServiceName), all);
 }
 
-// Where there is a manager it starts the service, and only ours.
+// Asks the manager to start the service, but not another installation's.
 std::string startOwn(const Installation& installation) {
     const Registration registration = machine::registration(kServiceName);
     if (registration.answer == Registration::Answer::Registered &&
@@ -26,8 +26,8 @@ std::string startOwn(const Installation& installation) {
     return machine::startService(kServiceName);
 }
 
-// Empty when the service runs. The manager may still count a process as running that has just ended; so it is asked
-// again and again.
+// Returns the reason of a failure. The manager may not have noticed yet that the old process has ended, and then takes
+// the service for running; therefore the start is requested until the process is there.
 std::string startAndAwait(const Installation& installation) {
     for (uint32_t waited = 0; waited <= kStartLimitMs; waited += kPauseMs) {
         if (const std::string reason = startOwn(installation); !reason.empty()) return reason;

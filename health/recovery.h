@@ -6,18 +6,18 @@
 
 namespace health {
 
-// What became of --clear-orphan or --recover: sentences, and 0 when all is as it was asked for, else 2.
+// The result of --clear-orphan or --recover: sentences for the user, and the exit code, 0 or 2 when something failed.
 struct Outcome {
     int exitCode = 0;
     std::string text;
 };
 
-// Ends the companions of this installation that have lost their service, and no other process. That it is one is
-// settled by its program's full path and by its parent, which must not be a running service.
+// Ends the companions of this installation that have lost their service, and no other process. A process is
+// such a companion when its program is bin's own by full path and its parent is no running service.
 Outcome clearOrphans(const Installation& installation);
 
-// The same; then starts the service, unless it runs, and waits until its process does, 30 seconds at most. Does nothing
-// when another installation's service is registered.
+// Does the same, then starts the service unless it runs already, and waits for its process for up to 30 seconds. Fails
+// to start it when another installation's service is registered.
 Outcome recover(const Installation& installation);
 
 } // namespace health
