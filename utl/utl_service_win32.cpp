@@ -95,19 +95,15 @@ void reportStatus(ServiceManagerCalls::StatusHandle handle, const ServiceStatus&
 } // namespace
 
 int service_platform::runWithConsoleHandlers(Signal::Handler handler, const std::function<int()>& work) {
-    Signal interrupt(SIGINT, handler);
-    Signal terminate(SIGTERM, handler);
-    Signal consoleBreak(SIGBREAK, handler);
+    const Signal interrupt(SIGINT, handler);
+    const Signal terminate(SIGTERM, handler);
+    const Signal consoleBreak(SIGBREAK, handler);
     g_consoleHandler = handler;
     // Called before the runtime's own handler, which takes these events for SIGBREAK but returns at once.
     ::SetConsoleCtrlHandler(&endWithConsole, /*Add=*/TRUE);
     const int result = work();
-    if (g_consoleHandler.exchange(nullptr)) {
-        ::SetConsoleCtrlHandler(&endWithConsole, /*Add=*/FALSE);
-        return result;
-    }
-    // The system may hold its lock on the handlers for as long as endWithConsole waits.
-    for (Signal* signal : {&interrupt, &terminate, &consoleBreak}) signal->keep();
+    // Not while endWithConsole waits: the system may hold its lock on the handlers for as long.
+    if (g_consoleHandler.exchange(nullptr)) ::SetConsoleCtrlHandler(&endWithConsole, /*Add=*/FALSE);
     return result;
 }
 

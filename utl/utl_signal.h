@@ -24,9 +24,6 @@ public:
     // A handler that cannot be put back is logged at WARN.
     ~Signal();
 
-    // Leaves the handler installed for good: the object's end changes nothing any more.
-    void keep() { m_isInstalled = false; }
-
     Signal(const Signal&) = delete;
     Signal& operator=(const Signal&) = delete;
 
