@@ -54,6 +54,10 @@ std::wstring heldText(const std::wstring& file) {
            L"well) and start again. Nothing was changed.";
 }
 
+std::wstring notMadeText(const std::wstring& directory, const std::wstring& reason) {
+    return L"The directory '" + directory + L"' cannot be made: " + reason + L". Nothing was changed.";
+}
+
 bool isElevated() {
     HANDLE opened = nullptr;
     if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, /*OpenAsSelf=*/TRUE, &opened) &&
@@ -218,13 +222,12 @@ __declspec(dllexport) UINT __stdcall ProtectDirectory(MSIHANDLE installation) {
     }
     for (const std::wstring& missing : {directory, work}) {
         if (setup::exists(missing)) continue;
-        const std::wstring failed = setup::makeClosedDirectory(missing);
-        if (failed.empty()) {
-            session.log(L"made '" + missing + L"', where only administrators and SYSTEM may write");
-            continue;
+        const std::wstring problem = setup::makeClosedDirectory(missing);
+        if (!problem.empty()) {
+            session.logError(setup::notMadeText(missing, problem));
+            return ERROR_INSTALL_FAILURE;
         }
-        session.logError(L"The directory '" + missing + L"' cannot be made: " + failed + L". Nothing was changed.");
-        return ERROR_INSTALL_FAILURE;
+        session.log(L"made '" + missing + L"', where only administrators and SYSTEM may write");
     }
     const std::wstring failed = setup::closeDumps(setup::dumpsDirectory(directory), setup::serviceSettings().account);
     session.log(failed.empty() ? L"only administrators and SYSTEM may read the dumps"

@@ -137,8 +137,10 @@ void removeAt(const std::wstring& path, const std::wstring& place, std::wstring&
     if (!isSameText(finalPath(handle.get()), place)) return note(L"it leads out of the installation");
     const DWORD attributes = attributesOf(handle.get());
     if (isDirectory(attributes) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
-        for (const std::wstring& name : namesIn(handle.get()))
-            removeAt(path + L'\\' + name, place + L'\\' + name, failed);
+        for (const std::wstring& name : namesIn(handle.get())) {
+            const std::wstring part = L'\\' + name;
+            removeAt(path + part, place + part, failed);
+        }
     if (!deleteByHandle(handle.get(), attributes)) note(errorText(::GetLastError()));
 }
 

@@ -265,10 +265,10 @@ LSTATUS setDumps(const wchar_t* program, const std::wstring& folder) {
     };
     setNumber(L"DumpType", kFullDump);
     setNumber(L"DumpCount", kCount);
+    const size_t size = (folder.size() + 1) * sizeof(wchar_t);
     if (!error)
-        error =
-            ::RegSetValueExW(key.get(), L"DumpFolder", 0, REG_EXPAND_SZ, reinterpret_cast<const BYTE*>(folder.c_str()),
-                             static_cast<DWORD>((folder.size() + 1) * sizeof(wchar_t)));
+        error = ::RegSetValueExW(key.get(), L"DumpFolder", 0, REG_EXPAND_SZ,
+                                 reinterpret_cast<const BYTE*>(folder.c_str()), static_cast<DWORD>(size));
     return error;
 }
 
