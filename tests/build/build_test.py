@@ -145,7 +145,7 @@ class BuildTest(unittest.TestCase):
         steps = build(self.tree)
         # One source knows them; the version that Windows shows is the only other place.
         self.assertEqual(sorted(re.findall(r"Building \w+ object \S*/([\w.]+)\.(?:obj|res)", steps)),
-                         ["core_rcsname.cpp", "service.rc"], steps)
+                         ["core_rcsname.cpp", "service_resources.rc"], steps)
         after = report_of(self.binary / PROGRAM)
         # What a report tells of these, and of nothing else but its own time.
         same = re.compile("<(utc|swver|build_id|build_time)>.*?</")
