@@ -211,6 +211,12 @@ class InstalledTest(unittest.TestCase):
 
 
 class CrashTest(InstalledTest):
+    def setUp(self):
+        super().setUp()
+        # No library: the service must neither load these in place of the system's nor fail to start.
+        for name in ("dbghelp.dll", "dbgcore.dll"):
+            (self.root / "bin" / name).write_text("not a library")
+
     def test_leaves_dump_lines_and_result(self):
         self.start()
         self.assertEqual(self.crash(), CRASH_RESULT)
