@@ -17,8 +17,9 @@ enum class LogRate : uint32_t { None = 0, Minutely = 60, Hourly = 3600, Daily = 
 // Decides what becomes of rate-limited log calls (MasterLogger::logLimited). The logger calls it under its second
 // lock, one call at a time, on the logging thread.
 //
-// An implementation hands the records that it lets through to `output`; the logger logs them once it has released the
-// lock. It must not wait for another thread that may log. What it logs by itself is not limited.
+// An implementation hands the records that it lets through to `output`. The logger logs them, and what the
+// implementation logs by itself, once it has released the lock; so a fault in an implementation loses them. What it
+// logs by itself is not limited. It must not wait for another thread that may log.
 class LogRImpl {
 public:
     using Output = std::function<void(uint32_t level, std::string_view text)>;

@@ -32,6 +32,8 @@ struct State {
     absl::Mutex rateMutex ABSL_ACQUIRED_AFTER(mutex){absl::kConstInit};
     // Null until the first limited call.
     std::unique_ptr<LogRImpl> rateImplementation ABSL_GUARDED_BY(rateMutex);
+    // What was let through or logged under this lock.
+    std::vector<std::pair<uint32_t, std::string>> waiting ABSL_GUARDED_BY(rateMutex);
 
     // Held for a copy of the pointer only.
     absl::Mutex globalObserverMutex{absl::kConstInit};
@@ -148,14 +150,21 @@ bool mayTakeLock() {
     return CHECKF(!isInside(InsideImplLog) && !isInside(InsideRateLimit), "logger changed while it serves a record");
 }
 
-// Calls `action` with what collects records, under the lock of the rate limit; logs them after its release.
+// Keeps a record until its thread releases the lock of the rate limit.
+void logLater(uint32_t level, std::string_view text) {
+    g_state->rateMutex.AssertHeld();
+    g_state->waiting.emplace_back(level, text);
+}
+
+// Calls `action` under the lock of the rate limit, and logs what was to be logged meanwhile after its release.
 template <class Action>
 void serveRateLimit(Action&& action) {
     std::vector<std::pair<uint32_t, std::string>> records;
     {
         const Inside inside(InsideRateLimit);
         const absl::MutexLock lock(&g_state->rateMutex);
-        action([&](uint32_t level, std::string_view text) { records.emplace_back(level, text); });
+        action(LogRImpl::Output(&logLater));
+        records.swap(g_state->waiting);
     }
     for (const auto& [level, text] : records) MasterLogger::logText(level, text);
 }
@@ -220,6 +229,10 @@ void MasterLogger::output(uint32_t level, std::string_view text) {
     }
     if (!g_levels.isRegistered(level)) {
         printInternalError(394, formatString("[%u??] %s", level, text));
+        return;
+    }
+    if (isInside(InsideRateLimit)) {
+        logLater(level, text);
         return;
     }
     const LevelEntry entry = g_levels.entry(level);
