@@ -432,10 +432,8 @@ TEST_F(TestInterfaceTest, ReportsFailedChecks) {
     expectNoMore();
 }
 
-// Reports to the collector of the settings, and stops at a failed check.
-const test::ChildProgram g_stopsByTestInterface("StopsByTestInterface", [](const Strings& arguments) {
-    std::filesystem::current_path(test::fromText(arguments.at(0)));
-    TestInterface::instance().readFiles();
+// Stops at a failed check. Start-up has read the settings of the directory that it begins in.
+const test::ChildProgram g_stopsByTestInterface("StopsByTestInterface", [](const Strings& /*arguments*/) {
     TestInterface::instance().changeActionFlags(TestInterface::FlagChange::Set, TestAction::AssertAbort);
     CHECKF_AT("core_x", 43, false, "stop");
     return 0;
@@ -443,7 +441,7 @@ const test::ChildProgram g_stopsByTestInterface("StopsByTestInterface", [](const
 
 TEST_F(TestInterfaceTest, ReportsBeforeItStopsTheProcess) {
     writeIni(general() + "[assert]\nsend true\n");
-    test::SelfProcess child("StopsByTestInterface", {std::filesystem::current_path().generic_string()});
+    test::SelfProcess child("StopsByTestInterface");
     const std::string bytes = collector.receive().bytes;
     EXPECT_NE(bytes.find("<line>43</line>"), std::string::npos);
     EXPECT_NE(bytes.find("<action>abort</action>"), std::string::npos);
