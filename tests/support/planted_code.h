@@ -7,7 +7,8 @@ namespace test {
 void makeFault(void* function);
 void makeHang(void* function);
 
-// On Linux alone: the part of the crash report that belongs to somebody else: a function of the library that reads symbols.
+// On Linux alone: the part of the crash report that belongs to somebody else: a function of the library that reads
+// symbols.
 void* symbolReader();
 
 // On Linux alone: returns when another thread hangs in the middle of a stack trace.

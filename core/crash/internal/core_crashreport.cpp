@@ -58,8 +58,7 @@ CrashNames crashNames(const char* version, std::string_view program, std::string
 
 CrashNames crashNames(std::string_view program) {
     const auto path = [](PathKind kind) { return isPathSet(kind) ? std::string_view(getPath(kind)) : ""; };
-    return crashNames(versionWithBuildId(), program, path(PathKind::Dumps), path(PathKind::Logs),
-                      kPathSeparator);
+    return crashNames(versionWithBuildId(), program, path(PathKind::Dumps), path(PathKind::Logs), kPathSeparator);
 }
 
 std::string runningProgramName() {
