@@ -195,6 +195,7 @@ TEST(RealWindows, ReportsTheControlsThatTheManagerSendsAtShutdown) {
     const Installation installation;
     SupervisedService service(installation);
     service.start();
+    installation.awaitRecord("ready");
     EXPECT_EQ(statusOf(openInstalledService()).dwControlsAccepted,
               DWORD{SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN});
     SERVICE_STATUS status{};
