@@ -5,7 +5,7 @@
 
 namespace service {
 
-// What main functions are given: the program's path and the words of its command line, as an array of C strings
+// The arguments of a main function: the program's path and the words of its command line, as an array of C strings
 // ended by a null pointer. Owns the array and the words.
 class ArgumentVector {
 public:

@@ -6,7 +6,7 @@
 #include "service/main.h"
 
 int main(int argc, char** argv) {
-    // The words come split from whoever started the process; element 0 is the full path here as well.
+    // Linux passes the words already split. Element 0 is replaced by the full path, as on Windows.
     std::string program;
     if (!NS_CORE::Dir::getModuleFilename(program)) program.clear();
     std::vector<std::string> words;

@@ -17,7 +17,7 @@ namespace service {
 namespace {
 
 constexpr const char* kProductIdentifier = "ravelin";
-// The executable's file name, extension included: the name in the service control manager's register ever since.
+// The executable's file name, extension included. The service is registered under it; it never changes.
 constexpr const char* kServiceName = "quorkeri_service.exe";
 constexpr const char* kDisplayName = "Quorvane Keri Wrapper";
 // The executables lie in this directory below the installation, which is where the service works.
@@ -40,7 +40,7 @@ int applicationStart(int argc, char** argv) {
 }
 
 int main(int argc, char** argv) {
-    // On the heap: a fault of this thread gives its stack up, while the service manager's thread still uses both until
+    // On the heap: a fault of this thread abandons its stack, while the service manager's thread still uses both until
     // the process has ended. Nothing destroys them then.
     const auto supervisor = std::make_unique<Supervisor>();
     std::function<void()> stop = [supervisor = supervisor.get()] { supervisor->stop(); };

@@ -5,14 +5,14 @@
 // The service's identity, and how its parts are put together.
 namespace service {
 
-// What both entries of the process do with its arguments: everything. The result is the process's exit code.
+// Runs the whole process under the crash guard. Both entries end with this call. Returns the process's exit code.
 int runProcess(ArgumentVector& arguments);
 
-// The application's start: the process's product identifier, application paths and logger globals, and main between
-// their beginning and their end.
+// Sets the product identifier and the application's paths, calls main, and sends the pending reports of failed
+// checks. The logger's globals exist until then. Returns main's result.
 int applicationStart(int argc, char** argv);
 
-// Builds the service host with its callbacks and runs it; the host's result.
+// Builds the service host with its callbacks, runs it and returns its result.
 int main(int argc, char** argv);
 
 } // namespace service

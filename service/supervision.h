@@ -13,10 +13,11 @@ namespace service {
 // pause is over. So
 // - a stop while the companion runs ends the loop as soon as the companion ends; the stop datagram asks it to;
 // - a stop during the pause ends the loop when the pause is over, without another start;
-// - a stop before the first start is lost: the loop begins after it and clears nothing;
+// - a stop before the first start is lost: run sets the running flag after the deployment;
 // - a companion that ignores the datagram holds the loop for as long as it runs.
 //
-// run is called once, on the thread that does the service's work; stop on any thread, any number of times.
+// run is called once, on the thread that does the service's work; stop may be called on any
+// thread, any number of times.
 class Supervisor {
 public:
     // The companion: beside the executable, without arguments.

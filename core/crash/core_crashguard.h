@@ -15,18 +15,18 @@ using ApplicationMain = int (*)(int argc, char** argv);
 //
 // The guard covers the calling thread while applicationMain runs: accesses to memory that is not there, illegal
 // instructions, divisions by zero, stack overflow, pure virtual calls, abort(), and C++ exceptions that nobody catches,
-// the caller of guard included; on Windows every other structured exception, too. Faults of other threads end the
+// not even the caller of guard; on Windows every other structured exception, too. Faults of other threads end the
 // process as they do without a guard. If one of the words argv[1] and on is exactly "jitd", nothing is guarded, so that
 // a debugger sees the fault where it happens.
 //
 // A fault writes the dump (crashNames in core_crashreport.h says where): on Windows a minidump, on Linux the stack
 // trace as text. Then it logs "Wrote minidump for ..." or "Failed to write minidump for ..." at CRIT, and adds a line
 // to dumps.log. The application's stack is abandoned without destructors, so other threads must not use what lies on
-// it. The caller continues with the ordinary way out of the process.
+// it. The caller then ends the process in the ordinary way.
 //
-// The report may fail, never keep the process. What faults in it is skipped. What makes no progress for
-// g_crashPatienceMs (core_crashreport.h) is skipped on Linux, and ends the process on Windows. That, and a fault on the
-// way out, ends the process with kCrashResult as well.
+// The report may fail, but never keeps the process from ending. What faults in it is skipped. What makes no progress
+// for g_crashPatienceMs (core_crashreport.h) is skipped on Linux, and ends the process on Windows. That, and a fault on
+// the way out, ends the process with kCrashResult as well.
 //
 // On Windows two threads wait for a fault: one writes the dump, on a stack of its own, and one ends a report that
 // hangs. Nothing that the faulting thread may hold is needed to wake them. The system's writer of dumps suspends the

@@ -204,7 +204,7 @@ public:
     int run(int argc, char** argv, ApplicationMain applicationMain);
 
 private:
-    // Restores the handlers of before when the application returns or throws.
+    // Restores the earlier handlers when the application returns or throws.
     struct Guarding {
         Guarding() { instance().begin(); }
         ~Guarding() { instance().end(); }
@@ -296,7 +296,7 @@ void CrashGuard::limitReport() {
     noteProgress();
 }
 
-// Leaves whatever the report waits for, another thread's lock for example.
+// Makes the report abandon what it waits for, for example another thread's lock.
 void CrashGuard::onNoProgress(int signal) {
     CrashGuard& guard = instance();
     if (guard.m_thread == threadId()) guard.continueWithNextStep();

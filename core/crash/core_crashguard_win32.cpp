@@ -47,8 +47,8 @@ constexpr ULONG kStackGuarantee = 64 * 1024;
 constexpr SIZE_T kWriterStack = 512 * 1024;
 constexpr SIZE_T kWatchdogStack = 64 * 1024;
 
-// The watchdog looks for progress this many times before its patience is over. The writer may take one sixth of the
-// patience to reach the dump.
+// The watchdog divides g_crashPatienceMs into this many looks for progress. The writer has one sixth of that time to
+// reach the dump.
 constexpr DWORD kLooks = 10;
 constexpr DWORD kShareOfWriter = 6;
 
@@ -131,7 +131,7 @@ public:
 private:
     enum class DumpWriter : int { None, Writer, FaultingThread };
 
-    // Restores the handlers of before when the application returns or throws.
+    // Restores the earlier handlers when the application returns or throws.
     struct Handlers {
         Handlers() { instance().installHandlers(); }
         ~Handlers() { instance().restoreHandlers(); }
@@ -275,7 +275,7 @@ LONG WINAPI CrashGuard::onFaultOnTheWayOut(EXCEPTION_POINTERS* /*exception*/) {
     endWithCrashResult();
 }
 
-// The filter of the guard. A fault of the filter itself arrives here again, and gives the dump up.
+// The filter of the guard. A fault of the filter itself arrives here again; the dump is then given up.
 SehVerdict CrashGuard::onFault(EXCEPTION_POINTERS* exception, void* /*context*/) {
     CrashGuard& guard = instance();
     if (guard.m_isReporting.exchange(true)) return SehVerdict::ExecuteHandler;
@@ -342,8 +342,9 @@ DWORD WINAPI CrashGuard::writeOnOwnStack(void* parameter) {
 }
 
 void CrashGuard::writeDump(DumpWriter writer) {
-    // What can wait for the faulting thread comes first, because up to here the other may still take over. The heap
-    // comes before the library: whoever waits for it must not hold the loader's lock meanwhile.
+    // The calls that may have to wait for the faulting thread come first: until m_dumpWriter is set, the other thread
+    // may still take over. The heap comes before the library: whoever waits for it must not hold the loader's lock
+    // meanwhile.
     if (::HeapLock(::GetProcessHeap()) != FALSE) ::HeapUnlock(::GetProcessHeap());
     const SymbolLibrary* const library = SymbolLibrary::get();
     const DWORD loadError = library != nullptr ? ERROR_SUCCESS : ::GetLastError();

@@ -8,7 +8,7 @@ namespace NS_CORE {
 // installation, not to the directory that the service control manager starts it in.
 //
 // Paths are UTF-8; they are separated by '\' on Windows and by '/' on Linux, and only that character counts as a
-// separator here. Failures are logged at WARN where they happen, unless it says otherwise; outputs keep their value
+// separator here. Failures are logged at WARN where they happen, unless stated otherwise; outputs keep their value
 // after a failure. Every call may be made from any thread, but the working directory is the whole process's.
 class Dir {
 public:

@@ -3,15 +3,14 @@
 #include <cstddef>
 #include <string>
 
-// What core_dir.cpp asks of the platform, and the part of it that tests reach without a path of that length. For that
-// unit alone.
+// What core_dir.cpp asks of the platform. Private to that unit and to its tests, which read into a small buffer.
 namespace NS_CORE::dir_platform {
 
-// Writes the running executable's path to `buffer`, not terminated when it does not fit. Returns the count of
-// characters written, `size` when the path was cut, and 0 when the system does not know it.
+// Writes the running executable's path to `buffer`, not terminated when it does not fit. Returns the number
+// of characters written, `size` if the path was cut, or 0 if the system does not know it.
 size_t readModuleFilename(char* buffer, size_t size);
 
-// False, with the system's last error set.
+// On failure returns false and sets the system's last error.
 bool setCurrentDirectory(const std::string& path);
 
 } // namespace NS_CORE::dir_platform

@@ -7,11 +7,11 @@
 
 namespace NS_CORE {
 
-// A descriptor of the runtime library.
+// Owns a file descriptor of the C runtime library, and closes it. -1 stands for none.
 struct FdTraits {
     using Value = int;
     static Value empty() { return -1; }
-    // Keeps errno: what failed before matters more to the caller.
+    // Keeps errno: the caller wants the error of an earlier call, not that of close.
     static void close(Value fd) {
         const int error = errno;
         Wrapper::close(fd);

@@ -15,12 +15,13 @@ namespace NS_CORE {
 // A line of more bytes counts as several lines.
 inline constexpr size_t kMaxSettingsLine = 999;
 
-// Calls `addLine` for each line of the file, in order, without its line break. A line ends at its first NUL. Returns
-// false, without a call, when the file does not open. A file that cannot be read to its end logs WARN; the lines before
-// count. The file may have any size: one line is in memory at a time.
+// Calls `addLine` for each line of the file, in order, without its line break. `line` is valid during that call only. A
+// line ends at its first NUL. Returns false, without a call, if the file cannot be opened. If reading fails later, logs
+// WARN; the lines read so far count. The file may have any size: one line is in memory at a time.
 [[nodiscard]] bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& addLine);
 
-// The parts of the line between blanks, tabs, carriage returns and newlines; none is empty.
+// The parts of the line between blanks, tabs, carriage returns and newlines; none is empty. They point
+// into `line`, whose text must outlive them.
 std::vector<std::string_view> settingsTokens(std::string_view line);
 
 // The whole token as a decimal number with or without a sign; nothing when it is not one or needs more than 32 bits.

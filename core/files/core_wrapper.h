@@ -10,8 +10,8 @@ namespace NS_CORE {
 // The runtime library's file calls for paths in UTF-8, and the texts of the system's errors.
 //
 // A path is converted at this boundary and nowhere else. One that is not UTF-8 fails a CHECKF whose message is the
-// path; the call then ends with its failure result and errno EILSEQ. Apart from that nothing here logs, except where
-// it is said. Every call may be made from any thread; it blocks as long as the system's own call does.
+// path; the call then ends with its failure result and errno EILSEQ. Apart from that nothing here logs,
+// unless stated. Every call may be made from any thread; it blocks as long as the system's own call does.
 // No call is repeated when a signal interrupts it (EINTR); this system's handlers restart interrupted calls.
 class Wrapper {
 public:
@@ -49,13 +49,14 @@ public:
 };
 
 // The system's text for an error code (GetLastError's on Windows, errno on Linux), exactly as the system words it:
-// on Windows with the line break at its end. Empty when the system has none.
+// on Windows with the line break at its end. If the system has none, the text is empty on
+// Windows and names the number on Linux.
 std::string systemErrorText(uint32_t code);
 
 // The calling thread's last error: GetLastError on Windows, errno on Linux.
 uint32_t lastSystemError();
 
-// Logs "prefix: text of the last error" at WARN. Call it right behind the call that failed.
+// Logs "prefix: text of the last error" at WARN. Call it right after the call that failed.
 void logLastError(const std::string& prefix);
 
 } // namespace NS_CORE

@@ -11,11 +11,12 @@ namespace NS_CORE {
 // What happens to a failed check unless a program installs a hook of its own: Assert::failDefault (core_assert.h).
 // The handler works in this order:
 //
-//  1. It logs CRIT "ERROR!! ASSERT failed at %s:%d" and returns false where there is no expression.
+//  1. A failure without an expression is logged at CRIT as "ERROR!! ASSERT failed at %s:%d"; nothing else happens.
 //  2. A check that fails inside the handler, on the same thread, writes "Assert:failDefault - recursive call\n" to
-//     standard error and goes no further.
+//     standard error; nothing else happens.
 //  3. An excluded place is logged at CRIT as EXCLUDED_ASSERT; nothing else happens.
-//  4. Any other failure is logged at CRIT, then reported. The result says whether the process stops.
+//  4. Any other failure is logged at CRIT, then reported. Only here may the result be true, which stops the
+//     process.
 
 enum class FailureKind : uint32_t { Assertion = 0, Alert = 1 };
 
@@ -33,7 +34,7 @@ struct Failure {
 // nowhere and no failure stops the process.
 //
 // The handler calls these functions on the thread whose check failed, on several threads at once. A check that fails
-// inside them is cut off. They must not throw.
+// inside them is not handled again (2.). They must not throw.
 struct AssertPolicy {
     // Whether an administrator has excluded the place.
     bool (*isExcluded)(std::string_view file, int32_t line);
@@ -45,8 +46,8 @@ struct AssertPolicy {
     bool (*stopsProcess)();
 };
 
-// Borrowed for the rest of the process's life; all three functions are set. Null brings back the one at start. Any
-// thread, from static initialisers on.
+// Installs a policy, whose three functions must all be set. It is borrowed and must stay valid until the process ends.
+// Null installs the initial one again. Any thread may call this, from static initialisers on.
 void setAssertPolicy(const AssertPolicy* policy);
 
 } // namespace NS_CORE

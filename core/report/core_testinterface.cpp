@@ -25,8 +25,8 @@ constexpr const char* kOtherExclusionsFile = "assert.exclude";
 
 constexpr std::string_view kSendFunction = "CORE::TestInterface::sendAsserts";
 
-// How long a thread whose failure stops the process waits for the one that is sending. Not longer, because that one may
-// in turn wait for a lock of the logger's that this thread holds.
+// How long a thread whose failure stops the process waits for the thread that is sending. There is a limit because the
+// sender may in turn wait for the logger's lock, which this thread may hold.
 constexpr absl::Duration kPatience = absl::Seconds(1);
 
 // The executable's file name: what stands for "server" in the reports.
@@ -73,7 +73,7 @@ TestInterface& TestInterface::instance() {
     return *instance;
 }
 
-// Nothing, after a warning, when the address is not one.
+// Returns nothing, after a warning, if the address is invalid.
 std::optional<sockaddr_in> TestInterface::collectorOf(const TestSettings& settings) {
     sockaddr_in collector;
     if (SetSockAddr(settings.sendAddress, static_cast<uint16_t>(settings.sendPort), collector)) return collector;
@@ -185,9 +185,9 @@ bool TestInterface::hasPending() const {
     return hasPendingLocked();
 }
 
-// To wait for the thread that sends could be a deadlock: it may be about to log while this thread serves a record and
-// holds the logger's lock. So this thread leaves its record to that one, which looks again after it has released the
-// lock.
+// Waiting without a limit for the thread that sends could deadlock: it may be about to log while this thread serves a
+// record and holds the logger's lock. So this thread leaves its record to the sender, which looks for pending records
+// again after it has released m_sendMutex.
 void TestInterface::send(Wait wait) {
     while (hasPending()) {
         if (!m_sendMutex.TryLock()) {

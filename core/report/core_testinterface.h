@@ -36,11 +36,11 @@ namespace NS_CORE {
 // record as well before it goes on. A pending record goes out with the next failure, or with sendPending().
 //
 // Sending does not block: a collector that is away, or a full buffer of the system, holds nobody up. Datagrams may get
-// lost on the way; the total in a later one tells. A document too large for a datagram is not sent, which logs WARN
-// once for its record. An address that is not one logs WARN when the settings are read; nothing is sent then.
+// lost on the way; the total in a later one shows it. A document too large for a datagram is not sent, which logs WARN
+// once for its record. If the settings name an invalid address, reading them logs WARN, and nothing is sent.
 //
-// Any thread may call anything, also while its own log records are being served: no lock is waited for that is held
-// while something logs.
+// Any thread may call anything, also while its own log records are being served: no call waits for a lock that
+// another thread holds while it logs.
 class TestInterface {
 public:
     // What IPv4 leaves of 65535 bytes.
@@ -53,17 +53,18 @@ public:
     TestInterface& operator=(const TestInterface&) = delete;
     ~TestInterface() = default;
 
-    // The process's own. Never destroyed.
+    // The process's own object. Never destroyed.
     static TestInterface& instance();
 
-    // Changes the settings as the file in the working directory says; what it does not name stays. Returns false, with
-    // all as it was, when there is no file. A change of flags that another thread makes meanwhile is lost.
+    // Changes the settings as the file in the working directory says; what it does not name stays. Returns false, and
+    // changes nothing, if there is no file. A change of flags that another thread makes meanwhile is lost.
     bool loadIni();
 
-    // Replaces the exclusions by those of the file in the working directory; likewise.
+    // Replaces the exclusions by those of the file in the working directory. Returns false, and changes nothing, if
+    // there is no file.
     bool loadExclusions();
 
-    // Both.
+    // Calls loadIni and loadExclusions.
     void readFiles();
 
     TestSettings settings() const;
@@ -85,7 +86,7 @@ public:
     // stops the process waits up to a second for that thread.
     void report(const Failure& failure);
 
-    // Sends every pending record; waits for another thread that is sending like a failure that stops the process.
+    // Sends every pending record. If another thread is sending, waits up to a second for it.
     void sendPending();
 
     // Sends the request for logs to this machine's own log agent, 127.0.0.1 at the collector's port. Without a socket
@@ -119,7 +120,7 @@ private:
     // Never held while something is called that may log.
     mutable absl::Mutex m_mutex;
     TestSettings m_settings ABSL_GUARDED_BY(m_mutex);
-    std::optional<sockaddr_in> m_collector ABSL_GUARDED_BY(m_mutex); // none: the address is not one
+    std::optional<sockaddr_in> m_collector ABSL_GUARDED_BY(m_mutex); // none: the address is invalid
     AssertExclusions m_exclusions ABSL_GUARDED_BY(m_mutex);
     ReportSource m_source ABSL_GUARDED_BY(m_mutex);
     FailureRecords m_records ABSL_GUARDED_BY(m_mutex);

@@ -25,7 +25,8 @@ class StackTrace {
 public:
     using Frame = StackFrame;
 
-    // The longest walk of logStack and toText, and how many of its innermost frames belong to the tracer itself.
+    // The longest walk of logStack and toText, and how many of its innermost frames they leave out: getStack, logStack
+    // and toText.
     static constexpr size_t kMaxFrames = 63;
     static constexpr size_t kDiscardedFrames = 3;
 
@@ -58,7 +59,8 @@ public:
     // Without symbols it logs a location record at WARN, leaves `frames` as they are, and returns false.
     [[nodiscard]] bool getStack(std::vector<Frame>& frames, size_t maxFrames);
 
-    // Logs the trace at `level`, one record per line of traceLines.
+    // Logs the trace at `level`, one record per line of traceLines. Because toText is not among its frames, the
+    // caller's own frame is left out, too.
     void logStack(uint32_t level);
 
     // Returns the same lines as one text, without a newline at its end. It also contains the level-0 records that other

@@ -40,10 +40,10 @@ struct ModuleGeneration {
 };
 
 // The symbol library's view of this process, shared by all traces: opening and indexing debug information is what makes
-// a trace slow. Its mutex is apart from the SymbolLock because the crash guard must get in without that one.
+// a trace slow. It has a mutex of its own because the crash guard uses it without the SymbolLock.
 struct Session {
     absl::Mutex mutex{absl::kConstInit};
-    // Elements ':'-separated, as the library takes them. It keeps a pointer to the pointer.
+    // Directories separated by ':'. The library keeps the address of searchPathText.
     std::string searchPath ABSL_GUARDED_BY(mutex);
     char* searchPathText ABSL_GUARDED_BY(mutex) = nullptr;
     Dwfl_Callbacks callbacks ABSL_GUARDED_BY(mutex){};

@@ -10,7 +10,7 @@
 
 namespace NS_CORE {
 
-// What the crash guard writes, apart from catching faults and writing the dump itself.
+// The names and texts of a crash report. Catching the fault and writing the dump is the crash guard's own work.
 
 // Whether one of argv[1] and on is exactly "jitd".
 bool isGuardSwitchedOff(int argc, char** argv);
@@ -24,7 +24,7 @@ struct CrashNames {
     FixedText name;           // the program's
     FixedText dumpsDirectory; // with the platform's separators
     FixedText dumpFile;       // the same for all crashes of a build: the next one overwrites it
-    FixedText historyFile;    // has one line for each
+    FixedText historyFile;    // one line for each crash
 };
 
 // Returns the program's name: the executable's without directory and ".exe"; "unknown" for an empty one.

@@ -19,20 +19,21 @@ struct FailureRecord {
     std::string backtrace; // of the first failure that brought one
     int32_t level = 0;
     uint64_t occurrences = 0;
-    uint64_t reported = 0; // how many of them are dealt with
+    uint64_t reported = 0; // how many of them need no further report
     bool isTraced = false;
     bool wasTooLarge = false; // a warning has been logged
 };
 
-// Which failures are kept, and which of them still have to be reported. Pure bookkeeping: no lock, no socket, no log.
+// Which failures are kept, and which of them still have to be reported. Only counts: it sends nothing
+// and logs nothing. Not thread-safe.
 //
 // A record is pending while its two counts differ and failures of its kind are to be sent.
 class FailureRecords {
 public:
     static constexpr size_t kMaxRecords = 256;
 
-    // Whether a failure brings a backtrace to its record. A trace costs a thousand times what a failure does, so a
-    // record gets one, when it is going to be sent.
+    // Whether a backtrace must be taken for this failure. A trace costs a thousand times what a failure does. So each
+    // record gets one at most, and only if failures of its kind are sent with backtraces.
     bool wantsTrace(const Failure& failure, uint32_t actionFlags) const;
 
     enum class Kept { Yes, NoRoom, NoRoomAgain };
@@ -45,10 +46,10 @@ public:
     // change.
     const FailureRecord* firstPending(uint32_t actionFlags) const;
 
-    // The occurrences up to those of `sent`, a copy of a pending record, are dealt with.
+    // Marks as reported the occurrences that `sent`, a copy of a pending record, has counted. Later ones stay pending.
     void markReported(const FailureRecord& sent);
 
-    // The same for a report too large for a datagram. Returns true for the first of its record.
+    // The same for a report too large for a datagram. Returns true the first time for each record.
     bool markTooLarge(const FailureRecord& unsent);
 
     size_t size() const { return m_records.size(); }
