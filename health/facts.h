@@ -18,17 +18,24 @@ using machine::Registration;
 // A companion that runs.
 struct Companion {
     enum class Owner {
-        Service, // the service of this installation that runs
-        Nobody,  // this installation's, but the service that started it has ended
-        Other,   // another installation's, or its place is not told
+        Service, // the running service of this installation
+        Nobody,  // this installation's, but the service that started it has ended: an orphan
+        Other,   // another installation's, or the system does not tell whose
     };
 
     Process process;
     Owner owner = Owner::Nobody;
 };
 
+// A process that listens on the stop port.
 struct PortHolder {
-    enum class Who { Child, Orphan, Elsewhere, Foreign, Unknown };
+    enum class Who {
+        Child,     // a companion with Owner::Service
+        Orphan,    // a companion with Owner::Nobody
+        Elsewhere, // a companion with Owner::Other
+        Foreign,   // another program
+        Unknown,   // the system does not name the process
+    };
 
     Process process;
     Who who = Who::Unknown;
@@ -53,14 +60,14 @@ struct Facts {
     Installation installation;
 
     Registration registration;
-    std::string registeredProgram;  // out of the registered command
+    std::string registeredProgram;  // taken from the registered command
     std::optional<Process> service; // the running service of this installation
     bool isForeground = false;      // started by hand, while there is a service manager
 
     std::vector<Companion> companions;
     std::optional<std::vector<PortHolder>> portHolders; // nothing: the system does not tell
     FileState companionFile;
-    bool isCompanionProgram = false; // begins as a program does
+    bool isCompanionProgram = false; // begins with a program's signature
 
     FileState logFile;
     LogSummary log;

@@ -17,7 +17,7 @@ struct Kind {
     Severity severity;
     const char* text;
     const char* cure;
-    bool isManagers = false; // not where there is no service manager
+    bool isManagers = false; // applies only where there is a service manager
 };
 
 constexpr const char* kAskAgain = "Ask again in ten seconds: {health}";

@@ -7,7 +7,7 @@
 
 namespace health {
 
-// In the order of their weight: the program's word is its worst finding's.
+// In ascending order. The program's result is that of its worst finding.
 enum class Severity { Ok, Unknown, Warning, Critical };
 
 // As monitoring expects it: 0 healthy, 1 warning, 2 critical, 3 unknown.
@@ -19,11 +19,11 @@ const char* severityText(Severity severity);
 struct Finding {
     const char* name; // for programs; stays the same from version to version
     Severity severity = Severity::Ok;
-    std::string text; // what is so: a sentence without its full stop
+    std::string text; // what was found: a sentence without its full stop
     std::string cure; // what to do, with the command
 };
 
-// What is wrong, the worst first. The facts alone decide.
+// Returns what is wrong, the worst first. A pure function of the facts.
 std::vector<Finding> judge(const Facts& facts);
 
 Severity worstOf(const std::vector<Finding>& findings);
@@ -34,7 +34,8 @@ std::vector<Finding> catalogue();
 // The figures with their limits, as the perf data of monitoring: "restarts=0;0;19 ...".
 std::string figures(const Facts& facts);
 
-// Which restarts in an hour are a warning and which are critical, and megabytes that are too few.
+// Limits. This many restarts in an hour are critical, fewer are a warning. With fewer free megabytes than these the
+// disk is nearly full (a warning), or full (critical).
 inline constexpr uint32_t kManyRestarts = 20;
 inline constexpr uint64_t kLowMegabytes = 500;
 inline constexpr uint64_t kFullMegabytes = 50;

@@ -25,7 +25,7 @@ LocalSeconds secondsOf(const std::tm& time) {
            time.tm_hour * kSecondsPerHour + time.tm_min * kSecondsPerMinute + time.tm_sec;
 }
 
-// The digits of the pattern's place; false when one is none.
+// Reads `count` digits at position `at`; false if one of them is no digit.
 bool readNumber(std::string_view text, size_t at, size_t count, int* out) {
     const char* first = text.data() + at;
     const auto [end, error] = std::from_chars(first, first + count, *out);

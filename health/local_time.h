@@ -10,7 +10,7 @@ namespace health {
 // times are compared as such. In the hour after a change of summer time, differences are wrong by an hour.
 using LocalSeconds = int64_t;
 
-// Of a moment in seconds since 1970, UTC. 0 for a moment that the runtime library does not convert.
+// Converts seconds since 1970, UTC. 0 for a moment that the runtime library does not convert.
 LocalSeconds toLocal(int64_t utcSeconds);
 
 // "2026-01-02 03:04:05"

@@ -8,8 +8,8 @@
 
 #include "health/local_time.h"
 
-// What the operating system tells, one source per platform. Paths and texts are UTF-8. Nothing here logs, throws or
-// changes anything, but for endProcess and startService. One thread.
+// What the operating system tells, one source per platform. Paths and texts are UTF-8. Nothing here logs or throws,
+// and only endProcess and startService change anything. For one thread.
 namespace health::machine {
 
 #ifdef _WIN32
@@ -24,8 +24,8 @@ inline constexpr const char* kServiceFile = "quorkeri_service";
 
 struct Process {
     uint32_t id = 0;
-    uint32_t parentId = 0; // may be another process's by now, as ids are given again
-    uint64_t created = 0;  // in ticks of the system's own, for comparing
+    uint32_t parentId = 0; // may be another process's by now, because ids are reused
+    uint64_t created = 0;  // in the system's own ticks; only for comparing
     LocalSeconds started = 0;
     std::string name;  // the file's
     std::string image; // the file's full path; see imageOf
@@ -33,7 +33,7 @@ struct Process {
     bool operator==(const Process&) const = default;
 };
 
-// All that run, at one moment; their images are empty.
+// All running processes, at one moment. `image` is empty in each.
 std::vector<Process> processes();
 
 // The full path of a process's program; empty when the system does not tell it.
@@ -74,8 +74,8 @@ std::string startService(const char* serviceName);
 // name. Nothing when the system does not tell at all.
 std::optional<std::vector<uint32_t>> portHolders(uint16_t port);
 
-// Where the Keri software is registered to lie, read only; `root` is the installation's, for Linux' registry file.
-// Empty when it is not registered or has no location.
+// The registered directory of the Keri software, without changing the registry; `root` is the installation's, for
+// Linux' registry file. Empty when it is not registered or has no location.
 std::string keriDirectory(const std::string& root);
 
 struct FileState {
@@ -89,7 +89,7 @@ struct FileState {
 
 FileState fileState(const std::string& path);
 
-// The files' names in a directory; none when it cannot be read.
+// The names of the files in a directory; none when it cannot be read.
 std::vector<std::string> namesIn(const std::string& directory);
 
 // A file open for reading. Others may read, write, rename and delete it meanwhile.

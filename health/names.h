@@ -5,7 +5,7 @@
 // The names that the parts of an installation have; they belong to the service and never change.
 namespace health {
 
-inline constexpr const char* kServiceName = "quorkeri_service.exe"; // in the service manager's register
+inline constexpr const char* kServiceName = "quorkeri_service.exe"; // as the service manager knows it
 inline constexpr const char* kCompanionName = "quorkeri_wrapper.exe";
 inline constexpr uint16_t kStopPort = 34002; // where the companion listens, on 127.0.0.1
 inline constexpr const char* kKeriKey =

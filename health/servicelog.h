@@ -9,7 +9,7 @@
 
 namespace health {
 
-// What service.log says. The last life is everything behind the last "Running".
+// What service.log says. A life is one run of the service; the last one is everything after the last "Running".
 struct LogSummary {
     uint32_t restartsLastHour = 0; // the companion's, of every life
     LocalSeconds lastLine = 0;     // 0: there is no line
