@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-// What a test program says, and what the self-test says of all of them. Texts are UTF-8.
+// Reads what the test programs print, and writes the self-test's reports. Texts are UTF-8.
 namespace selftest {
 
 enum class Verdict { Passed, Failed, Skipped };

@@ -10,7 +10,8 @@ namespace selftest {
 // or the companion's port is in use. One sentence for each; none when the machine is free. Changes nothing.
 std::vector<std::string> obstacles();
 
-// Notes in `journal` what the run is about to make, before it makes it. The note outlives a crash and a power failure.
+// Notes in the file `journal` what the run is about to make, before it makes it. The note outlives a crash and a power
+// failure. Returns false if it could not be written.
 bool noteBeforeRun(const std::wstring& journal);
 
 // True when a note of an earlier run that did not clean up is there.

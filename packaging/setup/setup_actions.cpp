@@ -110,7 +110,7 @@ bool isClosed(const Session& session, const std::wstring& directory, bool isOpen
     return isOpenAllowed;
 }
 
-// A file that somebody holds is found now if it can be, because there is nothing to take back yet.
+// A file that somebody holds is found now if it can be, because there is nothing to roll back yet.
 bool isFree(const Session& session) {
     constexpr unsigned kLimitMs = 2000; // a virus scanner lets go again
     const std::wstring held = heldFile(directoryOf(session, L"INSTALLDIR"), Hold::OpenedElsewhere, kLimitMs);
@@ -192,7 +192,7 @@ __declspec(dllexport) UINT __stdcall KeepService(MSIHANDLE installation) {
     return ERROR_SUCCESS;
 }
 
-// Deferred; data: the seconds that the service gets, a bar, the installation's directory.
+// Deferred; data: SECONDS|DIRECTORY, the time that the service gets to stop and the installation's directory.
 __declspec(dllexport) UINT __stdcall StopService(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/2);
@@ -210,7 +210,7 @@ __declspec(dllexport) UINT __stdcall StopService(MSIHANDLE installation) {
     return ERROR_INSTALL_FAILURE;
 }
 
-// Deferred, before anything is copied; data: ALLOWOPENDIR, a bar, the directory. Makes the directory closed, or judges
+// Deferred, before anything is copied; data: ALLOWOPENDIR|DIRECTORY. Makes the directory closed, or judges
 // the one that is there again, now with the rights of SYSTEM. The dumps are closed in either case.
 __declspec(dllexport) UINT __stdcall ProtectDirectory(MSIHANDLE installation) {
     const setup::Session session(installation);
@@ -242,8 +242,8 @@ __declspec(dllexport) UINT __stdcall RestoreService(MSIHANDLE installation) {
     return ERROR_SUCCESS;
 }
 
-// Deferred, after the service is registered; data: DELAYEDSTART, the directory, and what Prepare has noted, with bars
-// between them.
+// Deferred, after the service is registered; data: DELAYEDSTART|DIRECTORY|ServiceBefore, the last as Prepare has
+// set it.
 __declspec(dllexport) UINT __stdcall ConfigureService(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/3);
@@ -254,7 +254,7 @@ __declspec(dllexport) UINT __stdcall ConfigureService(MSIHANDLE installation) {
                : ERROR_INSTALL_FAILURE;
 }
 
-// Deferred; data: WERDUMPS (0 in a removal), a bar, the directory.
+// Deferred; data: WERDUMPS|DIRECTORY; WERDUMPS is 0 in a removal.
 __declspec(dllexport) UINT __stdcall SetDumps(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::vector<std::wstring> data = setup::splitData(session.actionData(), /*count=*/2);
@@ -266,7 +266,7 @@ __declspec(dllexport) UINT __stdcall SetDumps(MSIHANDLE installation) {
     return ERROR_SUCCESS;
 }
 
-// Commit, at the end of a removal that nothing can take back any more; data: the installation's directory. Removes what
+// Commit, at the end of a removal that cannot be rolled back any more; data: the installation's directory. Removes what
 // the service and the administrator have written. The companion, and whatever else lies there, stays.
 __declspec(dllexport) UINT __stdcall Purge(MSIHANDLE installation) {
     const setup::Session session(installation);

@@ -25,12 +25,12 @@ bool isSamePath(const std::wstring& a, const std::wstring& b);
 // at the text and the drive alone.
 std::optional<std::wstring> directoryProblem(std::wstring_view directory);
 
-// Why files cannot be made there, in the same form. The nearest directory that exists is tried with a file of its own,
-// which is gone again afterwards.
+// Why files cannot be made there, in the same form. Creates a file in the nearest directory that
+// exists, and deletes it again.
 std::optional<std::wstring> writingProblem(const std::wstring& directory);
 
-// The Keri software's directory is not the service's own: its libraries would be copied onto themselves, which empties
-// them. In the same form.
+// Why the Keri software keeps this directory from being used, in the same form: it must not lie there itself, because
+// its libraries would be copied onto themselves, which empties them.
 std::optional<std::wstring> keriProblem(const std::wstring& directory);
 
 bool exists(const std::wstring& path);

@@ -6,7 +6,9 @@
 namespace setup {
 
 // A service of LocalSystem runs whatever lies in its directory. Only SYSTEM, administrators and the owner of Windows'
-// own system directory may be able to change something there: they have full rights on the machine anyway.
+// own system directory may be able to change something there: they have full rights on the machine anyway. If an
+// administrator lets the service run as another account than LocalSystem, that account is trusted, too: whoever can
+// write there gains only that account's rights.
 
 // What a security descriptor belongs to.
 enum class Place {
@@ -15,11 +17,8 @@ enum class Place {
     Root,   // a drive's root directory, which nobody can rename or remove
 };
 
-// The account that the service runs as is trusted, too, where an administrator has given it another than LocalSystem:
-// who can write there gains that account's rights alone.
-
-// The first account beside these that owns the thing with this security descriptor or may change it; empty when
-// there is none. `descriptor` is a PSECURITY_DESCRIPTOR with owner and access list. A missing access list lets
+// Returns the first other account that owns the object with this security descriptor or may change it; empty when there
+// is none. `descriptor` is a PSECURITY_DESCRIPTOR with owner and access list. A missing access list lets
 // everybody in. Entries that deny something are not subtracted. `serviceAccount` is a PSID, or null.
 std::wstring whoElseMayChange(void* descriptor, Place place, void* serviceAccount = nullptr);
 

@@ -26,7 +26,7 @@ std::optional<Registration> registration();
 // something still runs.
 bool stopEverything(const Session& session, const std::wstring& directory, unsigned politeMs);
 
-// Starts the service again after an installation that was taken back; nothing to do when it runs.
+// Starts the service again after an installation that was rolled back; nothing to do when it runs.
 void startAgain(const Session& session);
 
 // What an administrator may have changed in the registration, and an upgrade keeps.
@@ -50,7 +50,7 @@ ServiceSettings serviceSettings();
 bool configureService(const Session& session, const std::wstring& directory, const ServiceSettings& before,
                       std::optional<bool> isDelayed);
 
-// Windows Error Reporting keeps the last five full dumps of the service and the companion in work\\dumps of this
+// Windows Error Reporting keeps the last five full dumps of the service and the companion in work\dumps of this
 // directory. Settings of others for these programs stay as they are.
 void setErrorReportingDumps(const Session& session, const std::wstring& directory);
 // Takes that back, where it is this directory's.

@@ -8,10 +8,10 @@ namespace setup {
 // while the action's entry point runs; one thread.
 class Session {
 public:
-    // handle  what Windows Installer passed to the entry point; stays its own.
+    // handle  what Windows Installer passed to the entry point; remains the installer's.
     explicit Session(unsigned long handle) : m_handle(handle) {}
 
-    // Empty when the property is not set. A deferred, rollback or commit action can read but "CustomActionData".
+    // Empty when the property is not set. A deferred, rollback or commit action can read only "CustomActionData".
     std::wstring property(const wchar_t* name) const;
     std::wstring actionData() const { return property(L"CustomActionData"); }
     // Immediate actions only.

@@ -5,7 +5,7 @@
 
 namespace setup {
 
-// The data of a deferred action: `count` parts with bars between them. The last part may have bars of its own; parts
+// The data of a deferred action: `count` parts with '|' between them. The last part may contain '|' itself; parts
 // that are missing are empty.
 std::vector<std::wstring> splitData(const std::wstring& data, size_t count);
 
