@@ -29,7 +29,7 @@ void setPath(PathKind kind, std::string path);
 // until the entry is set again.
 const std::string& getPath(PathKind kind);
 
-// Whether the kind's path was ever set.
+// Whether the kind's path was ever set. Throws std::out_of_range for a value that is no kind.
 bool isPathSet(PathKind kind);
 
 // The path as the system's calls take it, "./work/logs" for Logs. Fails as getPath does.

@@ -57,7 +57,8 @@ private:
 // LevelMask::kLevelCount. Read without locks on any thread; changed by one thread at a time.
 class LevelTable {
 public:
-    // CRIT, WARN, INFO and NORM with their values at start; all others not registered, zero-filled.
+    // The rows are static, so every object shows the same table. At start the five predefined levels have their values;
+    // all others are not registered and zero-filled.
     constexpr LevelTable() = default;
 
     bool isRegistered(uint32_t level) const;
@@ -69,8 +70,7 @@ public:
     LevelEntry entry(uint32_t level) const;
 
     // Names the level, for good, and sets its implementation bits: readers hold no lock, so a published name must not
-    // change. `name` has at most 15 characters, `colour` at most 5, and the level is not
-    // registered yet.
+    // change. `name` has at most 15 characters, `colour` at most 5, and the level is not registered yet.
     void define(uint32_t level, std::string_view name, std::string_view colour, uint8_t implementationBits);
 
     // Clears the Enabled flag until one of the next two is called.

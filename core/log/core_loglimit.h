@@ -14,8 +14,8 @@ namespace NS_CORE {
 // LogRate{600}. None does not limit.
 enum class LogRate : uint32_t { None = 0, Minutely = 60, Hourly = 3600, Daily = 24 * 3600 };
 
-// Decides what becomes of rate-limited log calls (MasterLogger::logLimited). The logger calls it under its second
-// lock, one call at a time, on the logging thread.
+// Decides what becomes of rate-limited log calls (MasterLogger::logLimited). The logger calls it under a
+// lock of its own, one call at a time, on the logging thread.
 //
 // An implementation hands the records that it lets through to `output`. The logger logs them, and what the
 // implementation logs by itself, once it has released the lock; so a fault in an implementation loses them. What it
@@ -34,10 +34,10 @@ public:
 };
 
 // Collapses repetitions. It lets a new text through at once; while the text's period lasts, it only counts further ones
-// of the same level and text. The first after the period comes out as "text [N times in S seconds]", where N counts it
-// and all that were held back and S is the time since the period began; with it the next period begins. The count of a
-// text that does not come again is reported in the same way with a later call, when its place is needed, or at
-// finish(). So every call is reported exactly once. kMaxTexts and kMaxBytes bound the memory.
+// of the same level and text. The first one after the period begins the next period. It comes out as "text [N times in
+// S seconds]" if any were held back, else as it is: N counts it and those held back, and S is the time since the period
+// began. The count of a text that does not come again is reported in the same way with a later call, when its memory is
+// needed, or at finish(). So every call is reported exactly once. kMaxTexts and kMaxBytes bound the memory.
 class DefaultLogRImpl : public LogRImpl {
 public:
     static constexpr size_t kMaxTexts = 256;

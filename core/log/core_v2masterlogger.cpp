@@ -30,7 +30,7 @@ struct State {
     // The second lock: held while the rate limit is served. A thread that holds the first may take it, because what is
     // let through is logged only after its release.
     absl::Mutex rateMutex ABSL_ACQUIRED_AFTER(mutex){absl::kConstInit};
-    // Null until the first limited call.
+    // Where it is null, the next limited call makes a DefaultLogRImpl.
     std::unique_ptr<LogRImpl> rateImplementation ABSL_GUARDED_BY(rateMutex);
     // What was let through or logged under this lock.
     std::vector<std::pair<uint32_t, std::string>> waiting ABSL_GUARDED_BY(rateMutex);
@@ -78,7 +78,7 @@ void print(std::FILE* stream, const std::string& text) {
     std::fflush(stream);
 }
 
-// An inner fault of the logger. Its number is published and stays.
+// An internal error of the logger. Its number is published and stays.
 void printInternalError(int32_t number, std::string_view detail) {
     print(stdout, formatString("\nERROR in core_v2masterlogger:%d%s\n", number, detail));
 }
@@ -89,7 +89,7 @@ std::string consoleLine(const LevelEntry& entry, std::string_view text) {
     return formatString("[%s] {%u} %s\n", entry.name, number, text);
 }
 
-// A record that cannot be served where it was made.
+// The text that is printed for a record that the logger refuses.
 std::string refusedRecord(std::string_view head, const LevelEntry& entry, std::string_view text) {
     return formatString("%s  <[%s] {%u} %s>\n", head, entry.name, MasterLogger::threadNumber(), text);
 }
@@ -144,8 +144,8 @@ void implLog(uint32_t level, const LevelEntry& entry, std::string_view text) {
     }
 }
 
-// False on a thread that holds the logger's lock already and would wait for itself, and inside the rate limit, whose
-// lock comes after that one.
+// False on a thread that already holds the first lock and would wait for itself, and on one that holds the rate
+// limit's, because the first must be taken before it.
 bool mayTakeLock() {
     return CHECKF(!isInside(InsideImplLog) && !isInside(InsideRateLimit), "logger changed while it serves a record");
 }

@@ -4,7 +4,7 @@
 
 namespace NS_CORE {
 
-// Owns one thing that the operating system hands out, and gives it back once. Traits says what kind:
+// Owns one resource of the operating system and closes it once. Traits says what kind:
 //
 //     struct FindHandleTraits {
 //         using Value = HANDLE;
@@ -37,7 +37,7 @@ public:
     // Gives the value up to the caller, who closes it.
     [[nodiscard]] Value release() { return std::exchange(m_value, Traits::empty()); }
 
-    // Closes what is owned and takes `value` instead.
+    // Closes what is owned and takes `value` instead, which must be another one.
     void reset(Value value = Traits::empty()) {
         const Value old = std::exchange(m_value, value);
         if (old != Traits::empty()) Traits::close(old);

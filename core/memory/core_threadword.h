@@ -6,11 +6,13 @@
 namespace NS_CORE {
 
 // One number for each thread, 0 until the thread sets it. Unlike a thread_local variable it neither allocates nor locks
-// when a thread first uses it, so a crash report may: the compiler for Windows emulates thread_local on the heap, under
-// a lock. Constant-initialised and never destroyed, for use as a static. Any thread may call.
+// when a thread first uses it, so a crash report may use it: the compiler for Windows emulates thread_local on the
+// heap, under a lock. That holds for the process's first slots only (64 on Windows, 32 on Linux); for a later one the
+// system allocates at a thread's first set(). Constant-initialised and never destroyed, for use as a static. Any
+// thread may call.
 //
-// Takes one of the process's slots for thread-local storage, for good. Without a free slot every thread reads 0 for
-// ever (unproven: Windows has more than a thousand slots).
+// The first get() or set() takes one of the process's slots for thread-local storage, for good. Without a free slot
+// every thread reads 0 for ever (unproven: Windows has more than a thousand slots).
 class ThreadWord {
 public:
     constexpr ThreadWord() = default;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The system's socket calls in one form, for the sources of this folder. They only report; the callers log. When a call
-// fails, its error (errno, WSAGetLastError) is as the system left it.
+// The system's socket calls in one form, for the sources of this folder. All but startLibrary() return failures and
+// leave the logging to the callers. When a call fails, its error (errno, WSAGetLastError) is as the system left it.
 
 #include <cstdint>
 

@@ -46,7 +46,7 @@ std::string durationText(uint64_t milliseconds);
 //     bytes 6-7  milliseconds 0-999
 class DateTime {
 public:
-    // Named as in the published text of the assertion on it.
+    // The name is part of a published assertion text: "i_dto == UnknownDto".
     static constexpr int32_t UnknownDto = 25;
     static constexpr int32_t kSecondsPerDto = 1800;
 
@@ -112,7 +112,7 @@ private:
 
 static_assert(sizeof(DateTime) == 8, "stored as it is");
 
-// a - b. If either offset is unknown, compares the calendar fields as if both were UTC.
+// a - b. If either offset is unknown, subtracts the calendar fields as if both were UTC.
 Timespec difference(DateTime a, DateTime b);
 
 } // namespace NS_CORE
