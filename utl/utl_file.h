@@ -48,7 +48,7 @@ public:
     // The file's current size in bytes, whoever wrote to it; -1 when it is closed or the system does not say.
     [[nodiscard]] int64_t size() const;
 
-    // Nothing on a closed file.
+    // Does nothing on a closed file.
     void close();
 
     // Borrowed leaves the descriptor open at close, for whoever has taken it from descriptor(). Counts until the

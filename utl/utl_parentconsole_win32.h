@@ -4,8 +4,8 @@
 
 namespace NS_UTL {
 
-// Gives a program of the graphical subsystem, which begins without a console, the one of the program that started it:
-// a prompt's, while this object lives. Where the parent has none, nothing happens at all. With a console
+// Attaches a program of the graphical subsystem, which begins without a console, to the console of the program that
+// started it. Where the parent has none, nothing happens. With a console, while this object lives,
 // - standard output and standard error go to it, each unless it goes to a file, a pipe or the null device already;
 // - the console takes the bytes in the process's own code page (UTF-8 for a program with the manifest), and gets its
 //   own code page back at the end, unless somebody has changed it meanwhile;

@@ -96,8 +96,8 @@ std::string findProgram(const std::string& name) {
     return {};
 }
 
-// 0 and the process's id, or an error number: the library hands a failure of the new process to run the program back
-// to here, so that it cannot be mistaken for the program's own end, and clears that process away.
+// Returns 0 and stores the process's id, or returns an error number. If the new process cannot run the program,
+// posix_spawn returns that error and reaps the process, so a failed start is never taken for the program's own end.
 int launch(const char* commandLine, pid_t& child) {
     std::vector<std::string> words = splitCommandLine(commandLine);
     if (words.empty()) return ENOENT;

@@ -139,7 +139,7 @@ bool RegFile::load(const std::string& path) {
 int32_t RegFile::parse(std::string_view file) {
     const std::string text = textOf(file);
     Reader reader(text);
-    std::string_view entry = text; // from the line or the value on that is being read
+    std::string_view entry = text; // begins at the line or value being read
     std::string key;
     m_entries.clear();
     bool isGood = reader.take("Windows Registry Editor Version 5.00") && reader.takeLineEnd();

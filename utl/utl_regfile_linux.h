@@ -41,13 +41,13 @@ public:
     // Larger files are refused.
     static constexpr size_t kMaxFileSize = 1024 * 1024;
 
-    // Replaces the contents by those of the file at `path` (UTF-8). False, with the contents empty and errno set, when
-    // the file is missing (not logged), or cannot be read or is no registry export (logged at WARN with its name and
-    // the reason; errno is EINVAL for the latter).
+    // Replaces the contents with those of the file at `path` (UTF-8). False, with the contents empty and errno set,
+    // when the file is missing (not logged), or cannot be read or is no registry export (logged at WARN with its name
+    // and the reason; errno is EINVAL for the latter).
     [[nodiscard]] bool load(const std::string& path);
 
-    // Replaces the contents by those of a file's bytes. Returns 0, or, with the contents empty, the number of the first
-    // line that does not belong into a registry export; the first is 1.
+    // Replaces the contents with those of a file's bytes. Returns 0, or, with the contents empty, the number of the
+    // first line that does not belong in a registry export; the first is 1.
     [[nodiscard]] int32_t parse(std::string_view file);
 
     bool hasKey(std::string_view path) const;

@@ -22,7 +22,7 @@ ABSL_CONST_INIT absl::Mutex g_instanceMutex(absl::kConstInit);
 Service* g_instance ABSL_GUARDED_BY(g_instanceMutex) = nullptr;
 int32_t g_instanceUsers ABSL_GUARDED_BY(g_instanceMutex) = 0;
 
-// The process's host, held in use by a callback of the system: it is not destroyed meanwhile. A handler can still be
+// Keeps the process's Service from being destroyed while a callback of the system uses it. A handler can still be
 // at work when the run callback has already returned, because its own stop request made it return.
 class InstanceInUse {
 public:
@@ -137,7 +137,7 @@ int Service::runService(bool asService, int argc, char** argv) {
     if (!asService) return runInConsole(argc, argv);
     if (m_manager.runDispatcher(m_name.c_str())) return 0;
     const uint32_t error = NS_CORE::lastSystemError();
-    // The spelling of the message is what administrators search their logs for.
+    // The misspelling stays: administrators search their logs for it.
     MLOG(Crit, "UTL::Service::runService", "failed to start service control dispather for '%s': %s", m_name,
          NS_CORE::systemErrorText(error));
     return 1;

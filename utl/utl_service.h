@@ -12,7 +12,7 @@ namespace NS_UTL {
 // What the host asks of the service control manager while the service runs. A table, so that the whole life of a
 // service can be tested without a manager.
 struct ServiceManagerCalls {
-    // The manager's name for one running service; null when there is none.
+    // The manager's handle of one running service; null when there is none.
     using StatusHandle = void*;
 
     // Hands the calling thread to the manager, which calls Service::serviceMain on a thread of its own, until the
@@ -24,7 +24,7 @@ struct ServiceManagerCalls {
     // last system error.
     std::function<StatusHandle(const char* serviceName)> registerControlHandler;
 
-    // Hands one status to the manager. Failures have nobody to go to.
+    // Hands one status to the manager. Failures are ignored: nobody could act on them.
     std::function<void(StatusHandle handle, const ServiceStatus& status)> setStatus;
 
     // The platform's own.
@@ -36,7 +36,7 @@ struct ServiceManagerCalls {
 //
 // One instance at a time. The callbacks that the system makes (signals, service main, controls) find it through a
 // process-wide pointer, which the constructor sets and the application clears, with clearInstance, once run has
-// returned. Failures are logged here and reported by the result; nothing throws but an empty run callback.
+// returned. Failures are logged here and reported by the result; only an empty run callback throws.
 //
 // Where there is no service control manager (Linux), install, remove and service mode fail with the messages of a
 // manager that cannot be reached; console mode is what carries the application there.
@@ -45,8 +45,8 @@ public:
     // The application's work. Called on the thread of service main (service mode) or of run (console mode). Its result
     // becomes the service-specific exit code or run's result.
     using RunCallback = std::function<int(int argc, char** argv)>;
-    // Asks the work to end, and returns at once. Called on another thread than the work's, or, on Windows, in the
-    // middle of it when the process raises a signal itself.
+    // Asks the work to end, and returns at once. May be empty. Called on another thread than the work's, or, on
+    // Windows, in the middle of it when the process raises a signal itself.
     using StopCallback = std::function<void()>;
 
     // The first word after the program's name for installation and removal; a word anywhere for console mode.
@@ -79,7 +79,7 @@ public:
     enum class Mode { Install, Remove, Console, Service };
     [[nodiscard]] static Mode modeOf(int argc, char** argv);
 
-    // Registers the executable as a service that starts by itself, under the system's account. A service of this name
+    // Registers the executable as a service that starts automatically, as LocalSystem. A service of this name
     // that is there already counts as success and stays as it is. Needs administrator rights.
     [[nodiscard]] bool install(const std::string& name, const std::string& displayName,
                                const std::string& executablePath);

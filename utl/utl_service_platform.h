@@ -11,7 +11,7 @@ namespace NS_UTL::service_platform {
 // Runs `work` while `handler` is installed for every signal that stops console mode, and returns the result of `work`.
 // Windows also calls `handler`, as for SIGBREAK, when the console is closed, the user signs off or the system shuts
 // down. The system ends the process as soon as it has been notified of such an event, so from then on the
-// notification never returns: the process ends by itself, or when the system's patience does.
+// notification never returns: the process ends by itself, or when the system's time limit expires.
 int runWithConsoleHandlers(Signal::Handler handler, const std::function<int()>& work);
 
 // Logs WARN "failed to open service manager: " with the text of the thread's last system error.

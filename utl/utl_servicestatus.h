@@ -46,9 +46,9 @@ struct ServiceStatus {
 // The service's status, and the order in which it is reported. The service main and the control handler change the
 // status from two threads; each change and its report happen under one lock, so that the manager sees the changes in
 // the order in which they were made. Only the last report is made after the lock is released, because the manager's
-// library may let it wait for a handler that is at work. "Stopped" is final: nothing changes or is reported after it.
-// Without that, a control handler that is slower than the end of the work would leave the service in "stop pending" for
-// good.
+// library may make that call wait for a control handler that is still running. "Stopped" is final: nothing changes or
+// is reported after it. Without that, a control handler that is slower than the end of the work would leave the service
+// in "stop pending" for good.
 class ServiceStatusReporter {
 public:
     // Hands one status to the manager. Called under the lock (but for the last): it must not call back, and should not
@@ -67,7 +67,7 @@ public:
     // Makes `state` the current one and reports it. Nothing happens once the service has stopped.
     void enter(uint32_t state);
 
-    // The last report: stopped, with the exit code of the service's own.
+    // The last report: stopped, with the service-specific exit code.
     void enterStopped(uint32_t serviceSpecificExitCode);
 
     // Reports the status as it is. Nothing happens once the service has stopped.

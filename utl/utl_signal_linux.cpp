@@ -49,7 +49,7 @@ void handleSignals(int readEnd) {
 }
 
 // The handling thread and its pipe, shared by all Signal objects: the first one starts the thread, the last one ends
-// it. The pipe stays open for the life of the process, because a system handler that is still on its way on another
+// it. The pipe stays open for the life of the process, because a system handler that is still running on another
 // thread may write to it after the last object has ended.
 class Dispatcher {
 public:

@@ -30,11 +30,9 @@ consteval Place here(std::source_location location = std::source_location::curre
 // process-wide values: other threads see a change at their next failing check.
 class Assert {
 public:
-    // Called for each failed check, on the thread that made it. Returns whether the process has to stop at once.
-    // Must not throw.
-    // expression  the check's text, or "CHECKF"; may be null.
-    // file, line  the check's place.
-    // level       0 for CHECKF, else the level of the assertion.
+    // Called for each failed check, on the thread that made it, so on several threads at once. Returns whether the
+    // process has to stop at once. Must not throw. expression  the check's text, or "CHECKF"; may be null. file, line
+    // the check's place. level       0 for CHECKF, else the level of the assertion.
     //
     // The parameters and their types are fixed: one plain function for the process, without a context, so that the
     // hook can be constant-initialised and replaced while other threads call it. The expression is a literal or
@@ -66,9 +64,9 @@ public:
     // it can end a condition.
     static bool fail(const char* expression, Place place, int32_t level, const std::string& message);
 
-    // The default handler. Its unit is core/report/core_failuredefault.h, as is that of setFailureHandler() above: both
-    // log. They are declared here because the hook is constant-initialised with the one, and the logger, whose room
-    // lies below the reports', calls the other.
+    // The default handler. It and setFailureHandler() log, so core/report/core_failuredefault.h describes them and
+    // their source is there. They are declared here because the hook is constant-initialised with failDefault, and
+    // because the logger, whose room lies below the reports', calls setFailureHandler().
     static bool failDefault(const char* expression, std::string_view file, int32_t line, int32_t level,
                             const std::string& message);
 
@@ -76,7 +74,8 @@ public:
     static bool failQuiet(const char* expression, std::string_view file, int32_t line, int32_t level,
                           const std::string& message);
 
-    // Ends the process by a write to address 0, so that a crash dump records the place; exit(0) behind it.
+    // Ends the process by a write to address 0, so that a crash dump records the place. If the write does not end it,
+    // exit(0) does.
     [[noreturn]] static void stopProcess();
 };
 
@@ -90,9 +89,9 @@ inline std::string assertionMessage(std::string_view message) {
 
 } // namespace NS_CORE
 
-// GASSERT(level, expression) and GASSERT(level, expression, message): an assertion that counts while `level` is not
-// greater than the process's assertion level. The message is evaluated only on failure. GASSERT_AT is the same with a
-// published place.
+// GASSERT(level, expression) and GASSERT(level, expression, message): an assertion that is evaluated while `level` is
+// not greater than the process's assertion level. The message is evaluated only on failure. GASSERT_AT is the same with
+// a published place.
 #define GASSERT_AT(unit, line, level_, expression, ...)                                          \
     static_cast<void>(::NS_CORE::Assert::level() < (level_) || (expression) ||                   \
                       ::NS_CORE::Assert::fail(#expression, ::NS_CORE::Place{unit, line}, level_, \

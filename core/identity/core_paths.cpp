@@ -51,7 +51,7 @@ void setPath(PathKind kind, std::string path) {
 }
 
 const std::string& getPath(PathKind kind) {
-    // Named so that the assertion reads as it is published.
+    // The name is part of the assertion's published text.
     const Entry& pi = entryOf(kind);
     GASSERT_AT("core_paths", 108, 1, pi.is_set, pathName(kind));
     return pi.path;

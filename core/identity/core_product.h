@@ -4,8 +4,8 @@
 
 namespace NS_CORE {
 
-// The name of the product that this process is part of, for what leaves the machine (assertion reports). Set once by
-// the application's start, before other threads exist; empty until then.
+// The name of the product that this process is part of, for the reports that leave the machine. The application sets
+// it once at start-up, before other threads exist; then any thread may read it. Empty until then.
 void setProductIdentifier(std::string identifier);
 const std::string& productIdentifier();
 

@@ -14,7 +14,7 @@ constexpr std::string_view kReleasePrefix = "$Name: release_";
 constexpr std::string_view kPrefix = "$Name: ";
 constexpr std::string_view kSuffix = " $";
 
-// Both in full: the blank of "$Name: $" cannot belong to the prefix and to the suffix.
+// Prefix and suffix must not overlap: "$Name: $" has one blank, and each of them needs one.
 bool isFramed(std::string_view keyword, std::string_view prefix) {
     return keyword.size() >= prefix.size() + kSuffix.size() && keyword.starts_with(prefix) &&
            keyword.ends_with(kSuffix);

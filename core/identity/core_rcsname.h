@@ -12,7 +12,7 @@ namespace NS_CORE {
 // The version-control keyword as stored: "$Name: TAG $".
 std::string_view rcsTag();
 
-// The version that a keyword tells: what stands between "$Name: release_", else "$Name: ", and " $". A keyword of
+// The version in a keyword: the text between "$Name: release_", or else "$Name: ", and " $". A keyword of
 // another form fails a check and comes back as it is.
 std::string rcsname(std::string_view keyword);
 

@@ -5,7 +5,7 @@
 
 namespace NS_CORE {
 
-// hostName() with the system's call given, for core_rcsname and its tests.
+// For core_rcsname and its tests, which pass a call of their own to hostNameBy().
 
 // Writes the machine's name into `buffer`, `size` bytes with the terminator; false when it cannot.
 using HostNameCall = bool (*)(char* buffer, uint32_t size);

@@ -75,7 +75,7 @@ struct HistoryRecord {
 // level 0 goes to the captures (core_logcapture.h) only.
 //
 // Any thread may log, from static initialisers on and still in static destructors. Only the main thread, which is the
-// one that runs static initialisation, may change the levels. An internal fault of the logger appears on standard
+// one that runs static initialisation, may change the levels. An internal error of the logger appears on standard
 // output as "\nERROR in core_v2masterlogger:" and a number; nothing throws.
 //
 // The logger owns what is installed: implementations and observers come as a unique_ptr and are destroyed when they are
@@ -109,25 +109,26 @@ public:
         outputLimited(rate, level, compose(function, format, pack.data(), pack.size()));
     }
 
-    // A finished text, without a function name.
+    // Logs `text` as it is, without a function name.
     static void logText(uint32_t level, std::string_view text);
 
     // A location record: "Log at %s:%d (%s) - %s"; `function` and `message` may be empty.
     static void logAt(uint32_t level, std::string_view file, int32_t line, std::string_view function = {},
                       std::string_view message = {});
 
-    // The implementation before is destroyed under the logger's lock. What any thread logs meanwhile goes to standard
+    // The previous implementation is destroyed under the logger's lock. What any thread logs meanwhile goes to standard
     // output. Null stands for a DefaultLogImpl.
     static void setImplementation(std::unique_ptr<LogImpl> implementation);
 
-    // Replaces what limits rates; what the one before held back is reported first. Null stands for a DefaultLogRImpl.
+    // Replaces what limits rates; what the previous one held back is reported first. Null stands for a DefaultLogRImpl.
     static void setRateImplementation(std::unique_ptr<LogRImpl> implementation);
 
-    // Null removes it. Another thread may still be inside the one before when this returns; it is destroyed when that
+    // Null removes it. Another thread may still be inside the previous one when this returns; it is destroyed when that
     // thread leaves it.
     static void setGlobalObserver(std::unique_ptr<GlobalLogObserver> observer);
 
-    // Returns the observer, as the name under which removeObserver() finds it; null when the check above fails.
+    // Returns the observer, as the name under which removeObserver() finds it; null from inside an
+    // implementation or observer, where it fails a check.
     static LogObserver* addObserver(std::unique_ptr<LogObserver> observer);
 
     // Destroys the observer; it is not called any more. Does nothing for one that is not there.
@@ -177,7 +178,7 @@ private:
     static constinit inline LevelTable g_levels;
 };
 
-// Brackets the use of the logger, and is what ends it: installs what it is given, and at its end turns failing checks
+// Begins and ends the use of the logger. It installs what it is given. Its destructor turns failing checks
 // quiet (Assert::setFailureHandler()), removes observers and history and takes the implementations out, so that the
 // defaults are back. Logging stays possible, to the console alone. Where the process ends from inside a record, whose
 // locks are never released, everything stays as it is.

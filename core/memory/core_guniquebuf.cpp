@@ -109,7 +109,7 @@ const uint8_t* GUniqueBuf::dataAt(int32_t offset) const {
         if (m_size < offset) throw std::out_of_range("GUniqueBuf:dataAt");
     }
     if (!CHECKF_AT("core_guniquebuf", 54, m_base != nullptr, "")) return nullptr;
-    // In integers, because nothing keeps a negative offset within the allocation.
+    // Integer arithmetic: a negative offset may leave the allocation, where pointer arithmetic is undefined.
     return reinterpret_cast<const uint8_t*>(reinterpret_cast<uintptr_t>(m_data) + static_cast<uintptr_t>(offset));
 }
 

@@ -5,7 +5,8 @@
 namespace NS_CORE {
 
 // Holds process state that must stay usable while static destructors of other units still run: constructed like any
-// other (at compile time where T can be), never destroyed. What it owns stays reachable, so leak checkers are content.
+// other (at compile time where T can be), never destroyed. What it owns stays reachable, so leak checkers report
+// nothing.
 template <class T>
 union NeverDestroyed {
     template <class... Args>

@@ -36,7 +36,7 @@ std::string addressText(uint32_t address);
 [[nodiscard]] bool SetSockAddr(const std::string& addressText, uint16_t port, sockaddr_in& socketAddress);
 
 // The process's start-up for files and sockets. An initialiser of this library, which the build links into every
-// program, runs it once before main: it makes binary the runtime's default file mode, starts the socket library and
+// program, runs it once before main: it sets the runtime's default file mode to binary, starts the socket library and
 // registers its clean-up at exit. A failed start is logged at CRIT; creating a socket then fails. Linux has no such
 // library: there the start always succeeds and the same flags are kept.
 void WinsockInit();
@@ -45,7 +45,7 @@ void WinsockInit();
 bool winsockInitialised();
 
 // Whether the exit handler of WinsockInit cleans up the socket library; true at start. A process under the service
-// control manager turns it off. Before the exit handlers run; one thread at a time.
+// control manager turns it off. Call these before exit handlers run, from one thread at a time.
 bool winsockCleanupAtExit();
 void setWinsockCleanupAtExit(bool cleanup);
 

@@ -12,7 +12,7 @@ namespace NS_CORE {
 
 // Sends datagrams over IPv4. Closed at construction; open() opens it, destruction closes it. It is not bound: the
 // system gives it a local port at the first send. Failures of the system are logged at WARN; misuse fails a CHECKF
-// with an empty message and, where the hook goes on, gives false. Addresses are in network byte order, ports in host
+// with an empty message and, if the process goes on, returns false. Addresses are in network byte order, ports in host
 // order. One thread at a time; a send may wait for room in the system's buffer unless NonBlocking was given.
 class Udp4Socket {
 public:
@@ -23,7 +23,7 @@ public:
     Udp4Socket& operator=(const Udp4Socket&) = delete;
 
     // flags         of SocketFlag.
-    // localAddress  only noted; kAnyAddress is usual.
+    // localAddress  stored for localAddress() and not used otherwise; kAnyAddress is usual.
     // Opening an open socket is misuse and keeps the first. After a failure the socket is closed as before.
     [[nodiscard]] bool open(uint32_t flags, uint32_t localAddress);
 

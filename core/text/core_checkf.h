@@ -4,9 +4,9 @@
 #include "core/text/core_varargs.h"
 
 // CHECKF(condition, format, args...): an internal consistency check that is always active. When the condition is
-// false, CHECKF builds the message from the format (core_varargs.h) and calls the hook (core_assert.h) with the kind
-// "CHECKF" and level 0; the process ends there if the hook says so. The value is the condition's, so that the caller
-// can go on with its own way out:
+// false, CHECKF builds the message from the format (core_varargs.h) and calls the hook (core_assert.h) with the
+// expression "CHECKF" and level 0; the process ends there if the hook says so. The value is the condition's, so that
+// the caller can handle the failure:
 //
 //     if (!CHECKF(isOpen(), "")) return -1;
 //

@@ -4,7 +4,7 @@
 
 namespace NS_CORE {
 
-// Stands between a directory and what lies in it, where the system itself writes a path: '\' on Windows, '/' on Linux.
+// The separator in the paths that the system returns: '\' on Windows, '/' on Linux.
 inline constexpr char kPathSeparator = static_cast<char>(std::filesystem::path::preferred_separator);
 
 } // namespace NS_CORE

@@ -104,8 +104,6 @@ void report(std::string_view text, size_t position, const char* error) {
 
 } // namespace
 
-// UTF-8 carries no state from one text to the next, so the converter needs no object per thread: all its state is in
-// this frame.
 bool fromUtf8(std::string_view text, std::u16string& wideOut) {
     std::u16string wide;
     wide.reserve(text.size());

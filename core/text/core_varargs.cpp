@@ -67,7 +67,7 @@ size_t lengthBeforePercent(Word word) {
 // memcpy for the short texts that messages are made of: the real one is a call into the runtime library's module, which
 // on 32-bit Windows costs more than copying such a text.
 void copyText(char* to, const char* from, size_t length) {
-    // Measured on both: the 64-bit build's memcpy is the faster one.
+    // Measured on both platforms: the call pays earlier in the 64-bit build.
     constexpr size_t kWorthACall = sizeof(Word) == 4 ? 64 : 16;
     if (length > kWorthACall) {
         std::memcpy(to, from, length);
@@ -82,14 +82,14 @@ void copyText(char* to, const char* from, size_t length) {
     }
 }
 
-// Appends to a string through a cursor into its characters, which avoids a call for every piece. The room behind the
-// cursor is zeros at the end of the string, so until finish() the string is longer than its text.
+// Appends to a string through a cursor into its characters, which avoids a call for every piece. Free room, filled with
+// zeros, follows the cursor, so the string is longer than its text until finish() cuts it.
 class Output {
 public:
-    // How much room is made ahead. Zeros are cheap in small numbers; a longer text is appended without any.
+    // How much free room is made ahead. Filling it takes time, so a longer text is appended without it.
     static constexpr size_t kMaxRoom = 256;
 
-    // out  ends in `room` characters that are not text but room.
+    // out  its last `room` characters are free room.
     Output(std::string& out, size_t room)
         : m_out(out), m_cursor(out.data() + out.size() - room), m_end(m_cursor + room) {}
     Output(const Output&) = delete;
@@ -252,7 +252,7 @@ char* decimalDigits(uint32_t value, char* end) {
 }
 
 char* decimalDigits(uint64_t value, char* end) {
-    // On a 32-bit processor a division of 64 bits is a library call: one for nine digits.
+    // On a 32-bit processor a 64-bit division is a library call, so divide once for nine digits.
     constexpr uint32_t kNineDigits = 1'000'000'000;
     while (value > std::numeric_limits<uint32_t>::max()) {
         char* const first = end - 9;

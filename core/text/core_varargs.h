@@ -57,11 +57,11 @@ namespace NS_CORE {
 //   %6S     "abcdefgh" -> "abc..."       "ab" -> "ab": S cuts to the width and does not pad; lengths are bytes
 //   %2S     "abcdefgh" -> "ab"           no room for dots: an assertion of level 1 fails at core_varargs:64
 //   %p      0x2a -> "0x2a"               null -> "(nil)"
-//   %8p     0x2a -> "0x    2a"           width less 2, flags and precision go to the digits: %08p -> "0x00002a"
+//   %8p     0x2a -> "0x    2a"           width less 2, flags and precision apply to the digits: %08p -> "0x00002a"
 //
 // Repairs. All failed checks are CHECKFs of "core_varargs"; the rest of the text is then written as usual.
 //   a conversion that does not accept its argument, or has no argument left:
-//     line 15, "core_varargs:LINE: ch=CHARACTER format='FORMAT'", where LINE says which argument: 261 text, 327
+//     line 15, "core_varargs:LINE: ch=CHARACTER format='FORMAT'", where LINE says what kind of argument: 261 text, 327
 //     pointer, 332 integer, 367 char, 500 floating, 540 none left. A neutral value is written with the conversion's
 //     own flags and width:
 //       d i u o x X -> 0      f F e E g G a A -> 0      c -> ?      p -> (nil)      s -> nothing at all

@@ -7,7 +7,7 @@
 
 namespace NS_CORE {
 
-// The platform's part of core_time, for core_time alone. These functions report nothing.
+// The platform's part of core_time, for core_time alone. These functions fail no check and log nothing.
 
 // Return false, with *out undefined, if the conversion fails.
 bool systemUtcTime(int32_t seconds, std::tm* out);
