@@ -52,7 +52,7 @@ public:
     void close();
 
     // Borrowed leaves the descriptor open at close, for whoever has taken it from descriptor(). Counts until the
-    // next openFile.
+    // next call of openFile, even one that fails.
     void setDescriptor(Descriptor descriptor) { m_ownership = descriptor; }
 
     const std::string& path() const { return m_path; }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr uint32_t kErrorMoreData = 234; // ERROR_MORE_DATA
 
-// Install locations are longer, but a first guess costs nothing.
+// Enough for a short value; getValue reads a longer one again into a buffer of its size.
 constexpr uint32_t kFirstGuess = 16;
 
 } // namespace
