@@ -139,8 +139,9 @@ constexpr const Kind* kKinds[] = {
 using Value = std::pair<std::string_view, std::string>;
 using Values = std::vector<Value>;
 
+// A path as a word of a command: in double quotes where a prompt would take a character of it for its own.
 std::string quoted(const std::string& path) {
-    return path.find(' ') == std::string::npos ? path : '"' + path + '"';
+    return path.find_first_of(" &()^;,=%!'`$[]{}<>|#~") == std::string::npos ? path : '"' + path + '"';
 }
 
 // The values that every template may use: the installation's paths and the platform's commands. Without a service
@@ -154,7 +155,9 @@ Values valuesOf(const Installation& installation, const std::string& serviceId) 
                      {"logs", installation.logs},
                      {"log", Installation::in(installation.logs, "service.log")}};
     const std::string service = quoted(installation.service);
-    const std::string bundles = Installation::in(installation.temp, "support-*.zip");
+    // The star stays outside of the quotes, where a shell of Linux replaces it.
+    const std::string bundles = machine::kIsWindows ? quoted(Installation::in(installation.temp, "support-*.zip"))
+                                                    : Installation::in(quoted(installation.temp), "support-*.zip");
     const auto add = [&values](std::initializer_list<Value> more) { values.insert(values.end(), more); };
     if (machine::kIsWindows)
         add({{"then", " & "},
@@ -167,7 +170,7 @@ Values valuesOf(const Installation& installation, const std::string& serviceId) 
              {"console", "start /wait /b \"\" " + service + " service-console"},
              {"copy", "copy quorkeri_wrapper.exe " + quoted(installation.bin)},
              {"bundle", quoted(Installation::in(installation.bin, "support-bundle.cmd"))},
-             {"delete", "del " + quoted(bundles)}});
+             {"delete", "del " + bundles}});
     else
         add({{"then", "; "},
              {"start", service + " service-console"},
