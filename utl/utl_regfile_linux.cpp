@@ -150,7 +150,10 @@ int32_t RegFile::parse(std::string_view file) {
         if (reader.takeKey(key)) {
             m_entries.try_emplace(key);
         } else if (!key.empty() && reader.takeValue(name, value)) {
-            m_entries.insert_or_assign(key + kBetween + name, value);
+            std::string place = key;
+            place += kBetween;
+            place += name;
+            m_entries.insert_or_assign(std::move(place), value);
         } else if (reader.rest().size() == entry.size()) {
             reader.takeComment();
         } else {

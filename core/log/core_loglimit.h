@@ -51,6 +51,7 @@ public:
     explicit DefaultLogRImpl(Clock clock);
     DefaultLogRImpl(const DefaultLogRImpl&) = delete;
     DefaultLogRImpl& operator=(const DefaultLogRImpl&) = delete;
+    ~DefaultLogRImpl() override = default;
 
     void log(LogRate rate, uint32_t level, std::string_view text, const Output& output) override;
     void finish(const Output& output) override;

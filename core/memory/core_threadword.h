@@ -18,6 +18,7 @@ public:
     constexpr ThreadWord() = default;
     ThreadWord(const ThreadWord&) = delete;
     ThreadWord& operator=(const ThreadWord&) = delete;
+    ~ThreadWord() = default;
 
     // The last error of the system stays as it is.
     uintptr_t get() const;

@@ -210,7 +210,7 @@ bool TestInterface::sendEach() {
         sockaddr_in collector;
         {
             const absl::MutexLock lock(&m_mutex);
-            if (!hasPendingLocked()) return true;
+            if (!m_collector || !hasPendingLocked()) return true;
             record = *m_records.firstPending(m_settings.actionFlags);
             document = documentOf(record);
             collector = *m_collector;

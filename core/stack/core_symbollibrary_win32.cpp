@@ -1,6 +1,7 @@
 #include "core/stack/core_symbollibrary_win32.h"
 
 #include <atomic>
+#include <bit>
 #include <memory>
 #include <string>
 
@@ -18,8 +19,8 @@ HMODULE loadFromSystemDirectory(const wchar_t* name) {
 
 template <class Function>
 bool find(HMODULE module, const char* name, Function& function) {
-    // By way of void*: the compiler warns of a cast between function types.
-    function = reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+    // Not reinterpret_cast: the compiler warns of a cast between function types.
+    function = std::bit_cast<Function>(::GetProcAddress(module, name));
     return function != nullptr;
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -77,8 +78,7 @@ std::string windowsVersion() {
     version.dwOSVersionInfoSize = sizeof version;
     const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
     using GetVersion = LONG(WINAPI*)(RTL_OSVERSIONINFOW*);
-    if (const auto getVersion =
-            reinterpret_cast<GetVersion>(reinterpret_cast<void*>(::GetProcAddress(ntdll, "RtlGetVersion"))))
+    if (const auto getVersion = std::bit_cast<GetVersion>(::GetProcAddress(ntdll, "RtlGetVersion")))
         getVersion(&version);
     std::ostringstream text;
     text << "Windows " << version.dwMajorVersion << '.' << version.dwMinorVersion << '.' << version.dwBuildNumber;
@@ -110,7 +110,10 @@ public:
                 add({program, "(list of tests)", Verdict::Failed, listed.seconds, listed.output});
             }
             for (const std::string& name : names) {
-                if ((program + ' ' + name).find(part) == std::string::npos) continue;
+                std::string whole = program;
+                whole += ' ';
+                whole += name;
+                if (whole.find(part) == std::string::npos) continue;
                 const Test test{program, name};
                 (runsAlone(test) ? m_alone : m_beside).push_back(test);
             }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <bit>
 #include <set>
 
 #include "core/memory/core_scopedhandle_win32.h"
@@ -26,7 +27,7 @@ bool isWine() {
 // A function that older systems do not have; null there.
 template <class Function>
 Function find(const wchar_t* module, const char* name) {
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(module), name)));
+    return std::bit_cast<Function>(::GetProcAddress(::GetModuleHandleW(module), name));
 }
 
 #define SKIP_UNDER_WINE(reason) \
