@@ -22,9 +22,9 @@ void checkNames(const std::string& name) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);
-    std::vector<NS_CORE::StackTrace::Frame> frames(input.ConsumeIntegralInRange<size_t>(0, 8));
+    std::vector<NS_CORE::StackFrame> frames(input.ConsumeIntegralInRange<size_t>(0, 8));
     const auto discarded = input.ConsumeIntegralInRange<size_t>(0, 4);
-    for (NS_CORE::StackTrace::Frame& frame : frames) {
+    for (NS_CORE::StackFrame& frame : frames) {
         frame.image = input.ConsumeRandomLengthString(20);
         frame.symbol = input.ConsumeRandomLengthString(20);
         frame.file = input.ConsumeRandomLengthString(20);
