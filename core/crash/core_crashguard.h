@@ -28,11 +28,12 @@ using ApplicationMain = int (*)(int argc, char** argv);
 // for g_crashPatienceMs (core_crashreport.h) is skipped on Linux, and ends the process on Windows. That, and a fault on
 // the way out, ends the process with kCrashResult as well.
 //
-// On Windows two threads wait for a fault: one writes the dump, on a stack of its own, and one ends a report that
-// hangs. Nothing that the faulting thread may hold is needed to wake them. The system's writer of dumps suspends the
-// other threads of the process. The watchdog is excluded from the dump and resumed at each call back; the tests prove
-// this with writers that suspend. That Windows' own writer leaves an excluded thread running, or calls back before it
-// hangs, cannot be tested under Wine: docs/release-checklist.md tries it.
+// On Windows two threads wait for a fault: one writes the dump, on a stack of its own, and one, the watchdog, ends a
+// report that hangs. Nothing that the faulting thread may hold is needed to wake them. The system's writer of dumps
+// suspends the other threads of the process, the watchdog too. So a second process of the same program watches from
+// outside until the dump is there (core_crashwatch_win32.h). If it cannot be started, the dump is written all the same,
+// and a system's writer that hangs then keeps the process. The tests prove this with writers that suspend; Windows' own
+// writer cannot be made to hang under Wine: docs/release-checklist.md tries it.
 //
 // On Windows a bad argument to a function of the runtime library is logged at CRIT from then on, on any thread, and the
 // function returns its error to its caller.

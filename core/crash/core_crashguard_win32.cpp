@@ -12,6 +12,7 @@
 
 #include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_crashreport.h"
+#include "core/crash/internal/core_crashwatch_win32.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
 #include "core/crash/internal/core_seh_win32.h"
 #include "core/crash/internal/core_throwsite_win32.h"
@@ -31,6 +32,9 @@
 // and a thread needs the locks of the loader and the heap to begin. The watchdog calls nothing but the kernel, so that
 // no lock can hold it up. The writer needs both locks. If the faulting thread holds one of them, the writer cannot
 // reach the dump, and the faulting thread, which may acquire its own locks again, writes the dump itself.
+//
+// The system's writer of dumps suspends all threads but its own, the watchdog too. Meanwhile a second process watches
+// (core_crashwatch_win32.h). It is started just before, where the heap and the loader's lock are free.
 
 namespace NS_CORE {
 
@@ -47,9 +51,7 @@ constexpr ULONG kStackGuarantee = 64 * 1024;
 constexpr SIZE_T kWriterStack = 512 * 1024;
 constexpr SIZE_T kWatchdogStack = 64 * 1024;
 
-// The watchdog divides g_crashPatienceMs into this many looks for progress. The writer has one sixth of that time to
-// reach the dump.
-constexpr DWORD kLooks = 10;
+// The writer has one sixth of g_crashPatienceMs to reach the dump.
 constexpr DWORD kShareOfWriter = 6;
 
 // What the faulting thread's own stack must have left for the library's functions.
@@ -74,6 +76,10 @@ void giveBackStack() {
 [[noreturn]] void endWithCrashResult() {
     ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(kCrashResult));
     __builtin_unreachable();
+}
+
+SehVerdict giveUp(EXCEPTION_POINTERS* /*exception*/, void* /*context*/) {
+    return SehVerdict::ExecuteHandler;
 }
 
 // site  null, or where the exception really happened; it goes along as the only argument.
@@ -149,7 +155,7 @@ private:
     void installHandlers();
     void restoreHandlers();
     void startThreads();
-    ScopedKernelHandle beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack, DWORD* id);
+    ScopedKernelHandle beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack);
     void awaitFault();
 
     [[noreturn]] static void onTerminate();
@@ -162,12 +168,10 @@ private:
     void noteProgress() { m_progress.fetch_add(1); }
 
     static DWORD WINAPI watch(void* parameter);
-    uint64_t progress() const;
 
     static DWORD WINAPI writeOnOwnStack(void* parameter);
     void writeDump(DumpWriter writer);
     DWORD errorOfDump(const SymbolLibrary& library);
-    static BOOL CALLBACK onDumpProgress(void* guard, MINIDUMP_CALLBACK_INPUT* input, MINIDUMP_CALLBACK_OUTPUT* output);
 
     std::atomic<DWORD> m_guardedThread{0}; // 0 while nothing is guarded
     std::terminate_handler m_terminateBefore = nullptr;
@@ -178,8 +182,8 @@ private:
     ScopedKernelHandle m_faulted;   // set by the fault
     ScopedKernelHandle m_dumpEnded; // set when the dump is written or has failed
     ScopedKernelHandle m_watchdog;
-    DWORD m_watchdogId = 0;
     ScopedKernelHandle m_writer;
+    CrashWatch m_watch;
 
     std::atomic<bool> m_isReporting{false};
     std::atomic<uint64_t> m_progress{0};
@@ -236,13 +240,14 @@ void CrashGuard::startThreads() {
     m_faulted = makeEvent(TRUE);
     m_dumpEnded = makeEvent(TRUE);
     if (!m_begun || !m_faulted || !m_dumpEnded) return;
-    m_watchdog = beginThread(&watch, kWatchdogStack, &m_watchdogId);
-    m_writer = beginThread(&writeOnOwnStack, kWriterStack, /*id=*/nullptr);
+    m_watch.prepare();
+    m_watchdog = beginThread(&watch, kWatchdogStack);
+    m_writer = beginThread(&writeOnOwnStack, kWriterStack);
 }
 
-ScopedKernelHandle CrashGuard::beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack, DWORD* id) {
-    ScopedKernelHandle thread(
-        ::CreateThread(/*lpThreadAttributes=*/nullptr, stack, function, this, STACK_SIZE_PARAM_IS_A_RESERVATION, id));
+ScopedKernelHandle CrashGuard::beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack) {
+    ScopedKernelHandle thread(::CreateThread(/*lpThreadAttributes=*/nullptr, stack, function, this,
+                                             STACK_SIZE_PARAM_IS_A_RESERVATION, /*lpThreadId=*/nullptr));
     if (thread) ::WaitForSingleObject(m_begun.get(), g_crashPatienceMs);
     return thread;
 }
@@ -297,47 +302,34 @@ void CrashGuard::awaitDump() {
 // Writes the log's line, then the history's. After a fault anything may be broken: a line that fails must not keep the
 // rest from being done.
 void CrashGuard::addLines() {
+    m_watch.end();
     const auto log = [](void* context) {
         const CrashGuard& guard = *static_cast<CrashGuard*>(context);
         logDump(guard.m_names,
                 guard.m_dumpError == ERROR_SUCCESS ? std::nullopt : std::optional(systemErrorText(guard.m_dumpError)));
     };
     const auto history = [](void* context) { appendToHistory(static_cast<CrashGuard*>(context)->m_names); };
-    const auto giveUp = [](EXCEPTION_POINTERS*, void*) { return SehVerdict::ExecuteHandler; };
-    runGuarded(log, giveUp, this);
+    runGuarded(log, &giveUp, this);
     noteProgress();
-    runGuarded(history, giveUp, this);
+    runGuarded(history, &giveUp, this);
     noteProgress();
 }
 
 DWORD WINAPI CrashGuard::watch(void* parameter) {
     CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
     guard.awaitFault();
-    uint64_t before = 0;
-    // Counts waits, not the clock: a machine that slept meanwhile has not used up the patience.
-    for (DWORD looks = 0; looks < kLooks; ++looks) {
-        ::Sleep(g_crashPatienceMs / kLooks);
-        const uint64_t now = guard.progress();
-        if (now != before) looks = 0;
-        before = now;
-    }
+    Standstill standstill;
+    do ::Sleep(g_crashPatienceMs / Standstill::kLooks);
+    while (!standstill.isReached(guard.m_progress + sizeOfFile(guard.m_watchedFile)));
     endWithCrashResult();
-}
-
-// Grows with everything that the report achieves.
-uint64_t CrashGuard::progress() const {
-    LARGE_INTEGER size{};
-    ::GetFileSizeEx(m_watchedFile, &size);
-    return m_progress + static_cast<uint64_t>(size.QuadPart);
 }
 
 DWORD WINAPI CrashGuard::writeOnOwnStack(void* parameter) {
     CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
     guard.awaitFault();
     const auto write = [](void* context) { static_cast<CrashGuard*>(context)->writeDump(DumpWriter::Writer); };
-    const auto giveUp = [](EXCEPTION_POINTERS*, void*) { return SehVerdict::ExecuteHandler; };
     // A fault of the system's writer leaves the dump unfinished and the error as it was.
-    if (runGuarded(write, giveUp, &guard) == SehOutcome::Caught) ::SetEvent(guard.m_dumpEnded.get());
+    if (runGuarded(write, &giveUp, &guard) == SehOutcome::Caught) ::SetEvent(guard.m_dumpEnded.get());
     return 0;
 }
 
@@ -370,35 +362,16 @@ DWORD CrashGuard::errorOfDump(const SymbolLibrary& library) {
     // Some versions of the library otherwise read all symbols first, which takes ten times as long as the dump.
     library.setOptions(library.getOptions() | SYMOPT_DEFERRED_LOADS);
     MINIDUMP_EXCEPTION_INFORMATION exception{m_exception.thread, &m_exception.pointers, /*ClientPointers=*/TRUE};
-    MINIDUMP_CALLBACK_INFORMATION callback{&onDumpProgress, this};
+    const auto watch = [](void* context) {
+        CrashGuard& guard = *static_cast<CrashGuard*>(context);
+        guard.m_watch.start(guard.m_dumpFile.get(), static_cast<UINT>(kCrashResult));
+    };
+    runGuarded(watch, &giveUp, this);
     const BOOL isWritten = library.writeDump(::GetCurrentProcess(), ::GetCurrentProcessId(), m_dumpFile.get(),
-                                             MiniDumpWithDataSegs, &exception, /*UserStreamParam=*/nullptr, &callback);
+                                             MiniDumpWithDataSegs, &exception, /*UserStreamParam=*/nullptr,
+                                             /*CallbackParam=*/nullptr);
     if (isWritten == FALSE) return ::GetLastError();
     return m_dumpFile ? errorOfWrittenDump(m_dumpFile.get()) : createError;
-}
-
-// The system's function suspends the other threads of the process until it is done. The watchdog is left out of the
-// dump so that it is not suspended, and resumed in case it was all the same.
-BOOL CALLBACK CrashGuard::onDumpProgress(void* parameter, MINIDUMP_CALLBACK_INPUT* input,
-                                         MINIDUMP_CALLBACK_OUTPUT* output) {
-    CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
-    guard.noteProgress();
-    ::ResumeThread(guard.m_watchdog.get());
-    switch (input->CallbackType) {
-        case IncludeThreadCallback:
-            return input->IncludeThread.ThreadId != guard.m_watchdogId;
-        case ModuleCallback:
-        case ThreadCallback:
-        case ThreadExCallback:
-        case IncludeModuleCallback:
-            return TRUE;
-        case CancelCallback:
-            output->CheckCancel = TRUE; // and so call again from time to time
-            output->Cancel = FALSE;
-            return TRUE;
-        default:
-            return FALSE;
-    }
 }
 
 } // namespace

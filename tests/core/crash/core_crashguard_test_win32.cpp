@@ -34,75 +34,63 @@ void setWriter(DumpWriter writer) {
     NS_CORE::SymbolLibrary::get()->writeDump = writer;
 }
 
-BOOL tell(MINIDUMP_CALLBACK_INFORMATION* callback, MINIDUMP_CALLBACK_INPUT input) {
-    MINIDUMP_CALLBACK_OUTPUT output{};
-    return callback->CallbackRoutine(callback->CallbackParam, &input, &output);
-}
-
 BOOL WINAPI faultAtOnce(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
                         MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
     crash("null");
     return FALSE;
 }
 
-// Suspends the other threads, as Windows' writer does: those that the callback wants in the dump, or all of them.
-void suspendOthers(MINIDUMP_CALLBACK_INFORMATION* callback, bool isAskedFirst) {
+// Calls ::SuspendThread or ::ResumeThread for all other threads, as the system's writer does.
+void forOtherThreads(DWORD(WINAPI* call)(HANDLE thread)) {
     const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
     THREADENTRY32 entry{};
     entry.dwSize = sizeof(entry);
     for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry)) {
         if (entry.th32OwnerProcessID != ::GetCurrentProcessId() || entry.th32ThreadID == ::GetCurrentThreadId())
             continue;
-        MINIDUMP_CALLBACK_INPUT input{};
-        input.CallbackType = IncludeThreadCallback;
-        input.IncludeThread.ThreadId = entry.th32ThreadID;
-        if (isAskedFirst && !tell(callback, input)) continue;
         const NS_CORE::ScopedKernelHandle thread(::OpenThread(THREAD_SUSPEND_RESUME, FALSE, entry.th32ThreadID));
-        ::SuspendThread(thread.get());
+        call(thread.get());
     }
 }
 
-template <bool isAskedFirst>
 BOOL WINAPI suspendAndHang(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
-                           MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION* callback) {
-    suspendOthers(callback, isAskedFirst);
-    if (!isAskedFirst) {
-        MINIDUMP_CALLBACK_INPUT input{};
-        input.CallbackType = ThreadCallback;
-        tell(callback, input);
-    }
+                           MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
+    forOtherThreads(&::SuspendThread);
     ::Sleep(INFINITE);
     return FALSE;
 }
 
 DumpWriter g_realWriter = nullptr;
 
-// Takes longer than the tests' patience, but goes on.
+// Takes longer than the tests' patience, but goes on. Meanwhile no other thread of the process runs.
 BOOL WINAPI writeSlowly(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE type,
                         MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
                         MINIDUMP_CALLBACK_INFORMATION* callback) {
+    forOtherThreads(&::SuspendThread);
     for (int round = 0; round < 20; ++round) {
         ::Sleep(500);
         DWORD count = 0;
         ::WriteFile(file, "x", 1, &count, nullptr);
     }
     ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
-    return g_realWriter(process, id, file, type, exception, streams, callback);
+    const BOOL isWritten = g_realWriter(process, id, file, type, exception, streams, callback);
+    forOtherThreads(&::ResumeThread);
+    return isWritten;
 }
 
 // Prints what it is asked for, and whether others may read and write the dump meanwhile.
 BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
                            MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
-                           MINIDUMP_CALLBACK_INFORMATION*) {
+                           MINIDUMP_CALLBACK_INFORMATION* callback) {
     const NS_CORE::CrashNames names = NS_CORE::crashNames("core_tests");
     const NS_CORE::ScopedFileHandle again(::CreateFileA(names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE,
                                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
                                                         nullptr));
-    std::printf("type %d, process %d, code %lx, other thread %d, streams %d, shared %d\n", type,
+    std::printf("type %d, process %d, code %lx, other thread %d, streams %d, callback %d, shared %d\n", type,
                 process == ::GetCurrentProcess() && id == ::GetCurrentProcessId(),
                 exception->ExceptionPointers->ExceptionRecord->ExceptionCode,
                 exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
-                static_cast<bool>(again));
+                callback != nullptr, static_cast<bool>(again));
     std::fflush(stdout);
     ::SetLastError(ERROR_WRITE_FAULT);
     return FALSE;
@@ -134,8 +122,7 @@ std::string errorOfDirectoryInPlace() {
 const Preparations& platformPreparations() {
     static const Preparations all{
         {"writer-faults", [] { setWriter(&faultAtOnce); }},
-        {"writer-hangs", [] { setWriter(&suspendAndHang<true>); }},
-        {"writer-hangs-2", [] { setWriter(&suspendAndHang<false>); }},
+        {"writer-hangs", [] { setWriter(&suspendAndHang); }},
         {"writer-slow",
          [] {
              g_realWriter = NS_CORE::SymbolLibrary::get()->writeDump;
@@ -171,9 +158,15 @@ using NS_CORE::runGuarded;
 using NS_CORE::SehOutcome;
 using NS_CORE::SehVerdict;
 
-TEST_F(CrashTest, AWriterThatSuspendsEvenTheWatchdogIsGivenUp) {
-    EXPECT_EQ(run({.preparation = "writer-hangs-2", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
-    EXPECT_EQ(m_output, "");
+// The last names a handle of the program that reads it, and not of another one.
+TEST_F(CrashTest, AVariableOfTheWatchersNameFromElsewhereMeansNothing) {
+    for (const char* value : {"", "yes", "4 8 1 0", "ffffffff ffffffff 1 0"}) {
+        ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", value);
+        EXPECT_EQ(run({.act = "arguments", .words = {"one", "seven77"}}), 37) << value;
+    }
+    // The watcher reads its own all the same.
+    EXPECT_EQ(run({.preparation = "writer-hangs", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", nullptr);
 }
 
 TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
@@ -183,7 +176,7 @@ TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
 
 TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     EXPECT_EQ(run({.preparation = "writer-tells"}), test::kCrashExitCode);
-    EXPECT_EQ(m_output, "type 1, process 1, code c0000005, other thread 1, streams 0, shared 1\n" +
+    EXPECT_EQ(m_output, "type 1, process 1, code c0000005, other thread 1, streams 0, callback 0, shared 1\n" +
                             failed(test::textOf(ERROR_WRITE_FAULT)));
 }
 
@@ -207,44 +200,11 @@ TEST_F(CrashTest, FilesThatAnotherProgramHoldsCostNothingElse) {
     EXPECT_EQ(m_output, written());
 }
 
-// A header, a directory of two streams, the second a list of one piece of memory, and that memory at the end.
-struct SmallDump {
-    MINIDUMP_HEADER header{};
-    MINIDUMP_DIRECTORY directory[2]{};
-    ULONG32 ranges = 1;
-    MINIDUMP_MEMORY_DESCRIPTOR range{};
-    char memory[16]{};
-
-    SmallDump() {
-        header.Signature = 0x504d444d;
-        header.NumberOfStreams = 2;
-        header.StreamDirectoryRva = sizeof(header);
-        directory[0] = {ThreadListStream, {sizeof(header), 0}};
-        directory[1] = {MemoryListStream, {sizeof(ranges) + sizeof(range), offsetof(SmallDump, ranges)}};
-        range.Memory = {sizeof(memory), offsetof(SmallDump, memory)};
-    }
-
-    DWORD error(DWORD size = sizeof(SmallDump)) const {
-        const test::TempDir directoryOfFile;
-        const NS_CORE::ScopedFileHandle file(::CreateFileW((directoryOfFile.path() / "dump").c_str(),
-                                                           GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
-                                                           nullptr));
-        DWORD count = 0;
-        ::WriteFile(file.get(), this, size, &count, nullptr);
-        return NS_CORE::errorOfWrittenDump(file.get());
-    }
-};
-
-TEST(WrittenDump, IsWholeWhenItHoldsAllItsStreams) {
-    EXPECT_EQ(SmallDump().error(), DWORD{ERROR_SUCCESS});
-    SmallDump noDump;
-    noDump.header.Signature ^= 1;
-    EXPECT_EQ(noDump.error(), DWORD{ERROR_DISK_FULL});
-    for (DWORD size = 0; size < sizeof(SmallDump); ++size)
-        EXPECT_EQ(SmallDump().error(size), DWORD{ERROR_DISK_FULL}) << size;
-    SmallDump huge; // the sum needs more than 32 bits
-    huge.directory[0].Location.DataSize = ~ULONG32{0};
-    EXPECT_EQ(huge.error(), DWORD{ERROR_DISK_FULL});
+TEST(WrittenDump, IsCutOffOrNoFile) {
+    const test::TempDir directory;
+    const NS_CORE::ScopedFileHandle file(::CreateFileW(
+        (directory.path() / "dump").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    EXPECT_EQ(NS_CORE::errorOfWrittenDump(file.get()), DWORD{ERROR_DISK_FULL});
     EXPECT_EQ(NS_CORE::errorOfWrittenDump(INVALID_HANDLE_VALUE), DWORD{ERROR_INVALID_HANDLE});
 }
 

@@ -1,0 +1,176 @@
+#include "core/crash/internal/core_crashwatch_win32.h"
+
+#include <array>
+#include <cstddef>
+#include <cwchar>
+#include <string_view>
+
+#include "core/crash/internal/core_crashreport.h"
+#include "core/memory/core_scopedhandle_win32.h"
+
+namespace NS_CORE {
+namespace {
+
+constexpr std::wstring_view kVariable = L"QUORKERI_CRASH_WATCH";
+// The variable's value: the members of Task, each with so many digits and a blank.
+constexpr size_t kNumbers = 4;
+constexpr size_t kDigits = 8;
+
+// How long a watcher that has been told to end is waited for. A quiet machine needs some milliseconds.
+constexpr DWORD kEndLimitMs = 5000;
+
+struct Task {
+    HANDLE process;
+    HANDLE dump;
+    DWORD patienceMs;
+    UINT exitCode;
+};
+
+// Whether the environment has set this program a task. Whatever else the variable holds does not name a handle of
+// another process: a process begins with the handles that it inherits.
+bool findTask(Task& task) {
+    std::array<wchar_t, kNumbers*(kDigits + 1) + 1> text{};
+    const DWORD length = ::GetEnvironmentVariableW(kVariable.data(), text.data(), static_cast<DWORD>(text.size()));
+    if (length == 0 || length >= text.size()) return false;
+    wchar_t* at = text.data();
+    const auto number = [&at] { return DWORD{std::wcstoul(at, &at, 16)}; };
+    const auto handle = [&number] { return reinterpret_cast<HANDLE>(uintptr_t{number()}); };
+    task.process = handle();
+    task.dump = handle();
+    task.patienceMs = number();
+    task.exitCode = number();
+    const DWORD id = ::GetProcessId(task.process);
+    return id != 0 && id != ::GetCurrentProcessId();
+}
+
+[[noreturn]] void endNow() {
+    ::TerminateProcess(::GetCurrentProcess(), 0);
+    __builtin_unreachable();
+}
+
+// The watcher's whole life, after the stack protector's guard and before any other initialiser.
+[[gnu::constructor(102)]] void watchIfAsked() {
+    Task task{};
+    if (!findTask(task)) return;
+    Standstill standstill;
+    do {
+        if (::WaitForSingleObject(task.process, task.patienceMs / Standstill::kLooks) != WAIT_TIMEOUT) endNow();
+    } while (!standstill.isReached(sizeOfFile(task.dump)));
+    ::TerminateProcess(task.process, task.exitCode);
+    endNow();
+}
+
+// With the full path, however long it is; empty if it is not known.
+std::wstring pathOfProgram() {
+    constexpr size_t kLongestPath = 32'767;
+    std::wstring path(kLongestPath, L'\0');
+    path.resize(::GetModuleFileNameW(/*hModule=*/nullptr, path.data(), static_cast<DWORD>(path.size())));
+    path.shrink_to_fit();
+    return path;
+}
+
+void putNumber(wchar_t* to, uintptr_t number) {
+    for (size_t digit = kDigits; digit-- > 0; number >>= 4) to[digit] = L"0123456789abcdef"[number & 15];
+}
+
+// A handle to the same object that a child inherits, with these rights only. Null if there is none.
+ScopedKernelHandle inheritable(HANDLE handle, DWORD rights) {
+    HANDLE copy = nullptr;
+    ::DuplicateHandle(::GetCurrentProcess(), handle, ::GetCurrentProcess(), &copy, rights, /*bInheritHandle=*/TRUE,
+                      /*dwOptions=*/0);
+    return ScopedKernelHandle(copy);
+}
+
+// The list of handles that a child inherits. Needs no memory but its own.
+class InheritedHandles {
+public:
+    // handles  must live as long as this object.
+    InheritedHandles(HANDLE* handles, size_t count) {
+        SIZE_T size = sizeof(m_bytes);
+        m_isMade = ::InitializeProcThreadAttributeList(list(), /*dwAttributeCount=*/1, /*dwFlags=*/0, &size) != FALSE;
+        m_isFilled = m_isMade && ::UpdateProcThreadAttribute(list(), /*dwFlags=*/0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                                             handles, count * sizeof(*handles),
+                                                             /*lpPreviousValue=*/nullptr,
+                                                             /*lpReturnSize=*/nullptr) != FALSE;
+    }
+    ~InheritedHandles() {
+        if (m_isMade) ::DeleteProcThreadAttributeList(list());
+    }
+    InheritedHandles(const InheritedHandles&) = delete;
+    InheritedHandles& operator=(const InheritedHandles&) = delete;
+
+    bool isFilled() const { return m_isFilled; }
+    LPPROC_THREAD_ATTRIBUTE_LIST list() { return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_bytes); }
+
+private:
+    alignas(std::max_align_t) std::byte m_bytes[256];
+    bool m_isMade = false;
+    bool m_isFilled = false;
+};
+
+} // namespace
+
+uint64_t sizeOfFile(HANDLE file) {
+    LARGE_INTEGER size{};
+    return ::GetFileSizeEx(file, &size) != FALSE ? static_cast<uint64_t>(size.QuadPart) : 0;
+}
+
+void CrashWatch::prepare() {
+    m_program = pathOfProgram();
+    m_commandLine = L'"' + m_program + L'"';
+    wchar_t* const own = ::GetEnvironmentStringsW();
+    if (own == nullptr) return;
+    // Sorted by name, as the system wants it; before one of the same name, which is then not found.
+    const wchar_t* at = own;
+    const std::wstring entry = std::wstring(kVariable) + L'=';
+    while (*at != L'\0' && ::CompareStringOrdinal(at, -1, entry.c_str(), -1, /*bIgnoreCase=*/TRUE) == CSTR_LESS_THAN)
+        at += std::wcslen(at) + 1;
+    const wchar_t* end = at;
+    while (*end != L'\0') end += std::wcslen(end) + 1;
+    m_environment.assign(own, static_cast<size_t>(at - own)).append(entry);
+    m_value = m_environment.size();
+    m_environment.append(kNumbers * (kDigits + 1), L' ')
+        .append(1, L'\0')
+        .append(at, static_cast<size_t>(end - at))
+        .append(1, L'\0');
+    ::FreeEnvironmentStringsW(own);
+}
+
+void CrashWatch::start(HANDLE dump, UINT exitCode) {
+    if (m_program.empty() || m_environment.empty()) return;
+    const ScopedKernelHandle process =
+        inheritable(::GetCurrentProcess(), PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE);
+    const ScopedKernelHandle file =
+        dump == INVALID_HANDLE_VALUE ? ScopedKernelHandle() : inheritable(dump, FILE_READ_ATTRIBUTES);
+    if (!process) return;
+    std::array handles = {process.get(), file.get()};
+    InheritedHandles inherited(handles.data(), file ? handles.size() : handles.size() - 1);
+    if (!inherited.isFilled()) return;
+    wchar_t* to = m_environment.data() + m_value;
+    for (const uintptr_t number : {reinterpret_cast<uintptr_t>(process.get()), reinterpret_cast<uintptr_t>(file.get()),
+                                   uintptr_t{g_crashPatienceMs}, uintptr_t{exitCode}}) {
+        putNumber(to, number);
+        to += kDigits + 1;
+    }
+    STARTUPINFOEXW startup{};
+    startup.StartupInfo.cb = sizeof(startup);
+    startup.StartupInfo.dwFlags = STARTF_FORCEOFFFEEDBACK; // leave the pointer on the screen as it is
+    startup.lpAttributeList = inherited.list();
+    PROCESS_INFORMATION started{};
+    if (::CreateProcessW(m_program.c_str(), m_commandLine.data(), /*lpProcessAttributes=*/nullptr,
+                         /*lpThreadAttributes=*/nullptr, /*bInheritHandles=*/TRUE,
+                         DETACHED_PROCESS | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT,
+                         m_environment.data(), /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)
+        return;
+    ::CloseHandle(started.hThread);
+    m_watcher.reset(started.hProcess);
+}
+
+void CrashWatch::end() {
+    if (!m_watcher) return;
+    ::TerminateProcess(m_watcher.get(), 0);
+    ::WaitForSingleObject(m_watcher.get(), kEndLimitMs);
+    m_watcher.reset();
+}
+
+} // namespace NS_CORE
