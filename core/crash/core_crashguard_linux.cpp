@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -98,13 +97,10 @@ pid_t threadId() {
     return static_cast<pid_t>(::syscall(SYS_gettid));
 }
 
-// Restarts the report's timer, whose signal means that no step has made progress for too long.
+// Restarts the limit, whose signal means that no step has made progress for too long. Async-signal-safe, unlike
+// setitimer; alarm knows whole seconds only.
 void noteProgress() {
-    const uint32_t milliseconds = g_crashPatienceMs.load();
-    itimerval timer{};
-    timer.it_value.tv_sec = static_cast<time_t>(milliseconds / 1000);
-    timer.it_value.tv_usec = static_cast<suseconds_t>(milliseconds % 1000 * 1000);
-    ::setitimer(ITIMER_REAL, &timer, nullptr);
+    ::alarm((g_crashPatienceMs + 999) / 1000);
 }
 
 // Returns 0, or errno.
@@ -329,7 +325,7 @@ void CrashGuard::doStep(Step step) {
     }
 }
 
-// The timer runs on after the last step, and limits the way out of the process.
+// The limit runs on after the last step, and limits the way out of the process.
 void CrashGuard::report() {
     while (m_step != Step::Done) {
         const Step step = m_step;

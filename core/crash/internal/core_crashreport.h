@@ -16,7 +16,7 @@ namespace NS_CORE {
 bool isGuardSwitchedOff(int argc, char** argv);
 
 // How long the report of a fault may go without progress before it is given up. Progress is a byte of the dump, or a
-// step of the report; so a busy machine loses nothing. Tests shorten it.
+// step of the report; so a busy machine loses nothing. Linux rounds it up to whole seconds. Tests shorten it.
 inline constinit std::atomic<uint32_t> g_crashPatienceMs{30'000};
 
 struct CrashNames {
