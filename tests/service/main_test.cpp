@@ -9,12 +9,18 @@
 #include <thread>
 #include <vector>
 
+#include "core/check/core_assert.h"
+#include "core/crash/core_crashguard.h"
 #include "core/identity/core_paths.h"
 #include "core/identity/core_product.h"
 #include "core/log/core_v2masterlogger.h"
+#include "core/text/core_checkf.h"
+#include "service/supervision.h"
 #include "tests/support/child.h"
+#include "tests/support/crash_kinds.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/udp_receiver.h"
 #include "utl/utl_processutils.h"
 #include "utl/utl_service.h"
 
@@ -57,6 +63,32 @@ const test::ChildProgram g_console("application_console", [](const std::vector<s
     return result;
 });
 
+// A check that fails before the program has moved to its installation, whose settings say where to report it.
+const test::ChildProgram g_fails("application_fails", [](const std::vector<std::string>& words) {
+    static_cast<void>(CHECKF_AT("early", 7, words.size() > 100, ""));
+    return runWith(words);
+});
+
+[[gnu::noinline]] void writeOverStack() {
+    volatile char stack[64 * 1024];
+    for (volatile char& byte : stack) byte = 'x';
+}
+
+// The first thread faults while it makes the host: this program's directory is not "bin". The guard gives up the
+// thread's stack; then the service manager's other threads call the host, as they may until the process has ended.
+const test::ChildProgram g_crashes("application_crashes", [](const std::vector<std::string>& arguments) {
+    test::leaveMemoryBehind();
+    fs::current_path(test::fromText(arguments.at(0)));
+    NS_CORE::Assert::installFailureHandler([](const char*, std::string_view, int32_t, int32_t, const std::string&) {
+        test::crash("null");
+        return false;
+    });
+    if (runWith({}) != NS_CORE::kCrashResult) return 1;
+    writeOverStack();
+    std::thread([] { NS_UTL::Service::controlHandler(NS_UTL::ServiceControl::Stop); }).join();
+    return 100;
+});
+
 // An installation around a copy of this program.
 class MainTest : public testing::Test {
 protected:
@@ -66,9 +98,10 @@ protected:
         fs::copy_file(std::u8string(self.begin(), self.end()), m_dir.path() / "bin" / "program.exe");
     }
 
-    unsigned long runChild(const std::string& name, const std::vector<std::string>& arguments) {
+    unsigned long runChild(const std::string& name, const std::vector<std::string>& arguments,
+                           const char* file = "bin/program.exe") {
         unsigned long exitCode = 99;
-        const std::string program = m_dir.file("bin/program.exe");
+        const std::string program = m_dir.file(file);
         EXPECT_EQ(NS_UTL::ProcessUtils::start(test::childCommandLineOf(program, name, arguments).c_str(), &exitCode),
                   NS_UTL::ProcessUtils::Result::Finished);
         return exitCode;
@@ -103,6 +136,23 @@ TEST_F(MainTest, WithoutWordsRunsUnderTheManagerAndPassesItsFailureOn) {
 TEST_F(MainTest, LeavesIdentityAndPathsSetTheHostClearedAndTheLogClosed) {
     EXPECT_EQ(runChild("application_after", {}), 100UL);
     EXPECT_EQ(logLines().size(), 1U) << "nothing is logged to the file after the globals are gone";
+}
+
+TEST_F(MainTest, SendsAtItsEndWhatFailedBeforeTheSettingsWereRead) {
+    test::UdpReceiver collector;
+    test::writeFile(m_dir.path() / "settings" / "testing.ini", "[general]\nsend_address 127.0.0.1\nsend_port " +
+                                                                   std::to_string(collector.port()) +
+                                                                   "\n[assert]\nsend enable\n");
+    EXPECT_EQ(runChild("application_fails", {}), 1UL);
+    EXPECT_NE(collector.receive().bytes.find("<file>early</file>"), std::string::npos);
+}
+
+TEST_F(MainTest, AFaultOfItsThreadLeavesTheHostToTheOthers) {
+    fs::create_directories(m_dir.path() / "elsewhere");
+    test::linkThisProgram(m_dir.path() / "elsewhere" / "program.exe");
+    test::UdpReceiver companion(Supervisor::kStopPort);
+    EXPECT_EQ(runChild("application_crashes", {test::utf8(m_dir.path())}, "elsewhere/program.exe"), 100UL);
+    EXPECT_EQ(companion.receive().bytes.size(), Supervisor::kStopDatagramSize);
 }
 
 TEST_F(MainTest, ConsoleModeRunsTheWorkUntilASignalAndReturnsItsResult) {
