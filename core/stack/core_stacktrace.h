@@ -20,7 +20,8 @@ namespace NS_CORE {
 //
 // It walks the calling thread only, and must be destroyed on the thread that made it. It holds the symbol library's
 // lock (core_symbollock.h) as long as it lives. Another thread's trace waits five seconds for that lock, and then
-// behaves as if symbols could not be initialised. One object per thread at a time.
+// behaves as if symbols could not be initialised. A thread may make one while another one of its own lives: whoever
+// serves a record of that one, such as a log observer, may take a trace.
 class StackTrace {
 public:
     using Frame = StackFrame;
@@ -63,8 +64,8 @@ public:
     // caller's own frame is left out, too.
     void logStack(uint32_t level);
 
-    // Returns the same lines as one text, without a newline at its end. It also contains the level-0 records that other
-    // threads write meanwhile (core_logcapture.h).
+    // Returns the same lines as one text, without a newline at its end. It also contains the level-0 records that
+    // others write meanwhile, another trace's among them (core_logcapture.h).
     std::string toText();
 
 private:

@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/container/flat_hash_map.h"
@@ -26,6 +28,25 @@ namespace NS_CORE {
 namespace {
 
 using stacktrace_platform::walkStep;
+
+// Records of NORM that wait for the release of the session's lock. Logged under it they could deadlock: whoever serves
+// them may take a trace of its own. Declare it before the lock; it logs when it ends.
+class LaterRecords {
+public:
+    LaterRecords() = default;
+    ~LaterRecords() {
+        for (const std::function<void()>& log : m_records) log();
+    }
+    LaterRecords(const LaterRecords&) = delete;
+    LaterRecords& operator=(const LaterRecords&) = delete;
+
+    void add(std::function<void()> log) {
+        if (MasterLogger::isOn(LogLevel::Norm)) m_records.push_back(std::move(log));
+    }
+
+private:
+    std::vector<std::function<void()>> m_records;
+};
 
 struct DwflCloser {
     void operator()(Dwfl* session) const { dwfl_end(session); }
@@ -162,31 +183,33 @@ ModuleGeneration currentGeneration() {
 }
 
 // Adds one module to those that are known.
-bool addToLibrary(Dwfl* library, const LoadedModule& module) {
+bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later) {
     if (dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), /*fd=*/-1, module.base,
                         /*add_p_vaddr=*/true) != nullptr)
         return true;
-    MLOG(Norm, "NS_CORE::StackTrace::loadModule", "failed to load image=%s module=%d base_addr=%d, size=%d",
-         module.image, module.name, module.base, module.size);
+    later.add([module] {
+        MLOG(Norm, "NS_CORE::StackTrace::loadModule", "failed to load image=%s module=%d base_addr=%d, size=%d",
+             module.image, module.name, module.base, module.size);
+    });
     return false;
 }
 
 // Updates the library's list of modules after a change. A new session is needed: the library refuses modules that it
 // knows already.
-void updateModules(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
+void updateModules(Session& session, LaterRecords& later) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.generation == currentGeneration()) return;
     session.library.reset();
     if (!openLibrary(session)) return;
     ModuleList list;
     dl_iterate_phdr(&addModule, &list);
     dwfl_report_begin(session.library.get());
-    for (const LoadedModule& module : list.modules) addToLibrary(session.library.get(), module);
+    for (const LoadedModule& module : list.modules) addToLibrary(session.library.get(), module, later);
     dwfl_report_end(session.library.get(), /*removed=*/nullptr, /*arg=*/nullptr);
     session.known.clear();
     session.generation = list.generation;
 }
 
-std::string symbolAt(Dwfl_Module* module, uintptr_t address) {
+std::string symbolAt(Dwfl_Module* module, uintptr_t address, LaterRecords& later) {
     GElf_Off offset = 0;
     GElf_Sym symbol;
     const char* const name = module == nullptr
@@ -194,19 +217,20 @@ std::string symbolAt(Dwfl_Module* module, uintptr_t address) {
                                  : dwfl_module_addrinfo(module, address, &offset, &symbol, /*shndxp=*/nullptr,
                                                         /*elfp=*/nullptr, /*biasp=*/nullptr);
     if (name == nullptr || *name == '\0') {
-        MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get symbol from addr %d : %d",
-             static_cast<uint64_t>(address), dwfl_errno());
+        later.add([address = uint64_t{address}, error = dwfl_errno()] {
+            MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get symbol from addr %d : %d", address, error);
+        });
         return {};
     }
     return readableName(name) + "()";
 }
 
-StackTrace::Frame lookUp(Dwfl* library, uintptr_t address) {
+StackTrace::Frame lookUp(Dwfl* library, uintptr_t address, LaterRecords& later) {
     StackTrace::Frame frame;
     Dwfl_Module* const module = dwfl_addrmodule(library, address);
-    frame.symbol = symbolAt(module, address);
+    frame.symbol = symbolAt(module, address, later);
     if (module == nullptr) {
-        MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get module info");
+        later.add([] { MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get module info"); });
         return frame;
     }
     if (Dwfl_Line* const source = dwfl_module_getsrc(module, address); source != nullptr) {
@@ -262,14 +286,15 @@ _Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* data) {
 }
 
 void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame>& described) {
+    LaterRecords later;
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
-    if (openLibrary(session)) updateModules(session);
+    if (openLibrary(session)) updateModules(session, later);
     if (!session.library) return described.resize(described.size() + count);
     for (size_t index = 0; index < count; ++index) {
         const uintptr_t address = lookUpAddress(frames[index]);
         const auto [entry, isNew] = session.known.try_emplace(address);
-        if (isNew) entry->second = lookUp(session.library.get(), address);
+        if (isNew) entry->second = lookUp(session.library.get(), address, later);
         described.push_back(entry->second);
     }
 }
@@ -293,19 +318,21 @@ StackTrace::~StackTrace() = default;
 
 void StackTrace::loadModules() {
     if (m_modulesLoaded) return;
+    LaterRecords later;
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
-    updateModules(session);
+    updateModules(session, later);
     m_modulesLoaded = true;
 }
 
 bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image, const std::string& module,
                             uint64_t base, uint32_t size) {
+    LaterRecords later;
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
     if (!openLibrary(session)) return false;
     dwfl_report_begin_add(session.library.get());
-    const bool isAdded = addToLibrary(session.library.get(), {image, module, base, size});
+    const bool isAdded = addToLibrary(session.library.get(), {image, module, base, size}, later);
     dwfl_report_end(session.library.get(), /*removed=*/nullptr, /*arg=*/nullptr);
     return isAdded;
 }

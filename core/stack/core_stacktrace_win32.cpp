@@ -104,6 +104,10 @@ StackTrace::Frame describe(const SymbolLibrary& library, HANDLE process, DWORD64
     return frame;
 }
 
+// Traces that live on the thread that holds the SymbolLock: a record of one may be served by someone who takes another.
+// The symbol library stays initialised until the last one ends.
+int g_liveTraces = 0;
+
 STACKFRAME64 flatFrame(const CONTEXT& context) {
     STACKFRAME64 frame{};
     frame.AddrPC.Offset = context.Eip;
@@ -127,11 +131,15 @@ StackTrace::StackTrace(ProcessHandle process) {
     const bool isThisProcess = ::GetProcessId(process) == ::GetCurrentProcessId();
     const SymbolLibrary* const library =
         isThisProcess && m_lock.acquire(SymbolLock::kTraceTimeoutMs) ? SymbolLibrary::get() : nullptr;
-    if (library == nullptr || library->initialize(process, path.c_str(), /*fInvadeProcess=*/FALSE) == FALSE) {
+    const bool isInitialised =
+        library != nullptr &&
+        (g_liveTraces > 0 || library->initialize(process, path.c_str(), /*fInvadeProcess=*/FALSE) != FALSE);
+    if (!isInitialised) {
         m_lock.release();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", path);
         return;
     }
+    ++g_liveTraces;
     m_process = process;
     library->setOptions(library->getOptions() | SYMOPT_LOAD_LINES | SYMOPT_FAIL_CRITICAL_ERRORS);
     // Asking for the path makes the library settle it.
@@ -140,7 +148,7 @@ StackTrace::StackTrace(ProcessHandle process) {
 }
 
 StackTrace::~StackTrace() {
-    if (m_process != nullptr) SymbolLibrary::get()->cleanup(m_process);
+    if (m_process != nullptr && --g_liveTraces == 0) SymbolLibrary::get()->cleanup(m_process);
 }
 
 void StackTrace::loadModules() {

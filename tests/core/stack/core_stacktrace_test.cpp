@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <source_location>
 #include <sstream>
 #include <thread>
@@ -47,85 +48,60 @@ Lines split(const std::string& text) {
     return lines;
 }
 
-TEST(TraceLines, TellFunctionPlaceAndImage) {
-    EXPECT_EQ(linesOf({{.image = "C:\\svc\\bin\\quorkeri_service.exe",
-                        .pdb = "C:\\svc\\bin\\symbols\\quorkeri_service.pdb",
-                        .symbol = "NS_UTL::Service::run()",
-                        .file = "d:\\build\\utl\\utl_service.cpp",
-                        .line = 120}}),
-              Lines{"#01 in NS_UTL::Service::run() at utl_service.cpp:120 (quorkeri_service.exe)"});
-}
-
-TEST(TraceLines, LeaveOutWhatIsUnknown) {
-    EXPECT_EQ(linesOf({known("f()"),
-                       {.image = "C:\\a.dll", .pdb = "", .symbol = "g()", .file = "", .line = 7},
-                       {.image = "", .pdb = "", .symbol = "h()", .file = "h.cpp", .line = 8}}),
-              (Lines{"#01 in f()", "#02 in g() (a.dll)", "#03 in h() at h.cpp:8"}));
-}
-
-TEST(TraceLines, ShowOnlyTheLastPartBehindThePlatformsSeparator) {
-    const Frame frame{
+TEST(TraceLines, ShowWhatIsKnownAndEndEachRunOfUnknownFramesWithItsRawPosition) {
+    const Frame whole{.image = "C:\\svc\\bin\\quorkeri_service.exe",
+                      .pdb = "C:\\svc\\bin\\symbols\\quorkeri_service.pdb",
+                      .symbol = "NS_UTL::Service::run()",
+                      .file = "d:\\build\\utl\\utl_service.cpp",
+                      .line = 120};
+    const Frame posix{
         .image = "/opt/svc/bin/service", .pdb = "", .symbol = "f()", .file = "/src/core/core_x.cpp", .line = 1};
-    EXPECT_EQ(linesOf({frame}, '/'), Lines{"#01 in f() at core_x.cpp:1 (service)"});
-    EXPECT_EQ(linesOf({frame}, '\\'), Lines{"#01 in f() at /src/core/core_x.cpp:1 (/opt/svc/bin/service)"});
+    const Frame f = known("f()");
+    const struct {
+        std::vector<Frame> frames;
+        char separator;
+        Lines lines;
+    } rows[] = {
+        {{whole}, '\\', {"#01 in NS_UTL::Service::run() at utl_service.cpp:120 (quorkeri_service.exe)"}},
+        {{posix}, '/', {"#01 in f() at core_x.cpp:1 (service)"}},
+        {{posix}, '\\', {"#01 in f() at /src/core/core_x.cpp:1 (/opt/svc/bin/service)"}},
+        {{f,
+          {.image = "C:\\a.dll", .pdb = "", .symbol = "g()", .file = "", .line = 7},
+          {.image = "", .pdb = "", .symbol = "h()", .file = "h.cpp", .line = 8}},
+         '\\',
+         {"#01 in f()", "#02 in g() (a.dll)", "#03 in h() at h.cpp:8"}},
+        {{unknown("C:\\Windows\\kernel32.dll"), f}, '\\', {"#01 in ? (kernel32.dll)", "#04 in ?", "#02 in f()"}},
+        // Positions: 4 known, 5 to 7 unknown, 8 known.
+        {{f, unknown("a.dll"), unknown("b.dll"), unknown(), f},
+         '\\',
+         {"#01 in f()", "#02 in ? (a.dll)", "#07 in ?", "#05 in f()"}},
+        {{f, unknown(), unknown()}, '\\', {"#01 in f()", "#02 in ?", "#06 in ?"}},
+        {{unknown(), f, unknown(), unknown(), f},
+         '\\',
+         {"#01 in ?", "#04 in ?", "#02 in f()", "#03 in ?", "#07 in ?", "#05 in f()"}},
+    };
+    for (const auto& row : rows) EXPECT_EQ(linesOf(row.frames, row.separator), row.lines);
 }
 
-TEST(TraceLines, PrintAnUnknownFrameOfAKnownModuleWithItsModule) {
-    EXPECT_EQ(linesOf({unknown("C:\\Windows\\kernel32.dll"), known("f()")}),
-              (Lines{"#01 in ? (kernel32.dll)", "#04 in ?", "#02 in f()"}));
-}
-
-TEST(TraceLines, PrintARunOfUnknownFramesOnceAndMarkItsEndWithTheRawPosition) {
-    // Positions: 4 known, 5 to 7 unknown, 8 known.
-    EXPECT_EQ(linesOf({known("f()"), unknown("a.dll"), unknown("b.dll"), unknown(), known("g()")}),
-              (Lines{"#01 in f()", "#02 in ? (a.dll)", "#07 in ?", "#05 in g()"}));
-}
-
-TEST(TraceLines, MarkARunThatEndsTheTrace) {
-    EXPECT_EQ(linesOf({known("f()"), unknown(), unknown()}), (Lines{"#01 in f()", "#02 in ?", "#06 in ?"}));
-}
-
-TEST(TraceLines, StartANewRunAfterAKnownFrame) {
-    EXPECT_EQ(linesOf({unknown(), known("f()"), unknown(), unknown(), known("g()")}),
-              (Lines{"#01 in ?", "#04 in ?", "#02 in f()", "#03 in ?", "#07 in ?", "#05 in g()"}));
-}
-
-TEST(TraceLines, DoNotLetDiscardedFramesBeginARun) {
-    std::vector<Frame> frames{unknown(), unknown(), unknown(), known("f()")};
-    EXPECT_EQ(NS_CORE::traceLines(frames, 3, '\\'), Lines{"#01 in f()"});
-}
-
-TEST(TraceLines, SayHowManyWereDiscardedWhenNothingIsLeft) {
+TEST(TraceLines, LeaveTheDiscardedFramesOutAndSayHowManyWhenNothingIsLeft) {
+    const std::vector<Frame> frames{unknown(), unknown(), unknown(), known("f()")};
+    EXPECT_EQ(NS_CORE::traceLines(frames, 3, '\\'), Lines{"#01 in f()"}) << "they begin no run";
     for (size_t count = 0; count <= 3; ++count) {
-        const std::vector<Frame> frames(count, known("f()"));
-        EXPECT_EQ(NS_CORE::traceLines(frames, 3, '\\'), Lines{"Stack with 0 frames (discarded 3)"}) << count;
+        EXPECT_EQ(NS_CORE::traceLines(std::vector<Frame>(count, known("f()")), 3, '\\'),
+                  Lines{"Stack with 0 frames (discarded 3)"});
     }
-    EXPECT_EQ(linesOf({known("f()")}).size(), 1U);
 }
 
-TEST(TraceLines, NumberSixtyFramesOfTheLongestWalk) {
-    const Lines lines = linesOf(std::vector<Frame>(60, known("f()")));
-    ASSERT_EQ(lines.size(), 60U);
-    EXPECT_EQ(lines.front(), "#01 in f()");
-    EXPECT_EQ(lines.back(), "#60 in f()");
-}
-
-TEST(SymbolSearchPath, ListsTheWorkingDirectoryTheModulesAndTheSystems) {
-    EXPECT_EQ(NS_CORE::symbolSearchPath("C:\\run", "C:\\prog", "C:\\Windows"),
-              "C:\\run;C:\\prog;C:\\prog\\symbols;C:\\Windows;C:\\Windows\\system32;");
-}
-
-TEST(SymbolSearchPath, DoesNotListTheModulesDirectoryTwice) {
-    EXPECT_EQ(NS_CORE::symbolSearchPath("C:\\prog", "C:\\prog", "C:\\Windows"),
-              "C:\\prog;C:\\prog\\symbols;C:\\Windows;C:\\Windows\\system32;");
-    // Bytes are compared.
-    EXPECT_EQ(NS_CORE::symbolSearchPath("c:\\prog", "C:\\prog", ""), "c:\\prog;C:\\prog;C:\\prog\\symbols;");
-}
-
-TEST(SymbolSearchPath, LeavesOutWhatCouldNotBeHad) {
-    EXPECT_EQ(NS_CORE::symbolSearchPath("", "C:\\prog", ""), "C:\\prog;C:\\prog\\symbols;");
-    EXPECT_EQ(NS_CORE::symbolSearchPath("C:\\run", "", "C:\\W"), "C:\\run;C:\\W;C:\\W\\system32;");
-    EXPECT_EQ(NS_CORE::symbolSearchPath("", "", ""), "");
+TEST(SymbolSearchPath, ListsTheWorkingDirectoryTheModulesAndTheSystemsAsFarAsTheyAreKnown) {
+    const char* const rows[][4] = {
+        {"C:\\run", "C:\\prog", "C:\\Windows", "C:\\run;C:\\prog;C:\\prog\\symbols;C:\\Windows;C:\\Windows\\system32;"},
+        {"C:\\prog", "C:\\prog", "C:\\Windows", "C:\\prog;C:\\prog\\symbols;C:\\Windows;C:\\Windows\\system32;"},
+        {"c:\\prog", "C:\\prog", "", "c:\\prog;C:\\prog;C:\\prog\\symbols;"}, // bytes are compared
+        {"", "C:\\prog", "", "C:\\prog;C:\\prog\\symbols;"},
+        {"C:\\run", "", "C:\\W", "C:\\run;C:\\W;C:\\W\\system32;"},
+        {"", "", "", ""},
+    };
+    for (const auto& row : rows) EXPECT_EQ(NS_CORE::symbolSearchPath(row[0], row[1], row[2]), row[3]);
 }
 
 TEST(ModuleDirectory, EndsBeforeTheLastSeparatorOfAnyKind) {
@@ -173,26 +149,19 @@ TEST(ReadableName, DemanglesTheCompilersNamesAndKeepsOthers) {
     EXPECT_EQ(NS_CORE::readableName(""), "");
 }
 
-TEST(WalkStep, EndsBehindTheOutermostFrame) {
+TEST(WalkStep, EndsBehindTheOutermostFrameAndBeforeOneThatLeadsNowhere) {
+    using NS_CORE::stacktrace_platform::walkStep;
+    using Step = NS_CORE::stacktrace_platform::WalkStep;
     const test::LogRecorder log;
-    EXPECT_EQ(NS_CORE::stacktrace_platform::walkStep(0x1000, 0x2000),
-              NS_CORE::stacktrace_platform::WalkStep::TakeAndGoOn);
-    EXPECT_EQ(NS_CORE::stacktrace_platform::walkStep(0x1000, 0), NS_CORE::stacktrace_platform::WalkStep::TakeAndStop);
+    EXPECT_EQ(walkStep(0x1000, 0x2000), Step::TakeAndGoOn);
+    EXPECT_EQ(walkStep(0x1000, 0), Step::TakeAndStop);
     EXPECT_EQ(log.lines(), Lines{});
-}
-
-TEST(WalkStep, DoesNotTakeAFrameThatReturnsToItself) {
-    const test::LogRecorder log;
-    EXPECT_EQ(NS_CORE::stacktrace_platform::walkStep(0x1000, 0x1000), NS_CORE::stacktrace_platform::WalkStep::Stop);
-    EXPECT_EQ(NS_CORE::stacktrace_platform::walkStep(0, 0), NS_CORE::stacktrace_platform::WalkStep::Stop);
+    EXPECT_EQ(walkStep(0x1000, 0x1000), Step::Stop);
+    EXPECT_EQ(walkStep(0, 0), Step::Stop);
+    EXPECT_EQ(walkStep(0, 0x1000), Step::Stop);
     EXPECT_EQ(log.lines(), (Lines{"WARN NS_CORE::StackTrace::getStack - endless callstack",
-                                  "WARN NS_CORE::StackTrace::getStack - endless callstack"}));
-}
-
-TEST(WalkStep, DoesNotTakeAFrameAtAddressZero) {
-    const test::LogRecorder log;
-    EXPECT_EQ(NS_CORE::stacktrace_platform::walkStep(0, 0x1000), NS_CORE::stacktrace_platform::WalkStep::Stop);
-    EXPECT_EQ(log.lines(), Lines{"WARN NS_CORE::StackTrace::getStack - offset==0"});
+                                  "WARN NS_CORE::StackTrace::getStack - endless callstack",
+                                  "WARN NS_CORE::StackTrace::getStack - offset==0"}));
 }
 
 } // namespace
@@ -434,64 +403,67 @@ TEST(StackTrace, EndsAtAFunctionThatCallsItself) {
     expectFrame(lines[1], "#02", "recurse");
 }
 
-TEST(StackTrace, WithoutSymbolsSaysSoEachTime) {
-    const test::LogRecorder log;
-    StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
-    EXPECT_EQ(trace.toText(), "Failed to get stack");
-    EXPECT_EQ(trace.toText(), "Failed to get stack");
-    trace.logStack(NS_CORE::LogLevel::Crit);
-    const std::string place = "WARN Log at core_stacktrace_win32:186 (NS_CORE::StackTrace::getStack)";
-    EXPECT_EQ(log.lines(), (Lines{place, place, place, "CRIT Failed to get stack"}));
-}
-
-TEST(StackTrace, WithoutSymbolsLeavesTheFramesAlone) {
-    const test::LogRecorder log;
-    StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
-    std::vector<Frame> frames{known("before")};
-    EXPECT_FALSE(trace.getStack(frames, StackTrace::kMaxFrames));
-    EXPECT_EQ(frames, std::vector<Frame>{known("before")});
-}
-
 // Has the records of NORM, which is off at start, too.
 class NormRecords {
 public:
     NormRecords() {
         NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, /*implementationBits=*/8);
     }
-    std::string text() const {
-        std::string all;
-        for (const std::string& line : m_log.lines()) all += line + '\n';
-        return all;
-    }
+    ~NormRecords() { NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0); }
+    NormRecords(const NormRecords&) = delete;
+    NormRecords& operator=(const NormRecords&) = delete;
+    Lines lines() const { return m_log.lines(); }
 
 private:
     test::LogRecorder m_log;
 };
 
-TEST(StackTrace, TellsAtNormWhereItWouldHaveLookedForSymbols) {
+TEST(StackTrace, WithoutSymbolsSaysWhereItLookedAndFailsEachTime) {
     const NormRecords log;
-    const StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
-    EXPECT_NE(log.text().find("NS_CORE::StackTrace::StackTrace - failed to initialise symbols from "),
-              std::string::npos)
-        << log.text();
-    EXPECT_NE(log.text().find("symbols"), log.text().rfind("symbols")) << "the path is missing in " << log.text();
+    StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_TRUE(
+        log.lines()[0].starts_with("NORM NS_CORE::StackTrace::StackTrace - failed to initialise symbols from "));
+    EXPECT_NE(log.lines()[0].find("symbols"), log.lines()[0].rfind("symbols")) << "no path in " << log.lines()[0];
+    EXPECT_EQ(trace.toText(), "Failed to get stack");
+    EXPECT_EQ(trace.toText(), "Failed to get stack");
+    trace.logStack(NS_CORE::LogLevel::Crit);
+    std::vector<Frame> frames{known("before")};
+    EXPECT_FALSE(trace.getStack(frames, StackTrace::kMaxFrames));
+    EXPECT_EQ(frames, std::vector<Frame>{known("before")});
+    const std::string place = "WARN Log at core_stacktrace_win32:186 (NS_CORE::StackTrace::getStack)";
+    EXPECT_EQ(log.lines(), (Lines{log.lines()[0], place, place, place, "CRIT Failed to get stack", place}));
 }
 
-TEST(StackTrace, ModuleThatCannotBeReadIsSkippedAndTold) {
+// Traces whoever logs.
+struct TracingObserver : NS_CORE::GlobalLogObserver {
+    explicit TracingObserver(std::string* text) : lastTrace(text) {}
+    void notify(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
+        *lastTrace = StackTrace().toText();
+    }
+    std::string* lastTrace;
+};
+
+TEST(StackTrace, LogsAModuleThatCannotBeReadAndMayBeTracedMeanwhile) {
     const NormRecords log;
     const test::HookRecorder hook;
+    std::string traceOfRecord;
     StackTrace trace;
     std::vector<Frame> frames;
     ASSERT_TRUE(trace.getStack(frames, 5));
     const StackTrace::ProcessHandle process = NS_CORE::stacktrace_platform::processHandle();
+    NS_CORE::MasterLogger::setGlobalObserver(std::make_unique<TracingObserver>(&traceOfRecord));
     EXPECT_FALSE(StackTrace::loadModule(process, "no-such-image.dll", "no-such-image", 0x60000000, 4096));
     // The name is given for a number, and comes out as one.
-    EXPECT_NE(log.text().find("NS_CORE::StackTrace::loadModule - failed to load image=no-such-image.dll module=0 "
-                              "base_addr=1610612736, size=4096"),
-              std::string::npos)
-        << log.text();
+    EXPECT_EQ(log.lines().back(),
+              "NORM NS_CORE::StackTrace::loadModule - failed to load image=no-such-image.dll "
+              "module=0 base_addr=1610612736, size=4096");
     EXPECT_EQ(hook.single().message,
               "core_varargs:261: ch=d format='failed to load image=%s module=%d base_addr=%d, size=%d'");
+    NS_CORE::MasterLogger::setGlobalObserver(nullptr);
+    EXPECT_NE(traceOfRecord.find("LogsAModuleThatCannotBeReadAndMayBeTracedMeanwhile"), std::string::npos);
+    EXPECT_NE(trace.toText().find("LogsAModuleThatCannotBeReadAndMayBeTracedMeanwhile"), std::string::npos)
+        << "the inner trace has taken the outer one's symbols away";
 }
 
 } // namespace

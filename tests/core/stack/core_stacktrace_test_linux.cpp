@@ -1,9 +1,14 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
+#include <iterator>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "core/stack/core_stacktrace.h"
+#include "core/stack/core_stacktrace_linux.h"
 
 namespace {
 
@@ -23,6 +28,33 @@ TEST(StackTrace, StaysWholeWhenModulesComeAndGo) {
     EXPECT_TRUE(traceHere().starts_with(expected)) << traceHere();
     ::dlclose(library);
     EXPECT_TRUE(traceHere().starts_with(expected)) << traceHere();
+}
+
+// The crash guard looks names up without the SymbolLock, so the two meet at the session.
+TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
+    std::atomic<bool> isOver{false};
+    const std::function<void()> others[] = {
+        [] {
+            NS_CORE::RawFrame walked[8];
+            std::vector<NS_CORE::StackFrame> frames;
+            NS_CORE::describeFrames(walked, NS_CORE::walkRaw(walked, std::size(walked)), frames);
+            EXPECT_FALSE(frames.at(0).symbol.empty());
+        },
+        [] { EXPECT_FALSE(StackTrace::loadModule(nullptr, "/no/such/file", "none", 0x1000, 1)); },
+        [] {
+            void* const library = ::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
+            traceHere();
+            ::dlclose(library);
+        },
+    };
+    std::vector<std::thread> threads;
+    for (const std::function<void()>& call : others)
+        threads.emplace_back([&isOver, &call] {
+            while (!isOver) call();
+        });
+    for (int i = 0; i < 20; ++i) traceHere();
+    isOver = true;
+    for (std::thread& thread : threads) thread.join();
 }
 
 TEST(StackTrace, LoadsNothingIntoTheProcess) {
