@@ -9,7 +9,7 @@ namespace NS_UTL {
 // Reads string values of one key below HKEY_LOCAL_MACHINE. On Linux the registry is the file
 // "settings/registry.reg" below the working directory, in Windows' export format (utl_regfile_linux.h), as it is
 // when open() is called. Failures are logged at WARN; misuse fails a CHECKF with an empty message and, if the process
-// goes on, returns false. One thread at a time.
+// goes on, returns false. One thread at a time, for all objects together.
 class RegistryKey {
 public:
     // Receives a value's bytes, valid during the call only; getValue() returns its result.

@@ -1,7 +1,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "core/memory/core_neverdestroyed.h"
@@ -21,11 +20,7 @@ constexpr uint32_t kErrorFileNotFound = 2; // ERROR_FILE_NOT_FOUND
 constexpr uint32_t kErrorMoreData = 234;   // ERROR_MORE_DATA
 
 // Keys are never closed; kept here, they stay reachable until the process ends.
-struct OpenKeys {
-    std::mutex mutex;
-    std::vector<std::unique_ptr<OpenKey>> keys;
-};
-NS_CORE::NeverDestroyed<OpenKeys> g_open;
+NS_CORE::NeverDestroyed<std::vector<std::unique_ptr<OpenKey>>> g_open;
 
 } // namespace
 
@@ -37,8 +32,7 @@ void* registry_platform::openKey(const std::string& subKey) {
         errno = ENOENT;
         return nullptr;
     }
-    const std::lock_guard lock(g_open->mutex);
-    return g_open->keys.emplace_back(std::move(opened)).get();
+    return g_open->emplace_back(std::move(opened)).get();
 }
 
 uint32_t registry_platform::queryValue(void* key, const std::string& name, uint32_t& type, uint8_t* buffer,

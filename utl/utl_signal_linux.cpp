@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <thread>
 
-#include "absl/base/thread_annotations.h"
-#include "absl/synchronization/mutex.h"
 #include "core/memory/core_neverdestroyed.h"
 #include "utl/utl_signal_platform.h"
 
@@ -50,26 +48,25 @@ void handleSignals(int readEnd) {
 
 // The handling thread and its pipe, shared by all Signal objects: the first one starts the thread, the last one ends
 // it. The pipe stays open for the life of the process, because a system handler that is still running on another
-// thread may write to it after the last object has ended.
+// thread may write to it after the last object has ended. Without a lock: Signal objects are created and destroyed on
+// one thread.
 class Dispatcher {
 public:
     // False when the system refuses the pipe.
     [[nodiscard]] bool acquire() {
-        const absl::MutexLock lock(&m_mutex);
         if (!openPipe()) return false;
         if (m_users++ == 0) startThread();
         return true;
     }
 
     void release() {
-        const absl::MutexLock lock(&m_mutex);
         if (--m_users > 0) return;
         writeEnd();
         m_thread.join();
     }
 
 private:
-    bool openPipe() ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex) {
+    bool openPipe() {
         if (m_readEnd != -1) return true;
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) return false;
@@ -81,7 +78,7 @@ private:
     }
 
     // The thread takes no signals itself: a handler that waits must not be what a signal interrupts.
-    void startThread() ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex) {
+    void startThread() {
         sigset_t all;
         sigset_t before;
         ::sigfillset(&all);
@@ -91,14 +88,13 @@ private:
     }
 
     // Waits for room: this byte must arrive.
-    void writeEnd() ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex) {
+    static void writeEnd() {
         while (::write(g_writeEnd.load(), &kEnd, 1) != 1) std::this_thread::yield();
     }
 
-    absl::Mutex m_mutex;
-    int m_readEnd ABSL_GUARDED_BY(m_mutex) = -1; // never closed on purpose, like the writing end
-    uint32_t m_users ABSL_GUARDED_BY(m_mutex) = 0;
-    std::thread m_thread ABSL_GUARDED_BY(m_mutex);
+    int m_readEnd = -1; // never closed on purpose, like the writing end
+    uint32_t m_users = 0;
+    std::thread m_thread;
 };
 
 // Never destroyed: a process that exits in the middle of console mode leaves the thread waiting.
