@@ -56,10 +56,10 @@ public:
     bool takeLineEnd() { return take("\r\n") || take("\n") || m_rest.empty(); }
     bool takeComment() { return take(";") && take(restOfLine()); }
 
-    // Names may hold brackets: the last one of the line closes.
+    // Names may hold brackets: the last one of the line closes. "[-" would delete a key.
     bool takeKey(std::string& path) {
         const std::string_view line = restOfLine();
-        if (line.size() < 2 || line.front() != '[' || line.back() != ']') return false;
+        if (line.size() < 2 || line.front() != '[' || line[1] == '-' || line.back() != ']') return false;
         path = lowerCase(line.substr(1, line.size() - 2));
         return take(line);
     }

@@ -106,6 +106,7 @@ TEST(RegFile, SaysWhichLineIsWrongAndHoldsNothingThen) {
         {"MZ\x90", 1},
         {kHeader + "\n[HKEY_LOCAL_MACHINE\\A", 3},
         {kHeader + "[A] B\n", 2},
+        {kHeader + "[A]\n[-A]\n", 3},
         {kHeader + "\"v\"=\"x\"\n", 2},
         {underKey("v=\"x\"\n"), 3},
         {underKey("\"v\"\n"), 3},
