@@ -45,7 +45,7 @@ std::string FileLogger::path() const {
     return m_directory + '/' + m_name;
 }
 
-std::string FileLogger::numbered(uint32_t number) const {
+std::string FileLogger::numbered(uint64_t number) const {
     return formatString("%s/%s.%d", m_directory, m_name, number);
 }
 
@@ -60,14 +60,15 @@ void FileLogger::rotate() const {
 }
 
 void FileLogger::rotateNumbered() const {
-    for (uint32_t above = m_keep + 1; above > 0; --above) {
+    const uint64_t pushedOut = uint64_t{m_keep} + 1;
+    for (uint64_t above = pushedOut; above > 0; --above) {
         const std::string from = numbered(above - 1);
         const std::string to = numbered(above);
         CHECKF(FileUtils::renameFile(from, to), "%s=>%s", from, to);
     }
     const std::string current = path();
     CHECKF(FileUtils::renameFile(current, numbered(0)), "%s", current);
-    NS_CORE::Wrapper::unlink(numbered(m_keep + 1));
+    NS_CORE::Wrapper::unlink(numbered(pushedOut));
 }
 
 } // namespace NS_UTL

@@ -43,7 +43,7 @@ public:
 
 private:
     std::string path() const;
-    std::string numbered(uint32_t number) const;
+    std::string numbered(uint64_t number) const;
     void rotate() const;
     void rotateNumbered() const;
 

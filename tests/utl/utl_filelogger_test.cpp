@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/check/core_assert.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/time/core_time.h"
 #include "tests/support/child.h"
@@ -180,6 +181,20 @@ TEST_F(FileLoggerTest, KeepsOneNumberMoreThanItIsTold) {
             EXPECT_EQ(texts(log() + "." + std::to_string(number)), Lines{line(rotations - 1 - number)});
         EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), keep + 2);
     }
+}
+
+TEST_F(FileLoggerTest, BeginsAtTheHighestNumberThatThereIs) {
+    FileLogger logger(directory(), "service.log", 10, UINT32_MAX);
+    // Not all four thousand millions.
+    NS_CORE::Assert::installFailureHandler(
+        [](const char*, std::string_view, int32_t, int32_t, const std::string& message) -> bool { throw message; });
+    try {
+        logger.log(3, 0, MasterLogger::levelEntry(3), 4, "kept", 4);
+        ADD_FAILURE() << "nothing to rename";
+    } catch (const std::string& message) {
+        EXPECT_EQ(message, log() + ".4294967295=>" + log() + ".4294967296");
+    }
+    EXPECT_EQ(texts(log()), Lines{"kept"});
 }
 
 TEST_F(FileLoggerTest, GoesOnShiftingWhenANumberIsStuck) {
