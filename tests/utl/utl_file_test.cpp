@@ -152,6 +152,7 @@ TEST(File, AnOpenThatFailsIsLoggedUnlessReportsOrTheLevelAreOff) {
     ASSERT_TRUE(NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Warn, 0));
     EXPECT_FALSE(File().openFile(dir.file("")));
     EXPECT_EQ(log.lines(), expected);
+    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Warn, 2);
 }
 
 TEST(File, MisuseFailsACheck) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <list>
 #include <thread>
 
 #include "core/files/core_wrapper.h"
@@ -179,9 +180,9 @@ protected:
 
     static void addToPath(const std::string& directory) {
         const char separator = fs::path::preferred_separator == '/' ? ':' : ';';
-        static std::string variable;
-        variable = "PATH=" + directory + separator + std::getenv("PATH");
-        ASSERT_EQ(::putenv(variable.data()), 0);
+        // They stay part of the environment.
+        static std::list<std::string>& variables = *new std::list<std::string>;
+        ASSERT_EQ(::putenv(variables.emplace_back("PATH=" + directory + separator + std::getenv("PATH")).data()), 0);
     }
 
     test::TempDir m_dir;

@@ -91,7 +91,8 @@ TEST(ProcessUtilsLinux, TheChildInheritsNothingAndIsDetached) {
     ::sigemptyset(&blocked);
     ::sigaddset(&blocked, SIGTERM);
     ::sigaddset(&blocked, SIGINT);
-    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, nullptr), 0);
+    sigset_t before;
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &before), 0);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
 
@@ -102,6 +103,9 @@ TEST(ProcessUtilsLinux, TheChildInheritsNothingAndIsDetached) {
                                                   "terminal 0", "blocked 0", "ignored 0"}));
     ::close(low);
     ::close(high);
+    // Cases may share a process.
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    for (const int signum : {SIGPIPE, SIGHUP}) std::signal(signum, SIG_DFL);
 }
 
 TEST(ProcessUtilsLinux, AFileThatIsNoProgramSaysWhy) {
