@@ -365,6 +365,25 @@ TEST_F(RunningServiceTest, InstanceIsClearedOnlyWhenServiceMainIsDone) {
     m_thread.join();
 }
 
+// Callbacks that come while the process's service is made, cleared and destroyed find a whole one or none.
+TEST_F(ServiceTest, CallbacksMayComeWhileInstancesComeAndGo) {
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 3; ++caller)
+        callers.emplace_back([&isOver] {
+            while (!isOver) Service::controlHandler(ServiceControl::Interrogate);
+        });
+    for (int round = 0; round < 50; ++round) {
+        m_host = nullptr;
+        makeHost({}, {});
+        NS_CORE::MasterLogger::setImplementation(nullptr);
+        if (round % 2 == 0) Service::clearInstance();
+    }
+    isOver = true;
+    for (std::thread& caller : callers) caller.join();
+    for (const test::FailedCheck& check : m_hook.failures()) EXPECT_EQ(check.line, 141);
+}
+
 // A companion that is gone within a microsecond of the stop request: the work's end and the handler's report meet.
 TEST_F(ServiceTest, LastReportIsStoppedHoweverFastTheWorkEnds) {
     for (int round = 0; round < 200; ++round) {

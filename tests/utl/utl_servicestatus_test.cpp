@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -90,6 +91,20 @@ TEST_F(ServiceStatusReporterTest, LetsAHandlerReturnWhileStoppedIsBeingReported)
     });
     m_reporter.enterStopped(0);
     EXPECT_EQ(reported, (std::vector<uint32_t>{ServiceState::Stopped}));
+}
+
+TEST_F(ServiceStatusReporterTest, MayBeUsedByAllThreadsAtOnce) {
+    const std::function<void()> calls[] = {
+        [this] { m_reporter.begin(); },         [this] { m_reporter.connect([](const ServiceStatus&) {}); },
+        [this] { m_reporter.enter(4); },        [this] { m_reporter.repeat(); },
+        [this] { m_reporter.enterStopped(0); }, [this] { EXPECT_LE(m_reporter.status().currentState, 4U); },
+    };
+    std::vector<std::thread> threads;
+    for (const std::function<void()>& call : calls)
+        threads.emplace_back([&call] {
+            for (int i = 0; i < 1000; ++i) call();
+        });
+    for (std::thread& thread : threads) thread.join();
 }
 
 // The race of a companion that ends within a microsecond of the datagram, two hundred times over.

@@ -667,11 +667,13 @@ TEST(LogThreads, MayLogWhileEverythingIsBeingChanged) {
         const Observing observing(LogLevel::Norm, ignoreRecord);
         setImplementation([](const std::string&) { sayLimited("inside"); });
         MasterLogger::setRateImplementation(std::make_unique<DefaultLogRImpl>());
+        if (i % 10 == 0) {
+            const DefaultGlobals endAtOnce;
+        }
         setGlobalObserver(ignoreRecord);
         if (i == 100) {
             EXPECT_TRUE(MasterLogger::registerLevel(200, "LATE", "", 1));
         }
-        MasterLogger::setGlobalObserver(nullptr);
         EXPECT_LE(MasterLogger::history().size(), MasterLogger::kHistoryCapacity);
         EXPECT_LE(capture.text().size(), size_t{20});
     }
