@@ -56,7 +56,8 @@ Timespec timespec(int64_t seconds, int64_t nanoseconds) {
 int32_t localDto(int32_t seconds) {
     std::tm utc{};
     static_cast<void>(CHECKF_AT("core_time", 559, defineOnFailure(systemUtcTime(seconds, &utc), &utc), "%d", seconds));
-    // Converting the UTC fields as if they were local standard time is off by exactly the offset.
+    // Converting the UTC fields as if they were local standard time is off by exactly the offset. Where the system has
+    // no seconds for them, within a day of either end of the range, its -1 gives an offset that means nothing.
     return static_cast<int32_t>((int64_t{seconds} - systemSecondsOfLocal(utc)) / DateTime::kSecondsPerDto);
 }
 

@@ -55,7 +55,8 @@ public:
 
     // `seconds` at the local offset, with milliseconds 0. The offset is that of the zone's standard time all year:
     // where clocks change to summer time, the calendar fields are an hour behind them in summer. If a conversion fails,
-    // a check fails and the fields are 1900-01-01 00:00:00.
+    // a check fails and the fields are 1900-01-01 00:00:00. Within a day of 1970 and of the last second the offset may
+    // be wrong or unknown.
     static DateTime fromSeconds(int32_t seconds);
 
     // Like fromSeconds, with the milliseconds of `time`, truncated. Its nanoseconds must be 0 to 999,999,999: others

@@ -229,7 +229,7 @@ std::optional<std::wstring> writingProblem(const std::wstring& directory) {
 }
 
 std::optional<std::wstring> keriProblem(const std::wstring& directory) {
-    wchar_t keri[1024] = {};
+    wchar_t keri[1024] = {}; // what does not fit is longer than any directory that the installation may have
     DWORD size = sizeof(keri) - sizeof(wchar_t);
     // The Keri software is a 32-bit package, as this library is one.
     constexpr const wchar_t* kKey =
