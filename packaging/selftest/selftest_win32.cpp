@@ -200,8 +200,8 @@ bool says(const std::vector<std::string>& sentences) {
 
 bool agreed() {
     std::printf(
-        "The self-test installs, starts, stops and removes a test copy of the service, and restarts nothing else.\n"
-        "It takes up to 20 minutes. Continue? [y/n] ");
+        "The self-test installs, starts, stops and removes test copies of the product, and restarts nothing else.\n"
+        "It should take less than 20 minutes, but nobody has timed it on a Windows yet. Continue? [y/n] ");
     std::fflush(stdout);
     std::string answer;
     std::getline(std::cin, answer);

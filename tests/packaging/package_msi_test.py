@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """package_msi_test.py ROOT ACTIONS: what scripts/lib/package-msi makes and refuses. ACTIONS is the set-up library.
 
-Whether Windows' installer takes the package is installation_test.py's to say, under Wine."""
+Whether Windows' installer takes the package is installation_tests' to say, under Wine."""
 import os
 import pathlib
 import shutil

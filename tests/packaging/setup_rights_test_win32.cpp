@@ -1,5 +1,5 @@
 // Who may write to a directory that a LocalSystem service runs from, judged from security descriptors as Windows has
-// them. Wine keeps little more of a descriptor than Linux' owner and mode; installation_test.py tries those on real
+// them. Wine keeps little more of a descriptor than Linux' owner and mode; installation_tests tries those on real
 // directories.
 
 #include "packaging/setup/setup_rights.h"

@@ -2,7 +2,7 @@
 prefix and a network of its own: it runs whole, refuses what it must not touch, and cleans up after an interrupted run."""
 import os
 import pathlib
-import shutil
+import re
 import signal
 import socket
 import subprocess
@@ -13,10 +13,16 @@ import xml.etree.ElementTree
 import zipfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from quorkeri_wine import ROOT, SERVICE, Wine, await_true, in_own_network, text_of
+from quorkeri_wine import COMPANION, ROOT, SERVICE, Wine, await_true, in_own_network, text_of
 
 BUILD = pathlib.Path(sys.argv[1]).resolve()
-WHOLE_RUN = 1500  # seconds
+WHOLE_RUN = 2500  # seconds
+VERSION = re.search(r"^CMAKE_PROJECT_VERSION:\w+=(.*)", text_of(BUILD / "CMakeCache.txt"), re.MULTILINE)[1]
+KERI = r"HKLM\SOFTWARE\Wow6432Node\Microsoft\Windows\CurrentVersion\Uninstall\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}"
+WER = r"HKLM\SOFTWARE\Microsoft\Windows\Windows Error Reporting\LocalDumps\quorkeri_service.exe"
+SET_UP = r"HKLM\SOFTWARE\Quorvane"
+PRODUCT = r"HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Uninstall\{00000000-0000-0000-0000-000000000001}"
+VIEW = {KERI: ["/reg:64"], WER: ["/reg:64"], PRODUCT: ["/reg:32"], SET_UP: ["/reg:32"]}
 PROGRAMS = sorted(BUILD.glob("tests/*_tests.exe"))
 
 
@@ -30,12 +36,14 @@ class SelfTest(unittest.TestCase):
         cls.directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="selftest-")))
         stage, archive = cls.directory / "stage", cls.directory / "selftest.zip"
         subprocess.run(["cmake", "--install", BUILD, "--prefix", stage, "--strip"], check=True, stdout=subprocess.DEVNULL)
-        subprocess.run([ROOT / "scripts/lib/package-selftest", BUILD, stage, archive], check=True,
+        subprocess.run([ROOT / "scripts/lib/package-selftest", BUILD, stage, stage / "bin",
+                        BUILD / "packaging/setup/quorkeri_setup.dll", VERSION, archive], check=True,
                        env=os.environ | {"SOURCE_DATE_EPOCH": "1574261397"})
         cls.bundle = cls.directory / "bundle"
         with zipfile.ZipFile(archive) as files:
             files.extractall(cls.bundle)
         cls.wine = cls.enterClassContext(Wine(cls.directory / "prefix").held())
+        cls.drive = cls.wine.prefix / "drive_c"
 
     def selftest(self, *words, limit=300):
         return self.wine.prompt(f"call {Wine.path(self.bundle / 'selftest.cmd')} " + " ".join(words), limit=limit)
@@ -44,11 +52,17 @@ class SelfTest(unittest.TestCase):
         code, text = self.selftest("/y")
         self.assertEqual(1, code, text)
         self.assertIn(sentence, text)
-        self.assert_untouched()
+        self.assert_not_begun()
 
-    def assert_untouched(self):
+    def assert_not_begun(self):
         self.assertEqual([], [name for name in ("work", "selftest-made.txt") if (self.bundle / name).exists()])
         self.assertNotEqual(0, self.wine.run("sc", "query", SERVICE)[0])
+
+    def assert_untouched(self):
+        self.assert_not_begun()
+        self.assertEqual([], [path.name for path in self.drive.glob("Quorkeri*")])
+        self.assertEqual([], [key for key in VIEW if self.has_key(key)])
+        self.assertEqual({}, self.wine.programs(COMPANION, SERVICE, "msiexec.exe"))
 
     def test_refuses_what_it_must_not_touch(self):
         missing = self.bundle / "tests/files/keri.reg"
@@ -59,10 +73,16 @@ class SelfTest(unittest.TestCase):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as user:
             user.bind(("127.0.0.1", 34002))
             self.assert_refused("UDP port 34002")
-        key = r"HKLM\SOFTWARE\Wow6432Node\Microsoft\Windows\CurrentVersion\Uninstall\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}"
-        self.wine.run("reg", "add", key, "/f")
-        self.assert_refused("The Keri software is installed here")
-        self.wine.run("reg", "delete", key, "/f")
+        for key, sentence in ((KERI, "The Keri software is installed here"),
+                              (WER, "Windows Error Reporting has settings for 'quorkeri_service.exe' here"),
+                              (PRODUCT, "The product is installed here")):
+            self.wine.run("reg", "add", key, "/v", "DisplayName", "/d", "Quorvane Keri Wrapper", "/f", *VIEW[key])
+            self.assert_refused(sentence)
+            self.wine.run("reg", "delete", key, "/f", *VIEW[key])
+        for name in ("QuorkeriSelftest", "QuorkeriService"):
+            (self.drive / name).mkdir()
+            self.assert_refused(f"The directory 'C:\\{name}' is there")
+            (self.drive / name).rmdir()
         self.wine.run("sc", "create", SERVICE, "binPath=", r"C:\other.exe")
         code, text = self.selftest("/y")
         self.assertEqual((1, True), (code, "is installed here" in text), text)
@@ -75,17 +95,32 @@ class SelfTest(unittest.TestCase):
         self.assertEqual((1, True), (code, "\n1 passed, 1 failed, 0 skipped\n" in text), text)
         self.assert_untouched()
 
-    def test_cleans_up_what_a_killed_run_left(self):
-        runner = self.wine.start(Wine.path(self.bundle / "selftest.exe"), "/y", "/only", "Supervision.StopsTwoHundredTimes")
-        companion = "quorkeri_wrapper.exe"
-        await_true("a companion runs", lambda: self.wine.programs(companion))
+    def kill_run(self, only, what, is_there):
+        """Ends the self-test in the middle of this test, when it has made what is waited for."""
+        runner = self.wine.start(Wine.path(self.bundle / "selftest.exe"), "/y", "/only", only)
+        await_true(what, is_there, limit=300)
         for process in sum(self.wine.programs("selftest.exe").values(), []):
             os.kill(process, signal.SIGKILL)
         runner.wait()
         code, text = self.selftest("/y")
         self.assertEqual((1, True), (code, "selftest.cmd /clean" in text), text)
+
+    def has_key(self, key):
+        return self.wine.run("reg", "query", key, *VIEW[key])[0] == 0
+
+    def test_cleans_up_what_a_killed_run_left(self):
+        self.kill_run("Supervision.StopsTwoHundredTimes", "a companion runs", lambda: self.wine.programs(COMPANION))
         self.assertEqual((0, ""), self.selftest("/clean"))
-        self.assertEqual({}, self.wine.programs(companion, SERVICE))
+        self.assert_untouched()
+
+    def test_cleans_up_an_installation_that_a_killed_run_left(self):
+        """The product, its directory and its settings of error reporting."""
+        self.kill_run("Installing.SetsTheServiceUpForAnAdministrator", "error reporting is set", lambda: self.has_key(WER))
+        # An installation that has begun goes on.
+        await_true("the installer ends", lambda: not self.wine.programs("msiexec.exe"), limit=300)
+        self.assertTrue((self.drive / "QuorkeriSelftest").exists())
+        self.assertEqual((0, ""), self.selftest("/clean"))
+        self.assertNotEqual(0, self.wine.run("reg", "query", WER.rpartition("\\")[0], "/reg:64")[0])
         self.assert_untouched()
 
     def test_runs_whole(self):
