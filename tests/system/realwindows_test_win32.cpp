@@ -1,17 +1,26 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+// These need windows.h before them.
+#include <dbghelp.h>
+#include <softpub.h>
+#include <tlhelp32.h>
+#include <wintrust.h>
+
 #include <bit>
+#include <cstring>
 #include <set>
 
 #include "core/memory/core_scopedhandle_win32.h"
+#include "tests/support/child.h"
+#include "tests/support/self_process.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
 #include "tests/system/service_manager_win32.h"
 #include "tests/system/supervised_service.h"
 
-// What only Windows itself can show. Under Wine each test skips and says what Wine lacks.
+// What only Windows itself can show. Under Wine a test skips where Wine lacks something, and says what.
 namespace test {
 namespace {
 
@@ -30,6 +39,20 @@ Function find(const wchar_t* module, const char* name) {
     return std::bit_cast<Function>(::GetProcAddress(::GetModuleHandleW(module), name));
 }
 
+// Windows' own library of that name, whatever lies elsewhere.
+HMODULE systemLibrary(const wchar_t* name) {
+    wchar_t directory[MAX_PATH] = {};
+    ::GetSystemDirectoryW(directory, MAX_PATH);
+    return ::LoadLibraryW((std::filesystem::path(directory) / name).c_str());
+}
+
+template <class Function>
+Function findIn(HMODULE module, const char* name) {
+    const auto found = std::bit_cast<Function>(::GetProcAddress(module, name));
+    if (!found) throw std::runtime_error(std::string("This system has no ") + name);
+    return found;
+}
+
 #define SKIP_UNDER_WINE(reason) \
     if (isWine()) GTEST_SKIP() << reason
 
@@ -46,6 +69,104 @@ void crashInForeignThread(uint32_t processId) {
     const ScopedKernelHandle thread(::CreateRemoteThread(process.get(), nullptr, 0, nowhere, nullptr, 0, nullptr));
     if (!thread) failWithLastError("CreateRemoteThread");
 }
+
+// Where the process's own program lies in its memory.
+uintptr_t programAddress(uint32_t processId) {
+    const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, processId));
+    MODULEENTRY32W entry{};
+    entry.dwSize = sizeof entry;
+    if (!::Module32FirstW(snapshot.get(), &entry)) failWithLastError("Module32FirstW");
+    return reinterpret_cast<uintptr_t>(entry.modBaseAddr);
+}
+
+// A dump as Windows' own symbol library reads it.
+class Dump {
+public:
+    // Brings the service down by a fault of its own, and takes the dump that it leaves.
+    Dump(SupervisedService& service, const Installation& installation)
+        : m_library(systemLibrary(L"dbghelp.dll")),
+          m_read(findIn<decltype(m_read)>(m_library, "MiniDumpReadDumpStream")) {
+        std::filesystem::create_directories(installation.root() / "work" / "dumps");
+        service.start();
+        installation.awaitRecord("ready");
+        SelfProcess caller("call-in-main-thread", {utf8(installation.root()), "0"});
+        caller.read(std::string("called").size());
+        // The first thread waits for the end of the service.
+        service.requestStop();
+        EXPECT_EQ(caller.wait(), 0);
+        for (const auto& entry : std::filesystem::directory_iterator(installation.root() / "work" / "dumps"))
+            if (entry.path().extension() == ".dmp") m_bytes = readFile(entry.path());
+    }
+
+    HMODULE library() const { return m_library; }
+
+    template <class T>
+    const T* stream(ULONG kind) const {
+        MINIDUMP_DIRECTORY* directory = nullptr;
+        void* found = nullptr;
+        ULONG size = 0;
+        void* const bytes = const_cast<char*>(m_bytes.data());
+        if (m_bytes.empty() || !m_read(bytes, kind, &directory, &found, &size))
+            throw std::runtime_error("The dump has no stream " + std::to_string(kind));
+        return static_cast<const T*>(found);
+    }
+    std::vector<MINIDUMP_MODULE> modules() const {
+        const auto* const list = stream<MINIDUMP_MODULE_LIST>(ModuleListStream);
+        return {list->Modules, list->Modules + list->NumberOfModules};
+    }
+    std::filesystem::path nameOf(const MINIDUMP_MODULE& module) const {
+        const auto* const text = at<MINIDUMP_STRING>(module.ModuleNameRva);
+        return std::wstring(text->Buffer, text->Length / sizeof(wchar_t));
+    }
+    // The words on the stack of the thread with the fault, innermost first.
+    std::vector<uint32_t> faultingStack() const {
+        const DWORD faulting = stream<MINIDUMP_EXCEPTION_STREAM>(ExceptionStream)->ThreadId;
+        const auto* const list = stream<MINIDUMP_THREAD_LIST>(ThreadListStream);
+        for (const MINIDUMP_THREAD* thread = list->Threads; thread != list->Threads + list->NumberOfThreads; ++thread) {
+            if (thread->ThreadId != faulting) continue;
+            const MINIDUMP_LOCATION_DESCRIPTOR& memory = thread->Stack.Memory;
+            std::vector<uint32_t> words(memory.DataSize / sizeof(uint32_t));
+            std::memcpy(words.data(), m_bytes.data() + memory.Rva, words.size() * sizeof(uint32_t));
+            return words;
+        }
+        return {};
+    }
+
+private:
+    template <class T>
+    const T* at(RVA place) const {
+        return reinterpret_cast<const T*>(m_bytes.data() + place);
+    }
+
+    HMODULE m_library; // stays loaded
+    decltype(&::MiniDumpReadDumpStream) m_read;
+    std::string m_bytes;
+};
+
+BOOL WINAPI outlive(DWORD /*event*/) {
+    return TRUE;
+}
+
+// program, how, file: runs the service at this console until the file is there, then ends it in this way.
+const ChildProgram g_consoleOwner("console-owner", [](const std::vector<std::string>& arguments) {
+    ::SetConsoleCtrlHandler(&outlive, TRUE);
+    std::wstring line = L'"' + fromText(arguments.at(0)).wstring() + L"\" service-console";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started{};
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE, 0, nullptr, nullptr,
+                          &startup, &started))
+        failWithLastError("CreateProcessW");
+    const ScopedKernelHandle process(started.hProcess);
+    const ScopedKernelHandle thread(started.hThread);
+    if (!await([&] { return std::filesystem::exists(fromText(arguments.at(2))); }, kLimit)) return 1;
+    if (arguments.at(1) == "break")
+        ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, 0);
+    else
+        ::PostMessageW(::GetConsoleWindow(), WM_CLOSE, 0, 0);
+    ::WaitForSingleObject(process.get(), INFINITE);
+    return 0;
+});
 
 // The ids of the newest events of the System log that name the service, newest first.
 std::set<DWORD> newestEvents(size_t looked) {
@@ -114,6 +235,122 @@ TEST(RealWindows, KeepsDataFromBeingExecutedAndMovesTheProgram) {
     DWORD layout = 0;
     ASSERT_TRUE(getPolicy(process.get(), kAddressSpaceLayout, &layout, sizeof layout));
     EXPECT_EQ(layout & 1U, 1U) << "bottom-up randomisation";
+    constexpr uintptr_t kLinkedFor = 0x400000;
+    EXPECT_NE(programAddress(service.processId()), kLinkedFor);
+}
+
+TEST(RealWindows, EndsWithItsConsoleAndOnCtrlBreak) {
+    SKIP_UNDER_WINE("Wine makes no Ctrl+Break event, and without a screen its console has no window to close");
+    for (const std::string how : {"break", "close"}) {
+        SCOPED_TRACE(how);
+        const Installation installation;
+        const std::filesystem::path sign = installation.root() / "now";
+        std::wstring line =
+            fromText(childCommandLine("console-owner", {utf8(installation.program()), how, utf8(sign)})).wstring();
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        startup.dwFlags = STARTF_USESHOWWINDOW;
+        startup.wShowWindow = SW_HIDE;
+        PROCESS_INFORMATION started{};
+        ASSERT_TRUE(::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE,
+                                     CREATE_NEW_CONSOLE, nullptr, nullptr, &startup, &started));
+        const ScopedKernelHandle owner(started.hProcess);
+        const ScopedKernelHandle thread(started.hThread);
+        installation.awaitRecord("ready");
+        writeFile(sign, "");
+        installation.awaitRecord("ending");
+        EXPECT_EQ(::WaitForSingleObject(owner.get(), 60'000), DWORD{WAIT_OBJECT_0});
+        const std::vector<std::string> log = installation.log();
+        ASSERT_GE(log.size(), 2U);
+        EXPECT_EQ(log[log.size() - 2], "UTL::Service::signalHandler - 21");
+        EXPECT_EQ(log.back(), line::stop);
+    }
+}
+
+TEST(RealWindows, LoadsNoPlantedLibrary) {
+    const Installation installation;
+    wchar_t system[MAX_PATH] = {};
+    ::GetSystemDirectoryW(system, MAX_PATH);
+    // They load without complaint, in the program's directory and in the one that it works in.
+    for (const auto& directory : {installation.bin(), installation.root()})
+        for (const char* const name : {"dbghelp.dll", "version.dll"})
+            writeFile(directory / name, readFile(std::filesystem::path(system) / "version.dll"));
+    SupervisedService service(installation);
+    const Dump dump(service, installation);
+    for (const MINIDUMP_MODULE& module : dump.modules()) {
+        const std::filesystem::path name = dump.nameOf(module);
+        EXPECT_TRUE(name == installation.program() || !pathText(name).starts_with(pathText(installation.root())))
+            << name;
+    }
+    EXPECT_GT(dump.modules().size(), 1U);
+    installation.endPrograms();
+}
+
+TEST(RealWindows, LeavesADumpThatTheShippedSymbolsExplain) {
+    const Installation installation;
+    SupervisedService service(installation);
+    const Dump dump(service, installation);
+    installation.endPrograms();
+    const HMODULE library = dump.library();
+    // Any value that is not used yet names a session of the library.
+    const HANDLE session = &service;
+    const std::filesystem::path symbols = builtFile(SERVICE_SYMBOLS).parent_path().make_preferred();
+    ASSERT_TRUE(findIn<decltype(&::SymInitializeW)>(library, "SymInitializeW")(session, symbols.c_str(), FALSE));
+    std::set<std::string> names;
+    for (const MINIDUMP_MODULE& module : dump.modules()) {
+        if (dump.nameOf(module) != installation.program()) continue;
+        findIn<decltype(&::SymLoadModuleExW)>(library, "SymLoadModuleExW")(
+            session, nullptr, installation.program().c_str(), nullptr, module.BaseOfImage, module.SizeOfImage, nullptr,
+            0);
+        IMAGEHLP_MODULEW64 found{};
+        found.SizeOfStruct = sizeof found;
+        EXPECT_TRUE(findIn<decltype(&::SymGetModuleInfoW64)>(library, "SymGetModuleInfoW64")(
+            session, module.BaseOfImage, &found));
+        if (isWine() && found.SymType != SymPdb) GTEST_SKIP() << "This Wine's symbol library does not read the PDB";
+        EXPECT_EQ(found.SymType, SymPdb);
+        EXPECT_FALSE(found.PdbUnmatched);
+        for (const uint32_t word : dump.faultingStack()) {
+            if (word < module.BaseOfImage || word >= module.BaseOfImage + module.SizeOfImage) continue;
+            alignas(SYMBOL_INFO) char buffer[sizeof(SYMBOL_INFO) + 1000] = {};
+            auto* const symbol = reinterpret_cast<SYMBOL_INFO*>(buffer);
+            symbol->SizeOfStruct = sizeof *symbol;
+            symbol->MaxNameLen = 1000;
+            if (findIn<decltype(&::SymFromAddr)>(library, "SymFromAddr")(session, word, nullptr, symbol))
+                names.insert(symbol->Name);
+        }
+    }
+    std::string all;
+    for (const std::string& name : names) all += name + '\n';
+    EXPECT_TRUE(all.find("NS_UTL7Service") != std::string::npos || all.find("NS_UTL::Service") != std::string::npos)
+        << all;
+    findIn<decltype(&::SymCleanup)>(library, "SymCleanup")(session);
+}
+
+TEST(RealWindows, IsSignedAsAWhole) {
+    const std::filesystem::path program = builtFile(SERVICE_PROGRAM).make_preferred();
+    const std::string bytes = readFile(program);
+    const auto* const dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(bytes.data());
+    const auto* const nt = reinterpret_cast<const IMAGE_NT_HEADERS32*>(bytes.data() + dos->e_lfanew);
+    if (!nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_SECURITY].Size)
+        GTEST_SKIP() << "This build is not signed";
+    SKIP_UNDER_WINE("Wine does not know the certificates that Windows trusts");
+    const auto verify = findIn<LONG(WINAPI*)(HWND, GUID*, void*)>(systemLibrary(L"wintrust.dll"), "WinVerifyTrust");
+    for (const std::filesystem::path& file :
+         {program, program.parent_path() / "quorkeri_health.exe", program.parent_path() / "packages" / "new.msi"}) {
+        if (!std::filesystem::exists(file)) continue; // a build tree keeps them elsewhere, unsigned
+        WINTRUST_FILE_INFO info{};
+        info.cbStruct = sizeof info;
+        const std::wstring name = file.wstring();
+        info.pcwszFilePath = name.c_str();
+        WINTRUST_DATA data{};
+        data.cbStruct = sizeof data;
+        data.dwUIChoice = WTD_UI_NONE;
+        data.fdwRevocationChecks = WTD_REVOKE_NONE;
+        data.dwUnionChoice = WTD_CHOICE_FILE;
+        data.pFile = &info;
+        GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
+        EXPECT_EQ(verify(nullptr, &action, &data), ERROR_SUCCESS) << file;
+    }
 }
 
 TEST(RealWindows, RefusesAUserWhoIsNoAdministrator) {
