@@ -6,6 +6,7 @@
 
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 
@@ -280,9 +281,9 @@ std::vector<std::string> clean(const std::wstring& journal, const std::wstring& 
     if (!uninstall()) left.emplace_back("The product that the tests have installed cannot be removed by msiexec.");
     removeSetUpKey();
     const std::wstring installation = installationDirectory();
-    // One after the other: one of them may be there.
-    const bool isOurs = markForDeletion(root) || markForDeletion(installation);
-    if (!await([&] { return endProcessesBelow(root) && endProcessesBelow(installation); }))
+    const std::wstring roots[] = {root, installation, defaultDirectory()};
+    const bool isOurs = std::any_of(std::begin(roots), std::end(roots), &markForDeletion);
+    if (!await([&] { return std::all_of(std::begin(roots), std::end(roots), &endProcessesBelow); }))
         left.emplace_back("A process of the self-test still runs.");
     if (isOurs && !await(isServiceGone))
         left.emplace_back(

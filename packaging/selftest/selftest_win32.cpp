@@ -23,7 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr unsigned kLimitSeconds = 400;
+// For one test. Some call Windows Installer two dozen times.
+constexpr unsigned kLimitSeconds = 900;
 constexpr unsigned kListLimitSeconds = 120;
 // Tests of the libraries run side by side; those of the whole service share its name and the companion's port.
 constexpr int kLanes = 3;
@@ -145,6 +146,13 @@ public:
         m_results.push_back(std::move(result));
     }
 
+    // The tests that run alone are the long ones.
+    void announce(const Test& test) {
+        const std::lock_guard lock(m_mutex);
+        std::printf("[%4zu/%zu] now runs  %s %s\n", m_done, m_total, test.program.c_str(), test.name.c_str());
+        std::fflush(stdout);
+    }
+
     size_t count() const { return m_total; }
     const std::vector<Result>& results() const { return m_results; }
 
@@ -160,6 +168,7 @@ private:
     void runLane(const std::vector<Test>& tests, std::atomic<size_t>& next, int lane) {
         for (size_t at = next++; at < tests.size() && !isEnding(); at = next++) {
             const Test& test = tests[at];
+            if (&tests == &m_alone) announce(test);
             const Ended ended = run(test.program, "--gtest_filter=" + test.name, lane, kLimitSeconds);
             if (isEnding()) return;
             Result result =

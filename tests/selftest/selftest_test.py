@@ -132,6 +132,8 @@ class SelfTest(unittest.TestCase):
         self.assertEqual(expected + 1, len(results), "each test of the tree, and that the machine is as it was")
         self.assertEqual(f"{expected + 1 - len(skipped)} passed, 0 failed, {len(skipped)} skipped", text.splitlines()[-1])
         self.assertEqual([], [name for name, reason in skipped if reason == "no reason given"])
+        report = text_of(self.bundle / "selftest-report.txt")
+        self.assertEqual([], [name for name, reason in skipped if f" {name}: " not in report])
         self.assert_untouched()
 
 

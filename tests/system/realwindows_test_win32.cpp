@@ -271,10 +271,10 @@ TEST(RealWindows, LoadsNoPlantedLibrary) {
     const Installation installation;
     wchar_t system[MAX_PATH] = {};
     ::GetSystemDirectoryW(system, MAX_PATH);
-    // They load without complaint, in the program's directory and in the one that it works in.
-    for (const auto& directory : {installation.bin(), installation.root()})
-        for (const char* const name : {"dbghelp.dll", "version.dll"})
-            writeFile(directory / name, readFile(std::filesystem::path(system) / "version.dll"));
+    // They would load without complaint, from the program's directory and from the one that it works in.
+    const std::string library = readFile(std::filesystem::path(system) / "version.dll");
+    for (const char* const name : {"bin/dbghelp.dll", "bin/dbgcore.dll", "dbghelp.dll", "version.dll"})
+        writeFile(installation.root() / name, library);
     SupervisedService service(installation);
     const Dump dump(service, installation);
     for (const MINIDUMP_MODULE& module : dump.modules()) {
