@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "health/names.h"
+#include "service/names.h"
 #include "utl/utl_commandline.h"
 
 namespace health {
@@ -72,7 +72,7 @@ PortHolder::Who whoIs(const Process& process, const std::vector<Companion>& comp
 
 std::optional<std::vector<PortHolder>> portHolders(const std::vector<Process>& all,
                                                    const std::vector<Companion>& companions) {
-    const auto ids = machine::portHolders(kStopPort);
+    const auto ids = machine::portHolders(service::kStopPort);
     if (!ids) return std::nullopt;
     std::vector<PortHolder> holders;
     for (const uint32_t id : *ids) {
@@ -105,7 +105,7 @@ Library::State stateOf(const std::string& here, const std::string& there) {
 
 std::vector<Library> librariesOf(const Installation& installation, const std::string& keriDirectory) {
     std::vector<Library> libraries;
-    for (const char* name : kLibraries) {
+    for (const char* name : service::kLibraries) {
         const std::string here = Installation::in(installation.bin, name);
         if (!keriDirectory.empty())
             libraries.push_back({name, stateOf(here, Installation::in(keriDirectory, name))});
@@ -154,11 +154,11 @@ std::string programOf(const std::string& command) {
 
 std::vector<Companion> companionsOf(const Installation& installation, std::vector<Process>& all) {
     for (Process& process : all)
-        if (isService(process) || isSamePath(process.name, kCompanionName))
+        if (isService(process) || isSamePath(process.name, service::kCompanionName))
             process.image = machine::imageOf(process.id);
     std::vector<Companion> companions;
     for (const Process& process : all)
-        if (isSamePath(process.name, kCompanionName))
+        if (isSamePath(process.name, service::kCompanionName))
             companions.push_back({process, ownerOf(process, installation, all)});
     return companions;
 }
@@ -179,7 +179,7 @@ std::optional<Process> findService(const Installation& installation, const Regis
 Facts gather(const Installation& installation, uint32_t hours) {
     Facts facts;
     facts.installation = installation;
-    facts.registration = machine::registration(kServiceName);
+    facts.registration = machine::registration(service::kServiceName);
     facts.registeredProgram = programOf(facts.registration.command);
     std::vector<Process> all = machine::processes();
     facts.companions = companionsOf(installation, all);

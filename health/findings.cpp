@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "core/text/core_varargs.h"
-#include "health/names.h"
 
 namespace health {
 namespace {

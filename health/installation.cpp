@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "core/files/core_dir.h"
-#include "health/names.h"
+#include "service/names.h"
 
 namespace health {
 namespace {
@@ -28,7 +28,7 @@ std::optional<Installation> Installation::of(const std::string& image) {
     if (directory == std::string::npos || !isSamePath(out.bin.substr(directory + 1), "bin")) return std::nullopt;
     out.root = out.bin.substr(0, directory);
     out.service = in(out.bin, machine::kServiceFile);
-    out.companion = in(out.bin, kCompanionName);
+    out.companion = in(out.bin, service::kCompanionName);
     const std::string work = in(out.root, "work");
     out.logs = in(work, "logs");
     out.dumps = in(work, "dumps");

@@ -18,7 +18,7 @@
 #include <string_view>
 
 #include "health/machine.h"
-#include "health/names.h"
+#include "service/names.h"
 #include "utl/utl_regfile_linux.h"
 
 namespace health::machine {
@@ -206,7 +206,8 @@ std::string keriDirectory(const std::string& root) {
     NS_UTL::RegFile registry;
     if (!registry.load(root + "/settings/registry.reg")) return "";
     constexpr uint32_t kText = 1; // REG_SZ
-    const auto* value = registry.findValue(std::string("HKEY_LOCAL_MACHINE\\") + kKeriKey, kKeriValue);
+    const auto* value =
+        registry.findValue(std::string("HKEY_LOCAL_MACHINE\\") + service::kKeriKey, service::kKeriValue);
     return value && value->type == kText ? value->bytes.c_str() : "";
 }
 

@@ -13,7 +13,7 @@
 #include "core/text/core_utf8.h"
 #include "core/text/core_utf8_win32.h"
 #include "health/machine.h"
-#include "health/names.h"
+#include "service/names.h"
 
 namespace health::machine {
 namespace {
@@ -268,14 +268,14 @@ std::optional<std::vector<uint32_t>> portHolders(uint16_t port) {
 
 std::string keriDirectory(const std::string& /*root*/) {
     HKEY opened = nullptr;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, toWide(kKeriKey).c_str(), /*ulOptions=*/0, KEY_QUERY_VALUE, &opened) !=
-        ERROR_SUCCESS)
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, toWide(service::kKeriKey).c_str(), /*ulOptions=*/0, KEY_QUERY_VALUE,
+                        &opened) != ERROR_SUCCESS)
         return "";
     const NS_CORE::ScopedRegistryKey key(opened);
     std::wstring text(kLongestPath, L'\0');
     DWORD size = kLongestPath * sizeof(wchar_t);
-    if (::RegGetValueW(key.get(), /*lpSubKey=*/nullptr, toWide(kKeriValue).c_str(), RRF_RT_REG_SZ, /*pdwType=*/nullptr,
-                       text.data(), &size) != ERROR_SUCCESS)
+    if (::RegGetValueW(key.get(), /*lpSubKey=*/nullptr, toWide(service::kKeriValue).c_str(), RRF_RT_REG_SZ,
+                       /*pdwType=*/nullptr, text.data(), &size) != ERROR_SUCCESS)
         return "";
     return NS_CORE::toUtf8(text.c_str());
 }

@@ -2,7 +2,7 @@
 
 #include "core/text/core_varargs.h"
 #include "health/facts.h"
-#include "health/names.h"
+#include "service/names.h"
 
 namespace health {
 namespace {
@@ -14,16 +14,16 @@ constexpr uint32_t kStartLimitMs = 30'000;
 std::optional<Process> runningService(const Installation& installation) {
     std::vector<Process> all = machine::processes();
     companionsOf(installation, all);
-    return findService(installation, machine::registration(kServiceName), all);
+    return findService(installation, machine::registration(service::kServiceName), all);
 }
 
 // Asks the manager to start the service, but not another installation's.
 std::string startOwn(const Installation& installation) {
-    const Registration registration = machine::registration(kServiceName);
+    const Registration registration = machine::registration(service::kServiceName);
     if (registration.answer == Registration::Answer::Registered &&
         !isSamePath(programOf(registration.command), installation.service))
         return "the registered service is another installation's, " + registration.command;
-    return machine::startService(kServiceName);
+    return machine::startService(service::kServiceName);
 }
 
 // Returns the reason of a failure. The manager may not have noticed yet that the old process has ended, and then takes

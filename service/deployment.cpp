@@ -3,21 +3,12 @@
 #include "core/files/core_dir.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/text/core_pathseparator.h"
+#include "service/names.h"
 #include "utl/utl_fileutils.h"
 #include "utl/utl_registry.h"
 
 namespace service {
 namespace {
-
-// The uninstall entry of the Keri software, a 32-bit package: the path spells out the 32-bit view, so that every
-// process finds it.
-constexpr const char* kKeriKey =
-    R"(SOFTWARE\Wow6432Node\Microsoft\Windows\CurrentVersion\Uninstall\{28C70475-353F-47A1-BD2B-6219F4C7A0C6})";
-
-constexpr const char* kLibraries[] = {
-    "ClientSocketServices.dll", "DHS.dll",           "DHS_Commands.dll", "SocketServices.dll",
-    "TracerX-Logger.dll",       "DHSAttributes.dll",
-};
 
 void copyLibrary(const char* name, const std::string& keriDir, const std::string& moduleDir) {
     // Nothing is trimmed: the systems accept a doubled separator.
@@ -36,7 +27,7 @@ std::string getKeriInstallDir() {
         return {};
     }
     std::string directory;
-    if (!key.getValue("InstallLocation", directory)) {
+    if (!key.getValue(kKeriValue, directory)) {
         MLOG_LIMITED(NS_CORE::LogRate::Hourly, NS_CORE::LogLevel::Crit, "getKeriInstallDir",
                      "Could not locate KERI install directory from registry");
         return {};

@@ -10,6 +10,7 @@
 #include "core/identity/core_product.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/report/core_testinterface.h"
+#include "service/names.h"
 #include "service/supervision.h"
 #include "utl/utl_service.h"
 
@@ -17,8 +18,6 @@ namespace service {
 namespace {
 
 constexpr const char* kProductIdentifier = "ravelin";
-// The executable's file name, extension included. The service is registered under it; it never changes.
-constexpr const char* kServiceName = "quorkeri_service.exe";
 constexpr const char* kDisplayName = "Quorvane Keri Wrapper";
 // The executables lie in this directory below the installation, which is where the service works.
 constexpr const char* kAnchor = "bin";

@@ -10,6 +10,7 @@
 #include "core/net/core_udp4socket.h"
 #include "core/text/core_checkf.h"
 #include "service/deployment.h"
+#include "service/names.h"
 #include "utl/utl_processutils.h"
 
 namespace service {
@@ -35,7 +36,7 @@ void sendStopDatagram() {
     // Left as it is allocated: only the datagram's arrival counts.
     NS_CORE::GUniqueBuf payload(Supervisor::kStopDatagramSize);
     const bool isSent =
-        socket.send(NS_CORE::kLoopbackAddress, Supervisor::kStopPort, payload.data(), Supervisor::kStopDatagramSize);
+        socket.send(NS_CORE::kLoopbackAddress, kStopPort, payload.data(), Supervisor::kStopDatagramSize);
     static_cast<void>(CHECKF_AT("main", 122, isSent, ""));
 }
 
@@ -54,9 +55,9 @@ int Supervisor::run(int /*argc*/, char** /*argv*/) {
     // Set only now: a stop request during the deployment is not kept.
     m_running = true;
     for (;;) {
-        m_start(kCompanion);
+        m_start(kCompanionName);
         if (!m_running) break;
-        MLOG(Warn, "Run", "Run: '%s' failed", kCompanion);
+        MLOG(Warn, "Run", "Run: '%s' failed", kCompanionName);
         pauseFor(m_restartDelayMs);
         if (!m_running) break;
     }

@@ -20,12 +20,8 @@ namespace service {
 // thread, any number of times.
 class Supervisor {
 public:
-    // The companion: beside the executable, without arguments.
-    static constexpr const char* kCompanion = "quorkeri_wrapper.exe";
     static constexpr uint32_t kRestartDelayMs = 5000;
-    // Where the companion listens, on 127.0.0.1. Any datagram there means "stop"; ours has this many bytes, whatever
-    // their values.
-    static constexpr uint16_t kStopPort = 34002;
+    // Any datagram at its port tells the companion to stop; ours has this many bytes, whatever their values.
     static constexpr uint32_t kStopDatagramSize = 10;
 
     // What supervision does besides waiting, so that tests can put their own steps in its place.

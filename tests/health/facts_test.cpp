@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "health/names.h"
+#include "service/names.h"
 
 namespace health {
 namespace {
@@ -32,11 +32,11 @@ TEST(Facts, TellWhoseACompanionIs) {
           Row{"the service's place told", "", 10, service, here.service, Owner::Service},
           Row{"another service's", "", 10, service, "/there/" + service, Owner::Other},
           Row{"nothing told, and no service", "", 60, service, "", Owner::Other}}) {
-        const Process companion{2, 1, kBirth, 0, kCompanionName, image};
+        const Process companion{2, 1, kBirth, 0, service::kCompanionName, image};
         const Process parent{1, 0, parentBirth, 0, parentName, parentImage};
         EXPECT_EQ(ownerOf(companion, here, {companion, parent}), owner) << what;
     }
-    const Process companion{2, 1, kBirth, 0, kCompanionName, here.companion};
+    const Process companion{2, 1, kBirth, 0, service::kCompanionName, here.companion};
     EXPECT_EQ(ownerOf(companion, here, {companion}), Owner::Nobody) << "the parent has ended";
 }
 
