@@ -100,8 +100,8 @@ std::wstring openText(const std::wstring& directory, const std::wstring& found) 
 }
 
 // Whether the service may run from this directory.
-bool isClosed(const Session& session, const std::wstring& directory, bool isOpenAllowed) {
-    const std::optional<std::wstring> found = openDirectory(directory, serviceSettings().account);
+bool mayRunIn(const Session& session, const std::wstring& directory, bool isOpenAllowed) {
+    const std::optional<std::wstring> found = reasonDirectoryIsOpen(directory, serviceSettings().account);
     if (!found) return true;
     if (isOpenAllowed)
         session.log(L"ALLOWOPENDIR=1: the service will run there, although " + *found);
@@ -137,7 +137,7 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
         if (isRight) choice(session, name, isRight);
     const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isRight).value_or(false);
     // Without an administrator's rights it cannot be judged; the action that makes the directory judges it again.
-    return isRight && (!isElevated() || isClosed(session, withoutSeparator(given), isOpenAllowed));
+    return isRight && (!isElevated() || mayRunIn(session, withoutSeparator(given), isOpenAllowed));
 }
 
 } // namespace
@@ -218,7 +218,7 @@ __declspec(dllexport) UINT __stdcall ProtectDirectory(MSIHANDLE installation) {
     const std::wstring directory = setup::withoutSeparator(data[1]);
     const std::wstring work = directory + L"\\work";
     if (setup::exists(directory)) {
-        if (!setup::isClosed(session, directory, data[0] == L"1")) return ERROR_INSTALL_FAILURE;
+        if (!setup::mayRunIn(session, directory, data[0] == L"1")) return ERROR_INSTALL_FAILURE;
     }
     for (const std::wstring& missing : {directory, work}) {
         if (setup::exists(missing)) continue;

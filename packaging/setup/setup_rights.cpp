@@ -218,7 +218,7 @@ std::wstring whoElseMayChange(void* descriptor, Place place, void* serviceAccoun
     return {};
 }
 
-std::optional<std::wstring> openDirectory(const std::wstring& directory, const std::wstring& serviceAccount) {
+std::optional<std::wstring> reasonDirectoryIsOpen(const std::wstring& directory, const std::wstring& serviceAccount) {
     Judge judge{sidOf(serviceAccount)};
     std::optional<std::wstring> found = judgeAbove(judge, directory);
     const std::wstring behindLinks = followed(directory);

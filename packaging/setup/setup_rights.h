@@ -26,7 +26,7 @@ std::wstring whoElseMayChange(void* descriptor, Place place, void* serviceAccoun
 // change what, or what could not be judged, without a full stop; nothing when nobody else may change anything. What
 // does not exist is not looked at. Links are not followed, but for those on the way to the directory. `serviceAccount`
 // is a name as the service control manager has it, or empty. Needs an administrator's or SYSTEM's rights.
-std::optional<std::wstring> openDirectory(const std::wstring& directory, const std::wstring& serviceAccount);
+std::optional<std::wstring> reasonDirectoryIsOpen(const std::wstring& directory, const std::wstring& serviceAccount);
 
 // Makes the directory, with the ones above it that are missing, for administrators and SYSTEM alone; users may read and
 // run. They own it. Returns the system's text on failure, else an empty one.
