@@ -19,7 +19,7 @@ bool isRedirected(std::FILE* stream) {
 }
 
 // True when the stream goes to the console now. In text mode, because some terminals want a line to end in CR and LF.
-bool leadToConsole(std::FILE* stream) {
+bool redirectToConsole(std::FILE* stream) {
     if (isRedirected(stream) || !std::freopen("CONOUT$", "wt", stream)) return false;
     // A character's bytes have to reach the console in one piece.
     std::setvbuf(stream, nullptr, _IOFBF, BUFSIZ);
@@ -36,8 +36,8 @@ bool attach() {
 ParentConsole::ParentConsole() {
     if (!attach()) return;
     ::SetConsoleCtrlHandler(/*HandlerRoutine=*/nullptr, /*Add=*/FALSE);
-    const bool outputToConsole = leadToConsole(stdout);
-    const bool errorsToConsole = leadToConsole(stderr);
+    const bool outputToConsole = redirectToConsole(stdout);
+    const bool errorsToConsole = redirectToConsole(stderr);
     if (!outputToConsole && !errorsToConsole) return;
     const UINT before = ::GetConsoleOutputCP();
     if (before != ::GetACP() && ::SetConsoleOutputCP(::GetACP())) m_codePageBefore = before;
