@@ -15,6 +15,7 @@
 #include "core/identity/core_product.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/text/core_checkf.h"
+#include "service/names.h"
 #include "service/supervision.h"
 #include "tests/support/child.h"
 #include "tests/support/crash_kinds.h"
@@ -150,7 +151,7 @@ TEST_F(MainTest, SendsAtItsEndWhatFailedBeforeTheSettingsWereRead) {
 TEST_F(MainTest, AFaultOfItsThreadLeavesTheHostToTheOthers) {
     fs::create_directories(m_dir.path() / "elsewhere");
     test::linkThisProgram(m_dir.path() / "elsewhere" / "program.exe");
-    test::UdpReceiver companion(Supervisor::kStopPort);
+    test::UdpReceiver companion(kStopPort);
     EXPECT_EQ(runChild("application_crashes", {test::utf8(m_dir.path())}, "elsewhere/program.exe"), 100UL);
     EXPECT_EQ(companion.receive().bytes.size(), Supervisor::kStopDatagramSize);
 }
