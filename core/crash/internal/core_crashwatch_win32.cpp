@@ -26,8 +26,8 @@ struct Task {
     UINT exitCode;
 };
 
-// Whether the environment has set this program a task. Whatever else the variable holds does not name a handle of
-// another process: a process begins with the handles that it inherits.
+// Returns whether the environment sets this process a task. A variable of the same name from elsewhere cannot name a
+// handle of another process, because a new process has only the handles that it inherits.
 bool findTask(Task& task) {
     std::array<wchar_t, kNumbers*(kDigits + 1) + 1> text{};
     const DWORD length = ::GetEnvironmentVariableW(kVariable.data(), text.data(), static_cast<DWORD>(text.size()));
@@ -89,7 +89,7 @@ public:
         SIZE_T size = sizeof(m_bytes);
         m_isMade = ::InitializeProcThreadAttributeList(list(), /*dwAttributeCount=*/1, /*dwFlags=*/0, &size) != FALSE;
         m_isFilled = m_isMade && ::UpdateProcThreadAttribute(list(), /*dwFlags=*/0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                                             handles, count * sizeof(*handles),
+                                                             static_cast<void*>(handles), count * sizeof(*handles),
                                                              /*lpPreviousValue=*/nullptr,
                                                              /*lpReturnSize=*/nullptr) != FALSE;
     }

@@ -34,10 +34,9 @@ uint64_t sizeOfFile(HANDLE file);
 // Watches from outside while this process writes the dump of its own crash. The system's writer suspends all other
 // threads, so a watchdog among them does not run meanwhile.
 //
-// The watcher is this program once more, as a process of its own without a window. It ends in the first initialiser,
-// before anything of the program runs: no file, no socket, no service. It knows its task by a variable of its own
-// environment, which names the handles that it inherits. In a program that has that variable from elsewhere, but no
-// such handles, the variable means nothing.
+// The watcher is a second process of this program, without a window. It does its work in the first initialiser and ends
+// there, so it opens no log, no socket and no service. A variable in its environment names the handles that it
+// inherits. A variable of that name from elsewhere names none, and is ignored.
 class CrashWatch {
 public:
     // Before the fault: makes what the start needs.
