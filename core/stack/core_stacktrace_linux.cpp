@@ -13,10 +13,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
-#include "absl/container/flat_hash_map.h"
 #include "absl/synchronization/mutex.h"
 #include "core/files/core_scopedfd.h"
 #include "core/log/core_v2masterlogger.h"
@@ -70,7 +70,7 @@ struct Session {
     Dwfl_Callbacks callbacks ABSL_GUARDED_BY(mutex){};
     std::unique_ptr<Dwfl, DwflCloser> library ABSL_GUARDED_BY(mutex);
     ModuleGeneration generation ABSL_GUARDED_BY(mutex);
-    absl::flat_hash_map<uintptr_t, StackTrace::Frame> known ABSL_GUARDED_BY(mutex);
+    std::unordered_map<uintptr_t, StackTrace::Frame> known ABSL_GUARDED_BY(mutex);
 };
 
 Session& theSession() {
