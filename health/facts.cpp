@@ -56,6 +56,13 @@ const Process* parentOf(const Process& process, const std::vector<Process>& all)
     return parent && parent->created <= process.created ? parent : nullptr;
 }
 
+// While a service that has crashed writes its dump, a second process of its program watches from outside. It is a child
+// of the first one, and no service.
+bool isCrashWatcher(const Process& process, const std::vector<Process>& all) {
+    const Process* parent = parentOf(process, all);
+    return parent && isService(*parent) && isSamePath(parent->image, process.image);
+}
+
 PortHolder::Who whoIs(const Process& process, const std::vector<Companion>& companions) {
     const auto found = std::ranges::find(companions, process.id, [](const Companion& it) { return it.process.id; });
     if (found == companions.end()) return process.id == 0 ? PortHolder::Who::Unknown : PortHolder::Who::Foreign;
@@ -167,7 +174,7 @@ std::optional<Process> findService(const Installation& installation, const Regis
                                    const std::vector<Process>& all) {
     const Process* found = nullptr;
     for (const Process& process : all) {
-        if (!isService(process)) continue;
+        if (!isService(process) || isCrashWatcher(process, all)) continue;
         const bool isManaged = registration.processId != 0 && process.id == registration.processId;
         const bool isOurs = isSamePath(process.image, installation.service) || (isManaged && process.image.empty());
         if (isOurs && (isManaged || !found)) found = &process;

@@ -90,7 +90,8 @@ std::vector<Companion> companionsOf(const Installation& installation, std::vecto
 // Whose a companion is, with the images filled in as far as the system tells them.
 Companion::Owner ownerOf(const Process& companion, const Installation& installation, const std::vector<Process>& all);
 
-// The process that the service manager means, or that runs in the foreground; nothing when neither runs.
+// The process that the service manager means, or that runs in the foreground; nothing when neither runs. The watcher of
+// a crash, which runs the same program, is neither.
 std::optional<Process> findService(const Installation& installation, const Registration& registration,
                                    const std::vector<Process>& all);
 

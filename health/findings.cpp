@@ -1,11 +1,11 @@
 #include "health/findings.h"
 
 #include <algorithm>
-#include <initializer_list>
 #include <string_view>
 #include <utility>
 
 #include "core/text/core_varargs.h"
+#include "health/commands.h"
 
 namespace health {
 namespace {
@@ -135,50 +135,16 @@ constexpr const Kind* kKinds[] = {
     &kDiskFull,           &kDiskLow,
 };
 
-using Value = std::pair<std::string_view, std::string>;
-using Values = std::vector<Value>;
-
-// A path as a word of a command: in double quotes where a prompt would take a character of it for its own.
-std::string quoted(const std::string& path) {
-    return path.find_first_of(" &()^;,=%!'`$[]{}<>|#~") == std::string::npos ? path : '"' + path + '"';
-}
-
-// The values that every template may use: the installation's paths and the platform's commands. Without a service
-// manager a service is stopped by a signal to `serviceId`.
+// The values that every template may use.
 Values valuesOf(const Installation& installation, const std::string& serviceId) {
     Values values = {{"health", quoted(installation.health)},
                      {"companion", installation.companion},
                      {"run", quoted(installation.companion)},
                      {"bin", installation.bin},
-
                      {"logs", installation.logs},
                      {"log", Installation::in(installation.logs, "service.log")}};
-    const std::string service = quoted(installation.service);
-    // The star stays outside of the quotes, where a shell of Linux replaces it.
-    const std::string bundles = machine::kIsWindows ? quoted(Installation::in(installation.temp, "support-*.zip"))
-                                                    : Installation::in(quoted(installation.temp), "support-*.zip");
-    const auto add = [&values](std::initializer_list<Value> more) { values.insert(values.end(), more); };
-    if (machine::kIsWindows)
-        add({{"then", " & "},
-             {"start", "net start quorkeri_service.exe"},
-             {"stop", "net stop quorkeri_service.exe"},
-             {"restart", "net stop quorkeri_service.exe & net start quorkeri_service.exe"},
-             {"install", "start /wait \"\" " + service + " service-install"},
-             {"unregister", "sc delete quorkeri_service.exe"},
-             {"enable", "sc config quorkeri_service.exe start= auto"},
-             {"console", "start /wait /b \"\" " + service + " service-console"},
-             {"copy", "copy quorkeri_wrapper.exe " + quoted(installation.bin)},
-             {"bundle", quoted(Installation::in(installation.bin, "support-bundle.cmd"))},
-             {"delete", "del " + bundles}});
-    else
-        add({{"then", "; "},
-             {"start", service + " service-console"},
-             {"stop", "kill -TERM " + serviceId},
-             {"restart", "kill -TERM " + serviceId + "; " + service + " service-console"},
-             {"console", service + " service-console"},
-             {"copy", "cp quorkeri_wrapper.exe " + quoted(installation.bin)},
-             {"bundle", quoted(Installation::in(installation.bin, "support-bundle"))},
-             {"delete", "rm " + bundles}});
+    const Values commands = commandsOf(installation, serviceId);
+    values.insert(values.end(), commands.begin(), commands.end());
     return values;
 }
 
@@ -198,10 +164,6 @@ std::string fill(std::string_view text, const Values& values, const Values& more
     return out.append(text);
 }
 
-std::string killCommand(uint32_t id) {
-    return NS_CORE::formatString(machine::kIsWindows ? "taskkill /f /pid %u" : "kill -9 %u", id);
-}
-
 // Collects the findings; one function for each subject.
 class Judge {
 public:
@@ -210,11 +172,12 @@ public:
           m_values(valuesOf(facts.installation, facts.service ? std::to_string(facts.service->id) : "PID")) {}
 
     std::vector<Finding> all() {
+        // A missing companion comes before a stopped service: it has to be there before the start.
+        judgeCompanionFile();
         judgeService();
         judgeStop();
         judgeCompanions();
         judgePort();
-        judgeCompanionFile();
         judgeRestarts();
         judgeLog();
         judgeLibraries();
@@ -236,7 +199,7 @@ private:
                                                             : "which has ended";
         add(kind, {{"pid", std::to_string(process.id)},
                    {"program", program},
-                   {"kill", killCommand(process.id)},
+                   {"kill", endCommand(std::to_string(process.id))},
                    {"port", std::move(port)}});
     }
 
@@ -301,10 +264,11 @@ private:
         const Value time{"time", m_facts.log.stop ? timeText(*m_facts.log.stop) : "some time"};
         const Companion* companion = child();
         if (isStopLost(companion))
-            add(kStopLost, {time, {"kill", killCommand(m_facts.service->id)}});
+            add(kStopLost, {time, {"kill", endCommand(std::to_string(m_facts.service->id))}});
         else if (companion)
-            add(kStopWaits,
-                {time, {"pid", std::to_string(companion->process.id)}, {"kill", killCommand(companion->process.id)}});
+            add(kStopWaits, {time,
+                             {"pid", std::to_string(companion->process.id)},
+                             {"kill", endCommand(std::to_string(companion->process.id))}});
         else
             add(kStopping, {time});
     }
@@ -434,9 +398,8 @@ Severity worstOf(const std::vector<Finding>& findings) {
 }
 
 std::vector<Finding> catalogue() {
-    const std::string root = machine::kIsWindows ? "C:\\QuorkeriService" : "/opt/quorkeri";
-    const std::string program = machine::kIsWindows ? "quorkeri_health.exe" : "quorkeri_health";
-    const auto installation = Installation::of(Installation::in(Installation::in(root, "bin"), program));
+    const auto installation =
+        Installation::of(Installation::in(Installation::in(kSampleRoot, "bin"), machine::kHealthFile));
     Values values = valuesOf(installation.value_or(Installation()), "PID");
     for (const auto& [name, sample] : {std::pair("reason", "REASON"),
                                        {"program", "PROGRAM"},
@@ -449,7 +412,7 @@ std::vector<Finding> catalogue() {
                                        {"free", "COUNT"},
                                        {"port", " [and holds UDP port 34002]"}})
         values.emplace_back(name, sample);
-    values.emplace_back("kill", machine::kIsWindows ? "taskkill /f /pid PID" : "kill -9 PID");
+    values.emplace_back("kill", endCommand("PID"));
     std::vector<Finding> all;
     for (const Kind* kind : kKinds)
         if (machine::kIsWindows || !kind->isManagers)

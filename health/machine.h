@@ -12,15 +12,10 @@
 // and only endProcess and startService change anything. For one thread.
 namespace health::machine {
 
-#ifdef _WIN32
-inline constexpr bool kIsWindows = true;
-inline constexpr char kSeparator = '\\'; // between directories
-inline constexpr const char* kServiceFile = "quorkeri_service.exe";
-#else
-inline constexpr bool kIsWindows = false;
-inline constexpr char kSeparator = '/';
-inline constexpr const char* kServiceFile = "quorkeri_service";
-#endif
+extern const bool kIsWindows;
+extern const char kSeparator; // between directories
+extern const char* const kServiceFile;
+extern const char* const kHealthFile;
 
 struct Process {
     uint32_t id = 0;

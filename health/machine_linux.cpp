@@ -136,6 +136,11 @@ std::vector<uint32_t> processIds() {
 
 } // namespace
 
+const bool kIsWindows = false;
+const char kSeparator = '/';
+const char* const kServiceFile = "quorkeri_service";
+const char* const kHealthFile = "quorkeri_health";
+
 std::vector<Process> processes() {
     const int64_t boot = bootTime();
     std::vector<Process> all;

@@ -151,6 +151,11 @@ bool isSame(HANDLE handle, const Process& process) {
 
 } // namespace
 
+const bool kIsWindows = true;
+const char kSeparator = '\\';
+const char* const kServiceFile = "quorkeri_service.exe";
+const char* const kHealthFile = "quorkeri_health.exe";
+
 std::vector<Process> processes() {
     // Grows until the answer fits: processes come and go between two calls.
     ULONG size = 1U << 18U;

@@ -110,6 +110,19 @@ bool mayRunIn(const Session& session, const std::wstring& directory, bool isOpen
     return isOpenAllowed;
 }
 
+// Whether the installation ends with a running service: as START says, else only where the companion is there already.
+// Without it the service would look for a program of that name along the system's PATH, every five seconds.
+bool shallStart(const Session& session) {
+    const std::wstring wanted = session.property(L"START");
+    if (wanted == L"0") session.log(L"START=0: the service is not started");
+    if (!wanted.empty()) return wanted == L"1";
+    const std::wstring companion = companionProgram(directoryOf(session, L"INSTALLDIR"));
+    if (exists(companion)) return true;
+    session.log(L"the service is not started, because '" + companion +
+                L"' is missing; copy it there, then type: net start " + kServiceName);
+    return false;
+}
+
 // A file that somebody holds is found now if it can be, because there is nothing to roll back yet.
 bool isFree(const Session& session) {
     constexpr unsigned kLimitMs = 2000; // a virus scanner lets go again
@@ -133,7 +146,7 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
         return false;
     }
     bool isRight = true;
-    for (const wchar_t* name : {L"DELAYEDSTART", L"WERDUMPS"})
+    for (const wchar_t* name : {L"DELAYEDSTART", L"START", L"WERDUMPS"})
         if (isRight) choice(session, name, isRight);
     const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isRight).value_or(false);
     // Without an administrator's rights it cannot be judged; the action that makes the directory judges it again.
@@ -146,8 +159,8 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
 extern "C" {
 
 // Immediate, before costing: judges the directory, the service's name and the properties, and notes for the others
-// whether the service runs (RestoreService), is disabled (SERVICEDISABLED) or somebody else's (FOREIGNSERVICE), and
-// what an administrator has set for it (ServiceBefore).
+// whether the service runs (RestoreService), is somebody else's (FOREIGNSERVICE) or is not to be started (STAYSTOPPED),
+// and what an administrator has set for it (ServiceBefore).
 __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::optional<setup::Registration> service = setup::registration();
@@ -177,7 +190,9 @@ __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     session.setProperty(L"ServiceBefore", before.toText());
     if (before.startType == SERVICE_DISABLED) {
         session.log(L"the service is disabled, stays so and is not started");
-        session.setProperty(L"SERVICEDISABLED", L"1");
+        session.setProperty(L"STAYSTOPPED", L"1");
+    } else if (!isRemoval && !setup::shallStart(session)) {
+        session.setProperty(L"STAYSTOPPED", L"1");
     }
     if (service && service->isRunning) session.setProperty(L"RestoreService", L"running");
     return ERROR_SUCCESS;

@@ -1,6 +1,8 @@
-"""disk_test.py HEALTH SERVICE COMPANION: the health check of a service whose disk is full, or nearly so."""
+"""disk_test.py HEALTH SERVICE COMPANION: the health check of a service whose disk is full, or nearly so, and where the
+system does not tell enough."""
 import contextlib
 import json
+import os
 import pathlib
 import shutil
 import socket
@@ -17,7 +19,7 @@ IS_WINDOWS = HEALTH.suffix == ".exe"
 del sys.argv[1:]
 
 
-class DiskTest(unittest.TestCase):
+class Installed(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory(prefix="quorkeri-disk-")
         self.addCleanup(directory.cleanup)
@@ -29,24 +31,50 @@ class DiskTest(unittest.TestCase):
         for program in (HEALTH, SERVICE):
             shutil.copy(program, self.root / "bin")
 
+    def ask(self, **more):
+        """The exit code and the names of the findings."""
+        command = [self.root / "bin" / HEALTH.name, "--json"]
+        if IS_WINDOWS:
+            code, text = Wine().run(*command)
+        else:
+            done = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False, **more)
+            code, text = done.returncode, done.stdout
+        told = json.loads(text)
+        self.assertEqual(told["code"], code)
+        return code, [finding["name"] for finding in told["findings"]]
+
+
+class FiguresTest(Installed):
+    @unittest.skipIf(IS_WINDOWS, "the line is the same bytes there")
+    def test_are_what_monitoring_reads(self):
+        line = subprocess.run([self.root / "bin" / HEALTH.name], capture_output=True, text=True, timeout=LIMIT, check=False).stdout
+        self.assertEqual((line.count("\n"), line.count("|")), (1, 1))
+        read = ("use Monitoring::Plugin::Performance; for (Monitoring::Plugin::Performance->parse_perfstring(<STDIN>)) { my $limits ="
+                " $_->threshold; print join(' ', $_->label, map { $limits->get_status($_) } 0, 1, 2, 19, 20, 49, 50, 499, 500), qq(\n) }")
+        told = subprocess.run(["perl", "-e", read], input=line.partition("|")[2], capture_output=True, text=True, check=True).stdout
+        self.assertEqual(told.splitlines(), ["restarts 0 1 1 1 2 2 2 2 2", "companions 1 0 1 1 1 1 1 1 1",
+                                             "orphans 0 2 2 2 2 2 2 2 2", "free 2 2 2 2 2 2 1 1 0"])
+
+
+class PortTest(Installed):
+    def test_a_holder_that_the_system_does_not_name(self):
+        """Wine knows nothing of Linux' programs, and Linux tells a plain user nothing of another's."""
+        if not IS_WINDOWS and os.geteuid() != 0:
+            self.skipTest("no right to become another user")
+        for directory in (self.root, self.root / "bin"):
+            directory.chmod(0o755)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("127.0.0.1", 34002))
+            self.assertIn("port-unknown", self.ask(**({} if IS_WINDOWS else {"user": 65534}))[1])
+
+
+class DiskTest(Installed):
     def mount(self, size):
         # Not in a name space of its own: Wine's server opens the files, and sees the mount only here.
         done = subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "none", self.logs], capture_output=True, check=False)
         if done.returncode:
             self.skipTest(f"no right to mount: {done.stderr.decode().strip()}")
         self.addCleanup(subprocess.run, ["umount", "--lazy", self.logs], check=True)
-
-    def ask(self):
-        """The exit code and the names of the findings."""
-        command = [self.root / "bin" / HEALTH.name, "--json"]
-        if IS_WINDOWS:
-            code, text = Wine().run(*command)
-        else:
-            done = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False)
-            code, text = done.returncode, done.stdout
-        told = json.loads(text)
-        self.assertEqual(told["code"], code)
-        return code, [finding["name"] for finding in told["findings"]]
 
     @contextlib.contextmanager
     def service(self):

@@ -59,6 +59,10 @@ TEST(Facts, KnowTheManagersServiceFromOneStartedByHand) {
     EXPECT_EQ(idOf(0, {nameless, other}), 0U);
     EXPECT_EQ(idOf(4, {other}), 0U);
     EXPECT_EQ(idOf(9, {}), 0U) << "the manager has not noticed the end";
+    const Process crashed{5, 0, 5, 0, machine::kServiceFile, here.service};
+    const Process watcher{6, 5, 6, 0, machine::kServiceFile, here.service};
+    EXPECT_EQ(idOf(5, {watcher, crashed}), 5U);
+    EXPECT_EQ(idOf(0, {watcher, crashed}), 5U) << "in the foreground";
 }
 
 TEST(Facts, ReadTheProgramOutOfARegisteredCommand) {

@@ -1,3 +1,5 @@
+#include <thread>
+
 #include "tests/health/health_fixture.h"
 #include "tests/system/await.h"
 #include "tests/system/service_manager_win32.h"
@@ -62,6 +64,19 @@ TEST_F(HealthTest, SeesAServiceThatWasStartedByHand) {
     const Health health = ask();
     EXPECT_EQ(health.findings, Names{"service-foreground"});
     EXPECT_TRUE(health.says("as process " + std::to_string(console.id()))) << health.text;
+}
+
+TEST_F(HealthTest, SeesAServiceThatStarts) {
+    // A program that never speaks to the manager keeps the service in this state until the manager gives it up.
+    m_installation.setCompanion("mute");
+    std::filesystem::remove(m_installation.program()); // it is a link
+    std::filesystem::copy(m_installation.companion(), m_installation.program());
+    std::thread start([] { ::StartServiceW(openInstalledService().get(), 0, nullptr); });
+    m_installation.awaitRecord("ready", 1, kLimit);
+    const Health health = ask();
+    endProcess(m_installation.records("ready").front().processId, m_installation.root());
+    start.join();
+    EXPECT_TRUE(health.has("service-starting")) << health.text;
 }
 
 TEST_F(HealthTest, SaysWhenTheLogCannotBeRead) {

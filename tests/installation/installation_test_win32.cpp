@@ -192,12 +192,28 @@ void deleteService() {
 
 class Installing : public PackagesTest {};
 
-TEST_F(Installing, NeedsNeitherTheCompanionNorTheKeriSoftware) {
+// Neither does it need the Keri software.
+TEST_F(Installing, StartsTheServiceWithoutItsCompanionOnlyWhenToldTo) {
     unregisterKeri({});
-    expectSucceeded(installHere("old"));
+    const Done done = installHere("old");
+    expectSucceeded(done);
+    expectSays(done, "the service is not started, because '" + utf8(bin() / kCompanionName) +
+                         "' is missing; copy it there, then type: net start quorkeri_service.exe");
+    EXPECT_EQ(serviceState(), "stopped");
+    putCompanion();
+    startService();
+    awaitCompanion();
+    const Done told = install("old", "REINSTALL=ALL START=0");
+    expectSucceeded(told);
+    expectSays(told, "START=0: the service is not started");
+    EXPECT_EQ(serviceState(), "stopped");
+    fs::remove(bin() / kCompanionName);
+    expectSucceeded(install("old", "REINSTALL=ALL START=1"));
     EXPECT_EQ(serviceState(), "running");
     expectSucceeded(remove("old"));
-    expectLeft(kLog);
+    Files companions = kCompanionFiles;
+    companions.erase("bin/quorkeri_wrapper.exe");
+    expectLeft(companions + kLog);
 }
 
 TEST_F(Installing, MakesTheDefaultDirectoryForAdministratorsAlone) {
@@ -313,7 +329,8 @@ TEST_F(Upgrading, MovesToAnotherDirectory) {
     const fs::path other = base() / "Elsewhere";
     expectSucceeded(install("new", "INSTALLDIR=" + utf8(other)));
     EXPECT_EQ(files(installation()), kCompanionFiles + kLog);
-    EXPECT_EQ(facts()["service program"] + ' ' + serviceState(), utf8(other / "bin" / kServiceName) + " running");
+    EXPECT_EQ(facts()["service program"] + ' ' + serviceState(), utf8(other / "bin" / kServiceName) + " stopped")
+        << "its companion is not there yet";
     EXPECT_TRUE(readFile(other / "bin" / kServiceName) == readFile(package("new") / "bin" / kServiceName));
     expectSucceeded(remove("new", "PURGE=1"));
     EXPECT_FALSE(fs::exists(other));
@@ -463,7 +480,7 @@ TEST_F(Refusing, AValueThatMakesNoSense) {
     };
     for (const char* const value : {"x", "-1", "601", "1.5"})
         refuse("STOPTIMEOUT", value, "a number of seconds from 0 to 600");
-    for (const char* const name : {"ALLOWOPENDIR", "DELAYEDSTART", "WERDUMPS"})
+    for (const char* const name : {"ALLOWOPENDIR", "DELAYEDSTART", "START", "WERDUMPS"})
         for (const char* const value : {"2", "yes"}) refuse(name, value, "0 or 1");
 }
 

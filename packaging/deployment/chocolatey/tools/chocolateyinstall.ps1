@@ -10,3 +10,6 @@ $arguments = @{
   ValidExitCodes = @(0, 3010)
 }
 Install-ChocolateyInstallPackage @arguments
+if ((Get-Service 'quorkeri_service.exe').Status -ne 'Running') {
+  Write-Warning 'The service does not run. Copy its companion, quorkeri_wrapper.exe, into bin, then type: net start quorkeri_service.exe'
+}
