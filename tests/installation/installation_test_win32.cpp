@@ -223,7 +223,7 @@ TEST_F(Installing, MakesTheDefaultDirectoryForAdministratorsAlone) {
     expectSucceeded(done);
     expectSays(done, "made '" + utf8(directory) + "', where only administrators and SYSTEM may write");
     expectSays(done, "only administrators and SYSTEM may read the dumps");
-    EXPECT_EQ(setup::openDirectory(directory.wstring(), L""), std::nullopt);
+    EXPECT_EQ(setup::reasonDirectoryIsOpen(directory.wstring(), L""), std::nullopt);
     expectOnlyAdministratorsRead(directory / "work" / "dumps");
     EXPECT_TRUE(isWine() || rightsOf(directory).starts_with("O:BAD:P")) << rightsOf(directory);
     EXPECT_EQ(facts()["service program"], utf8(directory / "bin" / kServiceName));
