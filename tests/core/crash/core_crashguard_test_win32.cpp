@@ -16,6 +16,7 @@
 #include "core/stack/core_symbollibrary_win32.h"
 #include "core/stack/core_symbollock.h"
 #include "tests/core/crash/crash_fixture.h"
+#include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 
 namespace test {
@@ -78,6 +79,18 @@ BOOL WINAPI writeSlowly(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE typ
     return isWritten;
 }
 
+void tellWatchers() {
+    const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    int count = 0;
+    for (BOOL more = ::Process32First(snapshot.get(), &entry); more; more = ::Process32Next(snapshot.get(), &entry))
+        count += entry.th32ParentProcessID == ::GetCurrentProcessId() &&
+                 entry.szExeFile == std::string_view("core_tests.exe");
+    std::printf("%d watchers\n", count);
+    std::fflush(stdout);
+}
+
 // Prints what it is asked for, and whether others may read and write the dump meanwhile.
 BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
                            MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
@@ -91,7 +104,7 @@ BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
                 exception->ExceptionPointers->ExceptionRecord->ExceptionCode,
                 exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
                 callback != nullptr, static_cast<bool>(again));
-    std::fflush(stdout);
+    tellWatchers();
     ::SetLastError(ERROR_WRITE_FAULT);
     return FALSE;
 }
@@ -128,7 +141,12 @@ const Preparations& platformPreparations() {
              g_realWriter = NS_CORE::SymbolLibrary::get()->writeDump;
              setWriter(&writeSlowly);
          }},
-        {"writer-tells", [] { setWriter(&tellParameters); }},
+        {"writer-tells",
+         [] {
+             setWriter(&tellParameters);
+             std::atexit(&tellWatchers);
+         }},
+        {"program-moved", [] { std::filesystem::rename("program.exe", "moved.exe"); }},
         {"heap-held", [] { ::HeapLock(::GetProcessHeap()); }},
         {"loader-held", &holdLoaderLock},
         {"library-held",
@@ -169,6 +187,15 @@ TEST_F(CrashTest, AVariableOfTheWatchersNameFromElsewhereMeansNothing) {
     ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", nullptr);
 }
 
+TEST_F(CrashTest, NeedsNoWatcher) {
+    test::linkThisProgram(m_directory.path() / "program.exe");
+    EXPECT_EQ(test::runAndWait(test::childCommandLineOf(m_directory.file("program.exe"), "guarded",
+                                                        {"null", test::utf8(m_directory.path()), "program-moved"})),
+              static_cast<int>(test::kCrashExitCode));
+    EXPECT_GT(std::filesystem::file_size(*std::filesystem::directory_iterator(dumps())), 100U);
+    EXPECT_NE(history(), "");
+}
+
 TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
     for (const char* kind : {"heap-held", "loader-held"})
         expectFullReport({.preparation = kind, .patienceMs = 2 * kImpatienceMs});
@@ -176,8 +203,9 @@ TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
 
 TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     EXPECT_EQ(run({.preparation = "writer-tells"}), test::kCrashExitCode);
-    EXPECT_EQ(m_output, "type 1, process 1, code c0000005, other thread 1, streams 0, callback 0, shared 1\n" +
-                            failed(test::textOf(ERROR_WRITE_FAULT)));
+    EXPECT_EQ(m_output,
+              "type 1, process 1, code c0000005, other thread 1, streams 0, callback 0, shared 1\n1 watchers\n" +
+                  failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
 }
 
 // Holds a file that no other program may open meanwhile, as a scanner or an archiver does.
