@@ -277,6 +277,21 @@ TEST_F(Installing, SetsTheServiceUpForAnAdministrator) {
     run("reg delete " + service + " /f /reg:64", base());
 }
 
+TEST_F(Installing, LetsTheManagerRecoverAKilledService) {
+    if (isWine()) GTEST_SKIP() << "Wine does not store recovery actions";
+    begin(Before::Running);
+    const DWORD killed = statusOf(openInstalledService()).dwProcessId;
+    endProcess(killed, installation());
+    // The recovery command ends the companion that was left behind, and starts the service again after a minute.
+    const auto isRecovered = [&] {
+        const SERVICE_STATUS_PROCESS status = statusOf(openInstalledService());
+        return status.dwCurrentState == SERVICE_RUNNING && status.dwProcessId != killed && programs().size() == 2;
+    };
+    EXPECT_TRUE(await(isRecovered, std::chrono::minutes(5)));
+    awaitCompanion(2);
+    expectWorking("old", /*isByPackage=*/true);
+}
+
 TEST_F(Installing, BringsTheCommandThatCollectsForSupport) {
     if (isWine()) GTEST_SKIP() << "Wine lacks most of the commands that it calls; the tree has a test for the rest";
     begin(Before::Running);

@@ -292,9 +292,14 @@ TEST(RealWindows, LeavesADumpThatTheShippedSymbolsExplain) {
     const Dump dump(service, installation);
     installation.endPrograms();
     const HMODULE library = dump.library();
-    // Any value that is not used yet names a session of the library.
-    const HANDLE session = &service;
     const std::filesystem::path symbols = builtFile(SERVICE_SYMBOLS).parent_path().make_preferred();
+    // The library keeps the program's file open until the session ends.
+    struct Session {
+        explicit Session(HMODULE library) : cleanup(findIn<decltype(cleanup)>(library, "SymCleanup")) {}
+        ~Session() { cleanup(this); }
+        decltype(&::SymCleanup) cleanup;
+    } openSession(library);
+    const HANDLE session = &openSession; // any value that is not used yet
     ASSERT_TRUE(findIn<decltype(&::SymInitializeW)>(library, "SymInitializeW")(session, symbols.c_str(), FALSE));
     std::set<std::string> names;
     for (const MINIDUMP_MODULE& module : dump.modules()) {
@@ -323,7 +328,6 @@ TEST(RealWindows, LeavesADumpThatTheShippedSymbolsExplain) {
     for (const std::string& name : names) all += name + '\n';
     EXPECT_TRUE(all.find("NS_UTL7Service") != std::string::npos || all.find("NS_UTL::Service") != std::string::npos)
         << all;
-    findIn<decltype(&::SymCleanup)>(library, "SymCleanup")(session);
 }
 
 TEST(RealWindows, IsSignedAsAWhole) {
