@@ -1,5 +1,6 @@
 #include "tests/health/health_fixture.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "tests/system/await.h"
