@@ -2,10 +2,13 @@
 
 #include <windows.h>
 
+#include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "core/memory/core_scopedhandle_win32.h"
+#include "tests/support/child.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
 #include "tests/system/service_manager_win32.h"
@@ -14,23 +17,34 @@
 namespace test {
 namespace {
 
-// The exit code of the installation's program under this command line.
-DWORD run(const Installation& installation, const std::wstring& words, bool isQuoted) {
-    const std::wstring program = installation.program().wstring();
-    std::wstring line = (isQuoted ? L'"' + program + L'"' : program) + words;
+NS_CORE::ScopedKernelHandle start(std::wstring line) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process = {};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE, 0, nullptr, nullptr,
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE, 0, nullptr, nullptr,
                           &startup, &process))
         failWithLastError("CreateProcessW");
-    const NS_CORE::ScopedKernelHandle owner(process.hProcess);
     const NS_CORE::ScopedKernelHandle thread(process.hThread);
-    EXPECT_EQ(::WaitForSingleObject(process.hProcess, 60'000), DWORD{WAIT_OBJECT_0}) << pathText(line);
+    return NS_CORE::ScopedKernelHandle(process.hProcess);
+}
+
+DWORD exitCodeOf(const NS_CORE::ScopedKernelHandle& process) {
+    EXPECT_EQ(::WaitForSingleObject(process.get(), 60'000), DWORD{WAIT_OBJECT_0});
     DWORD code = 0;
-    EXPECT_TRUE(::GetExitCodeProcess(process.hProcess, &code));
+    EXPECT_TRUE(::GetExitCodeProcess(process.get(), &code));
     return code;
 }
+
+// The exit code of the installation's program under this command line.
+DWORD run(const Installation& installation, const std::wstring& words, bool isQuoted) {
+    const std::wstring program = installation.program().wstring();
+    return exitCodeOf(start((isQuoted ? L'"' + program + L'"' : program) + words));
+}
+
+const ChildProgram g_waits("waits", [](const std::vector<std::string>& /*arguments*/) {
+    ::Sleep(INFINITE);
+    return 0;
+});
 
 // Removing a service that is not there says so at once; service mode is what the other words lead to.
 TEST(Entry, FindsItsWordsBehindAnyPathAndBesideAnyLetters) {
@@ -60,6 +74,21 @@ TEST(Entry, FindsItsWordsBehindAnyPathAndBesideAnyLetters) {
             EXPECT_EQ(installation.log().back(), row.last) << directory << pathText(row.words);
         }
     }
+}
+
+// As the crash guard starts it: with handles of a process and of no file, the patience, and the exit code.
+TEST(Entry, AsAWatcherEndsAProcessThatHangsAndDoesNothingElse) {
+    const Installation installation;
+    const NS_CORE::ScopedKernelHandle hanging = start(fromText(childCommandLine("waits")).wstring());
+    ::SetHandleInformation(hanging.get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
+    char task[40];
+    std::snprintf(task, sizeof task, "%x 0 %x %x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(hanging.get())),
+                  100U, 77U);
+    ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", task);
+    EXPECT_EQ(run(installation, L"", true), 0U);
+    ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", nullptr);
+    EXPECT_EQ(exitCodeOf(hanging), 77U);
+    EXPECT_FALSE(std::filesystem::exists(installation.logFile()));
 }
 
 } // namespace
