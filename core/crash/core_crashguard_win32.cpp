@@ -302,6 +302,8 @@ void CrashGuard::awaitDump() {
 // Writes the log's line, then the history's. After a fault anything may be broken: a line that fails must not keep the
 // rest from being done.
 void CrashGuard::addLines() {
+    // A system's writer that faulted leaves it suspended.
+    ::ResumeThread(m_watchdog.get());
     m_watch.end();
     const auto log = [](void* context) {
         const CrashGuard& guard = *static_cast<CrashGuard*>(context);
@@ -328,8 +330,12 @@ DWORD WINAPI CrashGuard::writeOnOwnStack(void* parameter) {
     CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
     guard.awaitFault();
     const auto write = [](void* context) { static_cast<CrashGuard*>(context)->writeDump(DumpWriter::Writer); };
-    // A fault of the system's writer leaves the dump unfinished and the error as it was.
-    if (runGuarded(write, &giveUp, &guard) == SehOutcome::Caught) ::SetEvent(guard.m_dumpEnded.get());
+    if (runGuarded(write, &giveUp, &guard) == SehOutcome::Returned) return 0;
+    // A fault of the system's writer leaves the dump unfinished, the error as it was, and the other threads suspended.
+    const ScopedKernelHandle faulting(
+        ::OpenThread(THREAD_SUSPEND_RESUME, /*bInheritHandle=*/FALSE, guard.m_exception.thread));
+    ::SetEvent(guard.m_dumpEnded.get());
+    ::ResumeThread(faulting.get());
     return 0;
 }
 

@@ -35,12 +35,6 @@ void setWriter(DumpWriter writer) {
     NS_CORE::SymbolLibrary::get()->writeDump = writer;
 }
 
-BOOL WINAPI faultAtOnce(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
-                        MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
-    crash("null");
-    return FALSE;
-}
-
 // Calls ::SuspendThread or ::ResumeThread for all other threads, as the system's writer does.
 void forOtherThreads(DWORD(WINAPI* call)(HANDLE thread)) {
     const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
@@ -58,6 +52,13 @@ BOOL WINAPI suspendAndHang(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPT
                            MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
     forOtherThreads(&::SuspendThread);
     ::Sleep(INFINITE);
+    return FALSE;
+}
+
+BOOL WINAPI suspendAndFault(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
+                            MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
+    forOtherThreads(&::SuspendThread);
+    crash("null");
     return FALSE;
 }
 
@@ -134,7 +135,7 @@ std::string errorOfDirectoryInPlace() {
 
 const Preparations& platformPreparations() {
     static const Preparations all{
-        {"writer-faults", [] { setWriter(&faultAtOnce); }},
+        {"writer-faults", [] { setWriter(&suspendAndFault); }},
         {"writer-hangs", [] { setWriter(&suspendAndHang); }},
         {"writer-slow",
          [] {
