@@ -28,24 +28,19 @@ void expectClosed(const File& file) {
     EXPECT_EQ(file.bytesWritten(), 0U);
 }
 
-// Makes the open file's descriptor one that refuses to write.
-void turnReadOnly(const File& file, const std::string& path) {
-    const NS_CORE::ScopedFd readOnly(NS_CORE::Wrapper::open(path, O_RDONLY, 0));
-    ASSERT_GE(::dup2(readOnly.get(), file.descriptor()), 0);
-}
-
-TEST(File, IsClosedAtFirst) {
-    const test::HookRecorder hook;
+struct FileTest : testing::Test {
+    test::TempDir dir;
     File file;
+};
+
+TEST_F(FileTest, IsClosedAtFirst) {
     expectClosed(file);
     file.close();
     expectClosed(file);
-    EXPECT_TRUE(hook.failures().empty());
 }
 
-TEST(File, OpensAsALogFileUnlessToldOtherwise) {
-    const test::TempDir dir;
-    File file;
+TEST_F(FileTest, OpensAsALogFileOfTheOwnersUnlessToldOtherwise) {
+    ::umask(0);
     ASSERT_TRUE(file.openFile(dir.file("log")));
     EXPECT_EQ(file.path(), dir.file("log"));
     EXPECT_GE(file.descriptor(), 0);
@@ -53,22 +48,13 @@ TEST(File, OpensAsALogFileUnlessToldOtherwise) {
     EXPECT_EQ(file.mode(), 0x180U);
     EXPECT_EQ(file.bytesWritten(), 0U);
     EXPECT_EQ(file.size(), 0);
-}
-
-TEST(File, CreatesWithTheOwnersRightsOnly) {
-    const test::TempDir dir;
-    ::umask(0);
-    File file;
-    ASSERT_TRUE(file.openFile(dir.file("log")));
     using std::filesystem::perms;
     const perms rights = std::filesystem::status(dir.path() / "log").permissions();
     EXPECT_EQ(rights & (perms::owner_read | perms::owner_write), perms::owner_read | perms::owner_write);
 }
 
-TEST(File, AppendsBytesAsTheyAre) {
-    const test::TempDir dir;
+TEST_F(FileTest, AppendsBytesAsTheyAre) {
     test::writeFile(dir.path() / "log", "before\r\n");
-    File file;
     ASSERT_TRUE(file.openFile(dir.file("log")));
     EXPECT_EQ(file.size(), 8);
     EXPECT_EQ(file.writeFrom("one\n", 4), 4);
@@ -83,66 +69,38 @@ TEST(File, AppendsBytesAsTheyAre) {
     file.close();
     expectClosed(file);
     EXPECT_EQ(test::readFile(dir.path() / "log"), std::string("before\r\none\nother\n\x1a\0\xff\n", 22));
+    ASSERT_TRUE(file.openFile(dir.file("another")));
+    EXPECT_EQ(file.bytesWritten(), 0U);
+    EXPECT_EQ(file.path(), dir.file("another"));
 }
 
-TEST(File, NamesOutsideAsciiAndBlanksAreNoHindrance) {
-    const test::TempDir dir;
-    const std::string path = dir.file("\xD0\x96 \xC3\xA9 \xE6\xB8\xAC\xE8\xA9\xA6 .log");
-    File file;
-    ASSERT_TRUE(file.openFile(path));
-    EXPECT_EQ(file.writeFrom("x", 1), 1);
-    file.close();
-    EXPECT_EQ(test::readFile(test::fromText(path)), "x");
+TEST_F(FileTest, ItsEndClosesTheFile) {
+    const auto descriptor = [this] {
+        File own;
+        EXPECT_TRUE(own.openFile(dir.file("log")));
+        return own.descriptor();
+    };
+    EXPECT_EQ(descriptor(), descriptor()) << "the lowest free one is handed out next";
 }
 
-TEST(File, ItsEndClosesTheFile) {
-    const test::TempDir dir;
-    int descriptor = -1;
-    {
-        File file;
-        ASSERT_TRUE(file.openFile(dir.file("log")));
-        descriptor = file.descriptor();
-    }
-    // The lowest free one is handed out next.
-    File next;
-    ASSERT_TRUE(next.openFile(dir.file("log")));
-    EXPECT_EQ(next.descriptor(), descriptor);
-}
-
-TEST(File, OpeningTwiceFailsACheckWithBothPaths) {
-    const test::TempDir dir;
+TEST_F(FileTest, OpeningTwiceFailsACheckWithBothPaths) {
     const test::HookRecorder hook;
-    File file;
     ASSERT_TRUE(file.openFile(dir.file("first")));
     EXPECT_EQ(file.writeFrom("x", 1), 1);
     EXPECT_FALSE(file.openFile(dir.file("second")));
-    const test::FailedCheck check = hook.single();
-    EXPECT_EQ(check.expression, "CHECKF");
-    EXPECT_EQ(check.file, "utl_file");
-    EXPECT_EQ(check.message, "can't open '" + dir.file("second") + "', '" + dir.file("first") + "' already open");
+    EXPECT_EQ(hook.single(),
+              (test::FailedCheck{"CHECKF", "utl_file", hook.single().line, 0,
+                                 "can't open '" + dir.file("second") + "', '" + dir.file("first") + "' already open"}));
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "second"));
     EXPECT_EQ(file.path(), dir.file("first"));
     EXPECT_EQ(file.bytesWritten(), 1U);
     EXPECT_EQ(file.writeFrom("y", 1), 1);
 }
 
-TEST(File, OpensAgainAfterAClose) {
-    const test::TempDir dir;
-    File file;
-    ASSERT_TRUE(file.openFile(dir.file("first")));
-    EXPECT_EQ(file.writeFrom("12345", 5), 5);
-    file.close();
-    ASSERT_TRUE(file.openFile(dir.file("second")));
-    EXPECT_EQ(file.bytesWritten(), 0U);
-    EXPECT_EQ(file.path(), dir.file("second"));
-}
-
-TEST(File, AnOpenThatFailsIsLoggedUnlessReportsOrTheLevelAreOff) {
-    const test::TempDir dir;
+TEST_F(FileTest, AnOpenThatFailsIsLoggedUnlessReportsOrTheLevelAreOff) {
     const test::LogRecorder log;
     Lines expected;
     for (const std::string& path : {dir.file("no such directory/service.log"), dir.file("")}) {
-        File file;
         EXPECT_FALSE(file.openFile(path));
         expectClosed(file);
         EXPECT_FALSE(File(File::Reports::Silent).openFile(path));
@@ -155,44 +113,37 @@ TEST(File, AnOpenThatFailsIsLoggedUnlessReportsOrTheLevelAreOff) {
     NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Warn, 2);
 }
 
-TEST(File, MisuseFailsACheck) {
-    const test::TempDir dir;
+TEST_F(FileTest, MisuseFailsACheck) {
     test::writeFile(dir.path() / "file", "content");
-    test::HookRecorder hook;
+    const test::HookRecorder hook;
     const test::LogRecorder log;
-    File file;
     EXPECT_EQ(file.writeFrom("x", 1), -1);
-    EXPECT_EQ(hook.single().file, "utl_file");
-    EXPECT_EQ(hook.single().message, "");
-    hook.clear();
     EXPECT_EQ(file.size(), -1);
-    EXPECT_EQ(hook.single().message, "");
-    hook.clear();
     ASSERT_TRUE(file.openFile(dir.file("file"), File::Read));
     EXPECT_EQ(file.writeFrom("x", 1), -1);
-    EXPECT_EQ(hook.single().message, "");
+    ASSERT_EQ(hook.failures().size(), 3U);
+    for (const test::FailedCheck& check : hook.failures())
+        EXPECT_EQ(check, (test::FailedCheck{"CHECKF", "utl_file", check.line, 0, ""}));
     EXPECT_EQ(file.size(), 7);
     EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(File, AWriteThatFailsIsLoggedUnlessReportsAreOff) {
-    const test::TempDir dir;
+TEST_F(FileTest, AWriteThatFailsIsLoggedUnlessReportsAreOff) {
     const test::LogRecorder log;
     for (const File::Reports reports : {File::Reports::Warn, File::Reports::Silent}) {
-        File file(reports);
-        ASSERT_TRUE(file.openFile(dir.file("log")));
-        turnReadOnly(file, dir.file("log"));
-        EXPECT_EQ(file.writeFrom("12345", 5), -1);
-        EXPECT_EQ(file.bytesWritten(), 0U);
+        File refusing(reports);
+        ASSERT_TRUE(refusing.openFile(dir.file("log")));
+        const NS_CORE::ScopedFd readOnly(NS_CORE::Wrapper::open(dir.file("log"), O_RDONLY, 0));
+        ASSERT_GE(::dup2(readOnly.get(), refusing.descriptor()), 0);
+        EXPECT_EQ(refusing.writeFrom("12345", 5), -1);
+        EXPECT_EQ(refusing.bytesWritten(), 0U);
     }
     EXPECT_EQ(log.lines(), (Lines{"WARN UTL::File::writeFrom - File(" + dir.file("log") +
                                   "):writeFrom - failed writing 5 bytes with error " + std::to_string(EBADF) + ":" +
                                   std::strerror(EBADF)}));
 }
 
-TEST(File, ABorrowedDescriptorStaysOpen) {
-    const test::TempDir dir;
-    File file;
+TEST_F(FileTest, ABorrowedDescriptorStaysOpen) {
     ASSERT_TRUE(file.openFile(dir.file("log")));
     const NS_CORE::ScopedFd taken(file.descriptor());
     file.setDescriptor(File::Descriptor::Borrowed);
@@ -201,9 +152,7 @@ TEST(File, ABorrowedDescriptorStaysOpen) {
     EXPECT_EQ(NS_CORE::Wrapper::write(taken.get(), "x", 1), 1);
 }
 
-TEST(File, OwnsItsDescriptorAgainAfterTheNextOpen) {
-    const test::TempDir dir;
-    File file;
+TEST_F(FileTest, OwnsItsDescriptorAgainAfterTheNextOpen) {
     file.setDescriptor(File::Descriptor::Borrowed);
     ASSERT_TRUE(file.openFile(dir.file("log")));
     const int descriptor = file.descriptor();
@@ -212,18 +161,14 @@ TEST(File, OwnsItsDescriptorAgainAfterTheNextOpen) {
     EXPECT_EQ(file.descriptor(), descriptor);
 }
 
-TEST(File, WithoutCreateAMissingFileStaysMissing) {
-    const test::TempDir dir;
-    File file(File::Reports::Silent);
-    EXPECT_FALSE(file.openFile(dir.file("missing"), File::Read | File::Write));
+TEST_F(FileTest, WithoutCreateAMissingFileStaysMissing) {
+    EXPECT_FALSE(File(File::Reports::Silent).openFile(dir.file("missing"), File::Read | File::Write));
     EXPECT_FALSE(std::filesystem::exists(dir.path() / "missing"));
 }
 
-TEST(File, WithoutAppendWritingBeginsAtTheStart) {
-    const test::TempDir dir;
+TEST_F(FileTest, WithoutAppendWritingBeginsAtTheStart) {
     test::writeFile(dir.path() / "file", "content");
-    File file;
-    ASSERT_TRUE(file.openFile(dir.file("file"), File::Write));
+    ASSERT_TRUE(file.openFile(dir.file("file"), File::Write | File::Create));
     EXPECT_EQ(file.writeFrom("C", 1), 1);
     file.close();
     EXPECT_EQ(test::readFile(dir.path() / "file"), "Content");

@@ -41,20 +41,10 @@ std::string textOfLine(size_t length) {
     return std::string(length - kStampLength - 2, 'x');
 }
 
-std::tm calendar(int year, int month, int day, int hour, int minute, int second) {
-    std::tm time{};
-    time.tm_year = year - 1900;
-    time.tm_mon = month - 1;
-    time.tm_mday = day;
-    time.tm_hour = hour;
-    time.tm_min = minute;
-    time.tm_sec = second;
-    return time;
-}
-
 TEST(FileLoggerStamp, HasTheDayOfTheMonthTwice) {
-    EXPECT_EQ(FileLogger::stamp(calendar(2024, 3, 5, 7, 8, 9)), "2024-03-05 05 07:08:09");
-    EXPECT_EQ(FileLogger::stamp(calendar(2019, 11, 20, 14, 49, 57)), "2019-11-20 20 14:49:57");
+    test::setTimeZone("UTC0");
+    EXPECT_EQ(FileLogger::stamp(NS_CORE::localTimeOf(1'709'622'489)), "2024-03-05 05 07:08:09");
+    EXPECT_EQ(FileLogger::stamp(NS_CORE::localTimeOf(1'574'261'397)), "2019-11-20 20 14:49:57");
 }
 
 TEST_F(FileLoggerTest, WritesOneStampedLinePerRecord) {
@@ -72,7 +62,6 @@ TEST_F(FileLoggerTest, WritesOneStampedLinePerRecord) {
     for (int32_t seconds = before; seconds <= after; ++seconds)
         stampFits |= bytes.starts_with(FileLogger::stamp(NS_CORE::localTimeOf(seconds)) + " Running\n");
     EXPECT_TRUE(stampFits) << bytes;
-    EXPECT_TRUE(hook.failures().empty());
 }
 
 TEST_F(FileLoggerTest, WritesTheTextAsItIs) {
@@ -85,17 +74,6 @@ TEST_F(FileLoggerTest, WritesTheTextAsItIs) {
     EXPECT_EQ(bytes.substr(kStampLength, 2), " \n");
     EXPECT_EQ(bytes.substr(2 * kStampLength + 3, odd.size() + 1), odd + "\n");
     EXPECT_EQ(bytes.size(), 3 * (kStampLength + 2) + odd.size() + (1 << 20));
-}
-
-TEST_F(FileLoggerTest, WorksBelowADirectoryWithNamesInAnyScript) {
-    const std::string inner = dir.file("\xd0\x96 \xc3\xa9 \xe6\xb8\xac\xe8\xa9\xa6");
-    fs::create_directory(fs::path(std::u8string(inner.begin(), inner.end())));
-    MasterLogger::setImplementation(std::make_unique<FileLogger>(inner, "service.log", 30, 1));
-    say("first, long enough to rotate");
-    say("x");
-    const std::string file = inner + "/service.log";
-    EXPECT_EQ(texts(file), Lines{"x"});
-    EXPECT_EQ(texts(file + ".old"), Lines{"first, long enough to rotate"});
 }
 
 // With the service's own settings, at the boundary.
@@ -126,23 +104,9 @@ TEST_P(BoundaryTest, IsRotatedAboveItAndNotAtIt) {
     } else {
         EXPECT_TRUE(readFile(log() + ".old").ends_with(" next\n")) << "this line took it above";
     }
-    EXPECT_TRUE(hook.failures().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, BoundaryTest, testing::Values(4999999, 5000000, 5000001));
-
-TEST_F(FileLoggerTest, StartsANewFileAfterARotation) {
-    install(100, 1);
-    say(textOfLine(101));
-    EXPECT_FALSE(fs::exists(log()));
-    say("second");
-    EXPECT_EQ(texts(log()), Lines{"second"});
-    EXPECT_EQ(texts(log() + ".old"), Lines{textOfLine(101)});
-    say(textOfLine(90));
-    EXPECT_FALSE(fs::exists(log()));
-    EXPECT_EQ(texts(log() + ".old"), (Lines{"second", textOfLine(90)})) << "the one before is replaced";
-    EXPECT_TRUE(hook.failures().empty());
-}
 
 TEST_F(FileLoggerTest, ReportsTheNumbersThatAreNotThereYet) {
     install(100, 3);
@@ -225,7 +189,6 @@ TEST_F(FileLoggerTest, GrowsAndTriesAgainWhileTheOldFileIsStuck) {
     fs::remove_all(log() + ".old");
     say("last");
     EXPECT_EQ(texts(log() + ".old"), (Lines{text, text, text, "last"}));
-    EXPECT_TRUE(hook.failures().empty());
 }
 
 TEST_F(FileLoggerTest, DropsRecordsWhileTheDirectoryIsMissing) {
@@ -255,7 +218,6 @@ TEST_F(FileLoggerTest, StartsAnewWhereTheFileWasDeletedOrMovedAway) {
     writeFile(log(), "");
     say("4");
     EXPECT_EQ(texts(log()), Lines{"4"});
-    EXPECT_TRUE(hook.failures().empty());
 }
 
 const test::ChildProgram g_stoppedByTheHook("FileLoggerWithoutDirectory", [](const auto& arguments) {
@@ -317,33 +279,9 @@ struct KillTest : FileLoggerTest {
 
 TEST_F(KillTest, LosesAndTearsNoRecordOfAKilledProcess) {
     for (const size_t records : {1U, 20U, 77U, 150U}) killAfter(records, 5000000, 1);
-    EXPECT_GT(killed, 0);
-}
-
-TEST_F(KillTest, LosesNoRecordAroundARotation) {
-    // A file takes 36 records or so; all of a thousand stay in 41 numbered files.
+    // Around rotations: a file takes 36 records or so, and a thousand stay in 41 numbered files.
     for (const size_t records : {34U, 35U, 36U, 37U, 70U, 72U, 74U}) killAfter(records, 1000, 40);
     EXPECT_GT(killed, 0);
-}
-
-// Checks what else comes with a record.
-class CheckingFileLogger : public FileLogger {
-public:
-    using FileLogger::FileLogger;
-    void log(uint32_t level, uint32_t threadNumber, const NS_CORE::LevelEntry& levelEntry, uint8_t implementationBits,
-             const char* text, size_t textLength) override {
-        EXPECT_TRUE(std::string(text, textLength).starts_with("T - " + std::to_string(threadNumber) + " "));
-        FileLogger::log(level, threadNumber, levelEntry, implementationBits, text, textLength);
-    }
-};
-
-TEST_F(FileLoggerTest, KeepsTheRecordsOfTenThreadsWholeAndInOrder) {
-    const test::TempDir memory(test::TempDir::Where::Memory);
-    MasterLogger::setImplementation(
-        std::make_unique<CheckingFileLogger>(memory.path().string(), "service.log", 5000000U, 1U));
-    test::logFromTenThreads(NS_CORE::LogLevel::Info, 1000);
-    test::expectRecordsOfTenThreads(texts(memory.file("service.log")), 1000);
-    EXPECT_TRUE(hook.failures().empty());
 }
 
 } // namespace

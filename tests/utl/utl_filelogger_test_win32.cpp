@@ -61,53 +61,6 @@ TEST_F(FileLoggerTest, RotatesUnderAReaderThatSharesDeletion) {
     const FileHandle reader = openSharing(log(), FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     say("2, long enough");
     EXPECT_EQ(texts(log() + ".old"), (Lines{"1", "2, long enough"}));
-    EXPECT_TRUE(hook.failures().empty());
-}
-
-TEST_F(FileLoggerTest, GrowsWhileTheOldFileIsLocked) {
-    install(30, 1);
-    say("the first line, long enough");
-    {
-        const FileHandle locked = openSharing(log() + ".old", /*share=*/0);
-        printedBy([] { say("the second line, long enough"); });
-        expectRenameCheck();
-    }
-    EXPECT_EQ(texts(log() + ".old"), Lines{"the first line, long enough"});
-    EXPECT_EQ(texts(log()), Lines{"the second line, long enough"});
-    say("3");
-    EXPECT_EQ(texts(log() + ".old"), (Lines{"the second line, long enough", "3"}));
-}
-
-// Whether a read-only file stops a write or a replacement depends on who runs the test under Wine; Windows refuses
-// both. Either way each record is kept whole or reported, once.
-TEST_F(FileLoggerTest, KeepsOrReportsEachRecordWhileTheFileIsReadOnly) {
-    install(5000000, 1);
-    say("1");
-    ASSERT_TRUE(SetFileAttributesA(log().c_str(), FILE_ATTRIBUTE_READONLY));
-    printedBy([] { say("2"); });
-    ASSERT_TRUE(SetFileAttributesA(log().c_str(), FILE_ATTRIBUTE_NORMAL));
-    say("3");
-    if (hook.failures().empty()) {
-        EXPECT_EQ(texts(log()), (Lines{"1", "2", "3"}));
-    } else {
-        EXPECT_EQ(hook.single().message, "");
-        EXPECT_EQ(texts(log()), (Lines{"1", "3"}));
-    }
-}
-
-TEST_F(FileLoggerTest, ReplacesOrKeepsAnOldFileThatIsReadOnly) {
-    install(30, 1);
-    say("the first line, long enough");
-    ASSERT_TRUE(SetFileAttributesA((log() + ".old").c_str(), FILE_ATTRIBUTE_READONLY));
-    printedBy([] { say("the second line, long enough"); });
-    SetFileAttributesA((log() + ".old").c_str(), FILE_ATTRIBUTE_NORMAL);
-    if (hook.failures().empty()) {
-        EXPECT_EQ(texts(log() + ".old"), Lines{"the second line, long enough"});
-    } else {
-        expectRenameCheck();
-        EXPECT_EQ(texts(log() + ".old"), Lines{"the first line, long enough"});
-        EXPECT_EQ(texts(log()), Lines{"the second line, long enough"});
-    }
 }
 
 // Logs one record, and would end with 0 if the system were not asked to commit it.

@@ -7,14 +7,15 @@
 
 #include "core/files/core_wrapper.h"
 #include "tests/support/hook_recorder.h"
-#include "tests/support/log_recorder.h"
-#include "tests/support/temp_dir.h"
-
-namespace NS_UTL {
-namespace {
+#include "tests/utl/fileutils_test.h"
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
+
+using NS_UTL::FileUtils;
+
+namespace {
+
+constexpr const char* kOddNames = "\xD0\x96 \xC3\xA9 \xE6\xB8\xAC\xE8\xA9\xA6 .dll";
 
 std::string randomBytes(size_t size) {
     std::mt19937 random(static_cast<uint32_t>(size));
@@ -23,94 +24,50 @@ std::string randomBytes(size_t size) {
     return bytes;
 }
 
-class CopyOfSize : public testing::TestWithParam<size_t> {};
-
-TEST_P(CopyOfSize, IsIdentical) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
-    const std::string bytes = randomBytes(GetParam());
-    test::writeFile(dir.path() / "source", bytes);
-    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_TRUE(test::readFile(dir.path() / "destination") == bytes);
-    EXPECT_TRUE(log.lines().empty());
+TEST_F(Copy, OfAnySizeIsIdenticalWhateverWasThere) {
+    // Larger ones before smaller ones: the destination is truncated.
+    for (const size_t size : {20U * 1024 * 1024, 65537U, 65536U, 65535U, 32769U, 32768U, 32767U, 1U, 0U}) {
+        put("source", randomBytes(size));
+        EXPECT_EQ(copy(), Lines());
+        EXPECT_TRUE(bytes("destination") == randomBytes(size)) << size;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Bytes, CopyOfSize,
-                         testing::Values(0, 1, 32767, 32768, 32769, 65535, 65536, 65537, 20 * 1024 * 1024));
-
-TEST(Copy, TextIsNotTranslated) {
-    const test::TempDir dir;
-    const std::string bytes("a\nb\r\nc\x1a d\0e", 12);
-    test::writeFile(dir.path() / "source", bytes);
-    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(test::readFile(dir.path() / "destination"), bytes);
+TEST_F(Copy, TextIsNotTranslated) {
+    const std::string text("a\nb\r\nc\x1a d\0e", 12);
+    put("source", text);
+    EXPECT_EQ(copy(), Lines());
+    EXPECT_EQ(bytes("destination"), text);
 }
 
-TEST(Copy, ALargerDestinationIsTruncated) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "short");
-    test::writeFile(dir.path() / "destination", randomBytes(100000));
-    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(test::readFile(dir.path() / "destination"), "short");
+TEST_F(Copy, NamesOutsideAsciiAndBlanksAreNoHindrance) {
+    put(kOddNames, "content");
+    EXPECT_EQ(copy(kOddNames, std::string("x ") + kOddNames), Lines());
+    EXPECT_EQ(bytes(std::string("x ") + kOddNames), "content");
 }
 
-TEST(Copy, AnEmptySourceEmptiesTheDestination) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "");
-    test::writeFile(dir.path() / "destination", "before");
-    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(test::readFile(dir.path() / "destination"), "");
+TEST_F(Copy, AFileOntoItselfIsEmptied) {
+    put("file", "content");
+    EXPECT_EQ(copy("file", "file"), Lines());
+    EXPECT_EQ(bytes("file"), "");
 }
 
-TEST(Copy, NamesOutsideAsciiAndBlanksAreNoHindrance) {
-    const test::TempDir dir;
-    const std::string folder = dir.file("\xD0\x96 \xC3\xA9 \xE6\xB8\xAC\xE8\xA9\xA6");
-    fs::create_directory(test::fromText(folder));
-    test::writeFile(test::fromText(folder + "/\xE6\xB8\xAC source .dll"), "content");
-    EXPECT_TRUE(FileUtils::copy(folder + "/\xE6\xB8\xAC source .dll", folder + "/\xD0\x96 destination .dll"));
-    EXPECT_EQ(test::readFile(test::fromText(folder + "/\xD0\x96 destination .dll")), "content");
+TEST_F(Copy, AMissingSourceIsLoggedAndTheDestinationLeftAlone) {
+    put("destination", "before");
+    EXPECT_EQ(copy("missing"), failedOpening("missing", "reading"));
+    EXPECT_EQ(bytes("destination"), "before");
 }
 
-TEST(Copy, AFileOntoItselfIsEmptied) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "file", "content");
-    EXPECT_TRUE(FileUtils::copy(dir.file("file"), dir.file("file")));
-    EXPECT_EQ(test::readFile(dir.path() / "file"), "");
+TEST_F(Copy, ADestinationThatCannotBeMadeIsLogged) {
+    put("source", "content");
+    fs::create_directory(dir.path() / "directory");
+    for (const char* const name : {"directory", "missing/destination"})
+        EXPECT_EQ(copy("source", name), failedOpening(name, "writing"));
+    EXPECT_TRUE(fs::is_directory(dir.path() / "directory"));
 }
 
-TEST(Copy, AMissingSourceIsLoggedAndTheDestinationLeftAlone) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "destination", "before");
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::copy(dir.file("missing"), dir.file("destination")));
-    EXPECT_EQ(log.lines(),
-              (Lines{"WARN UTL::FileUtils::copy - failed opening '" + dir.file("missing") + "' for reading"}));
-    EXPECT_EQ(test::readFile(dir.path() / "destination"), "before");
-}
-
-TEST(Copy, ADirectoryAsDestinationIsLoggedAndStays) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "content");
-    fs::create_directory(dir.path() / "destination");
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(log.lines(),
-              (Lines{"WARN UTL::FileUtils::copy - failed opening '" + dir.file("destination") + "' for writing"}));
-    EXPECT_TRUE(fs::is_directory(dir.path() / "destination"));
-}
-
-TEST(Copy, ADestinationInAMissingDirectoryIsLogged) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "content");
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::copy(dir.file("source"), dir.file("missing/destination")));
-    EXPECT_EQ(log.lines(), (Lines{"WARN UTL::FileUtils::copy - failed opening '" + dir.file("missing/destination") +
-                                  "' for writing"}));
-}
-
-TEST(Copy, APathThatIsNotUtf8FailsACheckAndIsLogged) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "content");
+TEST_F(Copy, APathThatIsNotUtf8FailsACheckAndIsLogged) {
+    put("source", "content");
     const test::HookRecorder hook;
     const test::LogRecorder log;
     EXPECT_FALSE(FileUtils::copy("\xff", dir.file("destination")));
@@ -122,75 +79,48 @@ TEST(Copy, APathThatIsNotUtf8FailsACheckAndIsLogged) {
                                   "WARN UTL::FileUtils::copy - failed opening '\xfe' for writing"}));
 }
 
-TEST(RenameFile, MovesAFileToANewName) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "from", "content");
-    const test::LogRecorder log;
-    EXPECT_TRUE(FileUtils::renameFile(dir.file("from"), dir.file("to")));
-    EXPECT_FALSE(fs::exists(dir.path() / "from"));
-    EXPECT_EQ(test::readFile(dir.path() / "to"), "content");
-    EXPECT_TRUE(log.lines().empty());
+TEST_F(RenameFile, MovesAFileToANewNameOrAnExistingOne) {
+    put("from", "content");
+    EXPECT_EQ(rename(), "");
+    put("from", "new");
+    EXPECT_EQ(rename(), "");
 }
 
-TEST(RenameFile, ReplacesAnExistingFile) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "from", "new");
-    test::writeFile(dir.path() / "to", "old and longer");
-    EXPECT_TRUE(FileUtils::renameFile(dir.file("from"), dir.file("to")));
-    EXPECT_FALSE(fs::exists(dir.path() / "from"));
-    EXPECT_EQ(test::readFile(dir.path() / "to"), "new");
-}
-
-TEST(RenameFile, NamesOutsideAsciiAndBlanksAreNoHindrance) {
-    const test::TempDir dir;
-    const std::string from = dir.file("\xD0\x96 \xC3\xA9.log");
-    const std::string to = dir.file("\xE6\xB8\xAC\xE8\xA9\xA6 .log.old");
-    test::writeFile(test::fromText(from), "content");
-    EXPECT_TRUE(FileUtils::renameFile(from, to));
+TEST_F(RenameFile, NamesOutsideAsciiAndBlanksAreNoHindrance) {
+    put(kOddNames, "content");
+    const std::string to = dir.file(std::string("x ") + kOddNames);
+    EXPECT_TRUE(FileUtils::renameFile(dir.file(kOddNames), to));
     EXPECT_EQ(test::readFile(test::fromText(to)), "content");
 }
 
-TEST(RenameFile, AMissingFileIsLoggedAtInfoOnly) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "to", "content");
+TEST_F(RenameFile, AMissingFileIsLoggedAtInfoOnly) {
+    put("to", "content");
     const test::LogRecorder log;
     EXPECT_FALSE(FileUtils::renameFile(dir.file("missing"), dir.file("to")));
     // The system's code for "file not found" is 2 on both platforms.
     EXPECT_EQ(log.lines(), (Lines{"INFO NS_UTL::FileUtils::renameFile - '" + dir.file("missing") + "'=>'" +
                                   dir.file("to") + "' failed : " + NS_CORE::systemErrorText(2)}));
-    EXPECT_EQ(test::readFile(dir.path() / "to"), "content");
+    EXPECT_EQ(bytes("to"), "content");
 }
 
-TEST(RenameFile, ADirectoryInTheWayIsLogged) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "from", "content");
+TEST_F(RenameFile, ADirectoryInTheWayIsLogged) {
+    put("from", "content");
     fs::create_directory(dir.path() / "to");
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::renameFile(dir.file("from"), dir.file("to")));
-    ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_TRUE(log.lines()[0].starts_with("INFO NS_UTL::FileUtils::renameFile - '" + dir.file("from") + "'=>'" +
-                                           dir.file("to") + "' failed : "));
-    EXPECT_EQ(test::readFile(dir.path() / "from"), "content");
+    EXPECT_NE(rename(), "");
 }
 
-TEST(RenameFile, APathThatIsNotUtf8FailsACheckWithThatPath) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "from", "content");
+TEST_F(RenameFile, APathThatIsNotUtf8FailsACheckWithThatPath) {
+    put("from", "content");
     const test::LogRecorder log;
-    {
-        const test::HookRecorder hook;
-        EXPECT_FALSE(FileUtils::renameFile("from\xff", dir.file("to")));
-        EXPECT_EQ(hook.single().expression, "CHECKF");
-        EXPECT_EQ(hook.single().message, "from\xff");
-    }
-    {
-        const test::HookRecorder hook;
-        EXPECT_FALSE(FileUtils::renameFile(dir.file("from"), "to\xff"));
-        EXPECT_EQ(hook.single().message, "to\xff");
-    }
-    EXPECT_TRUE(log.lines().empty());
-    EXPECT_TRUE(fs::exists(dir.path() / "from"));
+    test::HookRecorder hook;
+    EXPECT_FALSE(FileUtils::renameFile("from\xff", dir.file("to")));
+    EXPECT_EQ(hook.single().expression, "CHECKF");
+    EXPECT_EQ(hook.single().message, "from\xff");
+    hook.clear();
+    EXPECT_FALSE(FileUtils::renameFile(dir.file("from"), "to\xff"));
+    EXPECT_EQ(hook.single().message, "to\xff");
+    EXPECT_EQ(log.lines(), Lines());
+    EXPECT_TRUE(exists("from"));
 }
 
 } // namespace
-} // namespace NS_UTL

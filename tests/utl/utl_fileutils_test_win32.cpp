@@ -9,14 +9,11 @@
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
-#include "tests/support/log_recorder.h"
-#include "tests/support/temp_dir.h"
-#include "utl/utl_fileutils.h"
+#include "tests/utl/fileutils_test.h"
 
-namespace NS_UTL {
+using NS_UTL::FileUtils;
+
 namespace {
-
-using Lines = std::vector<std::string>;
 
 using Handle = NS_CORE::ScopedFileHandle;
 
@@ -63,25 +60,22 @@ const test::ChildProgram g_runsUntil("runs-until-set", [](const auto& arguments)
     return 0;
 });
 
-void expectRefusedAndKept(const test::TempDir& dir, const std::string& before) {
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(log.lines(),
-              (Lines{"WARN UTL::FileUtils::copy - failed opening '" + dir.file("destination") + "' for writing"}));
-    EXPECT_TRUE(test::readFile(dir.path() / "destination") == before);
+TEST_F(Copy, AFileThatIsHeldOpenIsLoggedAndStays) {
+    put("source", "new");
+    put("destination", "old and longer");
+    {
+        const Handle holder = openSharing(dir.path() / "destination", FILE_SHARE_READ);
+        EXPECT_EQ(copy(), failedOpening("destination", "writing"));
+    }
+    {
+        const Handle holder = openSharing(dir.path() / "source", /*share=*/0);
+        EXPECT_EQ(copy(), failedOpening("source", "reading"));
+    }
+    EXPECT_EQ(bytes("destination"), "old and longer");
 }
 
-TEST(CopyWin32, ADestinationThatIsHeldOpenIsLoggedAndStays) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "new");
-    test::writeFile(dir.path() / "destination", "old and longer");
-    const Handle holder = openSharing(dir.path() / "destination", FILE_SHARE_READ);
-    expectRefusedAndKept(dir, "old and longer");
-}
-
-TEST(CopyWin32, ADestinationThatIsARunningProgramIsLoggedAndStays) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "new");
+TEST_F(Copy, ADestinationThatIsARunningProgramIsLoggedAndStays) {
+    put("source", "new");
     test::linkThisProgram(dir.path() / "destination");
     const std::string readyName = "quorkeri-ready-" + std::to_string(::GetCurrentProcessId());
     const std::string endName = "quorkeri-end-" + std::to_string(::GetCurrentProcessId());
@@ -92,55 +86,38 @@ TEST(CopyWin32, ADestinationThatIsARunningProgramIsLoggedAndStays) {
             test::runAndWait(test::childCommandLineOf(dir.file("destination"), "runs-until-set", {readyName, endName})),
             0);
     });
-    ASSERT_EQ(::WaitForSingleObject(ready.get(), 30000), DWORD{WAIT_OBJECT_0});
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(log.lines(),
-              (Lines{"WARN UTL::FileUtils::copy - failed opening '" + dir.file("destination") + "' for writing"}));
+    ::WaitForSingleObject(ready.get(), INFINITE);
+    EXPECT_EQ(copy(), failedOpening("destination", "writing"));
     ::SetEvent(end.get());
     runner.join();
     EXPECT_GT(std::filesystem::file_size(dir.path() / "destination"), 1000U);
 }
 
-TEST(CopyWin32, ASourceThatIsLockedIsLogged) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "new");
-    const Handle holder = openSharing(dir.path() / "source", /*share=*/0);
-    const test::LogRecorder log;
-    EXPECT_FALSE(FileUtils::copy(dir.file("source"), dir.file("destination")));
-    EXPECT_EQ(log.lines(),
-              (Lines{"WARN UTL::FileUtils::copy - failed opening '" + dir.file("source") + "' for reading"}));
-    EXPECT_FALSE(std::filesystem::exists(dir.path() / "destination"));
-}
-
-TEST(CopyWin32, ASourceThatBreaksOffIsLoggedAndTheDestinationRemoved) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
+TEST_F(Copy, ASourceThatBreaksOffIsLoggedAndTheDestinationRemoved) {
     const BrokenSource source(std::string(32768, 'x'));
-    EXPECT_FALSE(FileUtils::copy(source.path(), dir.file("destination")));
-    ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_TRUE(log.lines()[0].starts_with("WARN UTL::FileUtils::copy - error reading from " + source.path() + " ("));
-    EXPECT_TRUE(std::regex_search(log.lines()[0], std::regex(" \\([0-9]+:[A-Z][a-z ]+\\)$"))) << log.lines()[0];
-    EXPECT_FALSE(std::filesystem::exists(dir.path() / "destination"));
+    const Lines lines = copy(source.path());
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with("WARN UTL::FileUtils::copy - error reading from " + source.path() + " ("));
+    EXPECT_TRUE(std::regex_search(lines[0], std::regex(" \\([0-9]+:[A-Z][a-z ]+\\)$"))) << lines[0];
+    EXPECT_FALSE(exists("destination"));
 }
 
-TEST(CopyWin32, AShortReadIsTakenForTheEnd) {
-    const test::TempDir dir;
-    const test::LogRecorder log;
+TEST_F(Copy, AShortReadIsTakenForTheEnd) {
     const BrokenSource source("first");
-    EXPECT_TRUE(FileUtils::copy(source.path(), dir.file("destination")));
-    EXPECT_EQ(test::readFile(dir.path() / "destination"), "first");
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(copy(source.path()), Lines());
+    EXPECT_EQ(bytes("destination"), "first");
 }
 
-TEST(RenameFileWin32, AFileThatIsHeldOpenIsLoggedAtInfo) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "from", "content");
-    const test::LogRecorder log;
+TEST_F(RenameFile, AFileThatIsHeldOpenIsLoggedAtInfo) {
+    put("from", "content");
     const Handle holder = openSharing(dir.path() / "from", FILE_SHARE_READ | FILE_SHARE_WRITE);
-    EXPECT_FALSE(FileUtils::renameFile(dir.file("from"), dir.file("to")));
-    EXPECT_EQ(log.lines(), (Lines{"INFO NS_UTL::FileUtils::renameFile - '" + dir.file("from") + "'=>'" +
-                                  dir.file("to") + "' failed : " + NS_CORE::systemErrorText(ERROR_SHARING_VIOLATION)}));
+    EXPECT_EQ(rename(), NS_CORE::systemErrorText(ERROR_SHARING_VIOLATION));
+}
+
+TEST_F(RenameFile, AReaderThatSharesDeletionIsNoHindrance) {
+    put("from", "content");
+    const Handle holder = openSharing(dir.path() / "from", FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    EXPECT_EQ(rename(), "");
 }
 
 DWORD g_moveFlags = 0;
@@ -155,26 +132,17 @@ int __cdecl commitAndNote(int /*fd*/) {
     return ++g_commits;
 }
 
-TEST(RenameFileWin32, ReplacesAndWritesThroughOnOneVolume) {
+TEST_F(RenameFile, ReplacesAndWritesThroughOnOneVolume) {
     const test::ImportHook hook("MoveFileExW", &moveAndNote);
     EXPECT_TRUE(FileUtils::renameFile("from", "to"));
     EXPECT_EQ(g_moveFlags, DWORD{MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH});
 }
 
-TEST(CopyWin32, CommitsNothingToTheDisk) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "source", "bytes");
+TEST_F(Copy, CommitsNothingToTheDisk) {
+    put("source", "bytes");
     const test::ImportHook hook("_commit", &commitAndNote);
-    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
+    EXPECT_EQ(copy(), Lines());
     EXPECT_EQ(g_commits, 0);
 }
 
-TEST(RenameFileWin32, AReaderThatSharesDeletionIsNoHindrance) {
-    const test::TempDir dir;
-    test::writeFile(dir.path() / "from", "content");
-    const Handle holder = openSharing(dir.path() / "from", FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-    EXPECT_TRUE(FileUtils::renameFile(dir.file("from"), dir.file("to")));
-}
-
 } // namespace
-} // namespace NS_UTL

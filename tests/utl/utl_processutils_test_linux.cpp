@@ -12,7 +12,7 @@
 #include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
-#include "utl/utl_processutils.h"
+#include "tests/utl/processutils_test.h"
 
 namespace NS_UTL {
 namespace {
@@ -20,8 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 using Result = ProcessUtils::Result;
-
-constexpr unsigned long kUntouched = 4711;
 
 const test::ChildProgram g_killed("killed", [](const auto& arguments) {
     ::kill(::getpid(), std::stoi(arguments.at(0)));
@@ -55,13 +53,6 @@ const test::ChildProgram g_inheritance("inheritance", [](const auto& arguments) 
     return 0;
 });
 
-Lines linesOf(const std::string& path) {
-    std::ifstream in(path);
-    Lines lines;
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 ptrdiff_t openDescriptors() {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
@@ -72,10 +63,8 @@ bool hasChildren() {
 
 TEST(ProcessUtilsLinux, AKilledProgramEndsWith128AndTheSignal) {
     for (const int signal : {SIGKILL, SIGTERM, SIGABRT}) {
-        unsigned long exitCode = kUntouched;
-        const std::string line = test::childCommandLine("killed", {std::to_string(signal)});
-        EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
-        EXPECT_EQ(exitCode, 128UL + static_cast<unsigned long>(signal));
+        EXPECT_EQ(started(test::childCommandLine("killed", {std::to_string(signal)})),
+                  Started(Result::Finished, 128 + signal));
     }
     EXPECT_FALSE(hasChildren());
 }
@@ -96,9 +85,7 @@ TEST(ProcessUtilsLinux, TheChildInheritsNothingAndIsDetached) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGHUP, SIG_IGN);
 
-    unsigned long exitCode = kUntouched;
-    const std::string line = test::childCommandLine("inheritance", {dir.file("report")});
-    EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
+    EXPECT_EQ(started(test::childCommandLine("inheritance", {dir.file("report")})), kFinished);
     EXPECT_EQ(linesOf(dir.file("report")), (Lines{"0 /dev/null", "1 /dev/null", "2 /dev/null", "session 1",
                                                   "terminal 0", "blocked 0", "ignored 0"}));
     ::close(low);
@@ -115,23 +102,17 @@ TEST(ProcessUtilsLinux, AFileThatIsNoProgramSaysWhy) {
     test::writeFile(dir.path() / "locked", "#!/bin/true\n");
     fs::permissions(dir.path() / "locked", fs::perms::owner_read);
     const test::LogRecorder log;
-    unsigned long exitCode = kUntouched;
-    EXPECT_EQ(ProcessUtils::start(dir.file("text").c_str(), &exitCode), Result::StartFailed);
-    EXPECT_EQ(ProcessUtils::start(dir.file("locked").c_str(), &exitCode), Result::StartFailed);
-    EXPECT_EQ(ProcessUtils::start(dir.file("text/below").c_str(), &exitCode), Result::StartFailed);
+    for (const char* const name : {"text", "locked", "text/below"}) EXPECT_EQ(started(dir.file(name)), kStartFailed);
     const std::string begin = "WARN NS_UTL::ProcessUtils::start - failed to start '";
     EXPECT_EQ(log.lines(), (Lines{begin + dir.file("text") + "': Exec format error",
                                   begin + dir.file("locked") + "': Permission denied",
                                   begin + dir.file("text/below") + "': Not a directory"}));
-    EXPECT_EQ(exitCode, kUntouched);
     EXPECT_FALSE(hasChildren());
 }
 
 TEST(ProcessUtilsLinux, WithoutSigchldThereIsNoExitCode) {
     std::signal(SIGCHLD, SIG_IGN);
-    unsigned long exitCode = kUntouched;
-    EXPECT_EQ(ProcessUtils::start("/bin/false", &exitCode), Result::NoExitCode);
-    EXPECT_EQ(exitCode, kUntouched);
+    EXPECT_EQ(started("/bin/false"), Started(Result::NoExitCode, kUntouched));
 }
 
 void onAlarm(int) {}
@@ -141,21 +122,16 @@ TEST(ProcessUtilsLinux, ASignalDoesNotEndTheWait) {
     action.sa_handler = &onAlarm; // without SA_RESTART
     ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
     ::ualarm(/*value=*/20000, /*interval=*/20000);
-    unsigned long exitCode = kUntouched;
-    const Result result = ProcessUtils::start("/bin/sleep 0.2", &exitCode);
+    EXPECT_EQ(started("/bin/sleep 0.2"), kFinished);
     ::ualarm(0, 0);
-    EXPECT_EQ(result, Result::Finished);
-    EXPECT_EQ(exitCode, 0UL);
 }
 
 TEST(ProcessUtilsLinux, AThousandStartsLeakNothing) {
     const test::LogRecorder log;
     const ptrdiff_t before = openDescriptors();
-    unsigned long exitCode = kUntouched;
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_EQ(ProcessUtils::start("/bin/true", &exitCode), Result::Finished);
-        ASSERT_EQ(exitCode, 0UL);
-        ASSERT_EQ(ProcessUtils::start("/no/such/program", &exitCode), Result::StartFailed);
+        ASSERT_EQ(started("/bin/true"), kFinished);
+        ASSERT_EQ(started("/no/such/program"), kStartFailed);
     }
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_FALSE(hasChildren());

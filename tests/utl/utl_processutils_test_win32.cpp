@@ -1,21 +1,17 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <fstream>
-
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/open_handles_win32.h"
 #include "tests/support/temp_dir.h"
-#include "utl/utl_processutils.h"
+#include "tests/utl/processutils_test.h"
 
 namespace NS_UTL {
 namespace {
 
 using Result = ProcessUtils::Result;
-
-constexpr unsigned long kUntouched = 4711;
 
 HANDLE handleOf(const std::string& text) {
     return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(std::stoul(text)));
@@ -38,33 +34,25 @@ const test::ChildProgram g_console("console", [](const auto&) {
     return (::GetConsoleWindow() ? 1 : 0) + (screen != INVALID_HANDLE_VALUE ? 2 : 0);
 });
 
-class ExitCodesWin32 : public testing::TestWithParam<unsigned long> {};
-
-TEST_P(ExitCodesWin32, OfProgramsEndedByForceAreStored) {
-    unsigned long exitCode = kUntouched;
-    const std::string line = test::childCommandLine("terminated", {std::to_string(GetParam())});
-    EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
-    EXPECT_EQ(exitCode, GetParam());
+TEST(ProcessUtilsWin32, ExitCodesOfProgramsEndedByForceAreStored) {
+    // The second is the code by which the system marks a program that still runs.
+    for (const unsigned long code : {77UL, 259UL, 0xC0000005UL, 0xFFFFFFFFUL})
+        EXPECT_EQ(started(test::childCommandLine("terminated", {std::to_string(code)})),
+                  Started(Result::Finished, code));
 }
-
-// The second is the code by which the system marks a program that still runs.
-INSTANTIATE_TEST_SUITE_P(Programs, ExitCodesWin32, testing::Values(77UL, 259UL, 0xC0000005UL, 0xFFFFFFFFUL));
 
 TEST(ProcessUtilsWin32, TheChildInheritsNoHandle) {
     SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, /*bInheritHandle=*/TRUE};
     const HANDLE event = ::CreateEventW(&inheritable, /*bManualReset=*/TRUE, /*bInitialState=*/FALSE, nullptr);
     ASSERT_NE(event, nullptr);
-    unsigned long exitCode = kUntouched;
     const std::string line = test::childCommandLine("sets-event", {std::to_string(reinterpret_cast<uintptr_t>(event))});
-    EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
+    EXPECT_EQ(started(line).first, Result::Finished);
     EXPECT_EQ(::WaitForSingleObject(event, 0), DWORD{WAIT_TIMEOUT});
     ::CloseHandle(event);
 }
 
 TEST(ProcessUtilsWin32, TheChildHasNoConsole) {
-    unsigned long exitCode = kUntouched;
-    EXPECT_EQ(ProcessUtils::start(test::childCommandLine("console").c_str(), &exitCode), Result::Finished);
-    EXPECT_EQ(exitCode, 0UL);
+    EXPECT_EQ(started(test::childCommandLine("console")), kFinished);
 }
 
 TEST(ProcessUtilsWin32, StartsLeakNoHandleAndTheGaugeWouldSeeOne) {
@@ -72,10 +60,8 @@ TEST(ProcessUtilsWin32, StartsLeakNoHandleAndTheGaugeWouldSeeOne) {
     const std::string line = test::childCommandLine("exit", {"0"});
     const auto growthBy = [&](int starts, int failures, int leaks) {
         const int64_t before = test::openHandles();
-        unsigned long exitCode = kUntouched;
-        for (int i = 0; i < starts; ++i) EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), Result::Finished);
-        for (int i = 0; i < failures; ++i)
-            EXPECT_EQ(ProcessUtils::start("Z:\\no\\such.exe", &exitCode), Result::StartFailed);
+        for (int i = 0; i < starts; ++i) EXPECT_EQ(started(line), kFinished);
+        for (int i = 0; i < failures; ++i) EXPECT_EQ(started("Z:\\no\\such.exe"), kStartFailed);
         for (int i = 0; i < leaks; ++i) EXPECT_NE(::CreateEventW(nullptr, TRUE, FALSE, nullptr), nullptr);
         return test::openHandles() - before;
     };
@@ -113,9 +99,7 @@ TEST(ProcessUtilsWin32, StartsDetachedAndClosesTheProcessBeforeItsThread) {
     const test::ImportHook creating("CreateProcessA", &createAndNote);
     const test::ImportHook<decltype(::CloseHandle)> closing("CloseHandle", &closeAndNote);
     g_closing = &closing;
-    unsigned long exitCode = kUntouched;
-    EXPECT_EQ(ProcessUtils::start(test::childCommandLine("exit", {"3"}).c_str(), &exitCode), Result::Finished);
-    EXPECT_EQ(exitCode, 3UL);
+    EXPECT_EQ(started(test::childCommandLine("exit", {"3"})), Started(Result::Finished, 3));
     EXPECT_EQ(g_closed, (std::vector<std::string>{"process", "thread"}));
 }
 

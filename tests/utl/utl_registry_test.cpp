@@ -160,23 +160,3 @@ TEST_F(RegistryKeyTest, AnswersWhatTheConsumerAnswersAndCallsItOnce) {
     EXPECT_EQ(calls, 1);
     EXPECT_TRUE(m_log.lines().empty());
 }
-
-TEST_F(RegistryKeyTest, NeedsTheHeapOnlyBeyondTheFirstGuess) {
-    // Whether the bytes lie near this frame says where they are.
-    const auto onStack = [this](size_t size) {
-        m_value.set(RegType::Sz, std::string(size, 'x'));
-        RegistryKey key;
-        EXPECT_TRUE(key.open(kSubKey));
-        char here = 0;
-        bool near = false;
-        EXPECT_TRUE(key.getValue("v", [&](const uint8_t* bytes, uint32_t) {
-            const auto distance = reinterpret_cast<intptr_t>(bytes) - reinterpret_cast<intptr_t>(&here);
-            near = distance > -65536 && distance < 65536;
-            return true;
-        }));
-        return near;
-    };
-    EXPECT_TRUE(onStack(15));
-    EXPECT_TRUE(onStack(16));
-    EXPECT_FALSE(onStack(17));
-}

@@ -83,6 +83,14 @@ protected:
         return *m_host;
     }
 
+    // A run callback that only leaves its trace in the journal.
+    Service::RunCallback journalled(const std::string& entry, int result = 0) {
+        return [=, this](int, char**) {
+            m_journal.add(entry);
+            return result;
+        };
+    }
+
     static std::string reportText(const ServiceStatus& status) {
         std::string text = "report";
         for (const uint32_t field :

@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <thread>
 
+#include "core/files/core_wrapper.h"
 #include "core/net/core_socket.h"
 #include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
@@ -20,6 +21,9 @@ namespace NS_UTL {
 namespace {
 
 namespace fs = std::filesystem;
+
+// The system's error where a program asks for a service's work that no manager has started.
+constexpr uint32_t kNotStartedByAManager = fs::path::preferred_separator == '/' ? ENOSYS : 1063;
 
 fs::path programDirectory() {
     const std::string path = test::thisProgram();
@@ -34,16 +38,13 @@ TEST_F(ServiceTest, StatusHoldsZeroesAtConstruction) {
     EXPECT_EQ(makeHost({}, {}).status(), ServiceStatus{});
 }
 
-TEST_F(ServiceTest, WorksInTheProgramsDirectoryWithoutAnAnchor) {
-    const Service host = hostWithAnchor("", m_logs.file(""));
-    EXPECT_TRUE(fs::equivalent(fs::current_path(), programDirectory()));
-    EXPECT_TRUE(m_hook.failures().empty());
-}
-
-TEST_F(ServiceTest, WorksAboveTheAnchor) {
-    const Service host = hostWithAnchor(programDirectory().filename().string(), m_logs.file(""));
-    EXPECT_TRUE(fs::equivalent(fs::current_path(), programDirectory().parent_path()));
-    EXPECT_TRUE(m_hook.failures().empty());
+TEST_F(ServiceTest, WorksInTheProgramsDirectoryOrAboveTheAnchor) {
+    const fs::path directory = programDirectory();
+    for (const auto& [anchor, expected] :
+         {std::pair(std::string(), directory), std::pair(directory.filename().string(), directory.parent_path())}) {
+        const Service host = hostWithAnchor(anchor, m_logs.file(""));
+        EXPECT_TRUE(fs::equivalent(fs::current_path(), expected)) << anchor;
+    }
 }
 
 TEST_F(ServiceTest, FailsACheckForAnAnchorThatIsNotThereAndGoesOn) {
@@ -67,61 +68,39 @@ TEST_F(ServiceTest, LogsToItsFileAndRotatesItPastFiveMillionBytes) {
     EXPECT_FALSE(fs::exists(m_logs.path() / "service.log"));
 }
 
-// Which words choose which mode. In console mode the run callback's result is the answer.
-class ServiceModeTest : public ServiceTest, public testing::WithParamInterface<std::vector<std::string>> {};
-class ConsoleModeWordsTest : public ServiceModeTest {};
-class ServiceModeWordsTest : public ServiceModeTest {};
-
-TEST_P(ConsoleModeWordsTest, RunInConsole) {
+// In console mode the run callback's result is the host's; under the manager it goes into the last report.
+TEST_F(ServiceTest, RunsInConsoleForItsWordAtAnyPlaceButTheOnlyOne) {
     makeHost([](int, char**) { return 42; }, [] {});
-    EXPECT_EQ(run(GetParam()), 42);
+    for (const Lines& words : {Lines{"program", "service-console"}, Lines{"program", "x", "service-console"},
+                               Lines{"program", "x", "service-install", "service-console"},
+                               Lines{"program", "service-console", "service-remove"}, Lines{"service-console", "x"}})
+        EXPECT_EQ(run(words), 42) << testing::PrintToString(words);
     EXPECT_EQ(m_journal.entries(), Lines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(AnyPosition, ConsoleModeWordsTest,
-                         testing::Values(std::vector<std::string>{"program", "service-console"},
-                                         std::vector<std::string>{"program", "x", "service-console"},
-                                         std::vector<std::string>{"program", "x", "service-install", "service-console"},
-                                         std::vector<std::string>{"program", "service-console", "service-remove"},
-                                         std::vector<std::string>{"service-console", "x"}));
-
-TEST_P(ServiceModeWordsTest, RunUnderTheManager) {
+TEST_F(ServiceTest, RunsUnderTheManagerForAllOtherWords) {
     makeHost([](int, char**) { return 42; }, [] {});
-    EXPECT_EQ(run(GetParam()), 0);
-    EXPECT_EQ(m_journal.entries().back(), "report 16 1 5 0 42 0 0");
+    for (const Lines& words : {Lines{}, Lines{"program"}, Lines{"service-console"}, Lines{"program", "unknown"},
+                               Lines{"program", "Service-Console"}, Lines{"program", "service-console "},
+                               Lines{"program", "x", "service-install"}, Lines{"program", "SERVICE-INSTALL"},
+                               Lines{"service-remove", "x"}}) {
+        m_journal.clear();
+        EXPECT_EQ(run(words), 0) << testing::PrintToString(words);
+        EXPECT_EQ(m_journal.entries().back(), "report 16 1 5 0 42 0 0") << testing::PrintToString(words);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(NoWordOfOurs, ServiceModeWordsTest,
-                         testing::Values(std::vector<std::string>{}, std::vector<std::string>{"program"},
-                                         std::vector<std::string>{"service-console"},
-                                         std::vector<std::string>{"program", "unknown"},
-                                         std::vector<std::string>{"program", "Service-Console"},
-                                         std::vector<std::string>{"program", "service-console "},
-                                         std::vector<std::string>{"program", "x", "service-install"},
-                                         std::vector<std::string>{"program", "SERVICE-INSTALL"},
-                                         std::vector<std::string>{"service-remove", "x"}));
 
 // Nothing but a service control manager starts a service; a test is not one.
 TEST_F(ServiceTest, ServiceModeFailsWhereNoManagerStartedTheProcess) {
-    bool hasRun = false;
-    makeHost(
-        [&hasRun](int, char**) {
-            hasRun = true;
-            return 42;
-        },
-        [] {});
+    makeHost(journalled("run"), [] {});
     m_host->setServiceManager(ServiceManagerCalls::platform());
     EXPECT_EQ(run({"program"}), 1);
-    EXPECT_FALSE(hasRun);
-    const Lines entries = m_journal.entries();
-    ASSERT_EQ(entries.size(), 1U);
-    EXPECT_TRUE(
-        entries[0].starts_with("CRIT UTL::Service::runService - failed to start service control dispather for "
-                               "'quorkeri_test_service': "))
-        << entries[0];
+    EXPECT_EQ(m_journal.entries(), Lines{"CRIT UTL::Service::runService - failed to start service control dispather "
+                                         "for 'quorkeri_test_service': " +
+                                         NS_CORE::systemErrorText(kNotStartedByAManager)});
 }
 
-TEST_F(ServiceTest, ConsoleModePassesTheArgumentsOn) {
+TEST_F(ServiceTest, PassesTheCommandLinesOrTheManagersArgumentsToTheWork) {
     Lines seen;
     makeHost(
         [&seen](int argc, char** argv) {
@@ -131,6 +110,11 @@ TEST_F(ServiceTest, ConsoleModePassesTheArgumentsOn) {
         [] {});
     EXPECT_EQ(run({"program", "service-console", "more"}), 0);
     EXPECT_EQ(seen, (Lines{"program", "service-console", "more"}));
+    std::string name = kName;
+    std::string extra = "extra";
+    char* argv[] = {name.data(), extra.data(), nullptr};
+    Service::serviceMain(2, argv);
+    EXPECT_EQ(seen, (Lines{kName, "extra"}));
 }
 
 TEST_F(ServiceTest, ConsoleModeSaysSoWhereNormIsOn) {
@@ -141,9 +125,11 @@ TEST_F(ServiceTest, ConsoleModeSaysSoWhereNormIsOn) {
     EXPECT_EQ(m_journal.entries(), Lines{"NORM UTL::Service::runService - running 'quorkeri_test_service' in console"});
 }
 
-TEST_F(ServiceTest, ConsoleModeThrowsForAnEmptyRunCallback) {
+TEST_F(ServiceTest, ThrowsForAnEmptyRunCallbackInEitherMode) {
     makeHost({}, [] {});
     EXPECT_THROW(run({"program", "service-console"}), std::bad_function_call);
+    EXPECT_THROW(Service::serviceMain(0, nullptr), std::bad_function_call);
+    EXPECT_EQ(m_host->status().currentState, ServiceState::Running);
 }
 
 TEST_F(ServiceTest, SignalHandlerLogsTheNumberAndCallsTheStopCallback) {
@@ -152,27 +138,15 @@ TEST_F(ServiceTest, SignalHandlerLogsTheNumberAndCallsTheStopCallback) {
     EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::signalHandler - 15", "stop"}));
 }
 
-TEST_F(ServiceTest, SignalHandlerFailsACheckWithoutAHost) {
+TEST_F(ServiceTest, WhatThePlatformCallsFailsACheckWithoutAHostAndDoesNothing) {
     makeHost({}, [this] { m_journal.add("stop"); });
     Service::clearInstance();
     Service::signalHandler(15);
-    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service", 119, 0, ""}));
-    EXPECT_EQ(m_journal.entries(), Lines{});
-}
-
-TEST_F(ServiceTest, ServiceMainFailsACheckWithoutAHost) {
-    makeHost({}, {});
-    Service::clearInstance();
     Service::serviceMain(0, nullptr);
-    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 192, 0, ""}));
-    EXPECT_EQ(m_journal.entries(), Lines{});
-}
-
-TEST_F(ServiceTest, ControlHandlerFailsACheckWithoutAHostAndReportsNothing) {
-    makeHost({}, {});
-    Service::clearInstance();
     Service::controlHandler(ServiceControl::Stop);
-    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 141, 0, ""}));
+    EXPECT_EQ(m_hook.failures(), (std::vector<test::FailedCheck>{{"CHECKF", "utl_service", 119, 0, ""},
+                                                                 {"CHECKF", "utl_service_win32", 192, 0, ""},
+                                                                 {"CHECKF", "utl_service_win32", 141, 0, ""}}));
     EXPECT_EQ(m_journal.entries(), Lines{});
 }
 
@@ -183,61 +157,23 @@ TEST_F(ServiceTest, HostThatEndsIsNoInstanceAnyMore) {
     EXPECT_EQ(m_hook.single().line, 119);
 }
 
-TEST_F(ServiceTest, CountsAsRunningBeforeTheWorkBegins) {
-    makeHost(
-        [this](int, char**) {
-            m_journal.add("run");
-            return 0;
-        },
-        [] {});
+TEST_F(ServiceTest, CountsAsRunningBeforeTheWorkBeginsAndReportsItsResultAsTheServicesOwnExitCode) {
+    makeHost(journalled("run", -7), [] {});
     Service::serviceMain(0, nullptr);
     EXPECT_EQ(m_journal.entries(),
               (Lines{"INFO UTL::Service::serviceMain - RegisterServiceCtrlHandler", kStartPending, kRunning,
                      "INFO UTL::Service::serviceMain - ==== Start 'quorkeri_test_service'", "run",
-                     "INFO UTL::Service::serviceMain - ==== Completed 'quorkeri_test_service'", kStopped}));
-}
-
-TEST_F(ServiceTest, PassesTheManagersArgumentsToTheWork) {
-    Lines seen;
-    makeHost(
-        [&seen](int argc, char** argv) {
-            seen.assign(argv, argv + argc);
-            return 0;
-        },
-        [] {});
-    std::string name = kName;
-    std::string extra = "extra";
-    char* argv[] = {name.data(), extra.data(), nullptr};
-    Service::serviceMain(2, argv);
-    EXPECT_EQ(seen, (Lines{kName, "extra"}));
-}
-
-TEST_F(ServiceTest, ReportsTheWorksResultAsTheServicesOwnExitCode) {
-    makeHost([](int, char**) { return -7; }, [] {});
-    Service::serviceMain(0, nullptr);
-    EXPECT_EQ(m_journal.entries().back(), "report 16 1 5 0 4294967289 0 0");
-}
-
-TEST_F(ServiceTest, ThrowsForAnEmptyRunCallbackOnceItIsRunning) {
-    makeHost({}, [] {});
-    EXPECT_THROW(Service::serviceMain(0, nullptr), std::bad_function_call);
-    EXPECT_EQ(m_host->status().currentState, ServiceState::Running);
+                     "INFO UTL::Service::serviceMain - ==== Completed 'quorkeri_test_service'",
+                     "report 16 1 5 0 4294967289 0 0"}));
 }
 
 TEST_F(ServiceTest, ReportsNothingWhenTheControlHandlerCannotBeRegistered) {
-    bool hasRun = false;
-    makeHost(
-        [&hasRun](int, char**) {
-            hasRun = true;
-            return 0;
-        },
-        [] {});
+    makeHost(journalled("run"), [] {});
     // The platform's own, which refuses because no dispatcher has been started.
     ServiceManagerCalls calls = ServiceManagerCalls::platform();
     calls.setStatus = [this](void*, const ServiceStatus& status) { m_journal.add(reportText(status)); };
     m_host->setServiceManager(std::move(calls));
     Service::serviceMain(0, nullptr);
-    EXPECT_FALSE(hasRun);
     const Lines entries = m_journal.entries();
     ASSERT_EQ(entries.size(), 2U);
     EXPECT_EQ(entries[0], "INFO UTL::Service::serviceMain - RegisterServiceCtrlHandler");
@@ -279,10 +215,13 @@ protected:
     std::thread m_thread;
 };
 
-TEST_F(RunningServiceTest, StopCallsTheCallbackBeforeItReportsStopPending) {
-    Service::controlHandler(1);
-    EXPECT_EQ(m_journal.entries(),
-              (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending}));
+TEST_F(RunningServiceTest, EachStopCallsTheCallbackBeforeItReportsStopPending) {
+    for (int i = 0; i < 2; ++i) {
+        m_journal.clear();
+        Service::controlHandler(1);
+        EXPECT_EQ(m_journal.entries(),
+                  (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending}));
+    }
     m_journal.clear();
     finish();
     EXPECT_EQ(m_journal.entries(),
@@ -293,18 +232,6 @@ TEST_F(RunningServiceTest, ShutdownIsAStopUnderItsOwnName) {
     Service::controlHandler(5);
     EXPECT_EQ(m_journal.entries(),
               (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_SHUTDOWN", "stop", kStopPending}));
-    m_journal.clear();
-    finish();
-    EXPECT_EQ(m_journal.entries(),
-              (Lines{"INFO UTL::Service::serviceMain - ==== Completed 'quorkeri_test_service'", kStopped}));
-}
-
-TEST_F(RunningServiceTest, TwoStopsCallTheCallbackTwice) {
-    Service::controlHandler(1);
-    Service::controlHandler(1);
-    EXPECT_EQ(m_journal.entries(),
-              (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending,
-                     "INFO UTL::Service::controlHandler - SERVICE_CONTROL_STOP", "stop", kStopPending}));
 }
 
 TEST_F(RunningServiceTest, InterrogateReportsTheStateUnchanged) {
@@ -316,27 +243,23 @@ TEST_F(RunningServiceTest, InterrogateReportsTheStateUnchanged) {
     EXPECT_EQ(m_journal.entries().back(), kStopPending);
 }
 
-TEST_F(RunningServiceTest, PauseFailsACheckAndReportsTheStateUnchanged) {
-    Service::controlHandler(2);
-    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 166, 0, ""}));
-    EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_PAUSE", kRunning}));
-}
-
-TEST_F(RunningServiceTest, ContinueFailsACheckAndReportsTheStateUnchanged) {
-    Service::controlHandler(3);
-    EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 172, 0, ""}));
-    EXPECT_EQ(m_journal.entries(), (Lines{"INFO UTL::Service::controlHandler - SERVICE_CONTROL_CONTINUE", kRunning}));
-}
-
-TEST_F(RunningServiceTest, UnknownControlsFailACheckAndReportTheStateUnchanged) {
-    Lines expected;
-    for (const uint32_t control : {0U, 6U, 128U, 255U, 256U, 4294967295U}) {
+TEST_F(RunningServiceTest, OtherControlsFailACheckAndReportTheStateUnchanged) {
+    struct Row {
+        uint32_t control;
+        int32_t line;
+        std::string message;
+        Lines journal = {kRunning};
+    };
+    for (const Row& row : {Row{2, 166, "", {"INFO UTL::Service::controlHandler - SERVICE_CONTROL_PAUSE", kRunning}},
+                           Row{3, 172, "", {"INFO UTL::Service::controlHandler - SERVICE_CONTROL_CONTINUE", kRunning}},
+                           Row{0, 180, "0"}, Row{6, 180, "6"}, Row{128, 180, "128"}, Row{255, 180, "255"},
+                           Row{256, 180, "256"}, Row{4294967295U, 180, "4294967295"}}) {
         m_hook.clear();
-        Service::controlHandler(control);
-        EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", 180, 0, std::to_string(control)}));
-        expected.push_back(kRunning);
+        m_journal.clear();
+        Service::controlHandler(row.control);
+        EXPECT_EQ(m_hook.single(), (test::FailedCheck{"CHECKF", "utl_service_win32", row.line, 0, row.message}));
+        EXPECT_EQ(m_journal.entries(), row.journal);
     }
-    EXPECT_EQ(m_journal.entries(), expected);
 }
 
 TEST_F(RunningServiceTest, ControlsAfterTheEndReportNothing) {
@@ -382,30 +305,6 @@ TEST_F(ServiceTest, CallbacksMayComeWhileInstancesComeAndGo) {
     isOver = true;
     for (std::thread& caller : callers) caller.join();
     for (const test::FailedCheck& check : m_hook.failures()) EXPECT_EQ(check.line, 141);
-}
-
-// A companion that is gone within a microsecond of the stop request: the work's end and the handler's report meet.
-TEST_F(ServiceTest, LastReportIsStoppedHoweverFastTheWorkEnds) {
-    for (int round = 0; round < 200; ++round) {
-        test::Semaphore begun;
-        test::Semaphore goOn;
-        makeHost(
-            [&](int, char**) {
-                begun.release();
-                goOn.acquire();
-                return 0;
-            },
-            [&goOn] { goOn.release(); });
-        m_journal.clear();
-        std::thread work([] { Service::serviceMain(0, nullptr); });
-        begun.acquire();
-        Service::controlHandler(ServiceControl::Stop);
-        work.join();
-        Lines reports = m_journal.entries();
-        std::erase_if(reports, [](const std::string& entry) { return !entry.starts_with("report"); });
-        ASSERT_EQ(reports.back(), kStopped) << "round " << round;
-        ASSERT_EQ(std::count(reports.begin(), reports.end(), kStopped), 1);
-    }
 }
 
 // Looks at the socket library when the exit handlers have run, and tells it by the exit code.

@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -13,7 +14,6 @@
 #include "tests/support/child.h"
 #include "tests/support/semaphore.h"
 #include "tests/utl/utl_service_fixture.h"
-#include "utl/utl_processutils.h"
 #include "utl/utl_service.h"
 
 namespace NS_UTL {
@@ -21,52 +21,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST_F(ServiceTest, InstallFailsWithoutAManager) {
+TEST_F(ServiceTest, NeitherInstallsNorRemovesWithoutAManager) {
     makeHost({}, {});
     EXPECT_EQ(run({"program", "service-install", "service-console"}), 1);
+    EXPECT_EQ(run({"program", "service-remove"}), 1);
     EXPECT_EQ(m_journal.entries(),
               (Lines{"WARN UTL::Service::install - failed to open service manager: Function not implemented",
                      "WARN UTL::Service::run - failed to install service 'quorkeri_test_service' running '" +
-                         test::thisProgram() + "'"}));
-}
-
-TEST_F(ServiceTest, RemoveFailsWithoutAManager) {
-    makeHost({}, {});
-    EXPECT_EQ(run({"program", "service-remove"}), 1);
-    EXPECT_EQ(m_journal.entries(),
-              (Lines{"WARN UTL::Service::remove - failed to open service manager: Function not implemented",
+                         test::thisProgram() + "'",
+                     "WARN UTL::Service::remove - failed to open service manager: Function not implemented",
                      "WARN UTL::Service::run - failed to remove service 'quorkeri_test_service'"}));
-}
-
-TEST_F(ServiceTest, ServiceModeFailsWithoutAManager) {
-    makeHost({}, {});
-    m_host->setServiceManager(ServiceManagerCalls::platform());
-    EXPECT_EQ(run({"program"}), 1);
-    EXPECT_EQ(m_journal.entries(),
-              Lines{"CRIT UTL::Service::runService - failed to start service control dispather for "
-                    "'quorkeri_test_service': Function not implemented"});
-}
-
-TEST_F(ServiceTest, ConsoleModeAnswersInterruptAndTerminateWhileTheWorkGoesOn) {
-    test::Semaphore stopped;
-    std::thread::id stopThread;
-    makeHost(
-        [&](int, char**) {
-            ::kill(::getpid(), SIGINT);
-            stopped.acquire();
-            ::kill(::getpid(), SIGTERM);
-            stopped.acquire();
-            return 5;
-        },
-        [&] {
-            stopThread = std::this_thread::get_id();
-            m_journal.add("stop");
-            stopped.release();
-        });
-    EXPECT_EQ(run({"program", "service-console"}), 5);
-    EXPECT_EQ(m_journal.entries(),
-              (Lines{"INFO UTL::Service::signalHandler - 2", "stop", "INFO UTL::Service::signalHandler - 15", "stop"}));
-    EXPECT_NE(stopThread, std::this_thread::get_id());
 }
 
 TEST_F(ServiceTest, ConsoleModePutsTheHandlersBackWhateverEndsIt) {
@@ -87,6 +51,7 @@ TEST_F(ServiceTest, ConsoleModeAnswersTwoHundredSignalsWhileOtherThreadsLog) {
     constexpr int kSignals = 200;
     test::Semaphore stopped;
     int stops = 0; // of the answering thread
+    std::thread::id stopThread;
     makeHost(
         [&](int, char**) {
             std::atomic<bool> isDone{false};
@@ -100,19 +65,20 @@ TEST_F(ServiceTest, ConsoleModeAnswersTwoHundredSignalsWhileOtherThreadsLog) {
             }
             isDone = true;
             logger.join();
-            return 0;
+            return 5;
         },
         [&] {
             ++stops;
+            stopThread = std::this_thread::get_id();
             stopped.release();
         });
-    EXPECT_EQ(run({"program", "service-console"}), 0);
+    EXPECT_EQ(run({"program", "service-console"}), 5);
     EXPECT_EQ(stops, kSignals);
-    int answered = 0;
-    for (const std::string& entry : m_journal.entries()) {
-        if (entry.starts_with("INFO UTL::Service::signalHandler - ")) ++answered;
-    }
-    EXPECT_EQ(answered, kSignals);
+    EXPECT_NE(stopThread, std::this_thread::get_id());
+    const Lines entries = m_journal.entries();
+    for (const char* const signum : {"2", "15"})
+        EXPECT_EQ(std::ranges::count(entries, std::string("INFO UTL::Service::signalHandler - ") + signum),
+                  kSignals / 2);
 }
 
 // Exit codes of a child that says which check failed: the line, or 0 for none and 255 for more than one.
@@ -121,6 +87,13 @@ int failedLine(const test::HookRecorder& hook) {
     if (failures.empty()) return 0;
     const test::FailedCheck& last = failures.back();
     return last.file == "utl_service" && last.message.empty() ? last.line : 255;
+}
+
+// The exit code of such a child in a new directory.
+int runChildFrom(const fs::path& directory, const std::string& name, const std::vector<std::string>& arguments = {}) {
+    fs::create_directories(directory);
+    fs::copy_file(test::thisProgram(), directory / "program");
+    return test::runAndWait(test::childCommandLineOf((directory / "program").string(), name, arguments));
 }
 
 // The child's own directory goes away while it runs.
@@ -134,13 +107,7 @@ const test::ChildProgram g_homeless("service_homeless", [](const std::vector<std
 
 TEST_F(ServiceTest, FailsACheckWhenTheProgramsDirectoryCannotBeEntered) {
     const fs::path directory = m_logs.path() / "home";
-    fs::create_directory(directory);
-    fs::copy_file(test::thisProgram(), directory / "program");
-    unsigned long exitCode = 0;
-    const std::string line =
-        test::childCommandLineOf((directory / "program").string(), "service_homeless", {directory.string()});
-    EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), ProcessUtils::Result::Finished);
-    EXPECT_EQ(exitCode, 34UL);
+    EXPECT_EQ(runChildFrom(directory, "service_homeless", {directory.string()}), 34);
 }
 
 const test::ChildProgram g_deep("service_deep", [](const std::vector<std::string>& /*arguments*/) {
@@ -155,12 +122,7 @@ const test::ChildProgram g_deep("service_deep", [](const std::vector<std::string
 TEST_F(ServiceTest, FailsACheckWhenTheProgramsPathIsTooLongToInstall) {
     fs::path directory = m_logs.path();
     while (directory.string().size() < 1100) directory /= std::string(100, 'd');
-    fs::create_directories(directory);
-    fs::copy_file(test::thisProgram(), directory / "program");
-    unsigned long exitCode = 0;
-    const std::string line = test::childCommandLineOf((directory / "program").string(), "service_deep");
-    EXPECT_EQ(ProcessUtils::start(line.c_str(), &exitCode), ProcessUtils::Result::Finished);
-    EXPECT_EQ(exitCode, 70UL);
+    EXPECT_EQ(runChildFrom(directory, "service_deep"), 70);
 }
 
 } // namespace
