@@ -14,33 +14,13 @@ using test::FailedCheck;
 
 // Parsing.
 
-TEST(RcsName, ATagIsWhatStandsInTheKeyword) {
-    const test::HookRecorder hook;
-    EXPECT_EQ(NS_CORE::rcsname("$Name: tag_ravelin_1_1_final_0 $"), "tag_ravelin_1_1_final_0");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: tag_x $"), "tag_x");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: a b $ $"), "a b $");
-    EXPECT_TRUE(hook.failures().empty());
-}
-
-TEST(RcsName, AReleaseLosesItsPrefix) {
-    const test::HookRecorder hook;
-    EXPECT_EQ(NS_CORE::rcsname("$Name: release_1_2 $"), "1_2");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: release_2_0 $"), "2_0");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: release_ $"), "");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: release_release_3 $"), "release_3");
-    EXPECT_TRUE(hook.failures().empty());
-}
-
-TEST(RcsName, OnlyTheExactReleasePrefixIsTaken) {
-    EXPECT_EQ(NS_CORE::rcsname("$Name: Release_1 $"), "Release_1");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: release $"), "release");
-    EXPECT_EQ(NS_CORE::rcsname("$Name: x_release_1 $"), "x_release_1");
-}
-
-TEST(RcsName, AnUnexpandedKeywordIsEmpty) {
-    const test::HookRecorder hook;
-    EXPECT_EQ(NS_CORE::rcsname("$Name:  $"), "");
-    EXPECT_TRUE(hook.failures().empty());
+TEST(RcsName, ATagIsWhatStandsInTheKeywordAndAReleaseLosesItsPrefix) {
+    for (const auto& [inKeyword, name] :
+         {std::pair("tag_ravelin_1_1_final_0", "tag_ravelin_1_1_final_0"), std::pair("a b $", "a b $"),
+          std::pair("release_1_2", "1_2"), std::pair("release_", ""), std::pair("release_release_3", "release_3"),
+          std::pair("Release_1", "Release_1"), std::pair("release", "release"), std::pair("x_release_1", "x_release_1"),
+          std::pair("", "")})
+        EXPECT_EQ(NS_CORE::rcsname("$Name: " + std::string(inKeyword) + " $"), name);
 }
 
 TEST(RcsName, OtherFormsFailTheCheckAndComeBackWhole) {
@@ -65,7 +45,6 @@ TEST(RcsNameDeathTest, AnotherFormEndsTheProcessWhereTheHookSaysStop) {
 // The build's own values.
 
 TEST(BuildIdentity, IsWhatTheBuildWasSetTo) {
-    const test::HookRecorder hook;
     const std::string tag = QUORKERI_RELEASE_TAG;
     EXPECT_EQ(NS_CORE::rcsTag(), "$Name: " + tag + " $");
     EXPECT_EQ(NS_CORE::version(), NS_CORE::rcsname("$Name: " + tag + " $"));
@@ -73,7 +52,6 @@ TEST(BuildIdentity, IsWhatTheBuildWasSetTo) {
     EXPECT_EQ(NS_CORE::versionWithBuildId(), NS_CORE::version() + "_" + QUORKERI_BUILD_ID);
     EXPECT_STREQ(NS_CORE::buildDate(), QUORKERI_BUILD_DATE);
     EXPECT_STREQ(NS_CORE::buildTime(), QUORKERI_BUILD_TIME);
-    EXPECT_TRUE(hook.failures().empty());
 }
 
 TEST(BuildIdentity, TheBuildIdIsTheSameObjectEachTime) {
@@ -82,38 +60,24 @@ TEST(BuildIdentity, TheBuildIdIsTheSameObjectEachTime) {
 
 // Host names.
 
-TEST(HostName, ANameOf255BytesIsReturnedWhole) {
-    EXPECT_EQ(NS_CORE::hostNameBy([](char* buffer, uint32_t size) {
-                  EXPECT_EQ(size, 256U);
-                  std::memset(buffer, 'h', 255);
-                  buffer[255] = '\0';
-                  return true;
-              }),
-              std::string(255, 'h'));
-}
-
-TEST(HostName, ANameWithoutTerminatorIsCutTo255Bytes) {
-    EXPECT_EQ(NS_CORE::hostNameBy([](char* buffer, uint32_t size) {
-                  std::memset(buffer, 'h', size);
-                  return true;
-              }),
-              std::string(255, 'h'));
-}
-
-TEST(HostName, EndsAtTheFirstTerminator) {
-    EXPECT_EQ(NS_CORE::hostNameBy([](char* buffer, uint32_t) {
-                  std::memcpy(buffer, "first\0second", 13);
-                  return true;
-              }),
-              "first");
-}
-
-TEST(HostName, IsAQuestionMarkWhenTheSystemDoesNotTell) {
-    EXPECT_EQ(NS_CORE::hostNameBy([](char* buffer, uint32_t) {
-                  std::memcpy(buffer, "partly", 7);
-                  return false;
-              }),
-              "?");
+TEST(HostName, IsWhatTheSystemWritesUpToATerminatorOr255Bytes) {
+    // What stands in for the system has no state of its own.
+    static std::string s_written;
+    static bool s_isKnown;
+    const auto hostName = [](const std::string& written, bool isKnown = true) {
+        s_written = written;
+        s_isKnown = isKnown;
+        return NS_CORE::hostNameBy([](char* buffer, uint32_t size) {
+            EXPECT_EQ(size, 256U);
+            std::memcpy(buffer, s_written.data(), s_written.size());
+            return s_isKnown;
+        });
+    };
+    const std::string longest(255, 'h');
+    EXPECT_EQ(hostName(longest + '\0'), longest);
+    EXPECT_EQ(hostName(longest + 'h'), longest);
+    EXPECT_EQ(hostName(std::string("first\0second", 13)), "first");
+    EXPECT_EQ(hostName(std::string("partly", 7), /*isKnown=*/false), "?");
 }
 
 } // namespace

@@ -10,12 +10,9 @@
 #include "core/log/core_v2masterlogger.h"
 #include "tests/support/log_recorder.h"
 
-using NS_CORE::LogCapture;
-using NS_CORE::MasterLogger;
 using test::LogRecorder;
 
-namespace LogLevel = NS_CORE::LogLevel;
-
+namespace NS_CORE {
 namespace {
 
 TEST(LogCapture, CollectsLevelZeroWithNewlinesBetweenEntries) {
@@ -63,3 +60,4 @@ TEST(LogCapture, CollectsWhileItLivesOnly) {
 }
 
 } // namespace
+} // namespace NS_CORE

@@ -8,15 +8,9 @@
 #include "core/log/core_v2masterlogger.h"
 #include "tests/support/log_recorder.h"
 
-using NS_CORE::DefaultLogRImpl;
-using NS_CORE::LogCapture;
-using NS_CORE::LogRate;
-using NS_CORE::LogRImpl;
-using NS_CORE::MasterLogger;
 using test::LogRecorder;
 
-namespace LogLevel = NS_CORE::LogLevel;
-
+namespace NS_CORE {
 namespace {
 
 struct LimitTest : testing::Test {
@@ -174,3 +168,4 @@ TEST_F(LimitTest, CanBeReplaced) {
 }
 
 } // namespace
+} // namespace NS_CORE

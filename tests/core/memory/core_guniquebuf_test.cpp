@@ -11,6 +11,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "tests/core/memory/limited_memory.h"
 #include "tests/support/hook_recorder.h"
 
 namespace {
@@ -258,6 +259,18 @@ TEST(GUniqueBufDataAt, NothingAllocatedFailsAndIsNull) {
     EXPECT_EQ(thrownBy([&] { buffer.dataAt(5); }), "GUniqueBuf:dataAt");
     EXPECT_EQ(hook.failures(),
               (std::vector<FailedCheck>{failed(46, "0,0"), failed(54, ""), failed(54, ""), failed(46, "0,5")}));
+}
+
+TEST(GUniqueBuf, MemoryThatTheSystemDoesNotHaveIsALackOfMemoryAndChangesNothing) {
+    if (!test::limitMemory()) GTEST_SKIP() << "the memory of this build cannot be limited";
+    const test::HookRecorder hook;
+    EXPECT_EQ(thrownBy([] { GUniqueBuf(kMaxSize, 0, 0); }), "bad_alloc");
+    GUniqueBuf buffer = numbered(10, 0, 0);
+    EXPECT_EQ(thrownBy([&] { buffer.reserve(0, kMaxSize); }), "bad_alloc");
+    EXPECT_EQ(hook.failures(),
+              (std::vector<FailedCheck>{{"CHECKF", "core_guniquebuf_inline", 31, 0, "failed mallocing2147483647 bytes"},
+                                        failed(402, "2147483657")}));
+    EXPECT_EQ(shape(buffer) + ' ' + bytes(buffer, 0, 10), "10 0+0 0123456789");
 }
 
 // Each of them goes on, with an exception or without, where the hook does not say stop.

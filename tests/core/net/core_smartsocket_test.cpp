@@ -8,10 +8,7 @@
 #include "tests/support/log_recorder.h"
 #include "tests/support/udp_receiver.h"
 
-using NS_CORE::kInvalidSocket;
-using NS_CORE::SmartSocket;
-using NS_CORE::SocketHandle;
-
+namespace NS_CORE {
 namespace {
 
 constexpr int32_t kInet = 2;
@@ -43,44 +40,26 @@ int reuseAddr(const SmartSocket& socket) {
 static_assert(!std::is_copy_constructible_v<SmartSocket> && !std::is_copy_assignable_v<SmartSocket>);
 static_assert(std::is_nothrow_move_constructible_v<SmartSocket> && std::is_nothrow_move_assignable_v<SmartSocket>);
 
-} // namespace
-
-TEST(SmartSocket, OwnsNothingAtFirst) {
-    const SmartSocket socket;
-    EXPECT_FALSE(socket.isOpen());
-    EXPECT_EQ(socket.handle(), kInvalidSocket);
-}
-
 TEST(SmartSocket, ClosesWhatItOwnsWhenItEnds) {
-    SocketHandle handle = kInvalidSocket;
-    {
-        const SmartSocket socket = opened();
-        handle = socket.handle();
-        EXPECT_TRUE(isAlive(handle));
-    }
+    const SocketHandle handle = opened().handle();
     EXPECT_FALSE(isAlive(handle));
 }
 
-TEST(SmartSocket, ClosesOnceAndIsEmptyThen) {
-    SmartSocket socket = opened();
-    const SocketHandle handle = socket.handle();
-    socket.close();
-    EXPECT_FALSE(isAlive(handle));
+TEST(SmartSocket, OwnsNothingAtFirstAndOnceItIsClosed) {
+    SmartSocket socket;
+    EXPECT_FALSE(socket.isOpen());
     EXPECT_EQ(socket.handle(), kInvalidSocket);
-    socket.close();
+    socket = opened();
+    const SocketHandle handle = socket.handle();
+    for (int i = 0; i < 2; ++i) {
+        socket.close();
+        EXPECT_FALSE(isAlive(handle));
+        EXPECT_EQ(socket.handle(), kInvalidSocket);
+    }
     EXPECT_FALSE(socket.isOpen());
 }
 
-TEST(SmartSocket, GivesItsHandleAwayWhenMoved) {
-    SmartSocket from = opened();
-    const SocketHandle handle = from.handle();
-    const SmartSocket to = std::move(from);
-    EXPECT_EQ(from.handle(), kInvalidSocket); // NOLINT(bugprone-use-after-move): that is the promise
-    EXPECT_EQ(to.handle(), handle);
-    EXPECT_TRUE(isAlive(handle));
-}
-
-TEST(SmartSocket, ClosesWhatItHeldWhenMovedTo) {
+TEST(SmartSocket, GivesItsHandleAwayAndClosesWhatItHeldWhenMoved) {
     SmartSocket from = opened();
     SmartSocket to = opened();
     const SocketHandle taken = from.handle();
@@ -90,6 +69,9 @@ TEST(SmartSocket, ClosesWhatItHeldWhenMovedTo) {
     EXPECT_TRUE(isAlive(taken));
     EXPECT_FALSE(isAlive(given));
     EXPECT_FALSE(from.isOpen()); // NOLINT(bugprone-use-after-move): that is the promise
+    const SmartSocket last = std::move(to);
+    EXPECT_EQ(last.handle(), taken);
+    EXPECT_EQ(to.handle(), kInvalidSocket); // NOLINT(bugprone-use-after-move)
 }
 
 TEST(SmartSocket, ClosesTheOldHandleWhenCreatedAgain) {
@@ -129,3 +111,6 @@ TEST(SmartSocket, ReportsASocketThatTheSystemDoesNotMake) {
     EXPECT_EQ(log.lines(),
               (std::vector<std::string>{"WARN CORE::SmartSocket::create(2,77,5) - failed to open socket"}));
 }
+
+} // namespace
+} // namespace NS_CORE

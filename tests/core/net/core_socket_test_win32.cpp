@@ -33,16 +33,13 @@ const test::ChildProgram g_exits("exit-with-winsock", [](const std::vector<std::
 
 } // namespace
 
-TEST(WinsockInit, IsCleanedUpAtExit) {
-    test::SelfProcess child("exit-with-winsock", {"cleanup"});
-    EXPECT_EQ(child.readAll(), "sockets are cleaned up");
-    EXPECT_EQ(child.wait(), 0);
-}
-
-TEST(WinsockInit, IsNotCleanedUpUnderTheServiceControlManager) {
-    test::SelfProcess child("exit-with-winsock", {"keep"});
-    EXPECT_EQ(child.readAll(), "sockets still work");
-    EXPECT_EQ(child.wait(), 0);
+TEST(WinsockInit, IsCleanedUpAtExitUnlessToldNotTo) {
+    for (const auto& [word, end] :
+         {std::pair("cleanup", "sockets are cleaned up"), std::pair("keep", "sockets still work")}) {
+        test::SelfProcess child("exit-with-winsock", {word});
+        EXPECT_EQ(child.readAll(), end);
+        EXPECT_EQ(child.wait(), 0);
+    }
 }
 
 TEST(WinsockInit, MakesFilesBinary) {

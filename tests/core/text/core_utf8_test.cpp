@@ -31,19 +31,11 @@ void expectConverted(std::string_view text, std::u16string_view wide) {
     EXPECT_EQ(outcome.output, "");
 }
 
-void expectRefused(std::string_view text, std::string_view description) {
-    const Outcome outcome = convert(text);
-    EXPECT_FALSE(outcome.converted);
-    EXPECT_EQ(outcome.wide, u"before");
-    EXPECT_EQ(outcome.output, "fromUtf8 conversion failed " + std::string(description) + "\n");
-}
-
-TEST(FromUtf8, AnEmptyTextBecomesAnEmptyText) {
-    expectConverted("", u"");
-}
-
 TEST(FromUtf8, TextsOfEveryLengthConvert) {
+    expectConverted("", u"");
     expectConverted("service.log", u"service.log");
+    // A byte order mark is text like any other.
+    expectConverted("\xEF\xBB\xBF-", u"\xFEFF-");
     expectConverted("C:\\Ж é 測試\\\U0001F600", u"C:\\Ж é 測試\\\U0001F600");
 }
 
@@ -55,54 +47,34 @@ TEST(FromUtf8, TheEndsOfEachLengthConvert) {
     expectConverted("\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", u"\U00010000\U0010FFFF");
 }
 
-TEST(FromUtf8, AByteOrderMarkIsTextLikeAnyOther) {
-    expectConverted(
-        "\xEF\xBB\xBF"
-        "a",
-        u"\xFEFF"
-        u"a");
-}
-
-TEST(FromUtf8, ALoneContinuationByteIsRefused) {
-    expectRefused("\x80", "at byte 0 (0x80): continuation byte without a lead byte");
-    expectRefused("ab\xBF", "at byte 2 (0xbf): continuation byte without a lead byte");
-}
-
-TEST(FromUtf8, OverlongSequencesAreRefused) {
-    expectRefused("\xC0\x80", "at byte 0 (0xc0): overlong sequence");
-    expectRefused("\xC1\xBF", "at byte 0 (0xc1): overlong sequence");
-    expectRefused("\xE0\x9F\xBF", "at byte 0 (0xe0): overlong sequence");
-    expectRefused("\xF0\x8F\xBF\xBF", "at byte 0 (0xf0): overlong sequence");
-}
-
-TEST(FromUtf8, SurrogatesAreRefused) {
-    expectRefused("\xED\xA0\x80", "at byte 0 (0xed): surrogate");
-    expectRefused("\xED\xBF\xBF", "at byte 0 (0xed): surrogate");
-    expectRefused("\xED\xA0\xBD\xED\xB8\x80", "at byte 0 (0xed): surrogate");
-}
-
-TEST(FromUtf8, CodePointsBeyondTheLastAreRefused) {
-    expectRefused("\xF4\x90\x80\x80", "at byte 0 (0xf4): code point beyond U+10FFFF");
-    expectRefused("\xF7\xBF\xBF\xBF", "at byte 0 (0xf7): code point beyond U+10FFFF");
-}
-
-TEST(FromUtf8, BytesThatLeadNothingAreRefused) {
-    expectRefused("x\xF8\x88\x80\x80\x80", "at byte 1 (0xf8): invalid lead byte");
-    expectRefused("\xFF", "at byte 0 (0xff): invalid lead byte");
-}
-
-TEST(FromUtf8, SequencesThatEndEarlyAreRefused) {
-    expectRefused("\xC3", "at byte 0 (0xc3): incomplete sequence");
-    expectRefused("ok\xE6\xB8", "at byte 2 (0xe6): incomplete sequence");
-    expectRefused("\xF0\x9F\x98", "at byte 0 (0xf0): incomplete sequence");
-    expectRefused("\xE6\xB8(", "at byte 0 (0xe6): incomplete sequence");
-    expectRefused("\xC3\xC3\xA9", "at byte 0 (0xc3): incomplete sequence");
-}
-
-TEST(FromUtf8, NothingBehindTheTextIsRead) {
-    // The bytes that would complete the sequence lie behind the view's end.
-    const std::string_view text = "\xE6\xB8\xAC";
-    expectRefused(text.substr(0, 2), "at byte 0 (0xe6): incomplete sequence");
+TEST(FromUtf8, WhatIsNoUtf8IsRefusedWithItsPlaceAndReason) {
+    const std::pair<std::string_view, std::string_view> rows[] = {
+        {"\x80", "0 (0x80): continuation byte without a lead byte"},
+        {"ab\xBF", "2 (0xbf): continuation byte without a lead byte"},
+        {"\xC0\x80", "0 (0xc0): overlong sequence"},
+        {"\xC1\xBF", "0 (0xc1): overlong sequence"},
+        {"\xE0\x9F\xBF", "0 (0xe0): overlong sequence"},
+        {"\xF0\x8F\xBF\xBF", "0 (0xf0): overlong sequence"},
+        {"\xED\xA0\x80", "0 (0xed): surrogate"},
+        {"\xED\xBF\xBF", "0 (0xed): surrogate"},
+        {"\xED\xA0\xBD\xED\xB8\x80", "0 (0xed): surrogate"},
+        {"\xF4\x90\x80\x80", "0 (0xf4): code point beyond U+10FFFF"},
+        {"\xF7\xBF\xBF\xBF", "0 (0xf7): code point beyond U+10FFFF"},
+        {"x\xF8\x88\x80\x80\x80", "1 (0xf8): invalid lead byte"},
+        {"\xFF", "0 (0xff): invalid lead byte"},
+        {"\xC3", "0 (0xc3): incomplete sequence"},
+        {"ok\xE6\xB8", "2 (0xe6): incomplete sequence"},
+        {"\xF0\x9F\x98", "0 (0xf0): incomplete sequence"},
+        {"\xE6\xB8(", "0 (0xe6): incomplete sequence"},
+        {"\xC3\xC3\xA9", "0 (0xc3): incomplete sequence"},
+        // What would complete the sequence lies behind the text's end.
+        {std::string_view("\xE6\xB8\xAC").substr(0, 2), "0 (0xe6): incomplete sequence"}};
+    for (const auto& [text, description] : rows) {
+        const Outcome outcome = convert(text);
+        EXPECT_FALSE(outcome.converted);
+        EXPECT_EQ(outcome.wide, u"before");
+        EXPECT_EQ(outcome.output, "fromUtf8 conversion failed at byte " + std::string(description) + "\n");
+    }
 }
 
 TEST(FromUtf8, EachThreadConvertsOnItsOwn) {

@@ -3,28 +3,23 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <random>
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "core/check/core_assert.h"
 #include "tests/support/hook_recorder.h"
 
-using NS_CORE::Assert;
-using NS_CORE::formatInto;
-using NS_CORE::formatString;
 using test::FailedCheck;
 using test::HookRecorder;
 
+namespace NS_CORE {
 namespace {
 
 // What the hook sees when the formatter reports `message` at `line`.
@@ -129,7 +124,6 @@ TEST_F(Varargs, WritesTextOfEveryLength) {
     for (size_t length = 0; length < 300; ++length) {
         const std::vector<char> text(length, 't');
         const std::string_view view(text.data(), text.size());
-        EXPECT_EQ(formatString("%s", view), view);
         EXPECT_EQ(formatString("<%s>%s", view, view), "<" + std::string(view) + ">" + std::string(view));
     }
 }
@@ -157,7 +151,7 @@ TEST_F(Varargs, PadsIntegers) {
     // Zeros win over left-justify, and a precision takes the width's place, with zeros.
     EXPECT_EQ(formatString("%-05d|%0-5d|", 42, 42), "00042|00042|");
     EXPECT_EQ(formatString("%.3d|%.3d|%8.3d|%-8.3d|", 7, -7, 5, 5), "007|-07|005|005|");
-    EXPECT_EQ(formatString("%.0d|%.d|%5.0d", 0, 0, 5), "0|0|    5");
+    EXPECT_EQ(formatString("%.0d|%.d|%5.0d|%5.1d", 0, 0, 5, 5), "0|0|    5|5");
     EXPECT_EQ(formatString("%+0#+5d|%---#5d|", 42, 42), "+0042|42   |");
 }
 
@@ -263,11 +257,9 @@ TEST_F(Varargs, WritesFloatingPoint) {
     EXPECT_EQ(formatString("%08.1f|%+.1f|% .1f|%#.0f|", 1.5, 1.5, 1.5, 2.0), "     1.5|1.5|1.5|2|");
 }
 
-TEST_F(Varargs, FloatingPointIsCutTo23Characters) {
+TEST_F(Varargs, FloatingPointTakesAnyPrecision) {
     const std::string zeros(21, '0');
-    EXPECT_EQ(formatString("%f", 1e22), "10000000000000000000000");
     EXPECT_EQ(formatString("%f", 1e300).size(), 23U);
-    EXPECT_EQ(formatString("%.30f|%30.30f", 1.0, 1.0), "1." + zeros + "|       1." + zeros);
     EXPECT_EQ(formatString("%.2147483647f|%.2147483647e|%.99999999999g", 1.0, 0.5, 0.5),
               "1." + zeros + "|5." + zeros + "|0.5");
 }
@@ -349,35 +341,29 @@ TEST(VarargsRepair, FormatThatEndsInsideAConversion) {
 
 TEST(VarargsRepair, ConversionsWithoutArgumentAreZeroAndCounted) {
     HookRecorder hook;
-    EXPECT_EQ(formatString("%d %d", 5), "5 0");
-    EXPECT_EQ(hook.failures(), (Failures{mismatch(540, "d", "%d %d"), miscount("%d %d", 2, 1)}));
-    hook.clear();
-
-    EXPECT_EQ(formatString("%s|%f|%p|%c|%y|%03x|%%|end"), "|0.000000|(nil)|?|y|000|%|end");
-    const std::string format = "%s|%f|%p|%c|%y|%03x|%%|end";
-    EXPECT_EQ(hook.failures(),
-              (Failures{mismatch(540, "s", format), mismatch(540, "f", format), mismatch(540, "p", format),
-                        mismatch(540, "c", format), mismatch(540, "y", format), reported(34, "y"),
-                        mismatch(540, "x", format), miscount(format, 6, 0)}));
+    const std::string format = "%d %s|%f|%p|%c|%y|%03x|%%|end";
+    EXPECT_EQ(formatString(format.c_str(), 5), "5 |0.000000|(nil)|?|y|000|%|end");
+    Failures expected;
+    for (const char* const conversion : {"s", "f", "p", "c", "y"})
+        expected.push_back(mismatch(540, conversion, format));
+    expected.insert(expected.end(), {reported(34, "y"), mismatch(540, "x", format), miscount(format, 7, 1)});
+    EXPECT_EQ(hook.failures(), expected);
 }
 
 TEST(VarargsRepair, ArgumentsWithoutConversionAreCounted) {
     HookRecorder hook;
     EXPECT_EQ(formatString("%d end", 1, "two", 3.0), "1 end");
-    EXPECT_EQ(hook.failures(), (Failures{miscount("%d end", 1, 3)}));
-    hook.clear();
     EXPECT_EQ(formatString("", 1), "");
-    EXPECT_EQ(hook.failures(), (Failures{miscount("", 0, 1)}));
-    hook.clear();
     EXPECT_EQ(formatString("100%", 1), "100%");
-    EXPECT_EQ(hook.failures(), (Failures{miscount("100%", 0, 1)}));
+    EXPECT_EQ(hook.failures(), (Failures{miscount("%d end", 1, 3), miscount("", 0, 1), miscount("100%", 0, 1)}));
 }
 
-TEST(VarargsRepair, TheOtherArgumentsAreWrittenAsUsual) {
+TEST(VarargsRepair, WhatElseTheTextHoldsStays) {
     HookRecorder hook;
+    std::string out = "kept ";
     const char* format = "failed to load image=%s module=%d base_addr=%d, size=%d";
-    EXPECT_EQ(formatString(format, "image.dll", "module", 4096, 8192),
-              "failed to load image=image.dll module=0 base_addr=4096, size=8192");
+    formatInto(out, format, "image.dll", "module", 4096, 8192);
+    EXPECT_EQ(out, "kept failed to load image=image.dll module=0 base_addr=4096, size=8192");
     EXPECT_EQ(hook.single(), mismatch(261, "d", format));
 }
 
@@ -394,14 +380,6 @@ TEST(VarargsRepair, FormatsInReportsAreNotReadAsFormats) {
     const std::string format = "%s %n %d %%";
     EXPECT_EQ(formatString(format.c_str(), "a", 1, 2), "a n 2 %");
     EXPECT_EQ(hook.failures(), (Failures{mismatch(332, "n", format), reported(34, "n")}));
-}
-
-TEST(VarargsRepair, AppendedTextKeepsWhatWasThere) {
-    HookRecorder hook;
-    std::string out = "kept ";
-    formatInto(out, "%d", "text");
-    EXPECT_EQ(out, "kept 0");
-    EXPECT_EQ(hook.single(), mismatch(261, "d", "%d"));
 }
 
 // A handler whose own format is wrong, which is reported to the handler.
@@ -436,7 +414,6 @@ TEST(VarargsRepairDeathTest, FatalAnswerStopsTheProcess) {
 TEST_F(Varargs, ReservesElevenTenthsOfTheEstimateOnce) {
     const std::string text(100, 't');
     EXPECT_EQ(formatString("%s", text).capacity(), 102U + 10U);
-    EXPECT_EQ(formatString("%s", std::string_view(text)).capacity(), 102U + 10U);
     EXPECT_EQ(formatString("%s", text.c_str()).capacity(), 102U + 10U);
     EXPECT_EQ(formatString("123456789012345678%s", kNullText).capacity(), 20U + 6U + 2U);
     EXPECT_EQ(formatString("%d%u", 1, uint64_t{1}).capacity(), 4U + 32U + 3U);
@@ -445,13 +422,11 @@ TEST_F(Varargs, ReservesElevenTenthsOfTheEstimateOnce) {
 
 TEST_F(Varargs, ReservesALongTextOnceToo) {
     const std::string text(4000, 't');
-    EXPECT_EQ(formatString("%s", text).capacity(), 4002U + 400U);
     EXPECT_EQ(formatString("%s %d%s", text, 1, text).capacity(), 8023U + 802U);
     std::string out;
     out.reserve(5000);
     const char* const place = out.data();
-    formatInto(out, "%s: %d", std::string(100, 't'), 5);
-    formatInto(out, "%s", text);
+    formatInto(out, "%s: %d%s", std::string(100, 't'), 5, text);
     EXPECT_EQ(out.data(), place);
     EXPECT_EQ(out, std::string(100, 't') + ": 5" + text);
 }
@@ -464,113 +439,52 @@ TEST_F(Varargs, GrowsBeyondTheEstimate) {
     EXPECT_EQ(formatString(("%6000d" + tail + "%s").c_str(), 1, tail), std::string(5999, ' ') + "1" + tail + tail);
 }
 
-// The C library as the judge, over random inputs, wherever it means the same.
+// The C library as the judge, wherever it means the same.
 
-struct Conversion {
-    std::string flags;
-    std::string width;
-    std::string precision; // with its '.'
-    char letter;
+template <class... Args>
+std::string library(const std::string& format, Args... args) {
+    char buffer[500];
+    return {buffer, static_cast<size_t>(std::snprintf(buffer, sizeof buffer, format.c_str(), args...))};
+}
 
-    bool has(char flag) const { return flags.find(flag) != std::string::npos; }
-    size_t widthValue() const { return width.empty() ? 0 : std::stoul(width); }
-    size_t precisionValue() const { return precision.size() < 2 ? 0 : std::stoul(precision.substr(1)); }
-    std::string format(std::string_view length) const {
-        return "<%" + flags + width + precision + std::string(length) + letter + ">";
-    }
-};
+constexpr const char* kWidths[] = {"", "1", "2", "5", "11", "12", "20", "21", "30"};
+constexpr const char* kPrecisions[] = {"", ".1", ".2", ".5", ".17"};
 
-class AgainstTheLibrary : public testing::Test {
-protected:
-    void TearDown() override { EXPECT_EQ(m_hook.failures(), Failures()); }
-
-    // The modifiers, which mean nothing here, come from the same dice.
-    std::string anyLength() {
-        constexpr std::string_view kLengths[] = {"", "hh", "h", "l", "ll", "j", "z", "t", "L"};
-        return std::string(kLengths[below(std::size(kLengths))]);
-    }
-
-    size_t below(size_t end) { return std::uniform_int_distribution<size_t>(0, end - 1)(m_random); }
-
-    Conversion conversion(std::string_view letters, std::string_view flags) {
-        Conversion conversion;
-        for (size_t i = below(3); i > 0 && !flags.empty(); --i) conversion.flags += flags[below(flags.size())];
-        if (below(2) == 0) conversion.width = std::to_string(1 + below(30));
-        if (below(2) == 0) conversion.precision = "." + (below(5) == 0 ? "" : std::to_string(below(20)));
-        conversion.letter = letters[below(letters.size())];
-        return conversion;
-    }
-
-    template <class T>
-    T integer() {
-        // Short and long ones alike, and the ends of the range.
-        const auto bits = static_cast<uint64_t>(m_random()) >> below(64);
-        switch (below(8)) {
-            case 0:
-                return 0;
-            case 1:
-                return std::numeric_limits<T>::min();
-            case 2:
-                return std::numeric_limits<T>::max();
-            default:
-                return static_cast<T>(below(2) == 0 ? bits : 0 - bits);
+template <class T>
+void compareIntegers() {
+    using Limits = std::numeric_limits<T>;
+    // Each number of digits in each base, and the ends of the range.
+    std::vector<T> values = {0, 1, Limits::max(), Limits::max() - 1, Limits::min(), Limits::min() + 1};
+    for (const uint64_t base : {2U, 10U}) {
+        for (uint64_t power = base; power != 0 && power <= uint64_t{Limits::max()}; power *= base) {
+            values.push_back(static_cast<T>(power - 1));
+            values.push_back(static_cast<T>(0 - power));
+            values.push_back(static_cast<T>(power));
+            if (power > std::numeric_limits<uint64_t>::max() / base) break;
         }
     }
-
-    template <class... Args>
-    static std::string library(const std::string& format, Args... args) {
-        char buffer[2000];
-        const int length = std::snprintf(buffer, sizeof buffer, format.c_str(), args...);
-        return {buffer, static_cast<size_t>(length)};
+    for (const std::string flags : {"", "-", "0", "+", " ", "-+", "0 "}) {
+        for (const std::string width : kWidths) {
+            for (const char letter : {'d', 'i', 'u', 'o', 'x', 'X'}) {
+                const bool isSigned = letter == 'd' || letter == 'i';
+                const bool hasSign = flags.find_first_of("+ ") != std::string::npos;
+                if (hasSign && (!isSigned || std::is_unsigned_v<T>)) continue; // has no sign here
+                for (const T value : values) {
+                    // The library knows no signed conversion of such a value.
+                    if (isSigned && std::is_unsigned_v<T> && value > Limits::max() / 2) continue;
+                    const std::string begin = "<%" + flags + width;
+                    const std::string expected =
+                        isSigned ? library(begin + "ll" + letter + ">", static_cast<long long>(value))
+                                 : library(begin + "ll" + letter + ">",
+                                           static_cast<unsigned long long>(std::make_unsigned_t<T>(value)));
+                    ASSERT_EQ(formatString((begin + letter + ">").c_str(), value), expected) << begin << letter;
+                }
+            }
+        }
     }
-
-    template <class T>
-    void compareIntegers();
-
-    std::mt19937_64 m_random{20191120};
-    size_t m_compared = 0;
-    HookRecorder m_hook;
-};
-
-// Where the library's rules for an integer's flags, width and precision and ours lead to the same.
-template <class T>
-bool agreeOnInteger(const Conversion& conversion, T value) {
-    const bool isSigned = conversion.letter == 'd' || conversion.letter == 'i';
-    if (isSigned && std::is_unsigned_v<T>) {
-        // The library knows no signed conversion of an unsigned value.
-        if (value > std::numeric_limits<T>::max() / 2 || conversion.has('+') || conversion.has(' ')) return false;
-    }
-    if (conversion.has('+') && conversion.has(' ')) return false;
-    // Signs mean nothing in the other conversions, but not every library keeps to that.
-    if (!isSigned && (conversion.has('+') || conversion.has(' '))) return false;
-    if (conversion.precision.empty()) return !(conversion.has('-') && conversion.has('0'));
-    if (conversion.precisionValue() == 0) return value != 0 && !conversion.has('0');
-
-    const bool sign = isSigned && (value < T{0} || conversion.has('+') || conversion.has(' '));
-    const size_t digits =
-        formatString((std::string("%") + conversion.letter).c_str(), value).size() - (isSigned && value < T{0} ? 1 : 0);
-    if (sign && digits < conversion.precisionValue()) return false;
-    return conversion.widthValue() <= std::max(digits, conversion.precisionValue()) + (sign ? 1 : 0);
 }
 
-template <class T>
-void AgainstTheLibrary::compareIntegers() {
-    for (int i = 0; i < 20000; ++i) {
-        const Conversion random = conversion("diuoxX", "-0+ ");
-        const T value = integer<T>();
-        if (!agreeOnInteger(random, value)) continue;
-        ++m_compared;
-        const bool isSigned = random.letter == 'd' || random.letter == 'i';
-        const std::string expected =
-            isSigned ? library(random.format("ll"), static_cast<long long>(value))
-                     : library(random.format("ll"), static_cast<unsigned long long>(std::make_unsigned_t<T>(value)));
-        const std::string format = random.format(anyLength());
-        ASSERT_EQ(formatString(format.c_str(), value), expected) << format << " of " << +value;
-    }
-    EXPECT_GT(std::exchange(m_compared, 0), 5000U);
-}
-
-TEST_F(AgainstTheLibrary, Integers) {
+TEST_F(Varargs, IntegersAreTheLibrarys) {
     compareIntegers<int8_t>();
     compareIntegers<uint8_t>();
     compareIntegers<int16_t>();
@@ -581,73 +495,46 @@ TEST_F(AgainstTheLibrary, Integers) {
     compareIntegers<uint64_t>();
 }
 
-TEST_F(AgainstTheLibrary, Characters) {
-    for (int i = 0; i < 20000; ++i) {
-        Conversion random = conversion("c", "-");
-        random.precision.clear();
-        const char value = static_cast<char>(1 + below(255));
-        const std::string format = random.format("");
-        const std::string expected = library(format, value);
-        ASSERT_EQ(formatString(format.c_str(), value), expected);
-        ASSERT_EQ(formatString(format.c_str(), static_cast<int>(value)), expected);
-    }
-}
-
-TEST_F(AgainstTheLibrary, Text) {
-    for (int i = 0; i < 20000; ++i) {
-        const Conversion random = conversion("s", "-");
-        if (!random.precision.empty() && random.precisionValue() == 0) continue;
-        const std::string value(below(40), static_cast<char>('a' + below(26)));
-        const std::string expected = library(random.format(""), value.c_str());
-        const std::string format = random.format(anyLength());
-        ASSERT_EQ(formatString(format.c_str(), value), expected) << format;
-        ASSERT_EQ(formatString(format.c_str(), value.c_str()), expected) << format;
-        ASSERT_EQ(formatString(format.c_str(), std::string_view(value)), expected) << format;
-    }
-}
-
-TEST_F(AgainstTheLibrary, Pointers) {
-    for (int i = 0; i < 20000; ++i) {
-        // The library's own %p is its maker's choice; an address in hexadecimal with its prefix is not.
-        Conversion random = conversion("p", "-0");
-        random.precision.clear();
-        const bool left = random.has('-');
-        const bool zero = random.has('0');
-        if (left == zero && !random.width.empty()) continue;
-        const uintptr_t value = std::max<uintptr_t>(integer<uintptr_t>(), 1);
-        Conversion hexadecimal = random;
-        hexadecimal.flags += '#';
-        hexadecimal.letter = 'x';
-        const std::string expected = library(hexadecimal.format("ll"), static_cast<unsigned long long>(value));
-        ASSERT_EQ(formatString(random.format(anyLength()).c_str(), pointerTo<void>(value)), expected);
-        ++m_compared;
-    }
-    EXPECT_GT(m_compared, 5000U);
-}
-
-TEST_F(AgainstTheLibrary, FloatingPoint) {
-    for (int i = 0; i < 40000; ++i) {
-        const Conversion random = conversion("fFeEgGaA", "-");
-        double value =
-            std::ldexp(static_cast<double>(static_cast<int64_t>(m_random())), static_cast<int>(below(140)) - 130);
-        if (below(20) == 0) value = 0.0;
-        if (below(50) == 0) value = std::numeric_limits<double>::infinity();
-        if (below(50) == 0) value = -std::numeric_limits<double>::infinity();
-        Conversion bare = random;
-        bare.flags.clear();
-        bare.width.clear();
-        const std::string format = random.format(anyLength());
-        const std::string whole = library(bare.format(""), value);
-        if (whole.size() <= 2 + 23) {
-            ++m_compared;
-            ASSERT_EQ(formatString(format.c_str(), value), library(random.format(""), value)) << format;
-        } else {
-            ASSERT_EQ(formatString(bare.format("").c_str(), value), whole.substr(0, 1 + 23) + ">") << format;
+TEST_F(Varargs, CharactersAndTextAreTheLibrarys) {
+    for (const std::string flag : {"", "-"}) {
+        for (const std::string width : kWidths) {
+            const std::string begin = "<%" + flag + width;
+            for (int code = 1; code < 256; ++code) {
+                const std::string expected = library(begin + "c>", static_cast<char>(code));
+                ASSERT_EQ(formatString((begin + "c>").c_str(), static_cast<char>(code)), expected);
+                ASSERT_EQ(formatString((begin + "c>").c_str(), code), expected);
+            }
+            for (const std::string precision : kPrecisions) {
+                const std::string format = begin + precision + "s>";
+                for (size_t length = 0; length < 40; ++length) {
+                    const std::string text = std::string("abcdefghijklmnopqrstuvwxyz0123456789ABCD").substr(0, length);
+                    const std::string expected = library(format, text.c_str());
+                    ASSERT_EQ(formatString(format.c_str(), text), expected) << format;
+                    ASSERT_EQ(formatString(format.c_str(), text.c_str()), expected) << format;
+                }
+            }
         }
-        const auto narrow = static_cast<float>(value);
-        ASSERT_EQ(formatString(format.c_str(), narrow), formatString(format.c_str(), static_cast<double>(narrow)));
     }
-    EXPECT_GT(m_compared, 5000U);
+}
+
+TEST_F(Varargs, FloatingPointIsTheLibrarysCutTo23Characters) {
+    constexpr double kInfinite = std::numeric_limits<double>::infinity();
+    for (const double value : {0.0, 1.0, -1.5, 0.1, 123456.789, -9.99e-7, 1e22, 3.25e-300, kInfinite, -kInfinite}) {
+        for (const char letter : {'f', 'F', 'e', 'E', 'g', 'G', 'a', 'A'}) {
+            for (const std::string precision : kPrecisions) {
+                const std::string whole = library("%" + precision + letter, value);
+                for (const std::string width : {"", "9", "-9", "30"}) {
+                    const std::string format = "<%" + width + precision + letter + ">";
+                    const std::string cut = whole.substr(0, 23);
+                    ASSERT_EQ(formatString(format.c_str(), value), library("<%" + width + "s>", cut.c_str())) << format;
+                    const auto narrow = static_cast<float>(value);
+                    ASSERT_EQ(formatString(format.c_str(), narrow),
+                              formatString(format.c_str(), static_cast<double>(narrow)));
+                }
+            }
+        }
+    }
 }
 
 } // namespace
+} // namespace NS_CORE

@@ -190,12 +190,7 @@ TEST(DateTimeLayout, TheBytesAreThoseThatOthersRead) {
 
 TEST(DateTimeLayout, TheFieldsComeBackAsTheyWentIn) {
     const DateTime time(calendar(2016, 12, 31, 23, 59, 60), -24);
-    EXPECT_EQ(time.year(), 2016U);
-    EXPECT_EQ(time.month(), 12U);
-    EXPECT_EQ(time.day(), 31U);
-    EXPECT_EQ(time.hour(), 23U);
-    EXPECT_EQ(time.minute(), 59U);
-    EXPECT_EQ(time.second(), 60U);
+    EXPECT_EQ(text(time), "2016-12-31 23:59:60");
     EXPECT_EQ(time.milliseconds(), 0U);
     EXPECT_EQ(time.dto(), -24);
     EXPECT_TRUE(time.isDtoSet());
@@ -349,19 +344,17 @@ TEST(TimeDeathTest, FailedChecksEndTheProcessWhereTheHookSaysStop) {
 
 // Differences.
 
-// 2019-11-20 at the zone's offset.
-DateTime onTheDay(int hour, int minute, int second, int32_t milliseconds) {
-    test::setTimeZone("UTC0");
-    constexpr int32_t kMidnight = 1'574'208'000;
-    return DateTime(Timespec{kMidnight + hour * 3600 + minute * 60 + second, milliseconds * 1'000'000});
-}
-
 TEST_F(Time, DifferenceBorrowsASecondForTheNanoseconds) {
-    EXPECT_EQ(difference(onTheDay(10, 0, 0, 100), onTheDay(9, 59, 59, 900)), (Timespec{0, 200'000'000}));
-    EXPECT_EQ(difference(onTheDay(9, 59, 59, 900), onTheDay(10, 0, 0, 100)), (Timespec{-1, 800'000'000}));
-    EXPECT_EQ(difference(onTheDay(10, 0, 0, 0), onTheDay(10, 0, 0, 1)), (Timespec{-1, 999'000'000}));
-    EXPECT_EQ(difference(onTheDay(10, 0, 0, 999), onTheDay(9, 0, 0, 0)), (Timespec{3600, 999'000'000}));
-    EXPECT_EQ(difference(onTheDay(10, 0, 0, 5), onTheDay(10, 0, 0, 5)), (Timespec{0, 0}));
+    test::setTimeZone("UTC0");
+    struct Row {
+        Timespec end, begin, difference;
+    };
+    for (const Row& row : {Row{{36000, 100'000'000}, {35999, 900'000'000}, {0, 200'000'000}},
+                           Row{{35999, 900'000'000}, {36000, 100'000'000}, {-1, 800'000'000}},
+                           Row{{36000, 0}, {36000, 1'000'000}, {-1, 999'000'000}},
+                           Row{{36000, 999'000'000}, {32400, 0}, {3600, 999'000'000}},
+                           Row{{36000, 5'000'000}, {36000, 5'000'000}, {0, 0}}})
+        EXPECT_EQ(difference(DateTime(row.end), DateTime(row.begin)), row.difference);
 }
 
 TEST_F(Time, DifferenceCountsOffsetsUnlessOneIsUnknown) {
