@@ -177,7 +177,7 @@ public:
 
     // Milliseconds beyond the five seconds from the companion's end to the start of the next one.
     double awaitRestart() const {
-        const test::Record next = m_installation.awaitRecord("started", m_starts + 1, seconds(60));
+        const test::Record next = m_installation.awaitRecord("started", m_starts + 1);
         m_installation.awaitRecord("ready", m_starts + 1);
         constexpr double kDelay = 5000;
         return static_cast<double>(next.microseconds - m_ended) / 1000 - kDelay;

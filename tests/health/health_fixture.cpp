@@ -6,11 +6,7 @@
 #include "tests/system/await.h"
 
 namespace test {
-namespace {
-
-constexpr std::chrono::seconds kLimit(30);
-
-} // namespace
+namespace {} // namespace
 
 std::filesystem::path addHealth(const std::filesystem::path& directory) {
     const std::filesystem::path program = directory / std::filesystem::path(HEALTH_PROGRAM).filename();
@@ -25,7 +21,7 @@ Health ask(const Installation& installation, const std::vector<std::string>& wor
     std::filesystem::remove(output);
     {
         Process process(installation.bin() / std::filesystem::path(HEALTH_PROGRAM).filename(), words, output);
-        health.code = process.awaitExit(kLimit).value_or(-1);
+        health.code = process.awaitExit().value_or(-1);
     }
     health.text = readFile(output);
     // "[name] sentence"
@@ -44,12 +40,12 @@ HealthTest::HealthTest() {
 void HealthTest::startWithCompanion(const std::string& companionSettings) {
     m_installation.setCompanion(companionSettings);
     m_service.start();
-    m_installation.awaitRecord("ready", 1, kLimit);
+    m_installation.awaitRecord("ready");
 }
 
 void HealthTest::awaitLaterSecond() {
     const std::time_t now = std::time(nullptr);
-    ASSERT_TRUE(await([now] { return std::time(nullptr) > now + 1; }, kLimit));
+    ASSERT_TRUE(await([now] { return std::time(nullptr) > now + 1; }));
 }
 
 } // namespace test

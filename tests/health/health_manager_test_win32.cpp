@@ -8,10 +8,6 @@
 namespace test {
 namespace {
 
-using std::chrono::seconds;
-
-constexpr seconds kLimit(30);
-
 TEST_F(HealthTest, RecoversWhatAKilledServiceLeaves) {
     startWithCompanion();
     EXPECT_EQ(ask({"--recover"}).text,
@@ -23,11 +19,11 @@ TEST_F(HealthTest, RecoversWhatAKilledServiceLeaves) {
     EXPECT_EQ(recovered.code, 0);
     EXPECT_TRUE(recovered.says("Ended orphaned companion process ") && recovered.says("\nThe service was started.\n"))
         << recovered.text;
-    m_installation.awaitRecord("ready", 2, kLimit);
+    m_installation.awaitRecord("ready", 2);
     EXPECT_EQ(ask().text.substr(0, 3), "OK:");
     // It stops as any other.
     m_service.requestStop();
-    EXPECT_TRUE(await([this] { return m_service.hasStopped(); }, kLimit));
+    EXPECT_TRUE(await([this] { return m_service.hasStopped(); }));
 }
 
 TEST_F(HealthTest, KnowsWhatTheManagerHasRegistered) {
@@ -60,7 +56,7 @@ TEST_F(HealthTest, KnowsWhatTheManagerHasRegistered) {
 
 TEST_F(HealthTest, SeesAServiceThatWasStartedByHand) {
     Process console(m_installation.program(), {"service-console"}, m_installation.output());
-    m_installation.awaitRecord("ready", 1, kLimit);
+    m_installation.awaitRecord("ready");
     const Health health = ask();
     EXPECT_EQ(health.findings, Names{"service-foreground"});
     EXPECT_TRUE(health.says("as process " + std::to_string(console.id()))) << health.text;
@@ -72,7 +68,7 @@ TEST_F(HealthTest, SeesAServiceThatStarts) {
     std::filesystem::remove(m_installation.program()); // it is a link
     std::filesystem::copy(m_installation.companion(), m_installation.program());
     std::thread start([] { ::StartServiceW(openInstalledService().get(), 0, nullptr); });
-    m_installation.awaitRecord("ready", 1, kLimit);
+    m_installation.awaitRecord("ready");
     const Health health = ask();
     endProcess(m_installation.records("ready").front().processId, m_installation.root());
     start.join();

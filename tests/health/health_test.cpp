@@ -16,8 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::seconds;
 
-constexpr seconds kLimit(30);
-
 std::map<fs::path, std::pair<uintmax_t, fs::file_time_type>> filesOf(const fs::path& root) {
     std::map<fs::path, std::pair<uintmax_t, fs::file_time_type>> files;
     for (const auto& entry : fs::recursive_directory_iterator(root))
@@ -68,7 +66,7 @@ TEST_F(HealthTest, FindsAndEndsWhatAKilledServiceLeavesAndNothingElse) {
     registerKeri(m_installation.root(), pathText(m_installation.keri()));
     other.setCompanion("mute");
     Process stranger(other.companion(), {}, other.output());
-    other.awaitRecord("ready", 1, kLimit);
+    other.awaitRecord("ready");
     EXPECT_EQ(ask().findings, Names{"companion-elsewhere"});
     EXPECT_EQ(ask({"--clear-orphan"}).text, "There is no orphaned companion of this installation.\n");
     const uint32_t companion = m_installation.records("ready").front().processId;
@@ -95,9 +93,9 @@ TEST_F(HealthTest, FindsACompanionOfAnotherInstallationOnThePort) {
     registerKeri(m_installation.root(), pathText(m_installation.keri()));
     addHealth(other.bin());
     Process stranger(other.companion(), {}, other.output());
-    other.awaitRecord("ready", 1, kLimit);
+    other.awaitRecord("ready");
     m_service.start();
-    m_installation.awaitLog(line::failed, 1, kLimit);
+    m_installation.awaitLog(line::failed);
     const Health health = ask();
     EXPECT_EQ(health.code, 2);
     EXPECT_TRUE(health.has("port-elsewhere") && health.has("restarts")) << health.text;
@@ -106,8 +104,8 @@ TEST_F(HealthTest, FindsACompanionOfAnotherInstallationOnThePort) {
     // To its own installation it is an orphan.
     EXPECT_TRUE(test::ask(other).has("orphan"));
     EXPECT_EQ(test::ask(other, {"--clear-orphan"}).code, 0);
-    EXPECT_TRUE(stranger.awaitExit(kLimit).has_value());
-    m_installation.awaitRecord("ready", 1, kLimit);
+    EXPECT_TRUE(stranger.awaitExit().has_value());
+    m_installation.awaitRecord("ready");
     EXPECT_EQ(ask().findings, Names{"restarts"});
 }
 
@@ -131,7 +129,7 @@ TEST_F(HealthTest, KnowsAStopThatWasLostWhileLibrariesWereCopiedAndTheWayOut) {
     EXPECT_TRUE(ask().has("stopping"));
     awaitLaterSecond();
     deployment.release();
-    m_installation.awaitRecord("ready", 1, kLimit);
+    m_installation.awaitRecord("ready");
     const Health health = ask();
     EXPECT_EQ(health.code, 2);
     EXPECT_TRUE(health.has("stop-lost")) << health.text;
@@ -152,15 +150,15 @@ TEST_F(HealthTest, WaitsWithTheServiceForACompanionThatIgnoresTheStop) {
     const uint32_t companion = m_installation.records("ready").front().processId;
     EXPECT_TRUE(health.says(" and waits for its companion, process " + std::to_string(companion) + ", to end."));
     endProcess(companion, m_installation.root());
-    m_service.awaitStopped(kLimit);
+    m_service.awaitStopped();
     EXPECT_EQ(ask().findings, Names{"service-stopped"});
 }
 
 TEST_F(HealthTest, SeesTheCrashAndItsDump) {
     startWithCompanion();
     crash(m_service, m_installation);
-    EXPECT_TRUE(await([this] { return fs::exists(m_installation.logFile().parent_path() / "dumps.log"); }, kLimit));
-    EXPECT_TRUE(await([this] { return !processRuns(m_service.processId(), m_installation.root()); }, kLimit));
+    EXPECT_TRUE(await([this] { return fs::exists(m_installation.logFile().parent_path() / "dumps.log"); }));
+    EXPECT_TRUE(await([this] { return !processRuns(m_service.processId(), m_installation.root()); }));
     const Health health = ask();
     EXPECT_TRUE(health.has("crash-dump") && health.says("quorkeri_service-")) << health.text;
 }
@@ -169,7 +167,7 @@ TEST_F(HealthTest, SaysWhyTheCompanionCannotBeStarted) {
     // It begins as a program does, and is none.
     writeFile(m_installation.companion(), health::machine::kIsWindows ? "MZ" : "\177ELF");
     m_service.start();
-    m_installation.awaitLog(line::failed, 1, kLimit);
+    m_installation.awaitLog(line::failed);
     const Health damaged = ask();
     EXPECT_EQ(damaged.findings,
               (Names{notAProgramText().empty() ? "companion-damaged" : "companion-refused", "restarts"}));
@@ -180,7 +178,7 @@ TEST_F(HealthTest, SaysWhyTheCompanionCannotBeStarted) {
 TEST_F(HealthTest, SeesTheCompanionsPause) {
     m_installation.setCompanion("exit 1");
     m_service.start();
-    m_installation.awaitLog(line::failed, 1, kLimit);
+    m_installation.awaitLog(line::failed);
     EXPECT_EQ(ask().findings, (Names{"companion-none", "restarts"}));
 }
 
@@ -236,7 +234,7 @@ TEST_F(HealthTest, MissesALogThatTheServiceShouldHaveWritten) {
 TEST_F(HealthTest, EndsAProcessOnlyIfItIsStillTheSame) {
     m_installation.setCompanion("mute");
     Process companion(m_installation.companion(), {}, m_installation.output());
-    m_installation.awaitRecord("ready", 1, kLimit);
+    m_installation.awaitRecord("ready");
     health::machine::Process known;
     for (const health::machine::Process& process : health::machine::processes())
         if (process.id == companion.id()) known = process;
@@ -251,14 +249,14 @@ TEST_F(HealthTest, EndsAProcessOnlyIfItIsStillTheSame) {
     EXPECT_EQ(health::machine::endProcess(renamed), "");
     EXPECT_EQ(companion.awaitExit(seconds(0)), std::nullopt);
     EXPECT_EQ(health::machine::endProcess(known), "");
-    EXPECT_TRUE(companion.awaitExit(kLimit).has_value());
+    EXPECT_TRUE(companion.awaitExit().has_value());
     EXPECT_EQ(health::machine::endProcess(known), "") << "it has ended by itself";
 }
 
 TEST(HealthPlace, IsTheBinOfAnInstallation) {
     const TempDir directory;
     Process process(addHealth(directory.path()), {}, directory.path() / "out");
-    EXPECT_EQ(process.awaitExit(kLimit), 3);
+    EXPECT_EQ(process.awaitExit(), 3);
     EXPECT_TRUE(readFile(directory.path() / "out").starts_with("UNKNOWN: this program does not lie in the bin"));
 }
 

@@ -387,7 +387,7 @@ TEST_F(Removing, LeavesTheCompanionAloneWhenItPurges) {
 void runInLinux(const std::string& command) {
     const fs::path done = PackagesTest::base() / "linux.done";
     run("Z:\\bin\\sh -c \"" + command + "; : >linux.done\"", PackagesTest::base());
-    EXPECT_TRUE(await([&] { return fs::exists(done); }, kLimit));
+    EXPECT_TRUE(await([&] { return fs::exists(done); }));
     fs::remove(done);
 }
 

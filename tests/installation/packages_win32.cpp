@@ -228,7 +228,7 @@ size_t PackagesTest::companionEvents(const std::string& event) {
 }
 
 void PackagesTest::awaitCompanion(size_t count) {
-    if (!await([&] { return companionEvents("ready") >= count; }, kLimit))
+    if (!await([&] { return companionEvents("ready") >= count; }))
         throw std::runtime_error("The companion was not started " + std::to_string(count) + " times");
 }
 
@@ -299,7 +299,7 @@ std::string PackagesTest::serviceState() {
 }
 
 void PackagesTest::awaitServiceState(const std::string& state) {
-    if (!await([&] { return serviceState() == state; }, kLimit))
+    if (!await([&] { return serviceState() == state; }))
         throw std::runtime_error("The service is " + serviceState() + ", not " + state);
 }
 
@@ -317,7 +317,7 @@ void PackagesTest::stopService(bool isHeld) {
     const size_t datagrams = companionEvents("datagram");
     control(SERVICE_CONTROL_STOP);
     if (isHeld) {
-        if (!await([&] { return companionEvents("datagram") > datagrams; }, kLimit))
+        if (!await([&] { return companionEvents("datagram") > datagrams; }))
             throw std::runtime_error("The stop datagram did not arrive");
         EXPECT_EQ(serviceState(), "stopping");
         forEachProgram(installation(), [](const std::string& name, DWORD id) {
@@ -325,7 +325,7 @@ void PackagesTest::stopService(bool isHeld) {
         });
     }
     awaitServiceState("stopped");
-    if (!await([] { return programs().empty(); }, kLimit)) throw std::runtime_error("A process of the service stays");
+    if (!await([] { return programs().empty(); })) throw std::runtime_error("A process of the service stays");
 }
 
 void PackagesTest::begin(Before before, const std::string& name) {
@@ -350,7 +350,7 @@ void PackagesTest::expectWorking(const std::string& name, bool isByPackage, cons
         return file.ends_with('/') && next != wanted.end() && next->starts_with(file);
     });
     // The libraries come a moment after the start.
-    EXPECT_TRUE(await([&] { return files(installation()).size() >= wanted.size(); }, kLimit));
+    EXPECT_TRUE(await([&] { return files(installation()).size() >= wanted.size(); }));
     Facts expected = {{"service program", utf8(bin() / kServiceName)},
                       {"service name", "Quorvane Keri Wrapper"},
                       {"service kind", "16 1"},

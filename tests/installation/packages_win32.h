@@ -12,8 +12,6 @@
 // What the tests of the packages do as an administrator, and what they look at. Texts are UTF-8; failures throw.
 namespace test {
 
-constexpr std::chrono::seconds kLimit(60); // ten times what a quiet machine needs for anything that is waited for
-
 // All that an installation can change, by name: service, product, files.
 using Facts = std::map<std::string, std::string>;
 

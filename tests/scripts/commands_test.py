@@ -8,7 +8,7 @@ SCRIPTS = Path(sys.argv.pop(1)) / "scripts"
 
 
 def run(name, *words):
-    done = subprocess.run([SCRIPTS / name, *words], capture_output=True, text=True, check=False, timeout=60)
+    done = subprocess.run([SCRIPTS / name, *words], capture_output=True, text=True, check=False, timeout=600)
     return done.returncode, done.stdout, done.stderr
 
 

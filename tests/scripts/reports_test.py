@@ -26,7 +26,7 @@ class ReportsTest(unittest.TestCase):
         """A start that ends by itself: there is no service manager here."""
         program = self.root / where / "quorkeri_service"
         shutil.copy(PROGRAM, program)
-        subprocess.run([program, "service-install"], cwd=working_directory, timeout=60, check=False,
+        subprocess.run([program, "service-install"], cwd=working_directory, timeout=600, check=False,
                        stdout=subprocess.DEVNULL)
 
     def start_collector(self):

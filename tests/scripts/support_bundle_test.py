@@ -66,7 +66,7 @@ class SupportBundleTest(unittest.TestCase):
         if WINE:
             command = WINE + (["cmd", "/c", script.name] if where == script.parent else
                               ["cmd", "/c", "call", Wine.path(script)])
-        return subprocess.run(command, cwd=where or self.elsewhere, timeout=60, check=False, stdin=subprocess.DEVNULL,
+        return subprocess.run(command, cwd=where or self.elsewhere, timeout=600, check=False, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
     def bundled(self, number):

@@ -24,7 +24,7 @@ protected:
     DeploymentTest();
 
     // Runs CopyDependencies there and answers what it logged: "LEVEL text", and "CHECK source: message" for failed
-    // checks. `how` is the child's further arguments (deployment_test.cpp).
+    // checks. With "again" in `how` it runs that many times more.
     std::vector<std::string> deploy(const std::vector<std::string>& how = {});
 
     // Registers `directory`, as REG_SZ with a terminator.

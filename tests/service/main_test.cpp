@@ -36,10 +36,7 @@ int runWith(const std::vector<std::string>& words) {
     return runProcess(arguments);
 }
 
-// The program as its entry runs it.
-const test::ChildProgram g_application("application", &runWith);
-
-// The same, and then what is left of it: 100 when all is as it should be.
+// The program as its entry runs it, and then what is left of it: 100 when all is as it should be.
 const test::ChildProgram g_applicationAfter("application_after", [](const std::vector<std::string>& words) {
     if (!NS_CORE::productIdentifier().empty()) return 1;
     if (runWith(words) != 1) return 2;
@@ -123,16 +120,6 @@ protected:
 
     test::TempDir m_dir;
 };
-
-TEST_F(MainTest, WithoutWordsRunsUnderTheManagerAndPassesItsFailureOn) {
-    EXPECT_EQ(runChild("application", {}), 1UL);
-    const Lines lines = logLines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_TRUE(
-        lines[0].starts_with("UTL::Service::runService - failed to start service control dispather for "
-                             "'quorkeri_service.exe': "))
-        << lines[0];
-}
 
 TEST_F(MainTest, LeavesIdentityAndPathsSetTheHostClearedAndTheLogClosed) {
     EXPECT_EQ(runChild("application_after", {}), 100UL);

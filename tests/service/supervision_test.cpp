@@ -11,18 +11,16 @@
 #include <thread>
 #include <vector>
 
-#include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
 #include "tests/service/process_gauge.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/semaphore.h"
-#include "tests/support/temp_dir.h"
 #include "tests/support/udp_receiver.h"
-#include "utl/utl_processutils.h"
 
-// What supervision does in each state when each event comes. "-" cannot happen.
+// What supervision does in each state when each event comes. "-" cannot happen. To supervision a start that fails is a
+// companion that ends at once; tests/system/supervision_test.cpp has real ones of each kind.
 //
 //                    companion ends   start fails       stop                           pause over
 //     deploying      -                -                 lost; datagram sent            -
@@ -135,7 +133,6 @@ TEST_F(SupervisionTest, CompanionRunsAndStopEndsWhenTheCompanionEnds) {
     awaitEnd();
     EXPECT_EQ(m_starts, 1);
     EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop}));
-    EXPECT_TRUE(m_hook.failures().empty());
 }
 
 TEST_F(SupervisionTest, CompanionRunsAndTwoStopsSendTwoDatagrams) {
@@ -147,25 +144,6 @@ TEST_F(SupervisionTest, CompanionRunsAndTwoStopsSendTwoDatagrams) {
     m_ended.release();
     awaitEnd();
     EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop, kStop}));
-}
-
-TEST_F(SupervisionTest, CompanionThatIgnoresTheDatagramHoldsTheEnd) {
-    beginWithCompanion(/*delayMs=*/0);
-    m_supervisor->stop();
-    m_companionPort.receive();
-    EXPECT_FALSE(m_started.acquireWithin(milliseconds(100)));
-    EXPECT_EQ(m_result, -1);
-    m_ended.release();
-    awaitEnd();
-}
-
-// To supervision a start that fails is a start step that returns; the step logs it.
-TEST_F(SupervisionTest, StartFailsAndStopMeanwhileEndsWithoutAWarning) {
-    beginWithCompanion();
-    m_supervisor->stop();
-    m_ended.release();
-    awaitEnd();
-    EXPECT_EQ(m_log.lines(), (Lines{kRunning, kStop}));
 }
 
 TEST_F(SupervisionTest, PausingAndStopEndsWhenThePauseIsOverWithoutAnotherStart) {
@@ -181,17 +159,6 @@ TEST_F(SupervisionTest, PausingAndStopEndsWhenThePauseIsOverWithoutAnotherStart)
     EXPECT_EQ(m_log.lines(), (Lines{kRunning, kFailed, kStop}));
 }
 
-TEST_F(SupervisionTest, PausingAndPauseOverStartsAgain) {
-    beginWithCompanion();
-    m_ended.release();
-    awaitPause();
-    m_started.acquire();
-    EXPECT_EQ(m_starts, 2);
-    m_supervisor->stop();
-    m_ended.release();
-    awaitEnd();
-}
-
 TEST_F(SupervisionTest, StopBeforeTheWorkBeginsIsLost) {
     Supervisor::Steps steps{[] {},
                             [this](const char*) {
@@ -203,80 +170,8 @@ TEST_F(SupervisionTest, StopBeforeTheWorkBeginsIsLost) {
     EXPECT_EQ(m_log.lines(), (Lines{kStop, kRunning, kFailed, kStop}));
 }
 
-// Real programs from here on: the production start step, on a program that the test chooses.
-class RealCompanionTest : public SupervisionTest {
-protected:
-    // Supervises `commandLine` until it has been started that many times, and stops while the last one runs.
-    void supervise(const std::string& commandLine, int starts, uint32_t delayMs) {
-        const Supervisor::Steps production = Supervisor::Steps::production();
-        Supervisor supervisor({[] {},
-                               [&](const char*) {
-                                   if (++m_starts == starts) supervisor.stop();
-                                   m_startTimes.push_back(Clock::now());
-                                   production.start(commandLine.c_str());
-                                   m_endTimes.push_back(Clock::now());
-                               }},
-                              delayMs);
-        EXPECT_EQ(supervisor.run(0, nullptr), 0);
-    }
-
-    test::TempDir m_dir;
-    std::vector<Clock::time_point> m_startTimes;
-    std::vector<Clock::time_point> m_endTimes;
-};
-
 const test::ChildProgram g_ends("supervision_ends",
                                 [](const std::vector<std::string>& arguments) { return std::stoi(arguments.at(0)); });
-
-TEST_F(RealCompanionTest, ThereIsNoCompanion) {
-    supervise(m_dir.file("nothing.exe"), 3, /*delayMs=*/1);
-    const std::string startFailed =
-        "WARN NS_UTL::ProcessUtils::start - failed to start '" + m_dir.file("nothing.exe") + "': ";
-    const Lines lines = m_log.lines();
-    ASSERT_EQ(lines.size(), 7U);
-    EXPECT_EQ(lines[0], kRunning);
-    EXPECT_TRUE(lines[1].starts_with(startFailed) && lines[1].size() > startFailed.size()) << lines[1];
-    EXPECT_EQ(lines[2], kFailed);
-    EXPECT_EQ(lines[3], lines[1]);
-    EXPECT_EQ(lines[4], kFailed);
-    EXPECT_EQ(lines[5], kStop);
-    EXPECT_EQ(lines[6], lines[1]);
-}
-
-TEST_F(RealCompanionTest, CompanionIsNotAProgram) {
-    const std::string path = m_dir.file("text.exe");
-    test::writeFile(m_dir.path() / "text.exe", std::string(1000, '\x01'));
-    std::filesystem::permissions(m_dir.path() / "text.exe", std::filesystem::perms::owner_all);
-    supervise(path, 2, /*delayMs=*/1);
-    const Lines lines = m_log.lines();
-    ASSERT_EQ(lines.size(), 5U);
-    EXPECT_TRUE(lines[1].starts_with("WARN NS_UTL::ProcessUtils::start - failed to start '" + path + "': "))
-        << lines[1];
-    EXPECT_EQ(lines[2], kFailed);
-}
-
-TEST_F(RealCompanionTest, CompanionThatEndsAtOnceIsStartedTwentyTimesOver) {
-    constexpr int kStarts = 20;
-    supervise(test::childCommandLine("supervision_ends", {"3"}), kStarts, /*delayMs=*/20);
-    EXPECT_EQ(m_starts, kStarts);
-    Lines expected = {kRunning};
-    expected.insert(expected.end(), kStarts - 1, kFailed);
-    expected.push_back(kStop);
-    EXPECT_EQ(m_log.lines(), expected);
-    for (size_t i = 1; i < m_startTimes.size(); ++i)
-        EXPECT_GE(m_startTimes[i] - m_endTimes[i - 1], milliseconds(20)) << "start " << i;
-}
-
-TEST_F(RealCompanionTest, ThePausesOfTheServiceAreFiveSeconds) {
-    const Supervisor::Steps production = Supervisor::Steps::production();
-    Supervisor supervisor({[] {},
-                           [&](const char*) {
-                               m_startTimes.push_back(Clock::now());
-                               if (++m_starts == 2) supervisor.stop();
-                           }});
-    EXPECT_EQ(supervisor.run(0, nullptr), 0);
-    EXPECT_GE(m_startTimes[1] - m_startTimes[0], milliseconds(5000));
-}
 
 TEST(RestartTest, RestartsLeaveNothingBehind) {
     // Not recorded: the records would be the memory that grows.

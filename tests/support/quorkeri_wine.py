@@ -16,7 +16,7 @@ SERVICE = "quorkeri_service.exe"
 COMPANION = "quorkeri_wrapper.exe"
 LIBRARIES = ("ClientSocketServices.dll", "DHS.dll", "DHSAttributes.dll", "DHS_Commands.dll", "SocketServices.dll",
              "TracerX-Logger.dll")
-LIMIT = 60  # seconds for anything that has to happen; ten times what a quiet machine needs
+LIMIT = 180  # seconds for anything that has to happen; far more than ten times what a quiet machine needs
 
 SILENT = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
 

@@ -23,13 +23,12 @@ import tty
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from quorkeri_wine import Companion, Wine, text_of
+from quorkeri_wine import LIMIT, Companion, Wine, text_of
 
 SERVICE, COMPANION = map(pathlib.Path, sys.argv[1:3])
 WINE = sys.argv[3:5]
 del sys.argv[1:5]
 
-LIMIT = 30  # seconds for anything that is waited for
 CONTROL_C = b"\x03"
 # Nobody has registered the Keri software: what console mode says of itself on an ordinary machine.
 COMPLAINT = "[CRIT] getKeriInstallDir - "
@@ -59,6 +58,9 @@ class Terminal:
                 termios.tcsetattr(0, termios.TCSANOW, mode)
             os.execv(command[0], command)
 
+    def write(self, keys):
+        os.write(self.fd, keys)
+
     def read(self, seconds):
         """False at the end of the output."""
         if not select.select([self.fd], [], [], seconds)[0]:
@@ -69,9 +71,6 @@ class Terminal:
             return False
         self.screen += piece
         return bool(piece)
-
-    def type(self, keys):
-        os.write(self.fd, keys)
 
     def await_true(self, what, is_true):
         until = time.monotonic() + LIMIT
@@ -130,7 +129,7 @@ class NativeTest(ConsoleTest):
         terminal = self.at_terminal(self.program, "service-console")
         terminal.await_text(COMPLAINT)
         self.await_companion(terminal)
-        terminal.type(CONTROL_C)
+        terminal.write(CONTROL_C)
         self.assertEqual(terminal.await_end(), 0)
         self.assert_stopped_once()
         # Nothing but the logger's own lines, and the terminal's echo of the key.
@@ -179,7 +178,7 @@ class WindowsTest(ConsoleTest):
         """The key is another test's: at this prompt Wine makes two events of it, and the second ends any program."""
         prompt = self.wine("cmd")
         prompt.await_text(">")
-        prompt.type(b'start /wait /b "" "' + os.fsencode(Wine.path(self.program)) + b'" service-console\r')
+        prompt.write(b'start /wait /b "" "' + os.fsencode(Wine.path(self.program)) + b'" service-console\r')
         prompt.await_text(COMPLAINT)
         self.await_companion(prompt)
 
@@ -187,7 +186,7 @@ class WindowsTest(ConsoleTest):
         parent = self.service("lend")
         parent.await_text(COMPLAINT)
         self.await_companion(parent)
-        parent.type(CONTROL_C)
+        parent.write(CONTROL_C)
         parent.await_end()
         self.assert_stopped_once()
         self.assertRegex(plain(parent.screen), r"\nended with 0, code pages (\d+) \1\n")
@@ -205,7 +204,7 @@ class WindowsTest(ConsoleTest):
     def test_redirected_output_arrives_byte_for_byte(self):
         parent = self.service("redirect", "output")
         self.await_companion(parent)
-        parent.type(CONTROL_C)
+        parent.write(CONTROL_C)
         parent.await_end()
         self.assertEqual((self.root / "output").read_bytes(),
                          b"[CRIT] getKeriInstallDir - Could not locate KERI install directory from registry\r\n")

@@ -29,7 +29,7 @@ NS_CORE::ScopedKernelHandle start(std::wstring line) {
 }
 
 DWORD exitCodeOf(const NS_CORE::ScopedKernelHandle& process) {
-    EXPECT_EQ(::WaitForSingleObject(process.get(), 60'000), DWORD{WAIT_OBJECT_0});
+    EXPECT_EQ(::WaitForSingleObject(process.get(), INFINITE), DWORD{WAIT_OBJECT_0});
     DWORD code = 0;
     EXPECT_TRUE(::GetExitCodeProcess(process.get(), &code));
     return code;

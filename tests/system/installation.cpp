@@ -147,13 +147,13 @@ std::vector<std::string> Installation::log() const {
     return entries;
 }
 
-void Installation::awaitLog(const std::string& text, size_t count, std::chrono::milliseconds limit) const {
+void Installation::awaitLog(const std::string& text, size_t count) const {
     const auto isThere = [&] {
         size_t found = 0;
         for (const std::string& line : log()) found += line.starts_with(text);
         return found >= count;
     };
-    if (!await(isThere, limit)) throw std::runtime_error("No such log line: " + text + "\nThe log:\n" + joined(log()));
+    if (!await(isThere)) throw std::runtime_error("No such log line: " + text + "\nThe log:\n" + joined(log()));
 }
 
 std::vector<Record> Installation::records(const std::string& event) const {
@@ -168,8 +168,8 @@ std::vector<Record> Installation::records(const std::string& event) const {
     return found;
 }
 
-Record Installation::awaitRecord(const std::string& event, size_t count, std::chrono::milliseconds limit) const {
-    if (!await([&] { return records(event).size() >= count; }, limit)) {
+Record Installation::awaitRecord(const std::string& event, size_t count) const {
+    if (!await([&] { return records(event).size() >= count; })) {
         std::vector<std::string> lines;
         for (const Record& record : records()) {
             if (record.event != "environment" && record.event != "handle")

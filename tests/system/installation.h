@@ -58,14 +58,12 @@ public:
     // break within a record stays.
     std::vector<std::string> log() const;
     // Waits until the log has `count` records that begin with `text`.
-    void awaitLog(const std::string& text, size_t count = 1,
-                  std::chrono::milliseconds limit = std::chrono::seconds(60)) const;
+    void awaitLog(const std::string& text, size_t count = 1) const;
 
     // The companion's records of one event, or all.
     std::vector<Record> records(const std::string& event = "") const;
     // Waits for the count-th record of an event.
-    Record awaitRecord(const std::string& event, size_t count = 1,
-                       std::chrono::milliseconds limit = std::chrono::seconds(60)) const;
+    Record awaitRecord(const std::string& event, size_t count = 1) const;
 
     // Forgets log and records, for the next round in the same installation.
     void clearTraces() const;

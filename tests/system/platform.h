@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/system/await.h"
+
 // What the tests of the whole program need of the operating system; one source per platform. Failures throw, so that a
 // test ends with the reason. Texts are UTF-8.
 namespace test {
@@ -56,7 +58,7 @@ public:
 
     // The exit code; minus the signal's number when a signal ended the program. Nothing when it still runs after the
     // limit.
-    std::optional<int64_t> awaitExit(std::chrono::milliseconds limit);
+    std::optional<int64_t> awaitExit(std::chrono::milliseconds limit = kLimit);
 
     void end();
 

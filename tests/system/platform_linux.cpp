@@ -133,7 +133,7 @@ void endProcessesBelow(const std::filesystem::path& root) {
         }
         return isNone;
     };
-    if (!await(isNobodyLeft, std::chrono::seconds(60))) throw std::runtime_error("a program cannot be ended");
+    if (!await(isNobodyLeft)) throw std::runtime_error("a program cannot be ended");
 }
 
 void registerKeri(const std::filesystem::path& root, const std::string& location) {
@@ -191,7 +191,7 @@ std::optional<int64_t> Process::awaitExit(std::chrono::milliseconds limit) {
 void Process::end() {
     if (m_exitCode) return;
     ::kill(static_cast<pid_t>(m_id), SIGKILL);
-    static_cast<void>(awaitExit(std::chrono::seconds(60)));
+    static_cast<void>(awaitExit());
 }
 
 HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
@@ -212,7 +212,7 @@ void HeldDeployment::awaitReader() {
         m_handle = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         return m_handle != -1;
     };
-    if (!await(isRead, std::chrono::seconds(60))) fail("nobody reads the held library");
+    if (!await(isRead)) fail("nobody reads the held library");
 }
 
 void HeldDeployment::release() {

@@ -95,7 +95,7 @@ void endProcessesBelow(const std::filesystem::path& root) {
         }
         return isNone;
     };
-    if (!await(isNobodyLeft, std::chrono::seconds(60))) throw std::runtime_error("a program cannot be ended");
+    if (!await(isNobodyLeft)) throw std::runtime_error("a program cannot be ended");
 }
 
 void registerKeri(const std::filesystem::path& /*root*/, const std::string& location) {
@@ -172,7 +172,7 @@ void Process::end() {
     if (m_exitCode) return;
     constexpr UINT kEndedFromOutside = 99;
     ::TerminateProcess(reinterpret_cast<HANDLE>(m_handle), kEndedFromOutside);
-    static_cast<void>(awaitExit(std::chrono::seconds(60)));
+    static_cast<void>(awaitExit());
 }
 
 HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
@@ -195,7 +195,7 @@ void HeldDeployment::awaitReader() {
         ::ConnectNamedPipe(reinterpret_cast<HANDLE>(m_handle), nullptr);
         return ::GetLastError() == ERROR_PIPE_CONNECTED;
     };
-    if (!await(isRead, std::chrono::seconds(60))) fail("nobody reads the held library");
+    if (!await(isRead)) fail("nobody reads the held library");
 }
 
 void HeldDeployment::release() {

@@ -27,8 +27,6 @@ namespace {
 using NS_CORE::ScopedKernelHandle;
 using NS_CORE::ScopedRegistryKey;
 
-constexpr std::chrono::seconds kLimit(60);
-
 bool isWine() {
     return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
@@ -159,7 +157,7 @@ const ChildProgram g_consoleOwner("console-owner", [](const std::vector<std::str
         failWithLastError("CreateProcessW");
     const ScopedKernelHandle process(started.hProcess);
     const ScopedKernelHandle thread(started.hThread);
-    if (!await([&] { return std::filesystem::exists(fromText(arguments.at(2))); }, kLimit)) return 1;
+    if (!await([&] { return std::filesystem::exists(fromText(arguments.at(2))); })) return 1;
     if (arguments.at(1) == "break")
         ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, 0);
     else
@@ -259,7 +257,7 @@ TEST(RealWindows, EndsWithItsConsoleAndOnCtrlBreak) {
         installation.awaitRecord("ready");
         writeFile(sign, "");
         installation.awaitRecord("ending");
-        EXPECT_EQ(::WaitForSingleObject(owner.get(), 60'000), DWORD{WAIT_OBJECT_0});
+        EXPECT_EQ(::WaitForSingleObject(owner.get(), INFINITE), DWORD{WAIT_OBJECT_0});
         const std::vector<std::string> log = installation.log();
         ASSERT_GE(log.size(), 2U);
         EXPECT_EQ(log[log.size() - 2], "UTL::Service::signalHandler - 21");
@@ -406,10 +404,10 @@ TEST(RealWindows, IsRecoveredByTheManagerThatNamesItsDeathInTheEventLog) {
         const SERVICE_STATUS_PROCESS status = statusOf(openInstalledService());
         return status.dwCurrentState == SERVICE_RUNNING && status.dwProcessId != 0 && status.dwProcessId != first;
     };
-    EXPECT_TRUE(await(isRecovered, kLimit));
+    EXPECT_TRUE(await(isRecovered));
     constexpr DWORD kEndedAndIsRecovered = 7031;
     constexpr size_t kEnough = 200;
-    EXPECT_TRUE(await([&] { return newestEvents(kEnough).contains(kEndedAndIsRecovered); }, kLimit));
+    EXPECT_TRUE(await([&] { return newestEvents(kEnough).contains(kEndedAndIsRecovered); }));
     installation.endPrograms();
 }
 
@@ -428,9 +426,9 @@ TEST(RealWindows, IsDumpedByErrorReportingWhereTheGuardDoesNotReach) {
         }
         return false;
     };
-    EXPECT_TRUE(await(isDumped, kLimit));
+    EXPECT_TRUE(await(isDumped));
     // The reporter may still hold the file.
-    EXPECT_TRUE(await([&] { return !processRuns(service.processId(), installation.root()); }, kLimit));
+    EXPECT_TRUE(await([&] { return !processRuns(service.processId(), installation.root()); }));
 }
 
 TEST(RealWindows, ReportsTheControlsThatTheManagerSendsAtShutdown) {

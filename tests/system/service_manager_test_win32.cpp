@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,14 +13,12 @@
 namespace test {
 namespace {
 
-using std::chrono::seconds;
-
 constexpr const char* kInstalledHead = "UTL::Service::run - installed service 'quorkeri_service.exe' running '";
 
 // A program of the installation with one word; its exit code.
 int64_t runWord(const Installation& installation, const std::string& word) {
     Process process(installation.program(), {word}, installation.output());
-    const auto code = process.awaitExit(seconds(60));
+    const auto code = process.awaitExit();
     EXPECT_TRUE(code.has_value()) << word;
     return code.value_or(-1);
 }
@@ -97,26 +94,6 @@ TEST(ServiceManager, InstallsAndRemovesWithExitCodesAndLogLines) {
     }
 }
 
-TEST(ServiceManager, ReportsARemovalThatTheManagerRefuses) {
-    const Installation installation;
-    ASSERT_EQ(runWord(installation, "service-install"), 0);
-    const ServiceHandle held = openInstalledService();
-    EXPECT_EQ(runWord(installation, "service-remove"), 0);
-    // Somebody holds it open, a console for example: it is only marked.
-    EXPECT_EQ(runWord(installation, "service-remove"), 1);
-    EXPECT_EQ(runWord(installation, "service-install"), 1);
-    const std::string marked = systemText(ERROR_SERVICE_MARKED_FOR_DELETE);
-    EXPECT_EQ(
-        installation.log(),
-        (std::vector<std::string>{kInstalledHead + pathText(installation.program()) + "'",
-                                  "UTL::Service::run - removed service 'quorkeri_service.exe'",
-                                  "UTL::Service::remove - failed to delete service 'quorkeri_service.exe': " + marked,
-                                  "UTL::Service::run - failed to remove service 'quorkeri_service.exe'",
-                                  "UTL::Service::install - failed to create service 'quorkeri_service.exe': " + marked,
-                                  "UTL::Service::run - failed to install service 'quorkeri_service.exe' running '" +
-                                      pathText(installation.program()) + "'"}));
-}
-
 TEST(ServiceManager, AnswersEveryControlWithItsStatusAndItsLogLine) {
     const Installation installation;
     installation.setCompanion("ignore 1");
@@ -153,9 +130,9 @@ TEST(ServiceManager, AnswersEveryControlWithItsStatusAndItsLogLine) {
     EXPECT_EQ(control(SERVICE_CONTROL_INTERROGATE), static_cast<DWORD>(ERROR_SERVICE_NOT_ACTIVE));
 
     const std::string failedCheck = "CORE::Assert::failDefault - GASSERT failed at utl_service_win32:180 (CHECKF) ";
-    const std::vector<std::string> expected = SupervisedService::wholeLog(
-        {"UTL::Service::controlHandler - SERVICE_CONTROL_INTERROGATE", failedCheck + "(128)", failedCheck + "(255)"});
-    EXPECT_EQ(installation.log(), expected);
+    EXPECT_EQ(installation.log(),
+              SupervisedService::wholeLog({"UTL::Service::controlHandler - SERVICE_CONTROL_INTERROGATE",
+                                           failedCheck + "(128)", failedCheck + "(255)"}));
     EXPECT_EQ(installation.records("datagram").size(), 2U) << "one of the service's, one of ours";
 }
 
@@ -171,57 +148,8 @@ TEST(ServiceManager, ShowsStopPendingDuringThePauseAndRemovesARunningServiceWhen
     expectStatus(status, SERVICE_STOP_PENDING);
     EXPECT_TRUE(processRuns(service.processId(), installation.root()));
     const auto isForgotten = [] { return !openService() && ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST; };
-    EXPECT_TRUE(await(isForgotten, seconds(60)));
+    EXPECT_TRUE(await(isForgotten));
     EXPECT_FALSE(processRuns(service.processId(), installation.root()));
-}
-
-TEST(ServiceManager, SaysWhichLibraryAnotherProgramHoldsOpen) {
-    const Installation installation;
-    SupervisedService service(installation);
-    service.start();
-    installation.awaitRecord("ready");
-    service.requestStop();
-    service.awaitStopped();
-    installation.clearTraces();
-
-    // Another companion, left running from elsewhere, holds the second library.
-    const Installation other("elsewhere");
-    registerKeri(installation.root(), pathText(installation.keri()));
-    other.setCompanion("mute\nhold " + pathText(installation.bin() / "DHS.dll"));
-    Process holder(other.companion(), {}, other.output());
-    other.awaitRecord("ready");
-    service.start();
-    installation.awaitRecord("ready");
-    service.requestStop();
-    service.awaitStopped();
-    const std::string bin = pathText(installation.bin());
-    const std::vector<std::string> expected = SupervisedService::wholeLog(
-        {"UTL::FileUtils::copy - failed opening '" + bin + "\\DHS.dll' for writing",
-         "CopyDependencies - Failed copying 'DHS.dll' from '" + pathText(installation.keri()) + "' to '" + bin + "'"});
-    EXPECT_EQ(installation.log(), expected);
-    holder.end();
-}
-
-// Wine's manager takes ten seconds to find out that it started nothing, so all such words are tried at the same time.
-TEST(ServiceManager, IsMissedByAProgramStartedFromAPrompt) {
-    const std::vector<std::vector<std::string>> lines = {
-        {}, {"unknown"}, {"word", "service-install"}, {"word", "service-remove"}, {"SERVICE-INSTALL"}};
-    std::vector<std::unique_ptr<Installation>> installations;
-    std::vector<std::unique_ptr<Process>> processes;
-    for (const std::vector<std::string>& words : lines) {
-        installations.push_back(std::make_unique<Installation>());
-        processes.push_back(
-            std::make_unique<Process>(installations.back()->program(), words, installations.back()->output()));
-    }
-    for (size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(processes[i]->awaitExit(seconds(60)), 1);
-        EXPECT_EQ(installations[i]->log(),
-                  std::vector<std::string>{"UTL::Service::runService - failed to start service control dispather for "
-                                           "'quorkeri_service.exe': " +
-                                           systemText(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT)});
-        EXPECT_TRUE(installations[i]->records("started").empty());
-    }
-    EXPECT_FALSE(openService());
 }
 
 } // namespace

@@ -57,7 +57,7 @@ void removeLeftService() {
     // The manager forgets it only when the last handle is closed.
     service.reset();
     const auto isForgotten = [] { return !openService() && ::GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST; };
-    if (!await(isForgotten, std::chrono::seconds(60))) throw std::runtime_error("The service cannot be removed");
+    if (!await(isForgotten)) throw std::runtime_error("The service cannot be removed");
 }
 
 } // namespace test

@@ -30,7 +30,7 @@ public:
 
     // The process is gone, and on Windows the last state is stopped, with both exit codes 0; on Linux it ended with 0.
     // Throws when that is not so within the limit.
-    void awaitStopped(std::chrono::milliseconds limit = std::chrono::seconds(60));
+    void awaitStopped();
     bool hasStopped();
 
     // Ends the process by its id, as a crash would.

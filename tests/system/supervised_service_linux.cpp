@@ -52,16 +52,15 @@ void SupervisedService::requestStop() {
     const long before = sentDatagrams();
     if (::kill(static_cast<pid_t>(processId()), SIGTERM) != 0) throw std::runtime_error("the process is gone");
     // The signal is handled on a thread of the service's own; the datagram is the last that it does.
-    if (!await([&] { return sentDatagrams() > before; }, std::chrono::seconds(60)))
-        throw std::runtime_error("no stop datagram was sent");
+    if (!await([&] { return sentDatagrams() > before; })) throw std::runtime_error("no stop datagram was sent");
 }
 
 bool SupervisedService::hasStopped() {
     return m_state->process->awaitExit(std::chrono::milliseconds(0)).has_value();
 }
 
-void SupervisedService::awaitStopped(std::chrono::milliseconds limit) {
-    const std::optional<int64_t> code = m_state->process->awaitExit(limit);
+void SupervisedService::awaitStopped() {
+    const std::optional<int64_t> code = m_state->process->awaitExit();
     if (!code) throw std::runtime_error("The service did not end");
     if (*code != 0) throw std::runtime_error("The service ended with " + std::to_string(*code));
 }

@@ -17,7 +17,7 @@ SupervisedService::SupervisedService(const Installation& installation)
     // An earlier test that was ended from outside may have left it.
     removeLeftService();
     Process install(installation.program(), {"service-install"}, installation.output());
-    if (install.awaitExit(std::chrono::seconds(60)) != 0) throw std::runtime_error("service-install failed");
+    if (install.awaitExit() != 0) throw std::runtime_error("service-install failed");
     std::filesystem::remove(installation.logFile());
 }
 
@@ -34,7 +34,7 @@ void SupervisedService::start() {
     const ServiceHandle service = openInstalledService();
     if (!::StartServiceW(service.get(), 0, nullptr)) failWithLastError("StartServiceW");
     const auto isRunning = [&] { return statusOf(service).dwCurrentState == SERVICE_RUNNING; };
-    if (!await(isRunning, std::chrono::seconds(60))) throw std::runtime_error("The service does not run");
+    if (!await(isRunning)) throw std::runtime_error("The service does not run");
     m_state->processId = statusOf(service).dwProcessId;
     // A service that the manager only believes to run would let later checks pass for the wrong reason.
     if (!processRuns(m_state->processId, m_state->installation.root()))
@@ -51,10 +51,10 @@ bool SupervisedService::hasStopped() {
     return statusOf(openInstalledService()).dwCurrentState == SERVICE_STOPPED;
 }
 
-void SupervisedService::awaitStopped(std::chrono::milliseconds limit) {
+void SupervisedService::awaitStopped() {
     const ServiceHandle service = openInstalledService();
     const auto isStopped = [&] { return statusOf(service).dwCurrentState == SERVICE_STOPPED; };
-    if (!await(isStopped, limit)) {
+    if (!await(isStopped)) {
         throw std::runtime_error("The service did not stop; its state is " +
                                  std::to_string(statusOf(service).dwCurrentState));
     }
@@ -62,13 +62,13 @@ void SupervisedService::awaitStopped(std::chrono::milliseconds limit) {
     if (status.dwWin32ExitCode != 0 || status.dwServiceSpecificExitCode != 0)
         throw std::runtime_error("The service stopped with " + std::to_string(status.dwWin32ExitCode));
     const auto isGone = [this] { return !processRuns(m_state->processId, m_state->installation.root()); };
-    if (!await(isGone, std::chrono::seconds(60))) throw std::runtime_error("The stopped service's process stays");
+    if (!await(isGone)) throw std::runtime_error("The stopped service's process stays");
 }
 
 void SupervisedService::kill() {
     endProcess(m_state->processId, m_state->installation.root());
     const auto isGone = [this] { return !processRuns(m_state->processId, m_state->installation.root()); };
-    if (!await(isGone, std::chrono::seconds(60))) throw std::runtime_error("The process cannot be ended");
+    if (!await(isGone)) throw std::runtime_error("The process cannot be ended");
 }
 
 uint32_t SupervisedService::processId() const {
