@@ -6,7 +6,7 @@ namespace test {
 const std::string kDead = "service-dead";
 
 void crash(SupervisedService& service, const Installation& installation) {
-    SelfProcess caller("call-in-main-thread", {utf8(installation.root()), "0"});
+    SelfProcess caller("crash-main-thread", {utf8(installation.root())});
     caller.read(std::string("called").size());
     // The first thread waits for the end of the service.
     service.requestStop();

@@ -47,27 +47,16 @@ TEST_F(DeploymentTest, CopiesTheSixLibrariesByteForByteWhateverIsThere) {
                                    "SocketServices.dll", "TracerX-Logger.dll"}));
 }
 
-TEST_F(DeploymentTest, DoublesTheSeparatorOfADirectoryThatEndsInOne) {
-    makeLibraries(100);
-    std::filesystem::remove(inKeri("TracerX-Logger.dll"));
-    m_keri = join(m_keri, "");
-    registerDirectory(m_keri);
-    EXPECT_EQ(
-        deploy(),
-        (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inKeri("TracerX-Logger.dll") + "' for reading",
-               failedCopying("TracerX-Logger.dll")}));
-    EXPECT_TRUE(isCopied("DHS.dll"));
-    EXPECT_EQ(inKeri("").substr(inKeri("").size() - 2, 1), inKeri("").substr(inKeri("").size() - 1));
-}
-
 TEST_F(DeploymentTest, SkipsAMissingLibraryAndCopiesTheOthers) {
     makeLibraries(100);
     std::filesystem::remove(inKeri("DHS_Commands.dll"));
+    // The separator of a directory that ends in one is doubled, which the systems accept.
+    m_keri = join(m_keri, "");
     registerDirectory(m_keri);
-    EXPECT_EQ(
-        deploy(),
-        (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inKeri("DHS_Commands.dll") + "' for reading",
-               failedCopying("DHS_Commands.dll")}));
+    const std::string missing = inKeri("DHS_Commands.dll");
+    EXPECT_EQ(deploy(), (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + missing + "' for reading",
+                               failedCopying("DHS_Commands.dll")}));
+    EXPECT_EQ(missing, join(m_dir.file("keri"), "") + join("", "DHS_Commands.dll"));
     EXPECT_EQ(namesInBin(), (Lines{"ClientSocketServices.dll", "DHS.dll", "DHSAttributes.dll", "SocketServices.dll",
                                    "TracerX-Logger.dll"}));
     for (const std::string& name : namesInBin()) EXPECT_TRUE(isCopied(name));

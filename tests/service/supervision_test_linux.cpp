@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,28 +20,32 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-Supervisor::Steps stopsOnce(Supervisor*& supervisor, int& starts) {
-    return {[] {},
-            [&](const char*) {
-                ++starts;
-                supervisor->stop();
-            }};
+// The log of a loop that ends although the datagram cannot be sent, on a thread that `isolate` prepares: it tells
+// whether it could.
+Lines stopInVain(const std::function<bool()>& isolate) {
+    const test::LogRecorder log;
+    int starts = 0;
+    std::thread([&] {
+        if (!isolate()) return;
+        Supervisor supervisor({[] {},
+                               [&](const char*) {
+                                   ++starts;
+                                   supervisor.stop();
+                               }},
+                              /*restartDelayMs=*/0);
+        EXPECT_EQ(supervisor.run(0, nullptr), 0);
+        EXPECT_EQ(starts, 1);
+    }).join();
+    return log.lines();
 }
 
 TEST(StopTest, FailsACheckWithoutASocketAndStillEndsTheLoop) {
     const test::HookRecorder hook;
-    const test::LogRecorder log;
-    int starts = 0;
-    Supervisor* target = nullptr;
-    Supervisor supervisor(stopsOnce(target, starts), /*restartDelayMs=*/0);
-    target = &supervisor;
-    std::thread([&supervisor] {
+    const Lines lines = stopInVain([] {
         test::refuseCall(SYS_socket, EMFILE);
-        EXPECT_EQ(supervisor.run(0, nullptr), 0);
-    }).join();
+        return true;
+    });
     EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "main", 113, 0, ""}));
-    EXPECT_EQ(starts, 1);
-    const Lines lines = log.lines();
     ASSERT_GE(lines.size(), 3U);
     EXPECT_EQ(lines[1], "INFO Stop - Stop");
     EXPECT_EQ(lines[2], "WARN CORE::SmartSocket::create(2,2,0) - failed to open socket");
@@ -48,22 +53,12 @@ TEST(StopTest, FailsACheckWithoutASocketAndStillEndsTheLoop) {
 
 TEST(StopTest, FailsACheckWhenTheDatagramCannotBeSentAndStillEndsTheLoop) {
     const test::HookRecorder hook;
-    const test::LogRecorder log;
-    int starts = 0;
-    Supervisor* target = nullptr;
-    Supervisor supervisor(stopsOnce(target, starts), /*restartDelayMs=*/0);
-    target = &supervisor;
     // A network of the thread's own, whose loopback has not been brought up.
-    bool isSeparate = false;
-    std::thread([&] {
-        isSeparate = ::unshare(CLONE_NEWNET) == 0;
-        if (!isSeparate) return;
-        EXPECT_EQ(supervisor.run(0, nullptr), 0);
-    }).join();
-    if (!isSeparate) GTEST_SKIP() << "only root may have a network of its own";
+    const Lines lines = stopInVain([] { return ::unshare(CLONE_NEWNET) == 0; });
+    if (lines.empty()) GTEST_SKIP() << "only root may have a network of its own";
     EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "main", 122, 0, ""}));
     EXPECT_EQ(
-        log.lines(),
+        lines,
         (Lines{"INFO Run - Running", "INFO Stop - Stop",
                "WARN NS_CORE::Udp4Socket::send(10,34002,127.0.0.1) - failed in sendto (101: Network is unreachable)"}));
 }

@@ -87,7 +87,7 @@ public:
         std::filesystem::create_directories(installation.root() / "work" / "dumps");
         service.start();
         installation.awaitRecord("ready");
-        SelfProcess caller("call-in-main-thread", {utf8(installation.root()), "0"});
+        SelfProcess caller("crash-main-thread", {utf8(installation.root())});
         caller.read(std::string("called").size());
         // The first thread waits for the end of the service.
         service.requestStop();
