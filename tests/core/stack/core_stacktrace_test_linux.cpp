@@ -30,21 +30,25 @@ TEST(StackTrace, StaysWholeWhenModulesComeAndGo) {
     EXPECT_TRUE(traceHere().starts_with(expected)) << traceHere();
 }
 
+void describeHere() {
+    NS_CORE::RawFrame walked[8];
+    std::vector<NS_CORE::StackFrame> frames;
+    NS_CORE::describeFrames(walked, NS_CORE::walkRaw(walked, std::size(walked)), frames);
+    EXPECT_FALSE(frames.at(0).symbol.empty());
+}
+
 // The crash guard looks names up without the SymbolLock, so the two meet at the session.
 TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
+    std::atomic<int> modules{0}; // relaxed, so that nothing but the session's lock orders the threads
     std::atomic<bool> isOver{false};
     const std::function<void()> others[] = {
-        [] {
-            NS_CORE::RawFrame walked[8];
-            std::vector<NS_CORE::StackFrame> frames;
-            NS_CORE::describeFrames(walked, NS_CORE::walkRaw(walked, std::size(walked)), frames);
-            EXPECT_FALSE(frames.at(0).symbol.empty());
-        },
+        &describeHere,
         [] { EXPECT_FALSE(StackTrace::loadModule(nullptr, "/no/such/file", "none", 0x1000, 1)); },
-        [] {
+        [&modules] {
             void* const library = ::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
-            traceHere();
+            describeHere();
             ::dlclose(library);
+            modules.fetch_add(1, std::memory_order_relaxed);
         },
     };
     std::vector<std::thread> threads;
@@ -52,7 +56,10 @@ TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
         threads.emplace_back([&isOver, &call] {
             while (!isOver) call();
         });
-    for (int i = 0; i < 20; ++i) traceHere();
+    for (int round = 1; round <= 5; ++round) {
+        while (modules.load(std::memory_order_relaxed) < 2 * round) const StackTrace trace;
+        traceHere();
+    }
     isOver = true;
     for (std::thread& thread : threads) thread.join();
 }

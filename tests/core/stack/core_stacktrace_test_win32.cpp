@@ -251,6 +251,7 @@ TEST_F(SymbolLibraryTest, KnowsTheModulesOfTheFirstSnapshotThatSucceeds) {
     for (int walks = 0; walks < 3; ++walks) EXPECT_TRUE(trace.getStack(frames, StackTrace::kMaxFrames));
     EXPECT_EQ(g_library.calls, (Lines{"snapshot", "snapshot"}));
     EXPECT_EQ(g_library.bases, (std::vector<DWORD64>{0x400000, 0xffffffff80001000}));
+    EXPECT_TRUE(StackTrace::loadModule(::GetCurrentProcess(), "a.dll", "a", 0x400000, 4096));
     EXPECT_EQ(m_log.lines(), Lines());
 }
 
