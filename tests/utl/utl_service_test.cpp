@@ -275,17 +275,21 @@ TEST_F(RunningServiceTest, ControlsAfterTheEndReportNothing) {
     EXPECT_EQ(m_host->status().currentState, ServiceState::Stopped);
 }
 
-TEST_F(RunningServiceTest, InstanceIsClearedOnlyWhenServiceMainIsDone) {
-    std::atomic<bool> isDone{false};
-    std::thread finisher([this, &isDone] {
-        EXPECT_FALSE(isDone);
-        m_goOn.release();
-    });
-    Service::clearInstance();
-    isDone = true;
-    EXPECT_EQ(m_journal.entries().back(), kStopped);
-    finisher.join();
-    m_thread.join();
+TEST_F(RunningServiceTest, InstanceIsClearedOrDestroyedOnlyWhenServiceMainIsDone) {
+    const std::function<void()> ends[] = {&Service::clearInstance, [this] { m_host = nullptr; }};
+    for (const std::function<void()>& end : ends) {
+        if (!m_thread.joinable()) SetUp();
+        std::atomic<bool> isDone{false};
+        std::thread finisher([this, &isDone] {
+            EXPECT_FALSE(isDone);
+            m_goOn.release();
+        });
+        end();
+        isDone = true;
+        EXPECT_EQ(m_journal.entries().back(), kStopped);
+        finisher.join();
+        m_thread.join();
+    }
 }
 
 // Callbacks that come while the process's service is made, cleared and destroyed find a whole one or none.
