@@ -5,6 +5,8 @@
 #include "service/deployment.h"
 #include "tests/service/deployment_fixture.h"
 #include "tests/support/child.h"
+#include "tests/support/import_hook_win32.h"
+#include "tests/support/log_recorder.h"
 
 namespace {
 
@@ -12,7 +14,22 @@ using Lines = std::vector<std::string>;
 
 const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
 
+DWORD WINAPI cutPath(HMODULE /*module*/, LPSTR /*path*/, DWORD size) {
+    return size;
+}
+
 } // namespace
+
+TEST_F(DeploymentTest, LooksForTheInstallationBeforeItsOwnDirectory) {
+    m_location.removeKey();
+    const test::LogRecorder log;
+    const test::ImportHook hook("GetModuleFileNameA", &cutPath);
+    service::CopyDependencies();
+    EXPECT_EQ(log.lines(), (Lines{kBegin, "WARN NS_UTL::RegistryKey::getValue(InstallLocation) - error 2",
+                                  "CRIT getKeriInstallDir - Could not locate KERI install directory from registry",
+                                  "WARN CORE::Dir::getModuleFilename - buffer to small",
+                                  "WARN CopyDependencies - Failed getting module dir"}));
+}
 
 TEST_F(DeploymentTest, CreatesTheMissingKeyAndSaysThatTheValueIsMissing) {
     m_location.removeKey();
