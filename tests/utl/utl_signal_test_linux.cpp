@@ -24,11 +24,14 @@ using Lines = std::vector<std::string>;
 std::vector<int> g_order; // written by the answering thread alone
 test::Semaphore g_answered;
 std::thread::id g_answeringThread;
+bool g_takesNoSignals = false; // the answering thread
 test::Semaphore g_goOn;
 
 void answerAndTell(int signum) {
     g_order.push_back(signum);
     g_answeringThread = std::this_thread::get_id();
+    sigset_t blocked;
+    g_takesNoSignals = ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked) == 0 && ::sigismember(&blocked, SIGHUP) == 1;
     g_answered.release();
 }
 
@@ -78,6 +81,7 @@ TEST_F(LinuxSignalTest, AnswersOnAThreadOfItsOwnInTheOrderOfArrivalAndStaysInsta
     }
     EXPECT_EQ(g_order, raised);
     EXPECT_NE(g_answeringThread, std::this_thread::get_id());
+    EXPECT_TRUE(g_takesNoSignals);
 }
 
 TEST_F(LinuxSignalTest, WaitsForAHandlerThatIsAtWork) {

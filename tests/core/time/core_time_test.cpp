@@ -186,6 +186,9 @@ TEST(DateTimeLayout, TheBytesAreThoseThatOthersRead) {
               (std::vector<uint8_t>{0xE0, 0x07, 0xD2, 0xEF, 0xCE, 0xD7, 0x00, 0x00}));
     EXPECT_EQ(bytes(DateTime(calendar(65535, 12, 31), DateTime::UnknownDto)),
               (std::vector<uint8_t>{0xFF, 0xFF, 0xFC, 0x01, 0x00, 0x64, 0x00, 0x00}));
+    // What does not fit in its field is cut, and leaves the next one alone.
+    EXPECT_EQ(bytes(DateTime(calendar(2016, 16, 32, 32, 64, 64), 0)),
+              (std::vector<uint8_t>{0xE0, 0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}));
 }
 
 TEST(DateTimeLayout, TheFieldsComeBackAsTheyWentIn) {
