@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 
@@ -26,9 +27,16 @@ TEST(SymbolLock, IsHeldByOneThreadAtATime) {
         EXPECT_FALSE(canOtherThreadLock());
     }
     EXPECT_TRUE(canOtherThreadLock());
+    // Who may wait long gets it as soon as it is released. (The fraction makes the end of the wait carry a second.)
     SymbolLock released(0);
+    test::Semaphore done;
+    std::thread other([&done] {
+        EXPECT_TRUE(SymbolLock(/*timeoutMs=*/60'999).isHeld());
+        done.release();
+    });
+    EXPECT_FALSE(done.acquireWithin(std::chrono::milliseconds(100)));
     released.release();
-    EXPECT_TRUE(canOtherThreadLock());
+    other.join();
 }
 
 TEST(SymbolLock, IsRecursive) {
