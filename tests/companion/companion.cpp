@@ -13,9 +13,8 @@
 //
 //     <steady clock, microseconds> <process id> <event> <text>
 //
-// started, command (the command line), directory, then handle and environment (as often as there are any), then ready
-// (the port is bound) or unbound (with the error), datagram (length and sender) and ending (the exit code). Line breaks
-// and per cent signs in a text are written as %0A, %0D and %25.
+// started, command (the command line), directory, then handle (as often as there are any), then ready (the port is
+// bound) or unbound (with the error), datagram (length and sender) and ending (the exit code).
 //
 // It ends by itself after ten minutes. What it does is in quorkeri_wrapper.settings, also beside it, one "name value"
 // per line; without it the program listens on UDP 127.0.0.1:34002 and ends with 0 on any datagram.
@@ -46,21 +45,6 @@ Settings readSettings(const std::filesystem::path& file) {
     return settings;
 }
 
-std::string escaped(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        if (c == '%')
-            out += "%25";
-        else if (c == '\n')
-            out += "%0A";
-        else if (c == '\r')
-            out += "%0D";
-        else
-            out += c;
-    }
-    return out;
-}
-
 class Records {
 public:
     explicit Records(std::filesystem::path file) : m_file(std::move(file)) {}
@@ -68,7 +52,7 @@ public:
     static std::string line(const std::string& event, const std::string& text) {
         const auto now = std::chrono::steady_clock::now().time_since_epoch();
         return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(now).count()) + ' ' +
-               std::to_string(companion::processId()) + ' ' + event + ' ' + escaped(text) + '\n';
+               std::to_string(companion::processId()) + ' ' + event + ' ' + text + '\n';
     }
     void add(const std::string& event, const std::string& text) const { companion::append(m_file, line(event, text)); }
     void addLines(const std::string& lines) const { companion::append(m_file, lines); }
@@ -83,7 +67,6 @@ std::string startRecords(const std::vector<std::string>& openThings) {
     const std::u8string directory = std::filesystem::current_path().u8string();
     lines += Records::line("directory", std::string(directory.begin(), directory.end()));
     for (const std::string& text : openThings) lines += Records::line("handle", text);
-    for (const std::string& text : companion::environment()) lines += Records::line("environment", text);
     return lines;
 }
 

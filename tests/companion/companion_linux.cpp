@@ -34,10 +34,6 @@ std::string commandLine() {
     return text;
 }
 
-std::vector<std::string> environment() {
-    return zeroSeparated("/proc/self/environ");
-}
-
 std::vector<std::string> openThings() {
     std::vector<std::string> things;
     // Asked one by one: listing the directory would open one more.

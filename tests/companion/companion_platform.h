@@ -15,7 +15,6 @@ std::filesystem::path ownFile();
 
 // The command line as it was given: word by word on Linux, with blanks between.
 std::string commandLine();
-std::vector<std::string> environment();
 
 // Everything that was open in the process when it was asked first, one text each: the number, what it is, and its name
 // where it has one. To be called before the program opens anything itself.

@@ -44,14 +44,6 @@ std::string commandLine() {
     return toUtf8(GetCommandLineW());
 }
 
-std::vector<std::string> environment() {
-    std::vector<std::string> out;
-    wchar_t* block = GetEnvironmentStringsW();
-    for (const wchar_t* text = block; *text; text += wcslen(text) + 1) out.push_back(toUtf8(text));
-    FreeEnvironmentStringsW(block);
-    return out;
-}
-
 std::vector<std::string> openThings() {
     std::vector<std::string> things;
     constexpr uintptr_t kHighest = 0x1000;

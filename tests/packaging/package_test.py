@@ -130,19 +130,6 @@ def sections(image):
             for section in image.sections if not section.Name.startswith(b".buildid")}
 
 
-def moved(image, base):
-    """The file as it were if it had been linked for another base."""
-    data = bytearray(image.__data__[:])
-    for block in image.DIRECTORY_ENTRY_BASERELOC:
-        for entry in block.entries:
-            if entry.type == pefile.RELOCATION_TYPE["IMAGE_REL_BASED_HIGHLOW"]:
-                at = image.get_offset_from_rva(entry.rva)
-                address, = struct.unpack_from("<I", data, at)
-                struct.pack_into("<I", data, at, (address + base - image.OPTIONAL_HEADER.ImageBase) & 0xFFFFFFFF)
-    struct.pack_into("<I", data, image.OPTIONAL_HEADER.get_field_absolute_offset("ImageBase"), base)
-    return bytes(data)
-
-
 def resources(image, kind):
     """Number and content of every resource of a kind, whatever its language."""
     (found,) = [entry for entry in image.DIRECTORY_ENTRY_RESOURCE.entries if entry.id == pefile.RESOURCE_TYPE[kind]]
@@ -224,14 +211,6 @@ class ZipTest(unittest.TestCase):
                                  (moment, oct(expected), b"", b""), entry.filename)
                 self.assertEqual(bool(entry.external_attr & 0x10), entry.is_dir(), entry.filename)
 
-    def test_is_unpacked_by_another_reader(self):
-        target = WORK / "unpacked"
-        target.mkdir()
-        output("cmake", "-E", "tar", "xf", str(package("-win32.zip")), cwd=target)
-        for name, content in unpacked("-win32.zip").items():
-            path = target / NAME / name
-            self.assertTrue(path.is_dir() if name.endswith("/") or not name else path.read_bytes() == content, name)
-
 
 class TextsTest(unittest.TestCase):
     def text(self, file, name="plain"):
@@ -307,20 +286,6 @@ class ProgramTest(unittest.TestCase):
             self.assertFalse(image.FILE_HEADER.IMAGE_FILE_RELOCS_STRIPPED)
             for section in image.sections:
                 self.assertFalse(section.IMAGE_SCN_MEM_EXECUTE and section.IMAGE_SCN_MEM_WRITE, section.Name)
-
-    def test_can_lie_at_any_address(self):
-        image = exe()
-        self.assertGreater(sum(len(block.entries) for block in image.DIRECTORY_ENTRY_BASERELOC), 1000)
-        directory = WORK / "moved"
-        (directory / "bin").mkdir(parents=True)
-        (directory / "work/logs").mkdir(parents=True)
-        program = directory / "bin/quorkeri_service.exe"
-        program.write_bytes(moved(image, 0x20000000))
-        # With nothing at the address that it was linked for, whatever still points there would end this.
-        result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=6000, check=False)
-        self.assertEqual(result.returncode, 1)
-        log = (directory / "work/logs/service.log").read_text()
-        self.assertIn("failed to open service 'quorkeri_service.exe'", log)
 
     def test_guards_the_frames_of_its_functions(self):
         program = str(self.symbols() / "quorkeri_service.exe")
@@ -462,17 +427,6 @@ class BillOfMaterialsTest(unittest.TestCase):
         self.assertEqual(len(references), len(set(references)))
         (dependency,) = self.bill["dependencies"]
         self.assertEqual(dependency, {"ref": product["bom-ref"], "dependsOn": [part["bom-ref"] for part in self.bill["components"]]})
-
-    def test_the_schema_refuses_what_the_standard_refuses(self):
-        schema = json.loads((SCHEMAS / "cyclonedx-1.5.json").read_text())
-        for change in (lambda bill: bill.update(bomFormat="SPDX"), lambda bill: bill.update(colour="blue"),
-                       lambda bill: bill["components"][0].pop("name"), lambda bill: bill["components"][0].update(type="thing"),
-                       lambda bill: bill["components"][0].update(licenses=[{"license": {"id": "My-Own"}}]),
-                       lambda bill: bill.update(serialNumber="1234")):
-            bill = json.loads(package(".cdx.json").read_text())
-            change(bill)
-            with self.assertRaises(jsonschema.ValidationError):
-                jsonschema.validate(bill, schema)
 
     def test_names_the_product_and_the_bytes_that_are_shipped(self):
         for name in ("plain", "signed"):
@@ -683,15 +637,6 @@ class SignatureTest(unittest.TestCase):
             self.assertRegex(text, r"Subject: ?/CN=Throwaway signer")
             self.assertIn("Message digest algorithm: SHA256", text)
             self.assertIn("Text description: Quorvane Keri Wrapper", text)
-
-    def test_no_longer_fits_when_a_byte_changes(self):
-        image = exe("signed")
-        entry = image.OPTIONAL_HEADER.AddressOfEntryPoint
-        image.set_bytes_at_rva(entry, bytes([image.get_data(entry, 1)[0] ^ 1]))
-        (WORK / "changed.exe").write_bytes(image.write())
-        result = subprocess.run(["osslsigncode", "verify", "-CAfile", WORK / "signer.pem", "-in", WORK / "changed.exe"],
-                                capture_output=True, text=True, check=False)
-        self.assertNotEqual(result.returncode, 0)
 
     def test_leaves_the_symbols_as_they_are(self):
         self.assertEqual(package("-symbols.zip", "signed").read_bytes(), package("-symbols.zip").read_bytes())

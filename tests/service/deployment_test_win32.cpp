@@ -31,16 +31,6 @@ TEST_F(DeploymentTest, LooksForTheInstallationBeforeItsOwnDirectory) {
                                   "WARN CopyDependencies - Failed getting module dir"}));
 }
 
-TEST_F(DeploymentTest, CreatesTheMissingKeyAndSaysThatTheValueIsMissing) {
-    m_location.removeKey();
-    EXPECT_EQ(deploy(), (Lines{kBegin, "WARN NS_UTL::RegistryKey::getValue(InstallLocation) - error 2",
-                               "CRIT getKeriInstallDir - Could not locate KERI install directory from registry",
-                               "WARN CopyDependencies - Failed getting keri install path"}));
-    HKEY key = nullptr;
-    EXPECT_EQ(::RegOpenKeyExA(HKEY_LOCAL_MACHINE, kKeriKey.c_str(), 0, KEY_QUERY_VALUE, &key), ERROR_SUCCESS);
-    const NS_CORE::ScopedRegistryKey owner(key);
-}
-
 TEST_F(DeploymentTest, SkipsALibraryThatIsHeldOpen) {
     makeLibraries(100);
     registerDirectory(m_keri);

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -27,33 +28,19 @@ namespace fs = std::filesystem;
 
 constexpr int32_t kThreads = 2;
 constexpr int32_t kFirstPlace = 200; // each thread has a place of its own
-// Each costs a line that is on the disk before the next, so they are fewer than in memory, and longer: four times what
-// the log holds.
-constexpr int32_t kToFile = 10'000; // a thread
+// Each costs a line that is on the disk before the next, so they are few and long: four times what the log holds.
+constexpr int32_t kFailures = 10'000; // a thread
 constexpr size_t kPadding = 1000;
-constexpr int32_t kInMemory = 50'000; // a thread
 
-void failChecks(int32_t thread, int32_t count, const std::string& padding) {
-    for (int32_t number = 0; number < count; ++number) {
-        static_cast<void>(
-            CHECKF_AT("main", kFirstPlace + thread, padding.empty() && number < 0, "%d%s", number, padding));
-    }
-}
-
-void failOnAllThreads(int32_t count, const std::string& padding) {
+void failOnAllThreads(int32_t count) {
     std::vector<std::thread> threads;
-    for (int32_t thread = 0; thread < kThreads; ++thread) threads.emplace_back(&failChecks, thread, count, padding);
+    for (int32_t thread = 0; thread < kThreads; ++thread)
+        threads.emplace_back([thread, count] {
+            for (int32_t number = 0; number < count; ++number)
+                static_cast<void>(
+                    CHECKF_AT("main", kFirstPlace + thread, number < 0, "%d %s", number, std::string(kPadding, 'x')));
+        });
     for (std::thread& thread : threads) thread.join();
-}
-
-// What it has more than before: "handles threads bytes".
-std::string growthBy(int32_t count, const std::string& padding) {
-    failOnAllThreads(/*count=*/500, padding);
-    const test::ProcessGauge before = test::ProcessGauge::read();
-    failOnAllThreads(count, padding);
-    const test::ProcessGauge after = test::ProcessGauge::read();
-    return std::to_string(after.handles - before.handles) + ' ' + std::to_string(after.threads - before.threads) + ' ' +
-           std::to_string(after.memoryBytes - before.memoryBytes) + '\n';
 }
 
 // A service has no console.
@@ -64,13 +51,13 @@ void leaveConsoleAlone() {
 }
 
 int work(int /*argc*/, char** /*argv*/) {
-    std::string growth = growthBy(kToFile, ' ' + std::string(kPadding, 'x'));
-    // The log is one of many possible readers of a failure; all others go on.
-    NS_CORE::MasterLogger::setImplementation(nullptr);
-    growth += growthBy(kInMemory, "");
-    std::FILE* const results = std::fopen("growth.txt", "w");
-    std::fwrite(growth.data(), 1, growth.size(), results);
-    std::fclose(results);
+    failOnAllThreads(/*count=*/500);
+    const test::ProcessGauge before = test::ProcessGauge::read();
+    failOnAllThreads(kFailures);
+    const test::ProcessGauge after = test::ProcessGauge::read();
+    // What it has more than before.
+    std::ofstream("growth.txt") << after.handles - before.handles << ' ' << after.threads - before.threads << ' '
+                                << after.memoryBytes - before.memoryBytes << '\n';
     return 7;
 }
 
@@ -112,11 +99,6 @@ void readLog(const fs::path& path, LoggedNumbers* numbers) {
     }
 }
 
-uint64_t numberIn(const std::string& document, const std::string& element) {
-    const size_t at = document.find("<" + element + ">");
-    return at == std::string::npos ? 0 : std::stoull(document.substr(at + element.size() + 2));
-}
-
 TEST(ProcessGauge, SeesEachHandle) {
     const test::TempDir dir;
     const int64_t before = test::ProcessGauge::read().handles;
@@ -143,16 +125,14 @@ TEST(FailingService, StaysUpTheSameSizeAndReadableWhileItsChecksFail) {
     // tens of thousands.
     constexpr int64_t kMadeOnce = 8;
     std::istringstream growth(test::readFile(root / "growth.txt"));
-    for (const char* kind : {"with the log", "without it"}) {
-        int64_t handles = -1;
-        int64_t threads = -1;
-        int64_t bytes = -1;
-        growth >> handles >> threads >> bytes;
-        std::printf("%s: %lld bytes more\n", kind, static_cast<long long>(bytes));
-        EXPECT_LE(handles, kMadeOnce) << kind;
-        EXPECT_EQ(threads, 0) << kind;
-        EXPECT_LE(bytes, 256 * 1024) << kind;
-    }
+    int64_t handles = -1;
+    int64_t threads = -1;
+    int64_t bytes = -1;
+    growth >> handles >> threads >> bytes;
+    std::printf("%lld bytes more\n", static_cast<long long>(bytes));
+    EXPECT_LE(handles, kMadeOnce);
+    EXPECT_EQ(threads, 0);
+    EXPECT_LE(bytes, 256 * 1024);
 
     LoggedNumbers numbers;
     const fs::path log = root / "work" / "logs" / "service.log";
@@ -166,18 +146,7 @@ TEST(FailingService, StaysUpTheSameSizeAndReadableWhileItsChecksFail) {
         ASSERT_FALSE(ofThread.empty());
         // None is missing between the first that is left and the last.
         for (size_t index = 1; index < ofThread.size(); ++index) ASSERT_EQ(ofThread[index], ofThread[index - 1] + 1);
-        EXPECT_EQ(ofThread.back(), kToFile - 1);
-    }
-
-    // Nobody reads while they come, so the system drops all but the first; what it keeps is whole and in order.
-    std::array<uint64_t, kThreads> counted{};
-    for (int documents = 0; documents < 10; ++documents) {
-        const std::string bytes = collector.receive().bytes;
-        ASSERT_TRUE(bytes.ends_with("</assert>")) << bytes;
-        const auto place = static_cast<size_t>(numberIn(bytes, "line")) - kFirstPlace;
-        ASSERT_LT(place, counted.size()) << bytes;
-        counted[place] += numberIn(bytes, "count");
-        ASSERT_EQ(counted[place], numberIn(bytes, "total"));
+        EXPECT_EQ(ofThread.back(), kFailures - 1);
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -50,17 +49,6 @@ const test::ChildProgram g_applicationAfter("application_after", [](const std::v
     return 100;
 });
 
-// Console mode with a companion that cannot be started, stopped during the first pause.
-const test::ChildProgram g_console("application_console", [](const std::vector<std::string>& arguments) {
-    std::thread stopper([log = arguments.at(0)] {
-        while (!fs::exists(log) || test::readFile(log).find("Run: '") == std::string::npos) std::this_thread::yield();
-        std::raise(SIGTERM);
-    });
-    const int result = runWith({"other", "service-console"});
-    stopper.join();
-    return result;
-});
-
 // A check that fails before the program has moved to its installation, whose settings say where to report it.
 const test::ChildProgram g_fails("application_fails", [](const std::vector<std::string>& words) {
     static_cast<void>(CHECKF_AT("early", 7, words.size() > 100, ""));
@@ -105,8 +93,6 @@ protected:
         return exitCode;
     }
 
-    std::string logFile() const { return m_dir.file("work/logs/service.log"); }
-
     // The log's records, without their stamps.
     Lines logLines() const {
         std::istringstream text(test::readFile(m_dir.path() / "work/logs/service.log"));
@@ -141,19 +127,6 @@ TEST_F(MainTest, AFaultOfItsThreadLeavesTheHostToTheOthers) {
     test::UdpReceiver companion(kStopPort);
     EXPECT_EQ(runChild("application_crashes", {test::utf8(m_dir.path())}, "elsewhere/program.exe"), 100UL);
     EXPECT_EQ(companion.receive().bytes.size(), Supervisor::kStopDatagramSize);
-}
-
-TEST_F(MainTest, ConsoleModeRunsTheWorkUntilASignalAndReturnsItsResult) {
-    EXPECT_EQ(runChild("application_console", {logFile()}), 0UL);
-    Lines lines = logLines();
-    ASSERT_GE(lines.size(), 7U);
-    EXPECT_EQ(lines[0], "Run - Running");
-    EXPECT_EQ(lines[1], "CopyDependencies - Copying dependencies");
-    const Lines end(lines.end() - 4, lines.end());
-    EXPECT_TRUE(end[0].starts_with("NS_UTL::ProcessUtils::start - failed to start 'quorkeri_wrapper.exe': ")) << end[0];
-    EXPECT_EQ(end[1], "Run - Run: 'quorkeri_wrapper.exe' failed");
-    EXPECT_EQ(end[2], "UTL::Service::signalHandler - 15");
-    EXPECT_EQ(end[3], "Stop - Stop");
 }
 
 } // namespace

@@ -217,12 +217,6 @@ class WindowsTest(ConsoleTest):
         self.assertRegex(plain(parent.screen),
                          r"output é Ж 測試 *\n+errors é Ж 測試 *\n+ended with 7, code pages (?!65001)(\d+) \1\n")
 
-    def test_redirected_text_keeps_its_bytes(self):
-        parent = self.text("redirect", "output")
-        parent.await_end()
-        self.assertEqual((self.root / "output").read_bytes(), "output é Ж 測試\r\n".encode())
-        self.assertRegex(plain(parent.screen), r"errors é Ж 測試 *\n+ended with 7,")
-
 
 if __name__ == "__main__":
     unittest.main(defaultTest="WindowsTest" if WINE else "NativeTest")

@@ -62,20 +62,12 @@ size_t stampLength(const std::string& line) {
     return line.compare(kDay, 2, line, kDayAgain, 2) == 0 ? kPattern.size() : 0;
 }
 
-std::string unescaped(std::string text) {
-    for (const auto& [code, plain] : {std::pair("%0A", "\n"), std::pair("%0D", "\r"), std::pair("%25", "%")}) {
-        for (size_t at = 0; (at = text.find(code, at)) != std::string::npos; ++at) text.replace(at, 3, plain);
-    }
-    return text;
-}
-
 Record parseRecord(const std::string& line) {
     Record record;
     std::istringstream in(line);
     in >> record.microseconds >> record.processId >> record.event;
     in.get();
     std::getline(in, record.text);
-    record.text = unescaped(record.text);
     return record;
 }
 
@@ -172,7 +164,7 @@ Record Installation::awaitRecord(const std::string& event, size_t count) const {
     if (!await([&] { return records(event).size() >= count; })) {
         std::vector<std::string> lines;
         for (const Record& record : records()) {
-            if (record.event != "environment" && record.event != "handle")
+            if (record.event != "handle")
                 lines.push_back(std::to_string(record.processId) + ' ' + record.event + ' ' + record.text);
         }
         throw std::runtime_error("The companion did not record '" + event + "' " + std::to_string(count) +

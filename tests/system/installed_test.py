@@ -259,7 +259,8 @@ class SettingsTest(InstalledTest):
 
 class ServiceReportsTest(InstalledTest if IS_WINDOWS else object):
     """The service manager starts the process in a directory of its own, where no settings are. A control that the service
-    does not know is a failed check. The native program's reports are reports_test.py's."""
+    does not know is a failed check. What the native
+    program reports is tests/service/main_test.cpp's."""
 
     CHECK = "utl_service_win32:180"
 

@@ -431,20 +431,5 @@ TEST(RealWindows, IsDumpedByErrorReportingWhereTheGuardDoesNotReach) {
     EXPECT_TRUE(await([&] { return !processRuns(service.processId(), installation.root()); }));
 }
 
-TEST(RealWindows, ReportsTheControlsThatTheManagerSendsAtShutdown) {
-    const Installation installation;
-    SupervisedService service(installation);
-    service.start();
-    installation.awaitRecord("ready");
-    EXPECT_EQ(statusOf(openInstalledService()).dwControlsAccepted,
-              DWORD{SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN});
-    SERVICE_STATUS status{};
-    EXPECT_FALSE(::ControlService(openInstalledService().get(), SERVICE_CONTROL_SHUTDOWN, &status));
-    // Only the manager itself sends it, when the system really shuts down: the release checklist has that.
-    EXPECT_EQ(::GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-    service.requestStop();
-    service.awaitStopped();
-}
-
 } // namespace
 } // namespace test

@@ -145,25 +145,6 @@ TEST(Supervision, StopsTwoHundredTimesWithACompanionThatEndsAtOnce) {
     }
 }
 
-TEST(Supervision, LosesAStopRequestDuringTheDeployment) {
-    const Installation installation;
-    HeldDeployment deployment(installation.root());
-    SupervisedService service(installation);
-    service.start();
-    deployment.awaitReader();
-    service.requestStop();
-    EXPECT_TRUE(installation.records("started").empty());
-    deployment.release();
-
-    const Record ready = installation.awaitRecord("ready");
-    EXPECT_TRUE(installation.records("datagram").empty());
-    endProcess(ready.processId, installation.root());
-    // The request left no trace in the loop: it goes on to the next start.
-    installation.awaitLog(line::failed);
-    EXPECT_FALSE(service.hasStopped());
-    service.kill();
-}
-
 TEST(Supervision, LivesInADirectoryWithBlanksAndInOneWithOtherLetters) {
     for (const std::string name : {"Quorvane Keri Wrapper (x86)", "Ж é 測試"}) {
         const Installation installation(name);

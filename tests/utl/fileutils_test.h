@@ -20,11 +20,10 @@ struct FileUtilsTest : testing::Test {
     std::string bytes(const std::string& name) const { return test::readFile(test::fromText(dir.file(name))); }
     bool exists(const std::string& name) const { return std::filesystem::exists(dir.path() / name); }
 
-    // What a copy logs: nothing when it succeeds. The whole path of a source elsewhere is taken as it is.
+    // What a copy logs: nothing when it succeeds.
     Lines copy(const std::string& source = "source", const std::string& destination = "destination") const {
         const test::LogRecorder log;
-        const bool isElsewhere = source.find("\\\\") == 0;
-        const bool isCopied = NS_UTL::FileUtils::copy(isElsewhere ? source : dir.file(source), dir.file(destination));
+        const bool isCopied = NS_UTL::FileUtils::copy(dir.file(source), dir.file(destination));
         EXPECT_EQ(isCopied, log.lines().empty());
         return log.lines();
     }

@@ -108,23 +108,6 @@ TEST_P(BoundaryTest, IsRotatedAboveItAndNotAtIt) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, BoundaryTest, testing::Values(4999999, 5000000, 5000001));
 
-TEST_F(FileLoggerTest, ReportsTheNumbersThatAreNotThereYet) {
-    install(100, 3);
-    const std::string printed = printedBy([] { say(textOfLine(101)); }).error;
-    const std::string base = log();
-    std::vector<FailedCheck> expected;
-    for (const int number : {3, 2, 1, 0}) {
-        const std::string message =
-            base + "." + std::to_string(number) + "=>" + base + "." + std::to_string(number + 1);
-        expected.push_back({"CHECKF", "utl_filelogger", hook.failures().at(0).line, 0, message});
-    }
-    EXPECT_EQ(hook.failures(), expected);
-    EXPECT_EQ(texts(base + ".0"), Lines{textOfLine(101)});
-    EXPECT_FALSE(fs::exists(base));
-    EXPECT_FALSE(fs::exists(base + ".4"));
-    EXPECT_TRUE(printed.starts_with(renameFailure(base + ".3", base + ".4"))) << printed;
-}
-
 TEST_F(FileLoggerTest, KeepsOneNumberMoreThanItIsTold) {
     const auto line = [](uint32_t rotation) { return std::string(100, static_cast<char>('a' + rotation)); };
     for (const uint32_t keep : {0U, 3U, 11U}) {

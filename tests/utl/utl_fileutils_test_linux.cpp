@@ -2,10 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -13,33 +11,11 @@
 #include "core/files/core_scopedfd.h"
 #include "tests/utl/fileutils_test.h"
 
-namespace {
-
-std::atomic<int> g_fullSizeReads{0};
-
-} // namespace
-
-// In the place of the C library's, for the whole test program. Only copies read with this buffer.
-extern "C" ssize_t read(int fd, void* data, size_t length) {
-    if (length == 32768) ++g_fullSizeReads;
-    return ::syscall(SYS_read, fd, data, length);
-}
-
 namespace fs = std::filesystem;
 
 using NS_UTL::FileUtils;
 
 namespace {
-
-TEST_F(Copy, ReadsUntilAReadIsShort) {
-    for (const auto& [size, reads] :
-         {std::pair(0, 1), std::pair(32767, 1), std::pair(32768, 2), std::pair(32769, 2), std::pair(65536, 3)}) {
-        put("source", std::string(static_cast<size_t>(size), 'x'));
-        const int before = g_fullSizeReads;
-        EXPECT_EQ(copy(), Lines());
-        EXPECT_EQ(g_fullSizeReads - before, reads) << size;
-    }
-}
 
 TEST_F(Copy, AShortReadIsTakenForTheEnd) {
     ASSERT_EQ(::mkfifo(dir.file("source").c_str(), 0600), 0);

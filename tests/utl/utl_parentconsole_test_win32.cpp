@@ -128,13 +128,5 @@ TEST(ParentConsoleTest, WithoutAConsoleTheStreamsKeepTheirBytes) {
     EXPECT_EQ(test::readFile(dir.path() / "found"), "code page 0");
 }
 
-TEST(ParentConsoleTest, WithNeitherConsoleNorStreamsNothingHappens) {
-    ::FreeConsole();
-    const test::TempDir dir;
-    const Program program(test::childCommandLine("console-text", {dir.file("found")}), DETACHED_PROCESS, nullptr);
-    EXPECT_EQ(program.awaitExit(), 7U);
-    EXPECT_EQ(test::readFile(dir.path() / "found"), "code page 0");
-}
-
 } // namespace
 } // namespace NS_UTL

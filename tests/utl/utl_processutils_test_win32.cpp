@@ -3,8 +3,6 @@
 
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
-#include "tests/support/log_recorder.h"
-#include "tests/support/open_handles_win32.h"
 #include "tests/support/temp_dir.h"
 #include "tests/utl/processutils_test.h"
 
@@ -53,21 +51,6 @@ TEST(ProcessUtilsWin32, TheChildInheritsNoHandle) {
 
 TEST(ProcessUtilsWin32, TheChildHasNoConsole) {
     EXPECT_EQ(started(test::childCommandLine("console")), kFinished);
-}
-
-TEST(ProcessUtilsWin32, StartsLeakNoHandleAndTheGaugeWouldSeeOne) {
-    const test::LogRecorder log;
-    const std::string line = test::childCommandLine("exit", {"0"});
-    const auto growthBy = [&](int starts, int failures, int leaks) {
-        const int64_t before = test::openHandles();
-        for (int i = 0; i < starts; ++i) EXPECT_EQ(started(line), kFinished);
-        for (int i = 0; i < failures; ++i) EXPECT_EQ(started("Z:\\no\\such.exe"), kStartFailed);
-        for (int i = 0; i < leaks; ++i) EXPECT_NE(::CreateEventW(nullptr, TRUE, FALSE, nullptr), nullptr);
-        return test::openHandles() - before;
-    };
-    growthBy(1, 1, 0); // what is made once
-    EXPECT_EQ(growthBy(100, 1000, 0), 0);
-    EXPECT_EQ(growthBy(100, 0, 1), 1);
 }
 
 std::vector<std::string> g_closed;

@@ -60,29 +60,3 @@ TEST(RegistryKeyLinux, DoesNotOpenAKeyThatIsNotInTheFileOrWithoutAFile) {
     }
     EXPECT_EQ(log.lines(), expected);
 }
-
-TEST(RegistryKeyLinux, SaysWhereTheFileIsBroken) {
-    const RegistryFile file("Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\X]\n\"v\"=\"C:\\Keri\"\n");
-    test::LogRecorder log;
-    RegistryKey key;
-    EXPECT_FALSE(key.open("X"));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                               "WARN UTL::RegFile::load - failed reading 'settings/registry.reg': line 4 is not a "
-                               "registry export's",
-                               "WARN CORE::logLastError - RegistryKey: failed open 'X': Invalid argument"}));
-}
-
-TEST(RegistryKeyLinux, ShowsTheFileAsItWasWhenOpened) {
-    const RegistryFile file("Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\X]\n\"v\"=\"before\"\n");
-    RegistryKey key;
-    ASSERT_TRUE(key.open("X"));
-    test::writeFile("settings/registry.reg",
-                    "Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\X]\n\"v\"=\"after\"\n");
-    std::string text;
-    EXPECT_TRUE(key.getValue("v", text));
-    EXPECT_EQ(text, "before");
-    RegistryKey again;
-    ASSERT_TRUE(again.open("X"));
-    EXPECT_TRUE(again.getValue("v", text));
-    EXPECT_EQ(text, "after");
-}

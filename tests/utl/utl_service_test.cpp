@@ -57,16 +57,8 @@ TEST_F(ServiceTest, FailsACheckForAnAnchorThatIsNotThereAndGoesOn) {
     EXPECT_EQ(fs::current_path(), before);
 }
 
-TEST_F(ServiceTest, LogsToItsFileAndRotatesItPastFiveMillionBytes) {
-    const Service host = hostWithAnchor("", m_logs.file(""));
-    test::writeFile(m_logs.path() / "service.log", std::string(4999000, 'x'));
-    MLOG(Warn, "F", "below");
-    EXPECT_FALSE(fs::exists(m_logs.path() / "service.log.old"));
-    EXPECT_TRUE(test::readFile(m_logs.path() / "service.log").ends_with(" F - below\n"));
-    MLOG(Warn, "F", "%s", std::string(2000, 'y'));
-    EXPECT_GT(fs::file_size(m_logs.path() / "service.log.old"), 5000000U);
-    EXPECT_FALSE(fs::exists(m_logs.path() / "service.log"));
-}
+// How it logs and rotates is utl_filelogger_test.cpp's, and failing_service_test.cpp's with a host.
+static_assert(Service::kLogFileLimit == 5000000);
 
 // In console mode the run callback's result is the host's; under the manager it goes into the last report.
 TEST_F(ServiceTest, RunsInConsoleForItsWordAtAnyPlaceButTheOnlyOne) {

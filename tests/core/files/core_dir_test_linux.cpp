@@ -52,52 +52,28 @@ TEST_F(DirOfAnotherProgram, APathOf1024CharactersIsTooLong) {
 }
 
 // Where there is no /proc, the system cannot tell the program's path.
-class DirWithoutProc : public testing::Test {
-protected:
-    void SetUp() override {
-        // Whoever is not root becomes that in a namespace of the process's own.
-        if (::geteuid() != 0) {
-            ASSERT_EQ(::unshare(CLONE_NEWUSER), 0);
-        }
-        m_root.reset(::open("/", O_PATH | O_CLOEXEC));
-        ASSERT_EQ(::chroot("/dev"), 0);
-        ASSERT_EQ(::chdir("/"), 0);
-    }
-    void TearDown() override {
-        ASSERT_EQ(::fchdir(m_root.get()), 0);
-        ASSERT_EQ(::chroot("."), 0);
-    }
-
-private:
-    ScopedFd m_root;
-};
-
-TEST_F(DirWithoutProc, TheModuleFilenameIsEmptyAndNoFailure) {
+TEST(Dir, TheModuleFilenameIsEmptyWithoutProcAndNothingIsFoundByIt) {
+    // Whoever is not root becomes that in a namespace of the process's own.
+    ASSERT_TRUE(::geteuid() == 0 || ::unshare(CLONE_NEWUSER) == 0);
+    const ScopedFd root(::open("/", O_PATH | O_CLOEXEC));
+    ASSERT_EQ(::chroot("/dev"), 0);
+    ASSERT_EQ(::chdir("/"), 0);
+    const test::HookRecorder hook;
     const test::LogRecorder log;
     std::string filename = "something before";
     EXPECT_TRUE(Dir::getModuleFilename(filename));
     EXPECT_EQ(filename, "");
     EXPECT_TRUE(log.lines().empty());
-}
-
-TEST_F(DirWithoutProc, TheModuleDirFailsACheckWithTheFilename) {
-    const test::HookRecorder hook;
     std::string directory = "something before";
     EXPECT_FALSE(Dir::getModuleDir(directory));
     EXPECT_EQ(directory, "something before");
-    const test::FailedCheck check = hook.single();
-    EXPECT_EQ(check.expression, "CHECKF");
-    EXPECT_EQ(check.file, "core_dir");
-    EXPECT_EQ(check.message, "");
-}
-
-TEST_F(DirWithoutProc, TheWorkingDirectoryStaysAndThePlaceIsLogged) {
-    const test::HookRecorder hook;
-    const test::LogRecorder log;
+    EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "core_dir", hook.single().line, 0, ""}));
     EXPECT_FALSE(Dir::setCurrentDirRelativeToModuleDir("bin"));
+    EXPECT_EQ(hook.failures().size(), 2U);
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_TRUE(std::regex_match(log.lines()[0], std::regex("WARN Log at core_dir:[0-9]+"))) << log.lines()[0];
-    EXPECT_EQ(hook.failures().size(), 1U);
+    ASSERT_EQ(::fchdir(root.get()), 0);
+    ASSERT_EQ(::chroot("."), 0);
 }
 
 } // namespace

@@ -136,24 +136,6 @@ TEST_F(LimitTest, BoundsTheBytesItKeeps) {
     EXPECT_EQ(taken().size(), 1U) << "forgotten";
 }
 
-TEST_F(LimitTest, TellsOfEveryCallExactlyOnce) {
-    std::map<std::string, int> told;
-    uint32_t random = 1;
-    constexpr int kCalls = 20000;
-    for (int i = 0; i < kCalls; ++i) {
-        random = random * 1664525 + 1013904223;
-        nowMs += random % 20000;
-        say(std::to_string(random >> 16 & 511).c_str());
-    }
-    MasterLogger::setRateImplementation(nullptr);
-    int sum = 0;
-    for (const std::string& line : taken()) {
-        const size_t bracket = line.find('[');
-        sum += bracket == std::string::npos ? 1 : std::stoi(line.substr(bracket + 1));
-    }
-    EXPECT_EQ(sum, kCalls);
-}
-
 TEST_F(LimitTest, CanBeReplaced) {
     struct Upper : LogRImpl {
         void log(LogRate rate, uint32_t level, std::string_view text, const Output& output) override {

@@ -166,16 +166,14 @@ TEST(MasterLogger, DerivesEnabledAndRoutedFromTheOtherBits) {
     constexpr uint8_t console = LevelEntry::Console;
     constexpr uint8_t observers = LevelEntry::Observers;
     constexpr uint8_t history = LevelEntry::History;
-    EXPECT_EQ(LevelTable::effectiveFlags(0, 0), 0);
-    EXPECT_EQ(LevelTable::effectiveFlags(3, 0), 0);
-    EXPECT_EQ(LevelTable::effectiveFlags(0, 0x80), 3);
-    EXPECT_EQ(LevelTable::effectiveFlags(console, 0), console | 1);
-    EXPECT_EQ(LevelTable::effectiveFlags(console | 2, 0), console | 1);
-    EXPECT_EQ(LevelTable::effectiveFlags(console, 1), console | 3);
-    EXPECT_EQ(LevelTable::effectiveFlags(observers, 0), observers | 3);
-    EXPECT_EQ(LevelTable::effectiveFlags(history, 0), history | 3);
-    EXPECT_EQ(LevelTable::effectiveFlags(console | observers | history, 4), 31);
-    EXPECT_EQ(LevelTable::effectiveFlags(0xe0, 0), 0);
+    struct Row {
+        uint8_t flags, implementationBits, effective;
+    };
+    for (const Row& row :
+         {Row{0, 0, 0}, Row{3, 0, 0}, Row{0xe0, 0, 0}, Row{0, 0x80, 3}, Row{console, 0, console | 1},
+          Row{console | 2, 0, console | 1}, Row{console, 1, console | 3}, Row{observers, 0, observers | 3},
+          Row{history, 0, history | 3}, Row{console | observers | history, 4, 31}})
+        EXPECT_EQ(LevelTable::effectiveFlags(row.flags, row.implementationBits), row.effective) << int{row.flags};
 }
 
 TEST(MasterLogger, ChangesOneFlagOrTheBitsOfALevel) {

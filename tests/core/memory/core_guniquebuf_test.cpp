@@ -169,23 +169,6 @@ TEST(GUniqueBufAdjust, WithinTheRoomOnlyTheEndsMove) {
     }
 }
 
-TEST(GUniqueBufAdjust, GrowsWhereTheRoomIsNotEnough) {
-    GUniqueBuf buffer = numbered(6, 0, 0);
-    struct Row {
-        int32_t front, back;
-        const char* shape;
-        int32_t offset;
-        const char* kept;
-    };
-    for (const Row& row : {Row{0, 100, "106 0+0", 0, "012345"}, Row{100, 0, "206 0+0", 100, "012345"},
-                           Row{1, 1, "208 0+0", 101, "012345"}, Row{-103, 10, "115 103+0", 0, "2345"},
-                           Row{110, -10, "215 0+10", 113, "5"}}) {
-        buffer.adjust(row.front, row.back);
-        EXPECT_EQ(shape(buffer), row.shape);
-        EXPECT_EQ(bytes(buffer, row.offset, static_cast<int32_t>(std::strlen(row.kept))), row.kept);
-    }
-}
-
 TEST(GUniqueBufAdjust, MakesTheFirstAllocationOfTheBacksSize) {
     for (const int32_t front : {0, 7, -7}) {
         GUniqueBuf buffer;

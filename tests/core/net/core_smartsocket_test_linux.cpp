@@ -18,12 +18,6 @@ constexpr int32_t kDatagram = 2;
 
 } // namespace
 
-TEST(SmartSocket, IsNotInheritedByChildren) {
-    SmartSocket socket;
-    ASSERT_TRUE(socket.create(kInet, kDatagram, /*protocol=*/0, /*flags=*/0));
-    EXPECT_EQ(::fcntl(socket.handle(), F_GETFD), FD_CLOEXEC);
-}
-
 TEST(SmartSocket, StaysEmptyWhenItsOptionIsRefused) {
     std::thread([] {
         test::refuseCall(SYS_setsockopt, EPERM);

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 #include <type_traits>
 
 #include "core/net/core_socket.h"
@@ -54,25 +55,15 @@ struct OpenUdp4Socket : testing::Test {
     test::LogRecorder log;
 };
 
-TEST(Udp4Socket, IsClosedAndEmptyWhenConstructed) {
-    const Udp4Socket socket;
-    EXPECT_FALSE(socket.isOpen());
-    EXPECT_EQ(socket.family(), 0);
-    EXPECT_EQ(socket.type(), 0);
-    EXPECT_EQ(socket.protocol(), 0);
-    EXPECT_EQ(socket.flags(), 0U);
-    EXPECT_EQ(socket.localAddress(), 0U);
-}
-
-TEST(Udp4Socket, NotesWhatItWasOpenedWith) {
+TEST(Udp4Socket, IsClosedAndEmptyUntilItNotesWhatItWasOpenedWith) {
     Udp4Socket socket;
+    const auto noted = [&] {
+        return std::tuple(socket.isOpen(), socket.family(), socket.type(), socket.protocol(), socket.flags(),
+                          socket.localAddress());
+    };
+    EXPECT_EQ(noted(), std::tuple(false, 0, 0, 0, 0U, 0U));
     ASSERT_TRUE(socket.open(NonBlocking | ReuseAddr, kLoopbackAddress));
-    EXPECT_TRUE(socket.isOpen());
-    EXPECT_EQ(socket.family(), 2);
-    EXPECT_EQ(socket.type(), 2);
-    EXPECT_EQ(socket.protocol(), 0);
-    EXPECT_EQ(socket.flags(), 3U);
-    EXPECT_EQ(socket.localAddress(), ::inet_addr("127.0.0.1"));
+    EXPECT_EQ(noted(), std::tuple(true, 2, 2, 0, 3U, ::inet_addr("127.0.0.1")));
 }
 
 TEST_F(OpenUdp4Socket, DeliversTheBytesTheLengthAndTheSendersAddress) {

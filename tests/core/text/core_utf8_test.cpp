@@ -4,8 +4,6 @@
 
 #include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -75,21 +73,6 @@ TEST(FromUtf8, WhatIsNoUtf8IsRefusedWithItsPlaceAndReason) {
         EXPECT_EQ(outcome.wide, u"before");
         EXPECT_EQ(outcome.output, "fromUtf8 conversion failed at byte " + std::string(description) + "\n");
     }
-}
-
-TEST(FromUtf8, EachThreadConvertsOnItsOwn) {
-    const std::string text = "\U0001F600 測試 é z";
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&text] {
-            for (int round = 0; round < 1000; ++round) {
-                std::u16string wide;
-                ASSERT_TRUE(NS_CORE::fromUtf8(text, wide));
-                ASSERT_EQ(wide, u"\U0001F600 測試 é z");
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
 }
 
 TEST(ToUtf8, EveryCodePointComesBackAsItWent) {
