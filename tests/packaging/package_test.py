@@ -351,6 +351,7 @@ class ProgramTest(unittest.TestCase):
         for name, image in self.for_each():
             whole = unstripped(name)
             self.assertEqual(image.FILE_HEADER.NumberOfSymbols, 0)
+            self.assertFalse(image.FILE_HEADER.Characteristics & 0x0200, "as if its symbols lay in a .DBG file")
             header, other = image.OPTIONAL_HEADER, whole.OPTIONAL_HEADER
             self.assertEqual((image.FILE_HEADER.TimeDateStamp, header.AddressOfEntryPoint, header.ImageBase),
                              (whole.FILE_HEADER.TimeDateStamp, other.AddressOfEntryPoint, other.ImageBase))

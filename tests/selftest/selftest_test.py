@@ -16,8 +16,14 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 from quorkeri_wine import COMPANION, ROOT, SERVICE, Wine, await_true, in_own_network, text_of
 
 BUILD = pathlib.Path(sys.argv[1]).resolve()
+
+
+def cached(name):
+    return re.search(rf"^{name}:\w+=(.*)", text_of(BUILD / "CMakeCache.txt"), re.MULTILINE)[1]
+
+
 WHOLE_RUN = 2500  # seconds
-VERSION = re.search(r"^CMAKE_PROJECT_VERSION:\w+=(.*)", text_of(BUILD / "CMakeCache.txt"), re.MULTILINE)[1]
+VERSION = cached("CMAKE_PROJECT_VERSION")
 KERI = r"HKLM\SOFTWARE\Wow6432Node\Microsoft\Windows\CurrentVersion\Uninstall\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}"
 WER = r"HKLM\SOFTWARE\Microsoft\Windows\Windows Error Reporting\LocalDumps\quorkeri_service.exe"
 SET_UP = r"HKLM\SOFTWARE\Quorvane"
@@ -35,7 +41,8 @@ class SelfTest(unittest.TestCase):
     def setUpClass(cls):
         cls.directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="selftest-")))
         stage, archive = cls.directory / "stage", cls.directory / "selftest.zip"
-        subprocess.run(["cmake", "--install", BUILD, "--prefix", stage, "--strip"], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", stage], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([ROOT / "scripts/lib/strip-program", cached("CMAKE_STRIP"), *stage.glob("bin/*.exe")], check=True)
         subprocess.run([ROOT / "scripts/lib/package-selftest", BUILD, stage, stage / "bin",
                         BUILD / "packaging/setup/quorkeri_setup.dll", VERSION, archive], check=True,
                        env=os.environ | {"SOURCE_DATE_EPOCH": "1574261397"})
