@@ -56,6 +56,21 @@ class FiguresTest(Installed):
                                              "orphans 0 2 2 2 2 2 2 2 2", "free 2 2 2 2 2 2 1 1 0"])
 
 
+class ManagerTest(Installed):
+    @unittest.skipUnless(IS_WINDOWS, "Linux has no service manager")
+    def test_one_that_does_not_answer(self):
+        wine = Wine(HEALTH.resolve().parents[2] / "wine-no-manager")
+        self.assertEqual(wine.run("cmd", "/c", "exit")[0], 0)  # makes the prefix
+        environment = wine.environment | {"WINEPREFIX": str(wine.prefix), "WINEDEBUG": "-all"}
+        subprocess.run(["wineserver", "-w"], env=environment, check=True, timeout=LIMIT)
+        self.addCleanup(subprocess.run, ["wineserver", "-k"], env=environment, check=False)
+        with open(self.root / "told", "w+b") as told:
+            subprocess.run(["wine", self.root / "bin" / HEALTH.name], env=environment | {"WINEDLLOVERRIDES": "services.exe=d"},
+                           stdin=subprocess.DEVNULL, stdout=told, stderr=subprocess.DEVNULL, timeout=LIMIT, check=False)
+            told.seek(0)
+            self.assertIn("[service-unknown] Windows does not tell the state of the service: ", told.read().decode())
+
+
 class PortTest(Installed):
     def test_a_holder_that_the_system_does_not_name(self):
         """Wine knows nothing of Linux' programs, and Linux tells a plain user nothing of another's."""

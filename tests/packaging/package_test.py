@@ -548,7 +548,7 @@ class DeploymentTest(unittest.TestCase):
                 '{ |record| Regexp.new(log["pattern"]).match(record)&.named_captures })')
         records = json.loads(output("ruby", "-rjson", "-e", ruby, input=json.dumps(
             {"content": content + extra, "begin": log["record_begins_with"], "pattern": log["pattern"]})))
-        self.assertGreater(len(records), 3)
+        self.assertGreater(len(records), 2)
         *records, more = records
         self.assertEqual(more, {"time": "2019-11-20 20 14:49:57", "place": None, "message": extra[24:]})
         self.assertEqual("".join(f"{found['time']} {found['place']} - {found['message']}" for found in records), content)
