@@ -550,7 +550,7 @@ class DeploymentTest(unittest.TestCase):
             {"content": content + extra, "begin": log["record_begins_with"], "pattern": log["pattern"]})))
         self.assertGreater(len(records), 2)
         *records, more = records
-        self.assertEqual(more, {"time": "2019-11-20 20 14:49:57", "place": None, "message": extra[24:]})
+        self.assertEqual(more, {"time": "2019-11-20 20 14:49:57", "place": None, "message": extra[23:]})
         self.assertEqual("".join(f"{found['time']} {found['place']} - {found['message']}" for found in records), content)
         for found in records:
             # The C library's own parser, as shippers call it.
