@@ -8,7 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace_linux.h"
+#include "tests/support/log_recorder.h"
 
 namespace {
 
@@ -62,6 +64,20 @@ TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
     }
     isOver = true;
     for (std::thread& thread : threads) thread.join();
+}
+
+TEST(StackTrace, LogsAtNormWhatItDoesNotFind) {
+    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8);
+    const test::LogRecorder log;
+    const NS_CORE::RawFrame nowhere{16, false};
+    std::vector<NS_CORE::StackFrame> frames;
+    NS_CORE::describeFrames(&nowhere, 1, frames);
+    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0);
+    EXPECT_EQ(frames, std::vector<NS_CORE::StackFrame>(1));
+    const std::string function = "NORM NS_CORE::StackTrace::getStack - ";
+    ASSERT_EQ(log.lines().size(), 2U);
+    EXPECT_TRUE(log.lines()[0].starts_with(function + "failed to get symbol from addr 16 : ")) << log.lines()[0];
+    EXPECT_EQ(log.lines()[1], function + "failed to get module info");
 }
 
 TEST(StackTrace, LoadsNothingIntoTheProcess) {
