@@ -1,6 +1,6 @@
 #include "core/net/core_socket_platform.h"
 
-#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace NS_CORE::socket_platform {
@@ -27,8 +27,8 @@ bool setOption(SocketHandle handle, int32_t level, int32_t option, const void* v
 }
 
 bool setNonBlocking(SocketHandle handle) {
-    const int flags = ::fcntl(handle, F_GETFL);
-    return flags != -1 && ::fcntl(handle, F_SETFL, flags | O_NONBLOCK) == 0;
+    int on = 1;
+    return ::ioctl(handle, FIONBIO, &on) == 0;
 }
 
 bool send(SocketHandle handle, const void* data, uint32_t length, const sockaddr_in& to) {
