@@ -321,8 +321,10 @@ DWORD WINAPI CrashGuard::watch(void* parameter) {
     CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
     guard.awaitFault();
     Standstill standstill;
-    do ::Sleep(g_crashPatienceMs / Standstill::kLooks);
-    while (!standstill.isReached(guard.m_progress + sizeOfFile(guard.m_watchedFile)));
+    do {
+        ::Sleep(g_crashPatienceMs / Standstill::kLooks);
+        if (guard.m_watch.isRunning()) guard.noteProgress(); // the dump is watched
+    } while (!standstill.isReached(guard.m_progress + sizeOfFile(guard.m_watchedFile)));
     endWithCrashResult();
 }
 

@@ -16,7 +16,8 @@ namespace NS_CORE {
 bool isGuardSwitchedOff(int argc, char** argv);
 
 // How long the report of a fault may go without progress before it is given up. Progress is a byte of the dump, or a
-// step of the report; so a busy machine loses nothing. Linux rounds it up to whole seconds. Tests shorten it.
+// step of the report, and while the system's writer works also a change of the process's memory; so a busy machine
+// loses nothing. On Windows ten times as long is the limit for all. Linux rounds up to whole seconds. Tests shorten it.
 inline constinit std::atomic<uint32_t> g_crashPatienceMs{30'000};
 
 struct CrashNames {

@@ -1,5 +1,9 @@
 #include "core/crash/internal/core_crashwatch_win32.h"
 
+#include <windows.h>
+// psapi.h needs windows.h before it.
+#include <psapi.h>
+
 #include <array>
 #include <cstddef>
 #include <cwchar>
@@ -43,6 +47,13 @@ bool findTask(Task& task) {
     return id != 0 && id != ::GetCurrentProcessId();
 }
 
+// Changes with what the process does: Windows counts its page faults, Wine knows its memory's size alone.
+uint64_t activityOf(HANDLE process) {
+    PROCESS_MEMORY_COUNTERS memory{};
+    ::K32GetProcessMemoryInfo(process, &memory, sizeof(memory));
+    return uint64_t{memory.PageFaultCount} + memory.WorkingSetSize;
+}
+
 [[noreturn]] void endNow() {
     ::TerminateProcess(::GetCurrentProcess(), 0);
     __builtin_unreachable();
@@ -55,7 +66,7 @@ bool findTask(Task& task) {
     Standstill standstill;
     do {
         if (::WaitForSingleObject(task.process, task.patienceMs / Standstill::kLooks) != WAIT_TIMEOUT) endNow();
-    } while (!standstill.isReached(sizeOfFile(task.dump)));
+    } while (!standstill.isReached(sizeOfFile(task.dump) + activityOf(task.process)));
     ::TerminateProcess(task.process, task.exitCode);
     endNow();
 }
@@ -138,8 +149,8 @@ void CrashWatch::prepare() {
 
 void CrashWatch::start(HANDLE dump, UINT exitCode) {
     if (m_program.empty() || m_environment.empty()) return;
-    const ScopedKernelHandle process =
-        inheritable(::GetCurrentProcess(), PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE);
+    const ScopedKernelHandle process = inheritable(
+        ::GetCurrentProcess(), PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_VM_READ | SYNCHRONIZE);
     const ScopedKernelHandle file =
         dump == INVALID_HANDLE_VALUE ? ScopedKernelHandle() : inheritable(dump, FILE_READ_ATTRIBUTES);
     if (!process) return;
@@ -163,14 +174,13 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
                          m_environment.data(), /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)
         return;
     ::CloseHandle(started.hThread);
-    m_watcher.reset(started.hProcess);
+    m_watcher = started.hProcess;
 }
 
 void CrashWatch::end() {
-    if (!m_watcher) return;
-    ::TerminateProcess(m_watcher.get(), 0);
-    ::WaitForSingleObject(m_watcher.get(), kEndLimitMs);
-    m_watcher.reset();
+    if (!isRunning()) return;
+    ::TerminateProcess(m_watcher, 0);
+    ::WaitForSingleObject(m_watcher, kEndLimitMs);
 }
 
 } // namespace NS_CORE

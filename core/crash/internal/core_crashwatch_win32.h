@@ -2,30 +2,30 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
-#include "core/memory/core_scopedhandle_win32.h"
-
 namespace NS_CORE {
 
-// Says when something has made no progress for too long. Counts looks, not the clock: a machine that slept meanwhile
-// has not used up the patience.
+// Says when a report is to be given up. Counts looks, not the clock: a machine that slept meanwhile has not used up the
+// patience.
 class Standstill {
 public:
     static constexpr DWORD kLooks = 10;
 
-    // To be called every kLooks-th part of the patience. progress grows with everything that is achieved. Returns
-    // whether it has been the same at the last kLooks looks.
+    // To be called every kLooks-th part of the patience. progress changes with everything that is achieved. Returns
+    // whether it has been the same at the last kLooks looks, or whether all has taken ten times the patience.
     bool isReached(uint64_t progress) {
         m_looks = progress == m_progress ? m_looks + 1 : 0;
         m_progress = progress;
-        return m_looks == kLooks;
+        return m_looks == kLooks || ++m_allLooks == 10 * kLooks;
     }
 
 private:
     uint64_t m_progress = 0;
     DWORD m_looks = 0;
+    DWORD m_allLooks = 0;
 };
 
 // The size of an open file; 0 without one.
@@ -43,19 +43,24 @@ public:
     void prepare();
 
     // Starts the watcher, if that is possible, and returns without waiting for it. The watcher ends this process with
-    // exitCode when the dump has not grown for g_crashPatienceMs. It ends when this process ends.
+    // exitCode when neither the process's memory nor the dump has changed for g_crashPatienceMs. Memory counts because
+    // the system's writer first reads all modules, and on a busy machine that takes longer. The watcher ends when this
+    // process ends.
     // dump  INVALID_HANDLE_VALUE if there is no file; it stays the caller's.
     void start(HANDLE dump, UINT exitCode);
 
     // Ends the watcher, so that it does not keep the dump's file open any longer.
     void end();
 
+    // Any thread may call it.
+    bool isRunning() const { return ::WaitForSingleObject(m_watcher, 0) == WAIT_TIMEOUT; }
+
 private:
-    std::wstring m_program;     // with its full path
-    std::wstring m_commandLine; // the program alone, in quotes
-    std::wstring m_environment; // this process's, and the variable without its value
-    size_t m_value = 0;         // where the value goes
-    ScopedKernelHandle m_watcher;
+    std::wstring m_program;                 // with its full path
+    std::wstring m_commandLine;             // the program alone, in quotes
+    std::wstring m_environment;             // this process's, and the variable without its value
+    size_t m_value = 0;                     // where the value goes
+    std::atomic<HANDLE> m_watcher{nullptr}; // open until this process has ended
 };
 
 } // namespace NS_CORE

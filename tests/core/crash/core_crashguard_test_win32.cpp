@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
@@ -64,15 +65,19 @@ BOOL WINAPI suspendAndFault(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEP
 
 DumpWriter g_realWriter = nullptr;
 
-// Takes longer than the tests' patience, but goes on. Meanwhile no other thread of the process runs.
+// Twice takes longer than the tests' patience, but goes on: first in memory, then in the file. Meanwhile no other
+// thread of the process runs.
 BOOL WINAPI writeSlowly(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE type,
                         MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
                         MINIDUMP_CALLBACK_INFORMATION* callback) {
     forOtherThreads(&::SuspendThread);
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 40; ++round) {
         ::Sleep(500);
         DWORD count = 0;
-        ::WriteFile(file, "x", 1, &count, nullptr);
+        if (round < 20)
+            std::memset(::VirtualAlloc(nullptr, 65'536, MEM_COMMIT, PAGE_READWRITE), 'x', 65'536);
+        else
+            ::WriteFile(file, "x", 1, &count, nullptr);
     }
     ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
     const BOOL isWritten = g_realWriter(process, id, file, type, exception, streams, callback);
