@@ -8,6 +8,7 @@
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_file.h"
+#include "utl/utl_fileutils.h"
 
 namespace {
 
@@ -47,6 +48,14 @@ TEST(FileLinux, CommitsAsItsFlagsSay) {
         EXPECT_TRUE(file.openFile(dir.file("file")));
     }
     EXPECT_EQ(g_commits - before, 1) << "the object's end is a close";
+}
+
+TEST(CopyLinux, CommitsNothingToTheDisk) {
+    const test::TempDir dir;
+    test::writeFile(dir.path() / "source", "bytes");
+    const int before = g_commits;
+    EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
+    EXPECT_EQ(g_commits, before);
 }
 
 TEST(FileLinux, AFullDiskIsLogged) {
