@@ -1,10 +1,11 @@
-"""disk_test.py HEALTH SERVICE COMPANION: the health check of a service whose disk is full, or nearly so, and where the
-system does not tell enough."""
+"""disk_test.py HEALTH SERVICE COMPANION [TEST...]: the health check of a service whose disk is full, or nearly so, where the
+system does not tell enough, and of a companion that does not listen."""
 import contextlib
 import json
 import os
 import pathlib
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -12,11 +13,13 @@ import tempfile
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from quorkeri_wine import LIMIT, SILENT, Companion, Wine  # noqa: E402
+from quorkeri_wine import LIMIT, SILENT, Companion, Wine, await_true, in_own_network  # noqa: E402
 
 HEALTH, SERVICE, COMPANION = map(pathlib.Path, sys.argv[1:4])
 IS_WINDOWS = HEALTH.suffix == ".exe"
-del sys.argv[1:]
+if "DeafTest" in sys.argv:
+    in_own_network()
+del sys.argv[1:4]
 
 
 class Installed(unittest.TestCase):
@@ -81,6 +84,21 @@ class PortTest(Installed):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
             holder.bind(("127.0.0.1", 34002))
             self.assertIn("port-unknown", self.ask(**({} if IS_WINDOWS else {"user": 65534}))[1])
+
+
+class DeafTest(Installed):
+    """Takes more than a minute, so it runs beside the others, in a network of its own."""
+
+    def test_a_companion_that_does_not_listen_gets_a_minute(self):
+        self.companion.settings.write_text("mute")
+        with subprocess.Popen([self.root / "bin" / SERVICE.name, "service-console"], **SILENT) as process:
+            try:
+                self.companion.await_event()
+                self.assertNotIn("port-unheld", self.ask()[1])
+                await_true("the finding", lambda: "port-unheld" in self.ask()[1])
+            finally:
+                process.kill()
+                os.kill(int(self.companion.records("ready")[0][1]), signal.SIGKILL)
 
 
 class DiskTest(Installed):
