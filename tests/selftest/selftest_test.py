@@ -1,5 +1,6 @@
-"""selftest_test.py BUILD [TEST...]: the bundle that travels to a real Windows, unpacked far from the build tree into a Wine
-prefix and a network of its own: it runs whole, refuses what it must not touch, and cleans up after an interrupted run."""
+"""selftest_test.py BUILD prepare|TEST...: makes the bundle that travels to a real Windows, or tests it, unpacked far from the
+build tree into a Wine prefix and a network of its own: it runs whole, refuses what it must not touch, and cleans up after an
+interrupted run."""
 import os
 import pathlib
 import re
@@ -30,6 +31,18 @@ SET_UP = r"HKLM\SOFTWARE\Quorvane"
 PRODUCT = r"HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Uninstall\{00000000-0000-0000-0000-000000000001}"
 VIEW = {KERI: ["/reg:64"], WER: ["/reg:64"], PRODUCT: ["/reg:32"], SET_UP: ["/reg:32"]}
 PROGRAMS = sorted(BUILD.glob("tests/*_tests.exe"))
+ARCHIVE = BUILD / "tests/selftest.zip"
+
+
+def prepare():
+    ARCHIVE.unlink(missing_ok=True)
+    with tempfile.TemporaryDirectory(prefix="selftest-") as directory:
+        stage = pathlib.Path(directory)
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", stage], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([ROOT / "scripts/lib/strip-program", cached("CMAKE_STRIP"), *stage.glob("bin/*.exe")], check=True)
+        subprocess.run([ROOT / "scripts/lib/package-selftest", BUILD, stage, stage / "bin",
+                        BUILD / "packaging/setup/quorkeri_setup.dll", VERSION, ARCHIVE], check=True,
+                       env=os.environ | {"SOURCE_DATE_EPOCH": "1574261397"})
 
 
 def tests_in(output):
@@ -40,14 +53,8 @@ class SelfTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="selftest-")))
-        stage, archive = cls.directory / "stage", cls.directory / "selftest.zip"
-        subprocess.run(["cmake", "--install", BUILD, "--prefix", stage], check=True, stdout=subprocess.DEVNULL)
-        subprocess.run([ROOT / "scripts/lib/strip-program", cached("CMAKE_STRIP"), *stage.glob("bin/*.exe")], check=True)
-        subprocess.run([ROOT / "scripts/lib/package-selftest", BUILD, stage, stage / "bin",
-                        BUILD / "packaging/setup/quorkeri_setup.dll", VERSION, archive], check=True,
-                       env=os.environ | {"SOURCE_DATE_EPOCH": "1574261397"})
         cls.bundle = cls.directory / "bundle"
-        with zipfile.ZipFile(archive) as files:
+        with zipfile.ZipFile(ARCHIVE) as files:
             files.extractall(cls.bundle)
         cls.wine = cls.enterClassContext(Wine(cls.directory / "prefix").held())
         cls.drive = cls.wine.prefix / "drive_c"
@@ -145,6 +152,8 @@ class SelfTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
+    if sys.argv[2:] == ["prepare"]:
+        sys.exit(prepare())
     in_own_network()
     del sys.argv[1]
     unittest.main(verbosity=2)
