@@ -171,7 +171,9 @@ class CommandsTest(unittest.TestCase):
         said = [""]
 
         def fits():
-            said[0] = self.prompt(*commands)
+            # Wine 10 gives a program that "start" starts so no output; a batch file waits for it anyway.
+            said[0] = self.prompt(*(command.removeprefix("start /wait /b ") if command.endswith("service-console") else command
+                                    for command in commands))
             if commands[0].startswith("dir "):  # in the file system's order
                 said[0], answer[:] = "".join(sorted(said[0].splitlines(True))), sorted(answer)
             if commands[0].startswith("net stop"):  # under Wine the service may be gone before it has answered
