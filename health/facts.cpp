@@ -134,7 +134,10 @@ std::optional<Crash> lastCrash(const Installation& installation, LocalSeconds af
     const std::string history = readAll(Installation::in(installation.logs, "dumps.log"));
     const size_t lineBegin = history.rfind('\n', history.find_last_not_of("\r\n")) + 1;
     LocalSeconds time = 0;
-    if (parseTime(std::string_view(history).substr(lineBegin), &time) && time > last.time) last = {time, "dumps.log"};
+    // The line follows its dump, on a busy machine some seconds later.
+    constexpr LocalSeconds kLineAfterDump = 60;
+    if (parseTime(std::string_view(history).substr(lineBegin), &time) && time > last.time + kLineAfterDump)
+        last = {time, "dumps.log"};
     if (last.time <= after) return std::nullopt;
     return last;
 }
