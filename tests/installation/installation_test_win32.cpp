@@ -13,6 +13,7 @@
 #include "packaging/setup/setup_rights.h"
 #include "tests/installation/packages_win32.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wine_win32.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
 #include "tests/system/service_manager_win32.h"

@@ -2,17 +2,14 @@
 
 #include <windows.h>
 
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
-
-#include <tlhelp32.h>
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_rights.h"
 #include "tests/support/temp_dir.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
+#include "tests/system/processes_win32.h"
 #include "tests/system/service_manager_win32.h"
 
 namespace test {
@@ -67,16 +64,6 @@ std::string lines(const std::set<std::string>& words) {
     return text;
 }
 
-template <class Use>
-void forEachProgram(const fs::path& root, Use use) {
-    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof entry;
-    for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more; more = ::Process32NextW(snapshot.get(), &entry)) {
-        if (processRuns(entry.th32ProcessID, root)) use(utf8(entry.szExeFile), entry.th32ProcessID);
-    }
-}
-
 } // namespace
 
 const std::set<std::string> PackagesTest::kCompanionFiles = {"bin/quorkeri_wrapper.exe", "bin/quorkeri_wrapper.records",
@@ -86,10 +73,6 @@ const std::set<std::string> PackagesTest::kLog = {"work/logs/service.log"};
 std::set<std::string> operator+(std::set<std::string> one, const std::set<std::string>& other) {
     one.insert(other.begin(), other.end());
     return one;
-}
-
-bool isWine() {
-    return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
 
 unsigned long run(const std::string& commandLine, const fs::path& directory) {
@@ -214,17 +197,7 @@ void PackagesTest::setCompanion(const std::string& settings) {
 }
 
 size_t PackagesTest::companionEvents(const std::string& event) {
-    std::ifstream records(bin() / "quorkeri_wrapper.records");
-    size_t count = 0;
-    for (std::string line; std::getline(records, line);) {
-        std::istringstream words(line);
-        std::string time;
-        std::string id;
-        std::string found;
-        words >> time >> id >> found;
-        count += found == event;
-    }
-    return count;
+    return recordsIn(bin(), event).size();
 }
 
 void PackagesTest::awaitCompanion(size_t count) {
@@ -278,8 +251,9 @@ std::set<std::string> PackagesTest::files(const fs::path& directory) {
 
 std::set<std::string> PackagesTest::programs() {
     std::set<std::string> found;
-    forEachProgram(installation(),
-                   [&](const std::string& name, DWORD id) { found.insert(name + ' ' + std::to_string(id)); });
+    forEachProcessBelow(installation(), [&](const PROCESSENTRY32W& entry) {
+        found.insert(utf8(entry.szExeFile) + ' ' + std::to_string(entry.th32ProcessID));
+    });
     return found;
 }
 
@@ -320,8 +294,8 @@ void PackagesTest::stopService(bool isHeld) {
         if (!await([&] { return companionEvents("datagram") > datagrams; }))
             throw std::runtime_error("The stop datagram did not arrive");
         EXPECT_EQ(serviceState(), "stopping");
-        forEachProgram(installation(), [](const std::string& name, DWORD id) {
-            if (name == kCompanionName) endProcess(id, installation());
+        forEachProcessBelow(installation(), [](const PROCESSENTRY32W& entry) {
+            if (utf8(entry.szExeFile) == kCompanionName) endProcess(entry.th32ProcessID, installation());
         });
     }
     awaitServiceState("stopped");

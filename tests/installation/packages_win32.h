@@ -15,8 +15,6 @@ namespace test {
 // All that an installation can change, by name: service, product, files.
 using Facts = std::map<std::string, std::string>;
 
-bool isWine();
-
 // Runs a command line and waits. Returns the exit code.
 unsigned long run(const std::string& commandLine, const std::filesystem::path& directory);
 

@@ -9,6 +9,7 @@
 #include "tests/support/child.h"
 #include "tests/support/temp_dir.h"
 #include "tests/system/platform.h"
+#include "tests/system/processes_win32.h"
 #include "tests/system/service_manager_win32.h"
 
 // What installed_test.py needs of Windows: this program's children do it and print what came of it.
@@ -20,13 +21,11 @@ using NS_CORE::ScopedKernelHandle;
 
 // The id of the service program's process that runs from below `root`.
 DWORD findService(const std::filesystem::path& root) {
-    const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof(entry);
-    for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more; more = ::Process32NextW(snapshot.get(), &entry)) {
-        if (entry.szExeFile == std::wstring(L"quorkeri_service.exe") && processRuns(entry.th32ProcessID, root))
-            return entry.th32ProcessID;
-    }
+    DWORD found = 0;
+    forEachProcessBelow(root, [&](const PROCESSENTRY32W& entry) {
+        if (entry.szExeFile == std::wstring(L"quorkeri_service.exe")) found = entry.th32ProcessID;
+    });
+    if (found != 0) return found;
     throw std::runtime_error("the service program does not run");
 }
 

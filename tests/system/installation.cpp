@@ -148,9 +148,9 @@ void Installation::awaitLog(const std::string& text, size_t count) const {
     if (!await(isThere)) throw std::runtime_error("No such log line: " + text + "\nThe log:\n" + joined(log()));
 }
 
-std::vector<Record> Installation::records(const std::string& event) const {
+std::vector<Record> recordsIn(const fs::path& bin, const std::string& event) {
     std::vector<Record> found;
-    const std::string bytes = readIfThere(bin() / "quorkeri_wrapper.records");
+    const std::string bytes = readIfThere(bin / "quorkeri_wrapper.records");
     // Only whole lines count: the last one may be half read.
     std::istringstream in(bytes.substr(0, bytes.rfind('\n') + 1));
     for (std::string line; std::getline(in, line);) {
@@ -158,6 +158,10 @@ std::vector<Record> Installation::records(const std::string& event) const {
         if (event.empty() || record.event == event) found.push_back(record);
     }
     return found;
+}
+
+std::vector<Record> Installation::records(const std::string& event) const {
+    return recordsIn(bin(), event);
 }
 
 Record Installation::awaitRecord(const std::string& event, size_t count) const {

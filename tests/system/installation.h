@@ -27,6 +27,9 @@ struct Record {
     std::string text;
 };
 
+// The companion's records in this directory, of one event or all.
+std::vector<Record> recordsIn(const std::filesystem::path& bin, const std::string& event = "");
+
 // A fresh installation as a set-up program leaves it: bin with the service and the companion, work/logs, settings, and
 // beside it a Keri installation with six libraries that is registered. When it ends, its programs are ended by their
 // ids, and files and registration are gone. Every waiting call throws when its limit is over.

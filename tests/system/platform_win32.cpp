@@ -2,14 +2,13 @@
 
 #include <windows.h>
 
-#include <tlhelp32.h>
-
 #include <stdexcept>
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
+#include "tests/system/processes_win32.h"
 
 namespace test {
 namespace {
@@ -83,16 +82,11 @@ void endProcess(uint32_t processId, const std::filesystem::path& root) {
 
 void endProcessesBelow(const std::filesystem::path& root) {
     const auto isNobodyLeft = [&] {
-        const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-        PROCESSENTRY32W entry{};
-        entry.dwSize = sizeof(entry);
         bool isNone = true;
-        for (BOOL isThere = ::Process32FirstW(snapshot.get(), &entry); isThere;
-             isThere = ::Process32NextW(snapshot.get(), &entry)) {
-            if (!processRuns(entry.th32ProcessID, root)) continue;
+        forEachProcessBelow(root, [&](const PROCESSENTRY32W& entry) {
             endProcess(entry.th32ProcessID, root);
             isNone = false;
-        }
+        });
         return isNone;
     };
     if (!await(isNobodyLeft)) throw std::runtime_error("a program cannot be ended");

@@ -14,6 +14,7 @@
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"
+#include "tests/support/wine_win32.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
@@ -26,10 +27,6 @@ namespace {
 
 using NS_CORE::ScopedKernelHandle;
 using NS_CORE::ScopedRegistryKey;
-
-bool isWine() {
-    return ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
-}
 
 // A function that older systems do not have; null there.
 template <class Function>

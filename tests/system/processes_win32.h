@@ -1,0 +1,25 @@
+#pragma once
+
+#include <windows.h>
+
+#include <tlhelp32.h>
+
+#include <filesystem>
+
+#include "core/memory/core_scopedhandle_win32.h"
+#include "tests/system/platform.h"
+
+namespace test {
+
+// Calls use(entry), with a PROCESSENTRY32W, for each process whose program lies below `root`.
+template <class Use>
+void forEachProcessBelow(const std::filesystem::path& root, Use use) {
+    const NS_CORE::ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = ::Process32FirstW(snapshot.get(), &entry); more; more = ::Process32NextW(snapshot.get(), &entry)) {
+        if (processRuns(entry.th32ProcessID, root)) use(entry);
+    }
+}
+
+} // namespace test
