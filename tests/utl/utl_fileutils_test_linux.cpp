@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -16,6 +18,28 @@ namespace fs = std::filesystem;
 using NS_UTL::FileUtils;
 
 namespace {
+
+std::atomic<int> g_fullSizeReads{0};
+
+} // namespace
+
+// In the place of the C library's, for the whole test program. Only copies read with this buffer.
+extern "C" ssize_t read(int fd, void* data, size_t length) {
+    if (length == 32768) ++g_fullSizeReads;
+    return ::syscall(SYS_read, fd, data, length);
+}
+
+namespace {
+
+TEST_F(Copy, ReadsUntilAReadIsShort) {
+    for (const auto& [size, reads] :
+         {std::pair(0U, 1), std::pair(32767U, 1), std::pair(32768U, 2), std::pair(32769U, 2), std::pair(65536U, 3)}) {
+        put("source", std::string(size, 'x'));
+        g_fullSizeReads = 0;
+        EXPECT_EQ(copy(), Lines());
+        EXPECT_EQ(g_fullSizeReads, reads) << size;
+    }
+}
 
 TEST_F(Copy, AShortReadIsTakenForTheEnd) {
     ASSERT_EQ(::mkfifo(dir.file("source").c_str(), 0600), 0);

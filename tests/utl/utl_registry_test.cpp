@@ -148,6 +148,21 @@ TEST_F(RegistryKeyTest, IgnoresTheCaseOfNames) {
     EXPECT_EQ(out, "x");
 }
 
+TEST_F(RegistryKeyTest, NeedsTheHeapOnlyBeyondTheFirstGuess) {
+    for (const size_t size : {15U, 16U, 17U}) {
+        m_value.set(RegType::Sz, std::string(size, 'x'));
+        RegistryKey key;
+        ASSERT_TRUE(key.open(kSubKey));
+        char here = 0;
+        EXPECT_TRUE(key.getValue("v", [&](const uint8_t* bytes, uint32_t) {
+            // Whether the bytes lie near this frame says where they are.
+            const auto distance = reinterpret_cast<intptr_t>(bytes) - reinterpret_cast<intptr_t>(&here);
+            EXPECT_EQ(distance > -65536 && distance < 65536, size <= 16) << size;
+            return true;
+        }));
+    }
+}
+
 TEST_F(RegistryKeyTest, AnswersWhatTheConsumerAnswersAndCallsItOnce) {
     m_value.set(RegType::Sz, std::string("a value longer than the first guess\0", 36));
     RegistryKey key;
