@@ -88,6 +88,9 @@ function(quorkeri_shipped_program target)
   endif()
   # Data that is not executed, and another address at each start. Not --no-seh: the crash guard is a handler of that kind.
   target_link_options(${target} PRIVATE -Wl,--nxcompat -Wl,--dynamicbase)
+  # Sections that begin on a page of the file, too, so that Wine maps them; others it reads, and each page that it reads is
+  # the process's own memory.
+  target_link_options(${target} PRIVATE -Wl,--file-alignment,4096)
   # Windows 7, as in the manifest: an older system says so instead of missing a DLL.
   target_link_options(${target} PRIVATE
     -Wl,--major-os-version,6,--minor-os-version,1,--major-subsystem-version,6,--minor-subsystem-version,1)
