@@ -202,6 +202,7 @@ int CrashGuard::run(int argc, char** argv, ApplicationMain applicationMain) {
     m_program = runningProgramName();
     m_names = crashNames(m_program);
     startThreads();
+    giveBackStack();
     const Handlers handlers;
     Call call{argc, argv, applicationMain, 0};
     const auto callApplication = [](void* context) {

@@ -73,10 +73,12 @@ uint64_t activityOf(HANDLE process) {
 
 // With the full path, however long it is; empty if it is not known.
 std::wstring pathOfProgram() {
-    constexpr size_t kLongestPath = 32'767;
-    std::wstring path(kLongestPath, L'\0');
-    path.resize(::GetModuleFileNameW(/*hModule=*/nullptr, path.data(), static_cast<DWORD>(path.size())));
-    path.shrink_to_fit();
+    std::wstring path(MAX_PATH, L'\0');
+    const auto read = [&path] { return ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())); };
+    DWORD length = read();
+    // As long as the buffer: the path was cut.
+    for (; length == path.size(); length = read()) path.resize(2 * path.size());
+    path.resize(length);
     return path;
 }
 
