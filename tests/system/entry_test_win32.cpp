@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <cstdio>
+#include <cwchar>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -81,12 +81,10 @@ TEST(Entry, AsAWatcherEndsAProcessThatHangsAndDoesNothingElse) {
     const Installation installation;
     const NS_CORE::ScopedKernelHandle hanging = start(fromText(childCommandLine("waits")).wstring());
     ::SetHandleInformation(hanging.get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-    char task[40];
-    std::snprintf(task, sizeof task, "%x 0 %x %x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(hanging.get())),
-                  100U, 77U);
-    ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", task);
-    EXPECT_EQ(run(installation, L"", true), 0U);
-    ::SetEnvironmentVariableA("QUORKERI_CRASH_WATCH", nullptr);
+    wchar_t task[64];
+    std::swprintf(task, std::size(task), L" quorkeri-crash-watch %x 0 %x %x",
+                  static_cast<unsigned>(reinterpret_cast<uintptr_t>(hanging.get())), 100U, 77U);
+    EXPECT_EQ(run(installation, task, true), 0U);
     EXPECT_EQ(exitCodeOf(hanging), 77U);
     EXPECT_FALSE(std::filesystem::exists(installation.logFile()));
 }

@@ -15,8 +15,8 @@
 namespace NS_CORE {
 namespace {
 
-constexpr std::wstring_view kVariable = L"QUORKERI_CRASH_WATCH";
-// The variable's value: the members of Task, each with so many digits and a blank.
+// In the command line; behind it the members of Task, each with so many digits and a blank.
+constexpr std::wstring_view kWord = L" quorkeri-crash-watch ";
 constexpr size_t kNumbers = 4;
 constexpr size_t kDigits = 8;
 
@@ -30,13 +30,12 @@ struct Task {
     UINT exitCode;
 };
 
-// Returns whether the environment sets this process a task. A variable of the same name from elsewhere cannot name a
-// handle of another process, because a new process has only the handles that it inherits.
+// Returns whether the command line sets this process a task. The word from elsewhere cannot name a handle of another
+// process, because a new process has only the handles that it inherits.
 bool findTask(Task& task) {
-    std::array<wchar_t, kNumbers*(kDigits + 1) + 1> text{};
-    const DWORD length = ::GetEnvironmentVariableW(kVariable.data(), text.data(), static_cast<DWORD>(text.size()));
-    if (length == 0 || length >= text.size()) return false;
-    wchar_t* at = text.data();
+    wchar_t* at = std::wcsstr(::GetCommandLineW(), kWord.data());
+    if (at == nullptr) return false;
+    at += kWord.size();
     const auto number = [&at] { return DWORD{std::wcstoul(at, &at, 16)}; };
     const auto handle = [&number] { return reinterpret_cast<HANDLE>(uintptr_t{number()}); };
     task.process = handle();
@@ -54,21 +53,16 @@ uint64_t activityOf(HANDLE process) {
     return uint64_t{memory.PageFaultCount} + memory.WorkingSetSize;
 }
 
-[[noreturn]] void endNow() {
-    ::TerminateProcess(::GetCurrentProcess(), 0);
-    __builtin_unreachable();
-}
-
 // The watcher's whole life, after the stack protector's guard and before any other initialiser.
 [[gnu::constructor(102)]] void watchIfAsked() {
     Task task{};
     if (!findTask(task)) return;
     Standstill standstill;
-    do {
-        if (::WaitForSingleObject(task.process, task.patienceMs / Standstill::kLooks) != WAIT_TIMEOUT) endNow();
-    } while (!standstill.isReached(sizeOfFile(task.dump) + activityOf(task.process)));
-    ::TerminateProcess(task.process, task.exitCode);
-    endNow();
+    while (::WaitForSingleObject(task.process, task.patienceMs / Standstill::kLooks) == WAIT_TIMEOUT) {
+        if (standstill.isReached(sizeOfFile(task.dump) + activityOf(task.process)))
+            ::TerminateProcess(task.process, task.exitCode);
+    }
+    ::TerminateProcess(::GetCurrentProcess(), 0);
 }
 
 // With the full path, however long it is; empty if it is not known.
@@ -100,14 +94,14 @@ public:
     // handles  must live as long as this object.
     InheritedHandles(HANDLE* handles, size_t count) {
         SIZE_T size = sizeof(m_bytes);
-        m_isMade = ::InitializeProcThreadAttributeList(list(), /*dwAttributeCount=*/1, /*dwFlags=*/0, &size) != FALSE;
-        m_isFilled = m_isMade && ::UpdateProcThreadAttribute(list(), /*dwFlags=*/0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                                             static_cast<void*>(handles), count * sizeof(*handles),
-                                                             /*lpPreviousValue=*/nullptr,
-                                                             /*lpReturnSize=*/nullptr) != FALSE;
+        m_isFilled =
+            ::InitializeProcThreadAttributeList(list(), /*dwAttributeCount=*/1, /*dwFlags=*/0, &size) != FALSE &&
+            ::UpdateProcThreadAttribute(list(), /*dwFlags=*/0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                        static_cast<void*>(handles), count * sizeof(*handles),
+                                        /*lpPreviousValue=*/nullptr, /*lpReturnSize=*/nullptr) != FALSE;
     }
     ~InheritedHandles() {
-        if (m_isMade) ::DeleteProcThreadAttributeList(list());
+        if (m_isFilled) ::DeleteProcThreadAttributeList(list());
     }
     InheritedHandles(const InheritedHandles&) = delete;
     InheritedHandles& operator=(const InheritedHandles&) = delete;
@@ -117,8 +111,7 @@ public:
 
 private:
     alignas(std::max_align_t) std::byte m_bytes[256];
-    bool m_isMade = false;
-    bool m_isFilled = false;
+    bool m_isFilled;
 };
 
 } // namespace
@@ -130,27 +123,13 @@ uint64_t sizeOfFile(HANDLE file) {
 
 void CrashWatch::prepare() {
     m_program = pathOfProgram();
-    m_commandLine = L'"' + m_program + L'"';
-    wchar_t* const own = ::GetEnvironmentStringsW();
-    if (own == nullptr) return;
-    // Sorted by name, as the system wants it; before one of the same name, which is then not found.
-    const wchar_t* at = own;
-    const std::wstring entry = std::wstring(kVariable) + L'=';
-    while (*at != L'\0' && ::CompareStringOrdinal(at, -1, entry.c_str(), -1, /*bIgnoreCase=*/TRUE) == CSTR_LESS_THAN)
-        at += std::wcslen(at) + 1;
-    const wchar_t* end = at;
-    while (*end != L'\0') end += std::wcslen(end) + 1;
-    m_environment.assign(own, static_cast<size_t>(at - own)).append(entry);
-    m_value = m_environment.size();
-    m_environment.append(kNumbers * (kDigits + 1), L' ')
-        .append(1, L'\0')
-        .append(at, static_cast<size_t>(end - at))
-        .append(1, L'\0');
-    ::FreeEnvironmentStringsW(own);
+    m_commandLine = L'"' + m_program + L'"' + kWord.data();
+    m_numbers = m_commandLine.size();
+    m_commandLine.append(kNumbers * (kDigits + 1), L' ');
 }
 
 void CrashWatch::start(HANDLE dump, UINT exitCode) {
-    if (m_program.empty() || m_environment.empty()) return;
+    if (m_program.empty()) return;
     const ScopedKernelHandle process = inheritable(
         ::GetCurrentProcess(), PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_VM_READ | SYNCHRONIZE);
     const ScopedKernelHandle file =
@@ -159,7 +138,7 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
     std::array handles = {process.get(), file.get()};
     InheritedHandles inherited(handles.data(), file ? handles.size() : handles.size() - 1);
     if (!inherited.isFilled()) return;
-    wchar_t* to = m_environment.data() + m_value;
+    wchar_t* to = m_commandLine.data() + m_numbers;
     for (const uintptr_t number : {reinterpret_cast<uintptr_t>(process.get()), reinterpret_cast<uintptr_t>(file.get()),
                                    uintptr_t{g_crashPatienceMs}, uintptr_t{exitCode}}) {
         putNumber(to, number);
@@ -172,8 +151,8 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
     PROCESS_INFORMATION started{};
     if (::CreateProcessW(m_program.c_str(), m_commandLine.data(), /*lpProcessAttributes=*/nullptr,
                          /*lpThreadAttributes=*/nullptr, /*bInheritHandles=*/TRUE,
-                         DETACHED_PROCESS | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT,
-                         m_environment.data(), /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)
+                         DETACHED_PROCESS | EXTENDED_STARTUPINFO_PRESENT, /*lpEnvironment=*/nullptr,
+                         /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)
         return;
     ::CloseHandle(started.hThread);
     m_watcher = started.hProcess;

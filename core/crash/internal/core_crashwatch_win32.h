@@ -35,8 +35,8 @@ uint64_t sizeOfFile(HANDLE file);
 // threads, so a watchdog among them does not run meanwhile.
 //
 // The watcher is a second process of this program, without a window. It does its work in the first initialiser and ends
-// there, so it opens no log, no socket and no service. A variable in its environment names the handles that it
-// inherits. A variable of that name from elsewhere names none, and is ignored.
+// there, so it opens no log, no socket and no service. A word in its command line and the numbers behind it name the
+// handles that it inherits. The same from elsewhere names none, and is ignored.
 class CrashWatch {
 public:
     // Before the fault: makes what the start needs.
@@ -57,9 +57,8 @@ public:
 
 private:
     std::wstring m_program;                 // with its full path
-    std::wstring m_commandLine;             // the program alone, in quotes
-    std::wstring m_environment;             // this process's, and the variable without its value
-    size_t m_value = 0;                     // where the value goes
+    std::wstring m_commandLine;             // the program and the word, and room for the numbers
+    size_t m_numbers = 0;                   // where they go
     std::atomic<HANDLE> m_watcher{nullptr}; // open until this process has ended
 };
 
