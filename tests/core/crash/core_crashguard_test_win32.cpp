@@ -203,10 +203,12 @@ TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
 }
 
 TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
-    EXPECT_EQ(run({.preparation = "writer-tells"}), test::kCrashExitCode);
-    EXPECT_EQ(m_output,
-              "type 1, process 1, code c0000005, other thread 1, streams 0, callback 0, shared 1\n1 watchers\n" +
-                  failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
+    for (const auto& [act, code] : {std::pair{"null", "c0000005"}, {"exception", "e0000001"}, {"abort", "e0000002"}}) {
+        EXPECT_EQ(run({.act = act, .preparation = "writer-tells"}), test::kCrashExitCode);
+        EXPECT_EQ(m_output, std::string("type 1, process 1, code ") + code +
+                                ", other thread 1, streams 0, callback 0, shared 1\n1 watchers\n" +
+                                failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
+    }
 }
 
 // Holds a file that no other program may open meanwhile, as a scanner or an archiver does.
