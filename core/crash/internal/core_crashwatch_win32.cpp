@@ -88,32 +88,6 @@ ScopedKernelHandle inheritable(HANDLE handle, DWORD rights) {
     return ScopedKernelHandle(copy);
 }
 
-// The list of handles that a child inherits. Needs no memory but its own.
-class InheritedHandles {
-public:
-    // handles  must live as long as this object.
-    InheritedHandles(HANDLE* handles, size_t count) {
-        SIZE_T size = sizeof(m_bytes);
-        m_isFilled =
-            ::InitializeProcThreadAttributeList(list(), /*dwAttributeCount=*/1, /*dwFlags=*/0, &size) != FALSE &&
-            ::UpdateProcThreadAttribute(list(), /*dwFlags=*/0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                        static_cast<void*>(handles), count * sizeof(*handles),
-                                        /*lpPreviousValue=*/nullptr, /*lpReturnSize=*/nullptr) != FALSE;
-    }
-    ~InheritedHandles() {
-        if (m_isFilled) ::DeleteProcThreadAttributeList(list());
-    }
-    InheritedHandles(const InheritedHandles&) = delete;
-    InheritedHandles& operator=(const InheritedHandles&) = delete;
-
-    bool isFilled() const { return m_isFilled; }
-    LPPROC_THREAD_ATTRIBUTE_LIST list() { return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(m_bytes); }
-
-private:
-    alignas(std::max_align_t) std::byte m_bytes[256];
-    bool m_isFilled;
-};
-
 } // namespace
 
 uint64_t sizeOfFile(HANDLE file) {
@@ -136,8 +110,16 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
         dump == INVALID_HANDLE_VALUE ? ScopedKernelHandle() : inheritable(dump, FILE_READ_ATTRIBUTES);
     if (!process) return;
     std::array handles = {process.get(), file.get()};
-    InheritedHandles inherited(handles.data(), file ? handles.size() : handles.size() - 1);
-    if (!inherited.isFilled()) return;
+    // The list of what the watcher inherits has no memory but this, so nothing has to be deleted.
+    alignas(std::max_align_t) std::byte bytes[256];
+    SIZE_T size = sizeof(bytes);
+    const auto list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(bytes);
+    if (::InitializeProcThreadAttributeList(list, /*dwAttributeCount=*/1, /*dwFlags=*/0, &size) == FALSE ||
+        ::UpdateProcThreadAttribute(list, /*dwFlags=*/0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                    static_cast<void*>(handles.data()),
+                                    file ? sizeof(handles) : sizeof(handles.front()), /*lpPreviousValue=*/nullptr,
+                                    /*lpReturnSize=*/nullptr) == FALSE)
+        return;
     wchar_t* to = m_commandLine.data() + m_numbers;
     for (const uintptr_t number : {reinterpret_cast<uintptr_t>(process.get()), reinterpret_cast<uintptr_t>(file.get()),
                                    uintptr_t{g_crashPatienceMs}, uintptr_t{exitCode}}) {
@@ -147,19 +129,18 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
     STARTUPINFOEXW startup{};
     startup.StartupInfo.cb = sizeof(startup);
     startup.StartupInfo.dwFlags = STARTF_FORCEOFFFEEDBACK; // leave the pointer on the screen as it is
-    startup.lpAttributeList = inherited.list();
+    startup.lpAttributeList = list;
     PROCESS_INFORMATION started{};
     if (::CreateProcessW(m_program.c_str(), m_commandLine.data(), /*lpProcessAttributes=*/nullptr,
                          /*lpThreadAttributes=*/nullptr, /*bInheritHandles=*/TRUE,
                          DETACHED_PROCESS | EXTENDED_STARTUPINFO_PRESENT, /*lpEnvironment=*/nullptr,
                          /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)
         return;
-    ::CloseHandle(started.hThread);
+    const ScopedKernelHandle thread(started.hThread);
     m_watcher = started.hProcess;
 }
 
 void CrashWatch::end() {
-    if (!isRunning()) return;
     ::TerminateProcess(m_watcher, 0);
     ::WaitForSingleObject(m_watcher, kEndLimitMs);
 }

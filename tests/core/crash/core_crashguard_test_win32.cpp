@@ -209,6 +209,11 @@ TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
                                 ", other thread 1, streams 0, callback 0, shared 1\n1 watchers\n" +
                                 failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
     }
+    // A writer that has no file is watched, too.
+    std::filesystem::remove(dumpFile());
+    std::filesystem::create_directory(dumpFile());
+    run({.preparation = "writer-tells"});
+    EXPECT_NE(m_output.find("\n1 watchers\n"), std::string::npos);
 }
 
 // Holds a file that no other program may open meanwhile, as a scanner or an archiver does.
