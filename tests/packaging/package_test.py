@@ -389,24 +389,30 @@ class ProgramTest(unittest.TestCase):
         self.assertEqual(result.stderr, f"package-pdb: {__file__}: it is not a program database\n")
         self.assertFalse((WORK / "none.pdb").exists())
 
-    def test_leaves_a_dump_that_the_symbols_explain(self):
-        image = exe()
-        # The program as it is shipped, but for an illegal instruction where a run begins.
+    def test_leaves_a_dump_that_the_symbols_explain_wherever_it_lies(self):
         names = output("i686-w64-mingw32-nm", str(self.symbols() / "quorkeri_service.exe"))
-        address = int(re.search(r"^([0-9a-f]+) T __ZN6NS_UTL7Service3runEiPPc$", names, re.M).group(1), 16)
-        image.set_bytes_at_rva(address - image.OPTIONAL_HEADER.ImageBase, b"\x0f\x0b")
-        directory = WORK / "crashed"
-        for part in ("bin", "work/logs", "work/dumps"):
-            (directory / part).mkdir(parents=True)
-        program = directory / "bin/quorkeri_service.exe"
-        program.write_bytes(image.write())
-        result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=6000, check=False)
-        self.assertEqual(result.returncode, 129)
-        (dump,) = (directory / "work/dumps").glob("*.dmp")
-        self.assertIn(STAMP, dump.name)
-        trace = output(str(ROOT / "scripts/dump-backtrace"), str(dump), str(self.symbols() / "quorkeri_service.exe"))
-        self.assertRegex(trace, r"frame #0: .*NS_UTL::Service::run\(.* at utl_service\.cpp:[1-9]")
-        self.assertRegex(trace, r"frame #[1-9]: .*NS_CORE::guard\(.* at core_crashguard_win32\.cpp:[1-9]")
+        address = lambda name: int(re.search(rf"^([0-9a-f]+) T {name}$", names, re.M).group(1), 16)
+        run = address("__ZN6NS_UTL7Service3runEiPPc")
+        # Where a run begins, an illegal instruction, or a call of what the runtime library and a failed check end it by.
+        for function in (None, "_abort", "___cxa_pure_virtual", "__ZN7NS_CORE6Assert11stopProcessEv"):
+            image = exe()
+            place = run - image.OPTIONAL_HEADER.ImageBase
+            # Whatever still points to where it was linked for would end this in another way.
+            del image.DIRECTORY_ENTRY_IMPORT  # the library would move the imports' names, too
+            image.relocate_image(0x20000000)
+            image.set_bytes_at_rva(place, struct.pack("<Bi", 0xe8, address(function) - run - 5) if function else b"\x0f\x0b")
+            directory = WORK / f"crashed{function}"
+            for part in ("bin", "work/logs", "work/dumps"):
+                (directory / part).mkdir(parents=True)
+            program = directory / "bin/quorkeri_service.exe"
+            program.write_bytes(image.write())
+            result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=6000, check=False)
+            self.assertEqual(result.returncode, 129, function)
+            (dump,) = (directory / "work/dumps").glob("*.dmp")
+            self.assertIn(STAMP, dump.name)
+            trace = output(str(ROOT / "scripts/dump-backtrace"), str(dump), str(self.symbols() / "quorkeri_service.exe"))
+            self.assertRegex(trace, r"frame #[0-9]+: .*NS_UTL::Service::run\(.* at utl_service\.cpp:[1-9]")
+            self.assertRegex(trace, r"frame #[0-9]+: .*NS_CORE::guard\(.* at core_crashguard_win32\.cpp:[1-9]")
 
 
 class BillOfMaterialsTest(unittest.TestCase):

@@ -189,6 +189,7 @@ TEST(RestartTest, RestartsLeaveNothingBehind) {
                            [&](const char*) {
                                if (++starts == kWarmUp) before = test::ProcessGauge::read();
                                if (starts == kWarmUp + restarts) supervisor.stop();
+                               production.start("no-such-program");
                                production.start(commandLine.c_str());
                            }},
                           /*restartDelayMs=*/0);

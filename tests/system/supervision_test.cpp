@@ -100,6 +100,19 @@ TEST(Supervision, WaitsForACompanionThatIgnoresTheStopDatagram) {
     EXPECT_EQ(installation.log(), SupervisedService::wholeLog());
 }
 
+TEST(Supervision, KeepsAStopRequestThatNobodyHearsUntilTheCompanionEnds) {
+    const Installation installation;
+    installation.setCompanion("mute");
+    SupervisedService service(installation);
+    service.start();
+    const Record companion = installation.awaitRecord("ready");
+    service.requestStop();
+    EXPECT_FALSE(service.hasStopped());
+    endProcess(companion.processId, installation.root());
+    service.awaitStopped();
+    EXPECT_EQ(installation.log(), SupervisedService::wholeLog());
+}
+
 TEST(Supervision, GoesOnWhateverKeepsTheCompanionFromRunning) {
     const Installation installation;
     std::filesystem::remove(installation.companion());

@@ -2,6 +2,7 @@
 #include <windows.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "core/files/core_wrapper.h"
 #include "core/memory/core_scopedhandle_win32.h"
@@ -33,6 +34,27 @@ TEST_F(Copy, AFileThatIsHeldOpenIsLoggedAndStays) {
         EXPECT_EQ(copy(), failedOpening("source", "reading"));
     }
     EXPECT_EQ(bytes("destination"), "old and longer");
+}
+
+TEST_F(Copy, ASourceThatBreaksOffIsLoggedAndTheDestinationRemoved) {
+    // A pipe, which opens like a file: whoever is at its other end hands over one block and goes away.
+    const std::string block(32768, 'x');
+    const std::string source = R"(\\.\pipe\quorkeri-test-)" + std::to_string(::GetCurrentProcessId());
+    const Handle pipe(
+        ::CreateNamedPipeA(source.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 65536, 0, 0, nullptr));
+    std::thread server([&] {
+        ::ConnectNamedPipe(pipe.get(), nullptr);
+        DWORD written = 0;
+        ::WriteFile(pipe.get(), block.data(), static_cast<DWORD>(block.size()), &written, nullptr);
+        ::FlushFileBuffers(pipe.get()); // until it is read
+        ::DisconnectNamedPipe(pipe.get());
+    });
+    const test::LogRecorder log;
+    EXPECT_FALSE(FileUtils::copy(source, dir.file("destination")));
+    server.join();
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_TRUE(log.lines()[0].starts_with("WARN UTL::FileUtils::copy - error reading from " + source + " ("));
+    EXPECT_FALSE(exists("destination"));
 }
 
 TEST_F(RenameFile, AFileThatIsHeldOpenIsLoggedAtInfo) {

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <utility>
 
 #include "core/net/core_socket_platform.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/self_process.h"
 #include "tests/support/udp_receiver.h"
 
 namespace NS_CORE {
@@ -39,6 +41,11 @@ int reuseAddr(const SmartSocket& socket) {
 
 static_assert(!std::is_copy_constructible_v<SmartSocket> && !std::is_copy_assignable_v<SmartSocket>);
 static_assert(std::is_nothrow_move_constructible_v<SmartSocket> && std::is_nothrow_move_assignable_v<SmartSocket>);
+
+TEST(SmartSocket, IsNotInheritedByAChildThatInheritsHandles) {
+    const SmartSocket socket = opened();
+    EXPECT_EQ(test::SelfProcess("has-handle", {std::to_string(socket.handle())}).wait(), 0);
+}
 
 TEST(SmartSocket, ClosesWhatItOwnsWhenItEnds) {
     const SocketHandle handle = opened().handle();

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/net/core_smartsocket.h"
+#include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/refused_call_linux.h"
 
@@ -15,6 +16,10 @@ namespace {
 
 constexpr int32_t kInet = 2;
 constexpr int32_t kDatagram = 2;
+
+const test::ChildProgram g_hasHandle("has-handle", [](const auto& arguments) {
+    return ::fcntl(std::stoi(arguments.at(0)), F_GETFD) >= 0 ? 1 : 0;
+});
 
 } // namespace
 

@@ -31,6 +31,12 @@ const test::ChildProgram g_exits("exit-with-winsock", [](const std::vector<std::
     return 0;
 });
 
+// Under Wine an inherited socket is no socket to the child, but a handle.
+const test::ChildProgram g_hasHandle("has-handle", [](const std::vector<std::string>& arguments) {
+    DWORD flags = 0;
+    return ::GetHandleInformation(reinterpret_cast<HANDLE>(std::stoul(arguments.at(0))), &flags) ? 1 : 0;
+});
+
 } // namespace
 
 TEST(WinsockInit, IsCleanedUpAtExitUnlessToldNotTo) {
