@@ -48,7 +48,6 @@ bool Assert::failQuiet(const char* /*expression*/, std::string_view file, int32_
     const std::string text =
         "GASSERT failed at " + std::string(file) + ':' + std::to_string(line) + " (" + message + ")\n";
     std::fwrite(text.data(), 1, text.size(), stderr);
-    std::fflush(stderr);
     return false;
 }
 

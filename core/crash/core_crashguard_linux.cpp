@@ -69,20 +69,14 @@ public:
         action.sa_sigaction = handler;
         // A fault of the handler itself must call it again; otherwise the process would end on the spot.
         action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
-        for (size_t index = 0; index < kFaultSignals.size(); ++index)
-            ::sigaction(kFaultSignals[index], &action, &m_actionsBefore[index]);
+        for (const int signal : kFaultSignals) ::sigaction(signal, &action, &m_actionsBefore[signal]);
     }
     ~FaultHandlers() {
-        for (size_t index = 0; index < kFaultSignals.size(); ++index)
-            ::sigaction(kFaultSignals[index], &m_actionsBefore[index], nullptr);
+        for (const int signal : kFaultSignals) restore(signal);
         ::sigaltstack(&m_stackBefore, nullptr);
     }
     // Restores the signal's earlier handler.
-    void restore(int signal) const {
-        for (size_t index = 0; index < kFaultSignals.size(); ++index) {
-            if (kFaultSignals[index] == signal) ::sigaction(signal, &m_actionsBefore[index], nullptr);
-        }
-    }
+    void restore(int signal) const { ::sigaction(signal, &m_actionsBefore[signal], nullptr); }
 
     FaultHandlers(const FaultHandlers&) = delete;
     FaultHandlers& operator=(const FaultHandlers&) = delete;
@@ -90,7 +84,7 @@ public:
 private:
     std::unique_ptr<std::byte[]> m_stack;
     stack_t m_stackBefore{};
-    std::array<struct sigaction, kFaultSignals.size()> m_actionsBefore{};
+    struct sigaction m_actionsBefore[NSIG]{}; // by signal
 };
 
 pid_t threadId() {
@@ -292,11 +286,11 @@ void CrashGuard::limitReport() {
     noteProgress();
 }
 
-// Makes the report abandon what it waits for, for example another thread's lock.
+// Makes the report abandon what it waits for, for example another thread's lock. The signal is sent to the process, and
+// any thread may receive it. After the report any thread may be on the way out of the process, too.
 void CrashGuard::onNoProgress(int signal) {
     CrashGuard& guard = instance();
-    if (guard.m_thread == threadId()) guard.continueWithNextStep();
-    // The signal is sent to the process, and any thread may receive it.
+    if (guard.m_thread == threadId() || guard.m_step == Step::Done) guard.continueWithNextStep();
     ::syscall(SYS_tgkill, ::getpid(), guard.m_thread.load(), signal);
 }
 

@@ -5,11 +5,12 @@
 namespace NS_CORE {
 
 void LevelMask::set(uint32_t level, bool on) {
+    std::atomic<uint8_t>& byte = m_bytes[level / 8];
     const auto bit = static_cast<uint8_t>(1U << (level % 8));
     if (on)
-        m_bytes[level / 8].fetch_or(bit, std::memory_order_relaxed);
+        byte.fetch_or(bit, std::memory_order_relaxed);
     else
-        m_bytes[level / 8].fetch_and(static_cast<uint8_t>(~bit), std::memory_order_relaxed);
+        byte.fetch_and(static_cast<uint8_t>(~bit), std::memory_order_relaxed);
 }
 
 constinit std::array<LevelTable::Row, LevelTable::kPredefinedCount> LevelTable::g_predefined{

@@ -55,7 +55,6 @@ bool Assert::failDefault(const char* expression, std::string_view file, int32_t 
     }
     if (g_insideFailDefault.get() != 0) {
         std::fputs("Assert:failDefault - recursive call\n", stderr);
-        std::fflush(stderr);
         return false;
     }
     const InsideFailDefault inside;

@@ -52,6 +52,10 @@ struct DwflCloser {
     void operator()(Dwfl* session) const { dwfl_end(session); }
 };
 
+struct ElfCloser {
+    void operator()(Elf* file) const { elf_end(file); }
+};
+
 // How often the dynamic linker has loaded and unloaded modules so far.
 struct ModuleGeneration {
     unsigned long long loads = 0;
@@ -97,13 +101,11 @@ bool belongsToModule(int fd, Dwfl_Module* module) {
     GElf_Addr address = 0;
     const int wantedSize = dwfl_module_build_id(module, &wanted, &address);
     elf_version(EV_CURRENT);
-    Elf* const elf = elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr);
+    const std::unique_ptr<Elf, ElfCloser> elf(elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr));
     const void* found = nullptr;
-    const ssize_t foundSize = elf == nullptr ? -1 : dwelf_elf_gnu_build_id(elf, &found);
-    const bool isSame =
-        wantedSize > 0 && foundSize == wantedSize && std::memcmp(found, wanted, static_cast<size_t>(wantedSize)) == 0;
-    elf_end(elf);
-    return isSame;
+    const ssize_t foundSize = elf == nullptr ? -1 : dwelf_elf_gnu_build_id(elf.get(), &found);
+    return wantedSize > 0 && foundSize == wantedSize &&
+           std::memcmp(found, wanted, static_cast<size_t>(wantedSize)) == 0;
 }
 
 // Looks by build id in the system's store, then by the name in the image, beside the executable and in "symbols" below
@@ -184,9 +186,11 @@ ModuleGeneration currentGeneration() {
 
 // Adds one module to those that are known.
 bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later) {
-    if (dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), /*fd=*/-1, module.base,
-                        /*add_p_vaddr=*/true) != nullptr)
-        return true;
+    dwfl_report_begin_add(library);
+    const bool isAdded = dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), /*fd=*/-1, module.base,
+                                         /*add_p_vaddr=*/true) != nullptr;
+    dwfl_report_end(library, /*removed=*/nullptr, /*arg=*/nullptr);
+    if (isAdded) return true;
     later.add([module] {
         MLOG(Norm, "NS_CORE::StackTrace::loadModule", "failed to load image=%s module=%d base_addr=%d, size=%d",
              module.image, module.name, module.base, module.size);
@@ -202,9 +206,7 @@ void updateModules(Session& session, LaterRecords& later) ABSL_EXCLUSIVE_LOCKS_R
     if (!openLibrary(session)) return;
     ModuleList list;
     dl_iterate_phdr(&addModule, &list);
-    dwfl_report_begin(session.library.get());
     for (const LoadedModule& module : list.modules) addToLibrary(session.library.get(), module, later);
-    dwfl_report_end(session.library.get(), /*removed=*/nullptr, /*arg=*/nullptr);
     session.known.clear();
     session.generation = list.generation;
 }
@@ -331,10 +333,7 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
     if (!openLibrary(session)) return false;
-    dwfl_report_begin_add(session.library.get());
-    const bool isAdded = addToLibrary(session.library.get(), {image, module, base, size}, later);
-    dwfl_report_end(session.library.get(), /*removed=*/nullptr, /*arg=*/nullptr);
-    return isAdded;
+    return addToLibrary(session.library.get(), {image, module, base, size}, later);
 }
 
 [[gnu::noinline]] bool StackTrace::getStack(std::vector<Frame>& frames, size_t maxFrames) {

@@ -109,6 +109,7 @@ TEST(ProcessUtilsLinux, AFileThatIsNoProgramSaysWhy) {
 TEST(ProcessUtilsLinux, WithoutSigchldThereIsNoExitCode) {
     std::signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(started("/bin/false"), Started(Result::NoExitCode, kUntouched));
+    std::signal(SIGCHLD, SIG_DFL);
 }
 
 void onAlarm(int) {}
