@@ -82,10 +82,8 @@ SehVerdict giveUp(EXCEPTION_POINTERS* /*exception*/, void* /*context*/) {
     return SehVerdict::ExecuteHandler;
 }
 
-// site  null, or where the exception really happened; it goes along as the only argument.
-[[noreturn]] void raiseNoncontinuable(DWORD code, const ThrowSite* site) {
-    const auto argument = reinterpret_cast<ULONG_PTR>(site);
-    ::RaiseException(code, EXCEPTION_NONCONTINUABLE, /*nNumberOfArguments=*/1, &argument);
+[[noreturn]] void raiseNoncontinuable(DWORD code) {
+    ::RaiseException(code, EXCEPTION_NONCONTINUABLE, /*nNumberOfArguments=*/0, /*lpArguments=*/nullptr);
     __builtin_unreachable();
 }
 
@@ -104,6 +102,7 @@ void onInvalidParameter(const wchar_t* expression, const wchar_t* function, cons
 // The exception as the dump records it: for a terminate, address and context are those of the throw, not of
 // RaiseException.
 struct RecordedException {
+    ThrowSite site; // set before a terminate's exception is raised; otherwise unknown
     DWORD thread = 0;
     EXCEPTION_RECORD record{};
     CONTEXT context{};
@@ -113,13 +112,11 @@ struct RecordedException {
         thread = ::GetCurrentThreadId();
         record = *caught.ExceptionRecord;
         context = *caught.ContextRecord;
-        if (record.ExceptionCode != kTerminateCode || record.NumberParameters != 1) return;
-        const auto* const site = reinterpret_cast<const ThrowSite*>(record.ExceptionInformation[0]);
-        if (site == nullptr || site->instruction == 0) return;
-        record.ExceptionAddress = reinterpret_cast<void*>(uintptr_t{site->instruction});
-        context.Eip = site->instruction;
-        context.Esp = site->stack;
-        context.Ebp = site->frame;
+        if (site.instruction == 0) return;
+        record.ExceptionAddress = reinterpret_cast<void*>(uintptr_t{site.instruction});
+        context.Eip = site.instruction;
+        context.Esp = site.stack;
+        context.Ebp = site.frame;
     }
 };
 
@@ -263,10 +260,10 @@ void CrashGuard::awaitFault() {
 // threads are not guarded and end the process as they always did.
 void CrashGuard::onTerminate() {
     if (::GetCurrentThreadId() == instance().m_guardedThread) {
-        const ThrowSite site = findThrowSite();
-        raiseNoncontinuable(kTerminateCode, &site);
+        instance().m_exception.site = findThrowSite();
+        raiseNoncontinuable(kTerminateCode);
     }
-    if (instance().m_terminateBefore != nullptr) instance().m_terminateBefore();
+    instance().m_terminateBefore();
     std::abort();
 }
 
@@ -274,7 +271,7 @@ void CrashGuard::onTerminate() {
 void CrashGuard::onAbort(int /*signal*/) {
     // The runtime has removed the handler. Another abort, on the way out, must come here, too.
     std::signal(SIGABRT, &onAbort);
-    if (::GetCurrentThreadId() == instance().m_guardedThread) raiseNoncontinuable(kAbortCode, /*site=*/nullptr);
+    if (::GetCurrentThreadId() == instance().m_guardedThread) raiseNoncontinuable(kAbortCode);
 }
 
 LONG WINAPI CrashGuard::onFaultOnTheWayOut(EXCEPTION_POINTERS* /*exception*/) {
@@ -288,7 +285,6 @@ SehVerdict CrashGuard::onFault(EXCEPTION_POINTERS* exception, void* /*context*/)
     guard.m_exception.set(*exception);
     ::SetEvent(guard.m_faulted.get());
     guard.awaitDump();
-    guard.noteProgress();
     return SehVerdict::ExecuteHandler;
 }
 

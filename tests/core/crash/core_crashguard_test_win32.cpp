@@ -5,8 +5,10 @@
 #include <tlhelp32.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
@@ -18,6 +20,7 @@
 #include "core/stack/core_symbollock.h"
 #include "tests/core/crash/crash_fixture.h"
 #include "tests/support/child.h"
+#include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
 
 namespace test {
@@ -115,6 +118,11 @@ BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
     return FALSE;
 }
 
+UINT WINAPI findNoDirectory(LPWSTR, UINT) {
+    ::SetLastError(ERROR_PATH_NOT_FOUND);
+    return 0;
+}
+
 // For the calling thread, as a DLL's start function has it.
 void holdLoaderLock() {
     using Lock = LONG(WINAPI*)(ULONG flags, ULONG * state, ULONG_PTR * cookie);
@@ -151,6 +159,10 @@ const Preparations& platformPreparations() {
          [] {
              setWriter(&tellParameters);
              std::atexit(&tellWatchers);
+         }},
+        {"library-missing",
+         [] {
+             static const ImportHook<decltype(::GetSystemDirectoryW)> hook("GetSystemDirectoryW", &findNoDirectory);
          }},
         {"program-moved", [] { std::filesystem::rename("program.exe", "moved.exe"); }},
         {"heap-held", [] { ::HeapLock(::GetProcessHeap()); }},
@@ -216,6 +228,11 @@ TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     EXPECT_NE(m_output.find("\n1 watchers\n"), std::string::npos);
 }
 
+TEST_F(CrashTest, WithoutTheSystemsLibraryTheLinesAreThere) {
+    expectCrash({.preparation = "library-missing"}, /*hasDump=*/false);
+    EXPECT_EQ(m_output, failed(test::textOf(ERROR_PATH_NOT_FOUND)));
+}
+
 // Holds a file that no other program may open meanwhile, as a scanner or an archiver does.
 NS_CORE::ScopedFileHandle holdAlone(const std::filesystem::path& path) {
     std::filesystem::create_directories(path.parent_path());
@@ -279,6 +296,13 @@ TEST(InvalidParameter, IsNotHandledWithTheSwitchWord) {
     char* argv[] = {program, word, nullptr};
     NS_CORE::guard(2, argv, [](int, char**) { return 0; });
     EXPECT_EQ(_get_invalid_parameter_handler(), before);
+}
+
+TEST(CrashHandlers, AreTheEarlierOnesAfterARunWithoutFault) {
+    const std::terminate_handler before = std::get_terminate();
+    callWithBadArgument();
+    EXPECT_EQ(std::get_terminate(), before);
+    EXPECT_EQ(std::signal(SIGABRT, SIG_DFL), SIG_DFL);
 }
 
 struct Filtered {
