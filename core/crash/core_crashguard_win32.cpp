@@ -13,6 +13,7 @@
 #include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_crashreport.h"
 #include "core/crash/internal/core_crashwatch_win32.h"
+#include "core/crash/internal/core_lentlocks_win32.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
 #include "core/crash/internal/core_seh_win32.h"
 #include "core/crash/internal/core_throwsite_win32.h"
@@ -30,8 +31,9 @@
 //
 // Writer and watchdog begin before the application does, because a broken process may not be able to start a thread,
 // and a thread needs the locks of the loader and the heap to begin. The watchdog calls nothing but the kernel, so that
-// no lock can hold it up. The writer needs both locks. If the faulting thread holds one of them, the writer cannot
-// reach the dump, and the faulting thread, which may acquire its own locks again, writes the dump itself.
+// no lock can hold it up. The writer needs both locks, and so does a thread that the system's function may begin
+// (Wine 10's does). If the faulting thread holds one of them, the writer does not reach the dump in time. The faulting
+// thread then lends its locks, and the first of the two that reaches the dump writes it.
 //
 // The system's writer of dumps suspends all threads but its own, the watchdog too. Meanwhile a second process watches
 // (core_crashwatch_win32.h). It is started just before, where the heap and the loader's lock are free.
@@ -56,6 +58,22 @@ constexpr DWORD kShareOfWriter = 6;
 
 // What the faulting thread's own stack must have left for the library's functions.
 constexpr ptrdiff_t kStackForLibrary = 256 * 1024;
+
+// Keeps kStackGuarantee bytes of the calling thread's stack for its overflow.
+void reserveStackForOverflow() {
+    ULONG guarantee = kStackGuarantee;
+    ::SetThreadStackGuarantee(&guarantee);
+    // Some systems (Wine) commit the whole stack and leave its guard page at the very end. An overflow then has a few
+    // hundred bytes to be handled in, and the system ends the thread when they are used up. So the guard page is moved.
+    MEMORY_BASIC_INFORMATION stack{};
+    ::VirtualQuery(&stack, &stack, sizeof(stack));
+    char* const end = static_cast<char*>(stack.AllocationBase) + kStackGuarantee;
+    ::VirtualQuery(end, &stack, sizeof(stack));
+    if (stack.State == MEM_COMMIT && stack.Protect == PAGE_READWRITE) {
+        DWORD before = 0;
+        ::VirtualProtect(end, /*dwSize=*/1, PAGE_READWRITE | PAGE_GUARD, &before);
+    }
+}
 
 bool hasStackForLibrary() {
     MEMORY_BASIC_INFORMATION stack{};
@@ -185,6 +203,7 @@ private:
     std::atomic<bool> m_isReporting{false};
     std::atomic<uint64_t> m_progress{0};
     std::atomic<HANDLE> m_watchedFile{INVALID_HANDLE_VALUE};
+    std::atomic<bool> m_isWriterAtHeap{false};              // waits for its lock, or goes on at once
     std::atomic<DumpWriter> m_dumpWriter{DumpWriter::None}; // who calls the system's function
     RecordedException m_exception;
     CrashNames m_names;
@@ -194,8 +213,7 @@ private:
 
 int CrashGuard::run(int argc, char** argv, ApplicationMain applicationMain) {
     ::_set_invalid_parameter_handler(&onInvalidParameter);
-    ULONG guarantee = kStackGuarantee;
-    ::SetThreadStackGuarantee(&guarantee);
+    reserveStackForOverflow();
     m_program = runningProgramName();
     m_names = crashNames(m_program);
     startThreads();
@@ -291,6 +309,7 @@ SehVerdict CrashGuard::onFault(EXCEPTION_POINTERS* exception, void* /*context*/)
 void CrashGuard::awaitDump() {
     const DWORD patience = m_writer ? g_crashPatienceMs / kShareOfWriter : 0;
     if (m_writer && ::WaitForSingleObject(m_dumpEnded.get(), patience) == WAIT_OBJECT_0) return;
+    const LentLocks lent(m_isWriterAtHeap);
     if (hasStackForLibrary()) writeDump(DumpWriter::FaultingThread);
     // Either the dump is there, or the writer has begun it after all.
     if (m_writer) ::WaitForSingleObject(m_dumpEnded.get(), INFINITE);
@@ -329,20 +348,25 @@ DWORD WINAPI CrashGuard::writeOnOwnStack(void* parameter) {
     CrashGuard& guard = *static_cast<CrashGuard*>(parameter);
     guard.awaitFault();
     const auto write = [](void* context) { static_cast<CrashGuard*>(context)->writeDump(DumpWriter::Writer); };
-    if (runGuarded(write, &giveUp, &guard) == SehOutcome::Returned) return 0;
-    // A fault of the system's writer leaves the dump unfinished, the error as it was, and the other threads suspended.
-    const ScopedKernelHandle faulting(
-        ::OpenThread(THREAD_SUSPEND_RESUME, /*bInheritHandle=*/FALSE, guard.m_exception.thread));
-    ::SetEvent(guard.m_dumpEnded.get());
-    ::ResumeThread(faulting.get());
-    return 0;
+    if (runGuarded(write, &giveUp, &guard) == SehOutcome::Caught) {
+        // The system's writer leaves the dump unfinished, the error as it was, and the other threads suspended.
+        const ScopedKernelHandle faulting(
+            ::OpenThread(THREAD_SUSPEND_RESUME, /*bInheritHandle=*/FALSE, guard.m_exception.thread));
+        ::SetEvent(guard.m_dumpEnded.get());
+        ::ResumeThread(faulting.get());
+    }
+    // Stays until the process ends. An ending thread would hold the loader's lock, which the end of the process needs,
+    // and wait for the heap's, which the faulting thread may hold to the end.
+    for (;;) ::Sleep(INFINITE);
 }
 
 void CrashGuard::writeDump(DumpWriter writer) {
     // The calls that may have to wait for the faulting thread come first: until m_dumpWriter is set, the other thread
     // may still take over. The heap comes before the library: whoever waits for it must not hold the loader's lock
     // meanwhile.
+    m_isWriterAtHeap = writer == DumpWriter::Writer;
     if (::HeapLock(::GetProcessHeap()) != FALSE) ::HeapUnlock(::GetProcessHeap());
+    m_isWriterAtHeap = false;
     const SymbolLibrary* const library = SymbolLibrary::get();
     const DWORD loadError = library != nullptr ? ERROR_SUCCESS : ::GetLastError();
     noteProgress();
