@@ -13,7 +13,7 @@ using ApplicationMain = int (*)(int argc, char** argv);
 
 // Runs applicationMain(argc, argv) under guard and returns its result, or kCrashResult after a fault.
 //
-// The guard covers the calling thread while applicationMain runs: accesses to memory that is not there, illegal
+// The guard covers the calling thread while applicationMain runs: invalid memory accesses, illegal
 // instructions, divisions by zero, stack overflow, pure virtual calls, abort(), and C++ exceptions that nobody catches,
 // not even the caller of guard; on Windows every other structured exception, too. Faults of other threads end the
 // process as they do without a guard. If one of the words argv[1] and on is exactly "jitd", nothing is guarded, so that
@@ -24,19 +24,19 @@ using ApplicationMain = int (*)(int argc, char** argv);
 // to dumps.log. The application's stack is abandoned without destructors, so other threads must not use what lies on
 // it. The caller then ends the process in the ordinary way.
 //
-// The report may fail, but never keeps the process from ending. What faults in it is skipped. What makes no progress
-// for g_crashPatienceMs (core_crashreport.h) is skipped on Linux, and ends the process on Windows. That, and a fault on
-// the way out, ends the process with kCrashResult as well.
+// The report may fail, but never keeps the process from ending. A step of the report that faults is skipped. A step
+// that makes no progress for g_crashPatienceMs (core_crashreport.h) is skipped on Linux and ends the process on
+// Windows. In every case, also after a fault on the way out, the process ends with kCrashResult.
 //
 // On Windows two threads wait for a fault: one writes the dump, on a stack of its own, and one, the watchdog, ends a
 // report that hangs. Nothing that the faulting thread may hold is needed to wake them. The system's writer of dumps
 // suspends the other threads of the process, the watchdog too. So a second process of the same program watches from
-// outside until the dump is there (core_crashwatch_win32.h). If it cannot be started, the dump is written all the same,
-// and a system's writer that hangs then keeps the process. The tests prove this with writers that suspend; Windows' own
-// writer cannot be made to hang under Wine: docs/release-checklist.md tries it.
+// outside until the dump is there (core_crashwatch_win32.h). If it cannot be started, the dump is written without it,
+// and then a system's writer that hangs keeps the process alive. The tests prove the watch with writers that suspend
+// the other threads. Windows' own writer cannot be made to hang under Wine: docs/release-checklist.md tries it.
 //
-// On Windows a bad argument to a function of the runtime library is logged at CRIT from then on, on any thread, and the
-// function returns its error to its caller.
+// On Windows, from the first guard on, a bad argument to a function of the runtime library is logged at CRIT, on any
+// thread, and the function returns its error to its caller.
 //
 // One guard at a time. applicationMain must not replace the handlers of the signals that faults raise, nor the
 // terminate handler.

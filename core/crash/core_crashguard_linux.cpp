@@ -91,8 +91,8 @@ pid_t threadId() {
     return static_cast<pid_t>(::syscall(SYS_gettid));
 }
 
-// Restarts the limit, whose signal means that no step has made progress for too long. Async-signal-safe, unlike
-// setitimer; alarm knows whole seconds only.
+// Restarts the timer, whose signal means that the report has made no progress for too long. alarm is async-signal-safe,
+// which setitimer is not, but it counts whole seconds only.
 void noteProgress() {
     ::alarm((g_crashPatienceMs + 999) / 1000);
 }
@@ -230,7 +230,7 @@ int CrashGuard::run(int argc, char** argv, ApplicationMain applicationMain) {
     return kCrashResult;
 }
 
-// Fetches what the handler must not fetch itself: the names, and the unwinder, which its first use loads.
+// Prepares what the handler must not do itself: it makes the names, and uses the unwinder once, which loads it.
 void CrashGuard::begin() {
     m_program = runningProgramName();
     m_names = crashNames(m_program);
@@ -240,7 +240,7 @@ void CrashGuard::begin() {
     m_handlers.emplace(&onFault);
 }
 
-// After a fault the handlers stay: another one on the way out must not change how the process ends.
+// After a fault the handlers stay, because another fault on the way out must not change how the process ends.
 void CrashGuard::end() {
     if (m_step != Step::None) return;
     m_handlers.reset();
@@ -269,7 +269,7 @@ void CrashGuard::onFault(int signal, siginfo_t* info, void* /*context*/) {
 // Leaves the fault to the signal's earlier handler.
 void CrashGuard::passOn(int signal, const siginfo_t& info) {
     if (m_handlers) m_handlers->restore(signal);
-    // An instruction that faults does so again; a signal that was sent has to be sent again.
+    // A faulting instruction runs and faults again; a signal that was sent has to be raised again.
     if (info.si_code <= 0) ::raise(signal);
 }
 
@@ -319,7 +319,7 @@ void CrashGuard::doStep(Step step) {
     }
 }
 
-// The limit runs on after the last step, and limits the way out of the process.
+// The timer keeps running after the last step, so that the way out of the process has a limit, too.
 void CrashGuard::report() {
     while (m_step != Step::Done) {
         const Step step = m_step;

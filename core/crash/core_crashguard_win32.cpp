@@ -236,7 +236,7 @@ void CrashGuard::installHandlers() {
     m_abortBefore = std::signal(SIGABRT, &onAbort);
 }
 
-// After a fault they stay: another one on the way out must not change how the process ends.
+// After a fault the handlers stay, because another fault on the way out must not change how the process ends.
 void CrashGuard::restoreHandlers() {
     if (m_isReporting) return;
     std::signal(SIGABRT, m_abortBefore);
@@ -296,7 +296,7 @@ LONG WINAPI CrashGuard::onFaultOnTheWayOut(EXCEPTION_POINTERS* /*exception*/) {
     endWithCrashResult();
 }
 
-// The filter of the guard. A fault of the filter itself arrives here again; the dump is then given up.
+// The filter of the guard. A fault of the filter itself arrives here again; the dump is then abandoned.
 SehVerdict CrashGuard::onFault(EXCEPTION_POINTERS* exception, void* /*context*/) {
     CrashGuard& guard = instance();
     if (guard.m_isReporting.exchange(true)) return SehVerdict::ExecuteHandler;
@@ -315,10 +315,10 @@ void CrashGuard::awaitDump() {
     if (m_writer) ::WaitForSingleObject(m_dumpEnded.get(), INFINITE);
 }
 
-// Writes the log's line, then the history's. After a fault anything may be broken: a line that fails must not keep the
-// rest from being done.
+// Writes the log's line, then the history's. After a fault anything may be broken, so a fault in one must not prevent
+// the other.
 void CrashGuard::addLines() {
-    // A system's writer that faulted leaves it suspended.
+    // If the system's writer faulted, it left the watchdog suspended.
     ::ResumeThread(m_watchdog.get());
     m_watch.end();
     const auto log = [](void* context) {
@@ -339,7 +339,7 @@ DWORD WINAPI CrashGuard::watch(void* parameter) {
     Standstill standstill;
     do {
         ::Sleep(g_crashPatienceMs / Standstill::kLooks);
-        if (guard.m_watch.isRunning()) guard.noteProgress(); // the dump is watched
+        if (guard.m_watch.isRunning()) guard.noteProgress(); // the second process watches this part
     } while (!standstill.isReached(guard.m_progress + sizeOfFile(guard.m_watchedFile)));
     endWithCrashResult();
 }

@@ -60,8 +60,8 @@ public:
     // Without symbols it logs a location record at WARN, leaves `frames` as they are, and returns false.
     [[nodiscard]] bool getStack(std::vector<Frame>& frames, size_t maxFrames);
 
-    // Logs the trace at `level`, one record per line of traceLines. Because toText is not among its frames, the
-    // caller's own frame is left out, too.
+    // Logs the trace at `level`, one record per line of traceLines. It leaves out kDiscardedFrames like toText, which
+    // is not among the frames here; so the third one is the caller's own.
     void logStack(uint32_t level);
 
     // Returns the same lines as one text, without a newline at its end. It also contains the level-0 records that

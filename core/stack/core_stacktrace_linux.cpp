@@ -156,8 +156,8 @@ struct ModuleList {
     ModuleGeneration generation;
 };
 
-// Called by the dynamic linker for each module. The executable has no name here; the kernel's own page, which has a
-// name without a directory, has no file to read.
+// Called by the dynamic linker for each module. The executable has no name here. The kernel's vDSO has a name without a
+// directory, and no file to read.
 int addModule(dl_phdr_info* info, size_t /*size*/, void* data) {
     auto& list = *static_cast<ModuleList*>(data);
     list.generation = {info->dlpi_adds, info->dlpi_subs};
@@ -352,7 +352,7 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
            walked[taken].programCounter != returnAddress(taken))
         ++taken;
     describeFrames(walked.data(), taken, frames);
-    // Logs why the walk ends here. Not under the session's lock, because the log may trace, too.
+    // Logs why the walk ends here. Not under the session's lock, because an observer of the log may take a trace.
     if (taken < walked.size()) walkStep(walked[taken].programCounter, returnAddress(taken));
     return true;
 }

@@ -77,7 +77,7 @@ std::string symbolAt(const SymbolLibrary& library, HANDLE process, DWORD64 addre
 }
 
 void findLine(const SymbolLibrary& library, HANDLE process, DWORD64 address, StackTrace::Frame& frame) {
-    // Without the record's size. A version of the library that insists on it fails, and the line stays unknown.
+    // The record's size stays 0, as it always has been. A library that insists on it fails, and the line stays unknown.
     IMAGEHLP_LINE64 line{};
     DWORD displacement = 0;
     if (library.getLine(process, address, &displacement, &line) == FALSE) return;

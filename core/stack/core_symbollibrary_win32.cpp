@@ -8,7 +8,7 @@
 namespace NS_CORE {
 namespace {
 
-// With its full path, and with its directory in place of the program's when it looks for libraries of its own.
+// Loads by the full path. The flag makes the library look for its own libraries in its directory, not in the program's.
 HMODULE loadFromSystemDirectory(const wchar_t* name) {
     wchar_t directory[MAX_PATH + 1] = {};
     const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH);
@@ -43,8 +43,8 @@ bool load(SymbolLibrary& library) {
 } // namespace
 
 SymbolLibrary* SymbolLibrary::get() {
-    // No lock and no static's own guard: the thread that holds it could wait for the loader's lock, and the caller have
-    // that one.
+    // Without a lock, a static's own guard included: its holder could wait for the loader's lock while the caller holds
+    // the loader's lock and waits for this one.
     static std::atomic<SymbolLibrary*> loaded{nullptr};
     if (SymbolLibrary* const library = loaded) return library;
     auto library = std::make_unique<SymbolLibrary>();

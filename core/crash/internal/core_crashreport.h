@@ -15,9 +15,10 @@ namespace NS_CORE {
 // Whether one of argv[1] and on is exactly "jitd".
 bool isGuardSwitchedOff(int argc, char** argv);
 
-// How long the report of a fault may go without progress before it is given up. Progress is a byte of the dump, or a
-// step of the report, and while the system's writer works also a change of the process's memory; so a busy machine
-// loses nothing. On Windows ten times as long is the limit for all. Linux rounds up to whole seconds. Tests shorten it.
+// How long the report of a fault may go without progress before it is abandoned. Progress is a byte of the dump or a
+// finished step of the report. While the system's writer works on Windows, a change of the process's memory counts as
+// well, so that a busy machine loses no dump. On Windows the whole report may take ten times as long at most. Linux
+// rounds up to whole seconds. Tests shorten it.
 inline constinit std::atomic<uint32_t> g_crashPatienceMs{30'000};
 
 struct CrashNames {

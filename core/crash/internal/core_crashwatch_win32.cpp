@@ -15,12 +15,12 @@
 namespace NS_CORE {
 namespace {
 
-// In the command line; behind it the members of Task, each with so many digits and a blank.
+// Stands in the command line, followed by the members of Task, each as kDigits hexadecimal digits and a blank.
 constexpr std::wstring_view kWord = L" quorkeri-crash-watch ";
 constexpr size_t kNumbers = 4;
 constexpr size_t kDigits = 8;
 
-// How long a watcher that has been told to end is waited for. A quiet machine needs some milliseconds.
+// How long end() waits until the watcher has ended. A quiet machine needs some milliseconds.
 constexpr DWORD kEndLimitMs = 5000;
 
 struct Task {

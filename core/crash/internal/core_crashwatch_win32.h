@@ -8,14 +8,15 @@
 
 namespace NS_CORE {
 
-// Says when a report is to be given up. Counts looks, not the clock: a machine that slept meanwhile has not used up the
-// patience.
+// Decides when to abandon a report. It counts looks and reads no clock, so the time for which a machine sleeps does not
+// count.
 class Standstill {
 public:
     static constexpr DWORD kLooks = 10;
 
-    // To be called every kLooks-th part of the patience. progress changes with everything that is achieved. Returns
-    // whether it has been the same at the last kLooks looks, or whether all has taken ten times the patience.
+    // Call it kLooks times in the length of the patience. Returns true when `progress`, which changes with all that is
+    // achieved, has been the same at the last kLooks looks, or when all looks together have taken ten times the
+    // patience.
     bool isReached(uint64_t progress) {
         m_looks = progress == m_progress ? m_looks + 1 : 0;
         m_progress = progress;
@@ -39,7 +40,7 @@ uint64_t sizeOfFile(HANDLE file);
 // handles that it inherits. The same from elsewhere names none, and is ignored.
 class CrashWatch {
 public:
-    // Before the fault: makes what the start needs.
+    // Prepares what start() needs. Call it before the fault.
     void prepare();
 
     // Starts the watcher, if that is possible, and returns without waiting for it. The watcher ends this process with
