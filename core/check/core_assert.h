@@ -31,8 +31,10 @@ consteval Place here(std::source_location location = std::source_location::curre
 class Assert {
 public:
     // Called for each failed check, on the thread that made it, so on several threads at once. Returns whether the
-    // process has to stop at once. Must not throw. expression  the check's text, or "CHECKF"; may be null. file, line
-    // the check's place. level       0 for CHECKF, else the level of the assertion.
+    // process has to stop at once. Must not throw.
+    // - expression  the check's text, or "CHECKF"; may be null
+    // - file, line  the check's place
+    // - level       0 for CHECKF, else the level of the assertion
     //
     // The parameters and their types are fixed: one plain function for the process, without a context, so that the
     // hook can be constant-initialised and replaced while other threads call it. The expression is a literal or

@@ -12,8 +12,8 @@ namespace NS_CORE {
 // after a failure. Every call may be made from any thread, but the working directory is the whole process's.
 class Dir {
 public:
-    // The executable's full path. False when it has 1024 characters or more ("buffer to small"). When the system
-    // cannot tell the path, `out` becomes empty and the result is true: getModuleDir catches that.
+    // The executable's full path. False when it has 1024 characters or more ("buffer to small"). If the system does not
+    // give the path, `out` becomes empty and the result is true; getModuleDir then fails its check.
     [[nodiscard]] static bool getModuleFilename(std::string& out);
 
     // The executable's directory, without a separator at its end. A path without a separator fails a CHECKF whose

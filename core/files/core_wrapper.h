@@ -28,9 +28,9 @@ public:
     // by ProcessUtils do not inherit; or -1 and errno.
     [[nodiscard]] static int open(const std::string& path, int openFlags, int permissionMode);
 
-    // Removes a file, a read-only one too: when the first try is refused with EACCES, the file's mode is set to 0600
-    // and the removal tried once more. A mode that cannot be set is logged at NORM.
-    // Returns 0, or -1 with the errno of the first try; after a second try that worked, errno holds the first's too.
+    // Removes a file, a read-only one too: if the first try fails with EACCES, sets the file's mode to 0600 and tries
+    // once more. A mode that cannot be set is logged at NORM. Returns 0 or -1. If the first try failed, errno is that
+    // try's, even when the second one succeeds.
     static int unlink(const std::string& path);
 
     // Always the wide form. Returns a stream, which the caller closes, or null and errno. A mode that is not UTF-8

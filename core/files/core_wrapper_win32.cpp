@@ -67,8 +67,8 @@ int64_t Wrapper::size(int fd) {
 }
 
 std::string systemErrorText(uint32_t code) {
-    // The system allocates the text and writes its address where it otherwise expects the buffer itself. A text with
-    // places for arguments is not to be had this way; it comes out empty.
+    // The system allocates the text and stores its address in `text`, which is why a char** is passed as a char*. A
+    // text that needs arguments cannot be fetched this way and comes out empty.
     char* text = nullptr;
     ::FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, /*lpSource=*/nullptr, code,
                      MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), /*nSize=*/0,

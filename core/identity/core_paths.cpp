@@ -37,7 +37,7 @@ size_t indexOf(PathKind kind) {
 Entry& entryOf(PathKind kind) {
     // Never destroyed: what runs at process end, a crash dump included, may still ask for a path.
     static NeverDestroyed<std::array<Entry, kKinds.size()>> table;
-    // Not at(): its text differs from one standard library to the next, and this one ends up in reports.
+    // Not at(): its exception's text differs from one standard library to the next, and ends up in reports.
     if (indexOf(kind) >= table->size()) throw std::out_of_range("invalid vector<T> subscript");
     return (*table)[indexOf(kind)];
 }

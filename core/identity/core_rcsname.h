@@ -32,7 +32,7 @@ const char* buildTime();
 // Operating system and processor family, such as "win_i686".
 std::string platform();
 
-// The machine's name, asked of the system each time, at most 255 bytes; "?" when the system does not tell.
+// The machine's name, asked of the system each time, at most 255 bytes; "?" when the system has none.
 std::string hostName();
 
 } // namespace NS_CORE

@@ -6,12 +6,12 @@
 
 namespace NS_CORE {
 
-// Collects, while it lives, what any thread logs at level 0 (LogLevel::Log2String): the way to get as a text what a
-// function would write to the log. Several may live at once; each gets every entry. Creation, text() and destruction
-// may happen on any thread.
+// Collects, while it lives, what any thread logs at level 0 (LogLevel::Log2String). With it a caller gets the output of
+// a function that logs as one text. Several may live at once; each gets every entry. Any thread may create, read and
+// destroy one.
 class LogCapture {
 public:
-    // maxEntries  it stops collecting after so many entries; 0 collects nothing.
+    // maxEntries  it stops collecting after this many entries; 0 collects nothing.
     explicit LogCapture(size_t maxEntries = 1000);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;

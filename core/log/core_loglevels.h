@@ -57,8 +57,8 @@ private:
 // LevelMask::kLevelCount. Read without locks on any thread; changed by one thread at a time.
 class LevelTable {
 public:
-    // The rows are static, so every object shows the same table. At start the five predefined levels have their values;
-    // all others are not registered and zero-filled.
+    // The rows are static, so all objects share one table. At start the five predefined levels have their values; all
+    // others are not registered and zero-filled.
     constexpr LevelTable() = default;
 
     bool isRegistered(uint32_t level) const;
@@ -69,8 +69,8 @@ public:
     // A copy of the row; zero-filled name and colour while the level is not registered.
     LevelEntry entry(uint32_t level) const;
 
-    // Names the level, for good, and sets its implementation bits: readers hold no lock, so a published name must not
-    // change. `name` has at most 15 characters, `colour` at most 5, and the level is not registered yet.
+    // Registers the level under this name and sets its implementation bits. The level must not be registered yet:
+    // readers hold no lock, so a published name never changes. `name` has at most 15 characters, `colour` at most 5.
     void define(uint32_t level, std::string_view name, std::string_view colour, uint8_t implementationBits);
 
     // Clears the Enabled flag until one of the next two is called.

@@ -17,9 +17,9 @@ enum class LogRate : uint32_t { None = 0, Minutely = 60, Hourly = 3600, Daily = 
 // Decides what becomes of rate-limited log calls (MasterLogger::logLimited). The logger calls it under a
 // lock of its own, one call at a time, on the logging thread.
 //
-// An implementation hands the records that it lets through to `output`. The logger logs them, and what the
-// implementation logs by itself, once it has released the lock; so a fault in an implementation loses them. What it
-// logs by itself is not limited. It must not wait for another thread that may log.
+// An implementation hands the records that it lets through to `output`. It may also log records of its own, which are
+// not limited. The logger logs both only after it has released the lock, so a fault in the implementation loses them.
+// The implementation must not wait for another thread that may log.
 class LogRImpl {
 public:
     using Output = std::function<void(uint32_t level, std::string_view text)>;
@@ -33,11 +33,12 @@ public:
     virtual void finish(const Output& /*output*/) {}
 };
 
-// Collapses repetitions. It lets a new text through at once; while the text's period lasts, it only counts further ones
-// of the same level and text. The first one after the period begins the next period. It comes out as "text [N times in
-// S seconds]" if any were held back, else as it is: N counts it and those held back, and S is the time since the period
-// began. The count of a text that does not come again is reported in the same way with a later call, when its memory is
-// needed, or at finish(). So every call is reported exactly once. kMaxTexts and kMaxBytes bound the memory.
+// Collapses repetitions. It lets a new text through at once and begins a period. While the period lasts, it only counts
+// further calls with the same level and text. The first call after the period begins the next one. If any were held
+// back, that call comes out as "text [N times in S seconds]", where N counts it and those held back, and S is the time
+// since the period began; otherwise it comes out unchanged. If the text does not come again, its count is reported in
+// the same form at a later call, when its memory is needed, or at finish(). So every call is reported exactly once.
+// kMaxTexts and kMaxBytes bound the memory.
 class DefaultLogRImpl : public LogRImpl {
 public:
     static constexpr size_t kMaxTexts = 256;

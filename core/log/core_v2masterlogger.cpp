@@ -30,7 +30,7 @@ struct State {
     // The second lock: held while the rate limit is served. A thread that holds the first may take it, because what is
     // let through is logged only after its release.
     absl::Mutex rateMutex ABSL_ACQUIRED_AFTER(mutex){absl::kConstInit};
-    // Where it is null, the next limited call makes a DefaultLogRImpl.
+    // If it is null, the next limited call makes a DefaultLogRImpl.
     std::unique_ptr<LogRImpl> rateImplementation ABSL_GUARDED_BY(rateMutex);
     // What was let through or logged under this lock.
     std::vector<std::pair<uint32_t, std::string>> waiting ABSL_GUARDED_BY(rateMutex);
@@ -169,8 +169,8 @@ void serveRateLimit(Action&& action) {
     for (const auto& [level, text] : records) MasterLogger::logText(level, text);
 }
 
-// Made by the thread of static initialisation, which becomes the main one, and destroyed when static destruction comes
-// to this unit, for programs that end without Globals of their own.
+// For programs without Globals of their own. Made during static initialisation, whose thread becomes the main one, and
+// destroyed during static destruction.
 const DefaultGlobals g_processGlobals;
 
 } // namespace
@@ -382,7 +382,7 @@ Globals::Globals(std::unique_ptr<LogImpl> implementation, std::unique_ptr<LogRIm
 
 Globals::~Globals() {
     Assert::setFailureHandler();
-    // A process that ends from inside a record never releases the locks.
+    // A process that ends in the middle of a record (exit in an implementation) never releases the locks.
     if (isInside(InsideImplLog) || isInside(InsideRateLimit)) return;
     MasterLogger::setRateImplementation(nullptr);
     MasterLogger::setGlobalObserver(nullptr);

@@ -98,9 +98,9 @@ public:
         output(level, compose(function, format, pack.data(), pack.size()));
     }
 
-    // The same through the rate limit, which is there from the start of the process: the installed LogRImpl decides
-    // what becomes of a text that repeats. There is no limit with rate None, at level 0, and for what the LogRImpl logs
-    // by itself, which would have to wait for its own lock.
+    // The same through the rate limit, which works from the start of the process: the installed LogRImpl decides what
+    // becomes of a text that repeats. Rate None and level 0 are not limited, and neither is what the LogRImpl logs
+    // itself, because it would wait for its own lock.
     template <class... Args>
     static void logLimited(LogRate rate, uint32_t level, std::string_view function, const char* format,
                            const Args&... args) {
@@ -127,8 +127,8 @@ public:
     // thread leaves it.
     static void setGlobalObserver(std::unique_ptr<GlobalLogObserver> observer);
 
-    // Returns the observer, as the name under which removeObserver() finds it; null from inside an
-    // implementation or observer, where it fails a check.
+    // Returns the observer, which stays the logger's: the pointer only tells removeObserver() which one is meant.
+    // Inside an implementation or observer it fails a check and returns null.
     static LogObserver* addObserver(std::unique_ptr<LogObserver> observer);
 
     // Destroys the observer; it is not called any more. Does nothing for one that is not there.
@@ -140,8 +140,8 @@ public:
     static bool registerLevel(uint32_t level, std::string_view name, std::string_view colour,
                               uint8_t implementationBits);
 
-    // The calls below change one level. Refused with an internal error, and false, on another thread than the main one
-    // (654) and for a level outside 1 to 1023 (660).
+    // The calls below change one level. On any thread but the main one (internal error 654), and for a level outside 1
+    // to 1023 (660), they change nothing and return false.
 
     // Off: the level emits nothing, until it is turned on again or one of the calls below changes its entry. On: it
     // emits again as its entry says; false when the entry sends it nowhere, which leaves the level off (NORM at start).
@@ -178,12 +178,13 @@ private:
     static constinit inline LevelTable g_levels;
 };
 
-// Begins and ends the use of the logger. It installs what it is given. Its destructor turns failing checks
-// quiet (Assert::setFailureHandler()), removes observers and history and takes the implementations out, so that the
-// defaults are back. Logging stays possible, to the console alone. Where the process ends from inside a record, whose
-// locks are never released, everything stays as it is.
+// Begins and ends the use of the logger. The constructor installs what it is given. The destructor installs the quiet
+// failure handler (Assert::setFailureHandler()), removes observers and history, and puts the default implementations
+// back. Logging stays possible, to the console alone. If the process ends in the middle of a record, the logger's locks
+// are never released, and the destructor leaves everything as it is.
 //
-// One lives from static initialisation to static destruction. A program makes another to end its own use earlier.
+// One object lives from static initialisation to static destruction. A program makes another one to end its own use
+// earlier.
 class Globals {
 public:
     Globals(const Globals&) = delete;

@@ -13,7 +13,7 @@
 namespace NS_CORE {
 namespace {
 
-// Sums are made in 64 bits, so that one that the 32-bit fields cannot hold is found here instead of wrapping.
+// Whether the 32-bit fields can hold this many bytes. Callers add in 64 bits, so that a sum does not wrap.
 bool canCount(uint64_t bytes) {
     return bytes <= std::numeric_limits<uint32_t>::max();
 }

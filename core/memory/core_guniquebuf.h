@@ -16,7 +16,7 @@ namespace NS_CORE {
 // bytes of data, more than 4,294,967,295 bytes in all) is a lack of memory.
 class GUniqueBuf {
 public:
-    // Allocates `size` bytes with `headRoom` bytes before and `tailRoom` bytes behind them; nothing where all are 0.
+    // Allocates `size` bytes with `headRoom` bytes before and `tailRoom` bytes behind them; nothing if all are 0.
     // A negative size is a lack of memory.
     explicit GUniqueBuf(int32_t size = 0, uint32_t headRoom = 0, uint32_t tailRoom = 0);
     GUniqueBuf(GUniqueBuf&& other) noexcept;            // leaves `other` with nothing allocated

@@ -30,16 +30,16 @@ struct Win32HandleTraits {
     }
 };
 
-// Processes, threads, events, mutexes, tokens: null where there is none.
+// Processes, threads, events, mutexes, tokens; null means none.
 using ScopedKernelHandle = ScopedHandle<Win32HandleTraits<HANDLE, &::CloseHandle>>;
-// Files, pipes and snapshots: INVALID_HANDLE_VALUE where there is none.
+// Files, pipes and snapshots; INVALID_HANDLE_VALUE means none.
 using ScopedFileHandle = ScopedHandle<Win32HandleTraits<HANDLE, &::CloseHandle, -1>>;
 using ScopedFindHandle = ScopedHandle<Win32HandleTraits<HANDLE, &::FindClose, -1>>;
 // The service control manager and its services.
 using ScopedServiceHandle = ScopedHandle<Win32HandleTraits<SC_HANDLE, &::CloseServiceHandle>>;
 using ScopedRegistryKey = ScopedHandle<Win32HandleTraits<HKEY, &::RegCloseKey>>;
 using ScopedModule = ScopedHandle<Win32HandleTraits<HMODULE, &::FreeLibrary>>;
-// What the system allocated for the caller, who frees it with LocalFree: T is what the memory holds.
+// Memory that the system allocated and the caller frees with LocalFree. T is the type of what it holds.
 template <class T>
 using ScopedLocalMemory = ScopedHandle<Win32HandleTraits<T*, &::LocalFree>>;
 

@@ -45,7 +45,8 @@ void WinsockInit();
 bool winsockInitialised();
 
 // Whether the exit handler of WinsockInit cleans up the socket library; true at start. A process under the service
-// control manager turns it off. Call these before exit handlers run, from one thread at a time.
+// control manager turns it off (utl_service.cpp says why). Call these before exit handlers run, from one thread at a
+// time.
 bool winsockCleanupAtExit();
 void setWinsockCleanupAtExit(bool cleanup);
 

@@ -54,8 +54,8 @@ bool Udp4Socket::send(const sockaddr_in& address, const void* data, uint32_t len
     if (!CHECKF(isOpen(), "")) return false;
     if (!CHECKF(length != 0, "")) return false;
     if (socket_platform::send(m_socket.handle(), data, length, address)) return true;
-    // The runtime's errno and no other number is what this message has always shown, on Windows too, where the
-    // socket library keeps its errors elsewhere.
+    // This message has always shown the runtime's errno, on Windows too, where the socket library keeps its errors
+    // elsewhere.
     const int error = errno;
     MLOG(Warn, "NS_CORE::Udp4Socket::send", "(%u,%u,%s) - failed in sendto (%u: %s)", length, ntohs(address.sin_port),
          addressText(address.sin_addr.s_addr), static_cast<uint32_t>(error), std::strerror(error));

@@ -29,7 +29,7 @@ constexpr std::string_view kSendFunction = "CORE::TestInterface::sendAsserts";
 // sender may in turn wait for the logger's lock, which this thread may hold.
 constexpr absl::Duration kPatience = absl::Seconds(1);
 
-// The executable's file name: what stands for "server" in the reports.
+// The executable's file name, which reports contain as <server>.
 std::string executableName() {
     std::string path;
     if (!Dir::getModuleFilename(path)) return {};

@@ -35,9 +35,9 @@ namespace NS_CORE {
 // pending: the system refuses to send (logged at WARN), or another thread is sending, and then that thread sends this
 // record as well before it goes on. A pending record goes out with the next failure, or with sendPending().
 //
-// Sending does not block: a collector that is away, or a full buffer of the system, holds nobody up. Datagrams may get
-// lost on the way; the total in a later one shows it. A document too large for a datagram is not sent, which logs WARN
-// once for its record. If the settings name an invalid address, reading them logs WARN, and nothing is sent.
+// Sending never blocks, whether the collector is away or the system's buffer is full. Datagrams may get lost on the
+// way; the total in a later one shows it. A document too large for a datagram is not sent, which logs WARN once for its
+// record. If the settings name an invalid address, reading them logs WARN, and nothing is sent.
 //
 // Any thread may call anything, also while its own log records are being served: no call waits for a lock that
 // another thread holds while it logs.

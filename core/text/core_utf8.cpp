@@ -12,7 +12,7 @@ constexpr char32_t kLastCodePoint = 0x10FFFF;
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr char32_t kFirstSupplementary = 0x10000;
 
-// The smallest code point that needs a sequence of so many bytes; anything below it is overlong.
+// By the length of a sequence in bytes: the smallest code point that needs it. A smaller one makes it overlong.
 constexpr char32_t kSmallestOfLength[] = {0, 0, 0x80, 0x800, 0x10000};
 
 bool isHighSurrogate(char32_t unit) {

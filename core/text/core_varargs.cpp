@@ -304,7 +304,7 @@ void writeZeroPadded(Output& out, size_t width, char sign, const char* digits, s
     copyText(to + zeros, digits, length);
 }
 
-// A sign and digits. sign  NUL for none.
+// Writes a sign and digits. sign  NUL for none.
 void writeNumber(Output& out, const FormatSpec& spec, char sign, uint64_t value) {
     char buffer[1 + kMaxDigits];
     char* const end = buffer + sizeof buffer;
@@ -555,7 +555,7 @@ private:
 };
 
 // Writes what most messages are made of, without parsing: a bare %s of a text, and a bare %d, %i or %u of an integer
-// from 0 to 32 bits. Returns false, with nothing written, for everything else.
+// from 0 to 4,294,967,295. Returns false, with nothing written, for everything else.
 bool writeCommon(Output& out, char conversion, const Argument& argument) {
     switch (conversion) {
         case 's':

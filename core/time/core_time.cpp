@@ -95,7 +95,7 @@ std::string durationText(uint64_t milliseconds) {
 }
 
 Timespec timespecOfFileTime(int64_t ticks) {
-    // 1970-01-01 00:00:00 in that count.
+    // 1970-01-01 00:00:00 in ticks since 1601.
     constexpr int64_t kUnixEpoch = 116'444'736'000'000'000;
     constexpr int64_t kTicksPerSecond = 10'000'000;
     constexpr int64_t kNanosecondsPerTick = 100;

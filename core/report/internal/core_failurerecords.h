@@ -19,7 +19,7 @@ struct FailureRecord {
     std::string backtrace; // of the first failure that brought one
     int32_t level = 0;
     uint64_t occurrences = 0;
-    uint64_t reported = 0; // how many of them need no further report
+    uint64_t reported = 0; // occurrences that need no further report
     bool isTraced = false;
     bool wasTooLarge = false; // a warning has been logged
 };
@@ -37,8 +37,8 @@ public:
     bool wantsTrace(const Failure& failure, uint32_t actionFlags) const;
 
     enum class Kept { Yes, NoRoom, NoRoomAgain };
-    // Counts the failure. Where kMaxRecords places are kept, a new one replaces the oldest without unreported
-    // occurrences; NoRoom when every one has some, and NoRoomAgain from then on.
+    // Counts the failure. If kMaxRecords places are kept already, a new one replaces the oldest that has no unreported
+    // occurrences. If all have some, the failure is not kept: NoRoom the first time, NoRoomAgain from then on.
     // backtrace  kept if wantsTrace() asked for it; else empty.
     Kept add(const Failure& failure, std::string backtrace);
 

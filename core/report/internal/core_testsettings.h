@@ -58,8 +58,9 @@ struct TestSettings {
 //     send enable                 true also clears both abort bits
 //     backtrace enable            likewise
 //
-// The value "default" leaves a setting alone, and so does a number out of range. Every other line that means nothing
-// logs WARN.
+// The value "default" leaves a setting alone, and so does a text that is not a number within the range. Unknown
+// sections and keys, and other values of [assert] and [alert], log WARN. Lines before the first section, in an unknown
+// one, and keys of [general] without a value are ignored.
 class TestSettingsParser {
 public:
     // Borrows *settings for its own life.
