@@ -39,8 +39,8 @@ int applicationStart(int argc, char** argv) {
 }
 
 int main(int argc, char** argv) {
-    // On the heap: a fault of this thread abandons its stack, while the service manager's thread still uses both until
-    // the process has ended. Nothing destroys them then.
+    // Supervisor and host live on the heap. A fault of this thread abandons its stack without destructors, but the
+    // service manager's thread uses both objects until the process has ended.
     const auto supervisor = std::make_unique<Supervisor>();
     std::function<void()> stop = [supervisor = supervisor.get()] { supervisor->stop(); };
     std::function<int(int, char**)> run = [supervisor = supervisor.get()](int runArgc, char** runArgv) {
@@ -49,8 +49,8 @@ int main(int argc, char** argv) {
     const auto host = std::make_unique<NS_UTL::Service>(kAnchor, kServiceName, kDisplayName,
                                                         NS_CORE::dotPath(NS_CORE::PathKind::Logs), kLogFileName,
                                                         std::move(run), std::move(stop));
-    // The host has moved to the installation, whose files count. Start-up has read those of the directory that the
-    // process was started in.
+    // The initialiser before main read the settings of the directory in which the process was started. The host has
+    // moved to the installation's directory since, and the settings there apply.
     NS_CORE::TestInterface::instance().readFiles();
     const int result = host->run(argc, argv);
     NS_UTL::Service::clearInstance();

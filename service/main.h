@@ -8,8 +8,8 @@ namespace service {
 // Runs the whole process under the crash guard. Both entries end with this call. Returns the process's exit code.
 int runProcess(ArgumentVector& arguments);
 
-// Sets the product identifier and the application's paths, calls main, and sends the pending reports of failed
-// checks. The logger's globals exist until then. Returns main's result.
+// Sets the product identifier and the application's paths, calls main, sends the pending reports of failed checks, and
+// then ends the use of the logger. Returns main's result. The crash guard calls it.
 int applicationStart(int argc, char** argv);
 
 // Builds the service host with its callbacks, runs it and returns its result.

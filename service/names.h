@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-// The names that the parts of an installation have. They never change: installed systems, the companion and the Keri
-// software go by them.
+// The names of the parts of an installation. They never change: installed systems, the companion and the Keri software
+// rely on them.
 namespace service {
 
 // The executable's file name, extension included, under which the service is registered on every platform.

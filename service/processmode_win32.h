@@ -6,8 +6,8 @@ namespace service {
 // - A DLL that is loaded by its name alone comes from the system's directory, not from "bin", where other people's
 //   libraries lie. (Windows 7 without update KB2533623 keeps its own order.)
 // - The system (for a missing DLL, say) and the runtime library report an error to the program instead of showing a box
-//   that nobody can close. The companion inherits the system's part: a box of its own would keep it, and the wait for
-//   its end, for ever. Windows Error Reporting stays on for both.
+//   that nobody can close. The companion inherits the system's part of this, because a box would keep it running for
+//   ever, and the service waiting. Windows Error Reporting stays on for both.
 void setProcessMode();
 
 } // namespace service

@@ -33,7 +33,7 @@ void sendStopDatagram() {
     NS_CORE::Udp4Socket socket;
     const bool isOpen = socket.open(/*flags=*/0, NS_CORE::kAnyAddress);
     if (!CHECKF_AT("main", 113, isOpen, "")) return;
-    // Left as it is allocated: only the datagram's arrival counts.
+    // Its bytes are not initialised: only the datagram's arrival counts.
     NS_CORE::GUniqueBuf payload(Supervisor::kStopDatagramSize);
     const bool isSent =
         socket.send(NS_CORE::kLoopbackAddress, kStopPort, payload.data(), Supervisor::kStopDatagramSize);

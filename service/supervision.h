@@ -35,7 +35,7 @@ public:
         static Steps production();
     };
 
-    // restartDelayMs  milliseconds on the monotonic clock between the companion's end and its next start; never less.
+    // restartDelayMs  the least time between the companion's end and its next start, on the monotonic clock.
     explicit Supervisor(Steps steps = Steps::production(), uint32_t restartDelayMs = kRestartDelayMs);
     Supervisor(const Supervisor&) = delete;
     Supervisor& operator=(const Supervisor&) = delete;

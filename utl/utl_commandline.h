@@ -17,8 +17,8 @@ namespace NS_UTL {
 std::vector<std::string> splitCommandLine(std::string_view text);
 
 // What follows the program's name in a process's whole command line, as Windows hands it to a program of the graphical
-// subsystem: the name ends at the first control character or space outside double quotes, wherever the quotes stand.
-// Further ones behind it are skipped. Bytes from 0x80 up are ordinary characters.
+// subsystem. The name ends at the first space or control character outside double quotes, wherever the quotes stand.
+// Spaces and control characters after the name are skipped. Bytes from 0x80 up are ordinary characters.
 std::string_view withoutProgram(std::string_view commandLine);
 
 } // namespace NS_UTL

@@ -18,10 +18,10 @@ public:
     enum Flag : uint32_t {
         Read = 1 << 0,
         Write = 1 << 1,
-        Create = 1 << 2,        // when it is not there
-        CommitOnClose = 1 << 5, // to the disk
-        CommitOnWrite = 1 << 6, // every write to the disk
-        Append = 1 << 7,        // every write goes to the end
+        Create = 1 << 2,        // create a missing file
+        CommitOnClose = 1 << 5, // wait at close until all is on the disk
+        CommitOnWrite = 1 << 6, // wait at each write until it is on the disk
+        Append = 1 << 7,        // each write goes to the end
     };
     static constexpr uint32_t kLogFileFlags = Read | Write | Create | CommitOnClose | Append;
     static constexpr uint32_t kReadWriteMode = 0x180; // S_IRUSR | S_IWUSR, on either platform
@@ -35,14 +35,14 @@ public:
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 
-    // The object owns the descriptor afterwards. False, with the object as it was, when the file cannot be opened; on
-    // an object that is open it is a failed CHECKF that names both paths.
+    // The object owns the descriptor afterwards. Returns false and leaves the object as it was if the file cannot be
+    // opened. On an open object it fails a CHECKF that names both paths, and returns false.
     // mode  the rights of a file that is created.
     [[nodiscard]] bool openFile(const std::string& path, uint32_t flags = kLogFileFlags,
                                 uint32_t mode = kReadWriteMode);
 
-    // Returns the count of bytes written, which may be less than `length`, or -1. A file opened without Write is a
-    // failed CHECKF with an empty message.
+    // Returns the count of bytes written, which may be less than `length`, or -1. On a file opened without Write it
+    // fails a CHECKF with an empty message.
     int32_t writeFrom(const void* data, int32_t length);
 
     // The file's current size in bytes, whoever wrote to it; -1 when it is closed or the system does not say.
@@ -51,15 +51,15 @@ public:
     // Does nothing on a closed file.
     void close();
 
-    // Borrowed leaves the descriptor open at close, for whoever has taken it from descriptor(). Counts until the
-    // next call of openFile, even one that fails.
+    // Borrowed leaves the descriptor open at close, for a caller that has taken it from descriptor(). It applies until
+    // the next call of openFile, even one that fails.
     void setDescriptor(Descriptor descriptor) { m_ownership = descriptor; }
 
     const std::string& path() const { return m_path; }
     int descriptor() const { return m_fd.get(); }
     uint32_t flags() const { return m_flags; }
     uint32_t mode() const { return m_mode; }
-    // Through this object, since it was opened.
+    // Bytes written through this object since it was opened.
     uint64_t bytesWritten() const { return m_bytesWritten; }
 
 private:

@@ -28,7 +28,7 @@ void FileLogger::log(uint32_t /*level*/, uint32_t /*threadNumber*/, const NS_COR
     if (!CHECKF(file.openFile(path()), "")) return;
     const std::tm now = NS_CORE::localTimeOf(NS_CORE::systemNow().seconds);
     const std::string line = formatString("%s %s\n", stamp(now), std::string_view(text, textLength));
-    // A failed write has been reported by the file; whatever came of it, the size decides about the rotation.
+    // The file has reported a failed write. The size decides about the rotation in any case.
     file.writeFrom(line.data(), static_cast<int32_t>(line.size()));
     if (file.size() <= int64_t{m_maxSize}) return;
     // Windows does not rename a file that is open.

@@ -21,8 +21,8 @@ namespace NS_UTL {
 // 0 is the newest of keep + 1. A rename that fails leaves the file where it is, and it is tried again after the next
 // record; so no line is lost, and the file grows.
 //
-// What goes wrong, in this order. As the logger is busy with the record, File's and FileUtils' own messages (WARN,
-// INFO) come out on standard error. Each failed check may stop the process, where the failure handler says so.
+// What can go wrong, in this order. The logger is busy with the record, so File's and FileUtils' own messages (WARN,
+// INFO) appear on standard error. Each failed check stops the process if the failure handler says so.
 //   the file cannot be opened     WARN of File, then a CHECKF with an empty message; the record is dropped
 //   the write fails or is short   WARN of File on failure; the rest of the line is not tried again
 //   "name" to "name.old" fails    INFO of FileUtils, then the CHECKF "failed renaming FROM to TO"

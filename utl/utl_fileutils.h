@@ -10,8 +10,9 @@ public:
     // Copies a file's bytes onto `destination`, which is overwritten when it is there, and created with the rights 0600
     // when it is not. Nothing is committed to the disk. The copy ends at the first read that brings less than a full
     // buffer of 32768 bytes: for a regular file that is its end.
-    // False, logged at WARN, when something fails. A destination that could be opened is then removed, whatever it
-    // was, so that no half file is taken for a whole one. A file copied onto itself is emptied.
+    // Returns false, and logs WARN, when something fails. If the destination was opened already, it is removed then,
+    // even if it existed before, so that nobody takes half a file for a whole one. A file copied onto itself is
+    // emptied.
     [[nodiscard]] static bool copy(const std::string& source, const std::string& destination);
 
     // Renames within a volume and replaces an existing `to`. False, logged at INFO, when the system refuses. A path

@@ -9,7 +9,7 @@
 namespace NS_UTL {
 
 bool FileUtils::renameFile(const std::string& from, const std::string& to) {
-    // The system takes any bytes; the twin refuses what Windows refuses.
+    // Linux accepts any bytes as a name; the twin refuses what Windows refuses.
     std::u16string unused;
     if (!CHECKF(NS_CORE::fromUtf8(from, unused), "%s", from)) return false;
     if (!CHECKF(NS_CORE::fromUtf8(to, unused), "%s", to)) return false;

@@ -9,7 +9,7 @@
 namespace NS_UTL {
 namespace {
 
-// A file, a pipe, the null device: anything that is there and is no console.
+// Whether the stream goes to a file, a pipe or the null device: to anything that exists and is not a console.
 bool isRedirected(std::FILE* stream) {
     const int fd = ::_fileno(stream);
     if (fd < 0) return false;
@@ -18,15 +18,15 @@ bool isRedirected(std::FILE* stream) {
     return ::GetFileType(handle) != FILE_TYPE_UNKNOWN && !::GetConsoleMode(handle, &mode);
 }
 
-// True when the stream goes to the console now. In text mode, because some terminals want a line to end in CR and LF.
+// Returns whether it redirected the stream. In text mode, because some terminals want a line to end in CR and LF.
 bool redirectToConsole(std::FILE* stream) {
     if (isRedirected(stream) || !std::freopen("CONOUT$", "wt", stream)) return false;
-    // A character's bytes have to reach the console in one piece.
+    // Buffered, because the bytes of a character have to reach the console together.
     std::setvbuf(stream, nullptr, _IOFBF, BUFSIZ);
     return true;
 }
 
-// Wine lends every child its parent's console, whatever the child's subsystem: there it is attached already.
+// Under Wine every child is attached to its parent's console already, whatever its subsystem.
 bool attach() {
     return ::AttachConsole(ATTACH_PARENT_PROCESS) || ::GetLastError() == ERROR_ACCESS_DENIED;
 }

@@ -5,14 +5,14 @@
 namespace NS_UTL {
 
 // Attaches a program of the graphical subsystem, which begins without a console, to the console of the program that
-// started it. Where the parent has none, nothing happens. With a console, while this object lives,
+// started it. If the parent has none, nothing happens. Otherwise, while this object lives,
 // - standard output and standard error go to it, each unless it goes to a file, a pipe or the null device already;
-// - the console takes the bytes in the process's own code page (UTF-8 for a program with the manifest), and gets its
-//   own code page back at the end, unless somebody has changed it meanwhile;
-// - Ctrl+C reaches this process, also where its parent had switched that off, as `start /b` does.
-// Handlers for console events are to be installed afterwards: the system may forget earlier ones.
+// - the console reads output in the process's own code page (UTF-8 for a program with the manifest). At the end it gets
+//   its former code page back, unless somebody has changed it meanwhile;
+// - Ctrl+C reaches this process, even if its parent had switched that off, as `start /b` does.
+// Install handlers for console events afterwards: the system may forget earlier ones.
 //
-// One object per process, at its beginning, before other threads; nothing is logged.
+// Create one object per process, at its beginning, before other threads. Nothing is logged.
 class ParentConsole {
 public:
     ParentConsole();

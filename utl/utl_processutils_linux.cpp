@@ -83,8 +83,8 @@ std::vector<std::string> programDirectories() {
     return directories;
 }
 
-// The first file of that name decides, whether it is a program or not: what lies beside the executable must
-// not be passed over for something that PATH happens to offer. Empty when there is none.
+// Returns the first file of that name, even if it is not a program: a damaged companion beside the executable must not
+// make the search go on to PATH. Empty when there is none.
 std::string findProgram(const std::string& name) {
     if (name.find('/') != std::string::npos) return name;
     for (const std::string& directory : programDirectories()) {

@@ -9,7 +9,7 @@
 namespace NS_UTL::processutils_platform {
 namespace {
 
-// The process is closed before its thread.
+// The members are destroyed in reverse order: the process's handle is closed before the thread's.
 struct Child {
     NS_CORE::ScopedKernelHandle thread;
     NS_CORE::ScopedKernelHandle process;

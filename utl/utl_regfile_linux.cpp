@@ -17,7 +17,7 @@
 namespace NS_UTL {
 namespace {
 
-// Between a key's path and a value's name; neither holds one.
+// Stands between a key's path and a value's name in an entry's name; neither of them contains it.
 constexpr char kBetween = '\n';
 
 std::string lowerCase(std::string_view text) {
@@ -114,7 +114,7 @@ private:
     std::string_view m_rest;
 };
 
-// Logs why the file cannot be read, and leaves errno at that.
+// Logs why the file cannot be read, and sets errno to `error`. Returns false.
 bool failLoading(const std::string& path, const std::string& reason, int error) {
     MLOG(Warn, "UTL::RegFile::load", "failed reading '%s': %s", path, reason);
     errno = error;

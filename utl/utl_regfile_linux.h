@@ -22,8 +22,9 @@ namespace NS_UTL {
 //     ; a comment                                    on a line of its own; an export has none, but samples do
 //
 // The text is UTF-16LE with a byte-order mark, or UTF-8 with or without one, with CRLF or LF. A quoted text may hold
-// line breaks. Later lines win. Names are compared without regard to the case of ASCII letters. What the editor only
-// imports is not supported: REGEDIT4 and deleted keys and values are refused; short root names are never found.
+// line breaks. Later lines win. Names are compared without regard to the case of ASCII letters. Forms that the editor
+// imports but never exports are not supported: REGEDIT4 and deletions of keys and values are refused; keys below short
+// root names (HKLM) are never found.
 //
 // Values are held as Windows' narrow calls return them: text types (REG_SZ, REG_EXPAND_SZ, REG_MULTI_SZ) as UTF-8 with
 // their terminators as stored (a quoted text is stored with one), all others byte for byte.

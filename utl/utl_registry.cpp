@@ -10,8 +10,6 @@
 namespace NS_UTL {
 namespace {
 
-constexpr uint32_t kErrorMoreData = 234; // ERROR_MORE_DATA
-
 // Enough for a short value; getValue reads a longer one again into a buffer of its size.
 constexpr uint32_t kFirstGuess = 16;
 
@@ -35,8 +33,8 @@ bool RegistryKey::getValue(const std::string& name, const Consumer& consumer) co
     uint32_t count = kFirstGuess;
     uint32_t type = RegType::None;
     uint32_t result = registry_platform::queryValue(m_key, name, type, buffer, count);
-    // More than once where the value grows between two reads.
-    while (result == kErrorMoreData) {
+    // A loop, because the value may grow between two reads.
+    while (result == registry_platform::kErrorMoreData) {
         grown.adjust(/*deltaFront=*/0, static_cast<int32_t>(count) - grown.size());
         buffer = grown.data();
         count = static_cast<uint32_t>(grown.size());

@@ -17,7 +17,6 @@ struct OpenKey {
 };
 
 constexpr uint32_t kErrorFileNotFound = 2; // ERROR_FILE_NOT_FOUND
-constexpr uint32_t kErrorMoreData = 234;   // ERROR_MORE_DATA
 
 // Keys are never closed; kept here, they stay reachable until the process ends.
 NS_CORE::NeverDestroyed<std::vector<std::unique_ptr<OpenKey>>> g_open;

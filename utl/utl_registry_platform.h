@@ -10,7 +10,10 @@ namespace NS_UTL::registry_platform {
 // error (errno on Linux).
 void* openKey(const std::string& subKey);
 
-// RegQueryValueEx: 0, ERROR_MORE_DATA with the count that is needed, or another of Windows' error codes.
+inline constexpr uint32_t kErrorMoreData = 234; // Windows' ERROR_MORE_DATA
+
+// Does what RegQueryValueEx does: returns 0, kErrorMoreData with the needed size in `count`, or another of Windows'
+// error codes.
 uint32_t queryValue(void* key, const std::string& name, uint32_t& type, uint8_t* buffer, uint32_t& count);
 
 } // namespace NS_UTL::registry_platform

@@ -22,8 +22,8 @@ ABSL_CONST_INIT absl::Mutex g_instanceMutex(absl::kConstInit);
 Service* g_instance ABSL_GUARDED_BY(g_instanceMutex) = nullptr;
 int32_t g_instanceUsers ABSL_GUARDED_BY(g_instanceMutex) = 0;
 
-// Keeps the process's Service from being destroyed while a callback of the system uses it. A handler can still be
-// at work when the run callback has already returned, because its own stop request made it return.
+// Keeps the process's Service from being destroyed while a callback of the system uses it. A handler can still run when
+// the run callback has already returned: the handler's own stop request ended it.
 class InstanceInUse {
 public:
     InstanceInUse() {
@@ -166,8 +166,8 @@ void Service::serviceMain(uint32_t argc, char** argv) {
 }
 
 void Service::runAsService(int argc, char** argv) {
-    // Under the manager the socket library is left alone until the process is gone: its exit handlers run on the
-    // dispatcher's thread, whatever the others still do.
+    // In service mode exit handlers run on the dispatcher's thread while other threads may still use sockets, so the
+    // socket library is not cleaned up.
     NS_CORE::setWinsockCleanupAtExit(false);
     m_status.begin();
     MLOG(Info, "UTL::Service::serviceMain", "RegisterServiceCtrlHandler");

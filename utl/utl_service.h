@@ -60,8 +60,8 @@ public:
 
     // Moves the working directory and installs the rotating log file.
     // anchor        the end of the executable's directory that is taken off to get the working directory, as in "bin";
-    //               empty: the executable's directory itself. A directory that cannot be set is a failed check at
-    //               utl_service:34 (empty anchor) or :41 (message: the anchor); construction goes on.
+    //               empty: the executable's directory itself. If the directory cannot be set, a check fails at
+    //               utl_service:34 (empty anchor) or :41 (message: the anchor), and construction goes on.
     // logDirectory  relative to the working directory.
     Service(const std::string& anchor, std::string name, std::string displayName, std::string logDirectory,
             std::string logFileName, RunCallback run, StopCallback stop);
@@ -87,12 +87,12 @@ public:
     // Unregisters the service of this host's name; fails when it is not registered. Needs administrator rights.
     [[nodiscard]] bool remove();
 
-    // Service mode returns when the service has stopped (0) or when no manager started this process (1); console mode
-    // when the run callback has returned, with its result.
+    // Runs in service mode, or else in console mode. Service mode returns 0 when the service has stopped, and 1 if no
+    // manager started this process. Console mode returns the run callback's result.
     [[nodiscard]] int runService(bool asService, int argc, char** argv);
 
-    // Makes the callbacks below fail a check from now on. Waits until those at work have returned, so that the host can
-    // be destroyed; must not be called from one of them.
+    // From now on the callbacks below fail a check. Waits until callbacks that are running have returned, so that the
+    // host can be destroyed. Do not call it from one of them.
     static void clearInstance();
 
     // Console mode's handler for a signal: logs the number and calls the stop callback. Without an instance a failed
@@ -110,9 +110,10 @@ public:
     // at utl_service_win32:141.
     static void controlHandler(uint32_t control);
 
-    // For tests: what stands in for the service control manager. Before service mode begins.
+    // For tests: replaces the service control manager. Call it before service mode begins.
     void setServiceManager(ServiceManagerCalls calls) { m_manager = std::move(calls); }
 
+    // For tests: the current status.
     ServiceStatus status() const { return m_status.status(); }
 
 private:

@@ -7,7 +7,7 @@
 namespace NS_UTL {
 namespace {
 
-// There is no service control manager to ask: this is what every attempt ends with.
+// Linux has no service control manager; every attempt to reach one ends with this error.
 void failUnsupported() {
     errno = ENOSYS;
 }

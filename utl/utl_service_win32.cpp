@@ -29,10 +29,12 @@ static_assert(ServiceControl::Stop == SERVICE_CONTROL_STOP && ServiceControl::Pa
 constexpr std::string_view kInstall = "UTL::Service::install";
 constexpr std::string_view kRemove = "UTL::Service::remove";
 
-// What removal has always asked of the service; SERVICE_ALL_ACCESS is more, and a hardened service may refuse it.
+// The rights that removal has always requested. SERVICE_ALL_ACCESS would be more, and a hardened service may refuse
+// those.
 constexpr DWORD kRemovalRights = 0xF003F;
 
-// Empty, after a message under the caller's name, when the manager cannot be reached or does not grant all rights.
+// Empty if the manager cannot be reached or does not grant all rights. Logs that under the name of the caller,
+// `function`.
 ScopedServiceHandle openManager(std::string_view function) {
     ScopedServiceHandle manager(
         ::OpenSCManagerA(/*lpMachineName=*/nullptr, /*lpDatabaseName=*/nullptr, SC_MANAGER_ALL_ACCESS));
@@ -43,9 +45,9 @@ ScopedServiceHandle openManager(std::string_view function) {
 // Console mode's handler, until one of the events below has called it or console mode has ended.
 constinit std::atomic<Signal::Handler> g_consoleHandler{nullptr};
 
-// The system calls this on a thread of its own. It ends the process when this returns from an event that ends the
-// console, and some seconds after the event (5 for a closed window) whether it has returned or not. To return would cut
-// the stop short, so this thread waits for the process to end by itself.
+// The system calls this on a thread of its own. When this returns from an event that ends the console, the system ends
+// the process at once; if it does not return, some seconds later (5 for a closed window). To return would cut the stop
+// short, so this thread waits until the process ends by itself.
 BOOL WINAPI endWithConsole(DWORD event) {
     if (event != CTRL_CLOSE_EVENT && event != CTRL_LOGOFF_EVENT && event != CTRL_SHUTDOWN_EVENT) return FALSE;
     static constinit std::atomic<bool> isEnding{false};

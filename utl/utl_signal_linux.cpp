@@ -27,7 +27,8 @@ static_assert(std::atomic<int>::is_always_lock_free);
 constinit std::array<std::atomic<Signal::Handler>, kSignalLimit> g_handlers{};
 
 // The system's handler: runs on whatever thread the signal interrupts, in the middle of whatever that thread does.
-// Only async-signal-safe calls here. A full pipe means that 65536 signals wait to be handled: one more changes nothing.
+// Only async-signal-safe calls here. If the pipe is full, 65536 signals already wait, and losing one more changes
+// nothing.
 void passOn(int signum) {
     const int savedError = errno;
     const auto byte = static_cast<uint8_t>(signum);
@@ -77,7 +78,7 @@ private:
         return true;
     }
 
-    // The thread takes no signals itself: a handler that waits must not be what a signal interrupts.
+    // The new thread blocks all signals, so that none interrupts a handler that waits in a system call.
     void startThread() {
         sigset_t all;
         sigset_t before;
@@ -87,7 +88,7 @@ private:
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
 
-    // Waits for room: this byte must arrive.
+    // Retries while the pipe is full, because this byte must arrive.
     static void writeEnd() {
         while (::write(g_writeEnd.load(), &kEnd, 1) != 1) std::this_thread::yield();
     }
@@ -100,7 +101,7 @@ private:
 // Never destroyed: a process that exits in the middle of console mode leaves the thread waiting.
 NS_CORE::NeverDestroyed<Dispatcher> g_dispatcher;
 
-// What the process did about a signal before the first object for it.
+// The process's action for a signal before the first object for it.
 std::array<struct sigaction, kSignalLimit> g_actionsBefore;
 
 } // namespace
