@@ -9,15 +9,15 @@
 
 namespace health {
 
-// A name that a finding's sentence or cure has in braces, and the text for its place.
+// The name of a placeholder, which stands in braces in a finding's sentence or cure, and the text that replaces it.
 using Value = std::pair<std::string_view, std::string>;
 using Values = std::vector<Value>;
 
-// A path as a word of a command: in double quotes where a prompt would take a character of it for its own.
+// A path as a word of a command: in double quotes if it contains a character that means something at a prompt.
 std::string quoted(const std::string& path);
 
-// The commands that cures tell people to type, in the platform's own words.
-// serviceId  the service's process, for platforms where a service is stopped by a signal; a number or a word for it.
+// The platform's commands that cures tell people to type.
+// serviceId  the id of the service's process, or a word in its place, for platforms that stop a service by a signal.
 Values commandsOf(const Installation& installation, const std::string& serviceId);
 
 // The command that ends a process.

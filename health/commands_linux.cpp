@@ -13,7 +13,7 @@ Values commandsOf(const Installation& installation, const std::string& serviceId
             {"console", service + " service-console"},
             {"copy", "cp quorkeri_wrapper.exe " + quoted(installation.bin)},
             {"bundle", quoted(Installation::in(installation.bin, "support-bundle"))},
-            // The star stays outside of the quotes, where a shell replaces it.
+            // The star stays outside of the quotes, so that the shell expands it.
             {"delete", "rm " + Installation::in(quoted(installation.temp), "support-*.zip")}};
 }
 

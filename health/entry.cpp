@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kUnknown = 3;
 
-// Monitoring reads standard output, and a check changes no file: the libraries' own messages go nowhere.
+// Monitoring reads standard output, and the command must change no file, so the libraries' own messages go nowhere.
 void silenceLibraries() {
     using namespace NS_CORE;
     for (const uint32_t level : {LogLevel::Crit, LogLevel::Warn, LogLevel::Info, LogLevel::Norm})

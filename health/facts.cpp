@@ -14,7 +14,7 @@ constexpr LocalSeconds kSecondsPerHour = 3600;
 std::string readAll(const std::string& path) {
     machine::InputFile file(path);
     std::string bytes;
-    // The service limits its log to 5 MB and a line. The limit here is for files that are something else.
+    // The service's own log has at most 5 MB and a line. The limit here is for any other file under its name.
     constexpr size_t kMost = 16U << 20U;
     constexpr size_t kBlock = 1U << 16U;
     for (size_t length = 1; file && length != 0 && bytes.size() < kMost;) {

@@ -20,7 +20,7 @@ struct Companion {
     enum class Owner {
         Service, // the running service of this installation
         Nobody,  // this installation's, but the service that started it has ended: an orphan
-        Other,   // another installation's, or the system does not tell whose
+        Other,   // another installation's, or the system does not say whose
     };
 
     Process process;
@@ -54,7 +54,7 @@ struct Crash {
     std::string name; // of the dump's file, or dumps.log where that is all there is
 };
 
-// All that the findings are drawn from, gathered at one moment.
+// Everything that the findings are judged from, gathered at one moment.
 struct Facts {
     LocalSeconds now = 0;
     Installation installation;
@@ -65,7 +65,7 @@ struct Facts {
     bool isForeground = false;      // started by hand, while there is a service manager
 
     std::vector<Companion> companions;
-    std::optional<std::vector<PortHolder>> portHolders; // nothing: the system does not tell
+    std::optional<std::vector<PortHolder>> portHolders; // nothing: the system does not say
     FileState companionFile;
     bool isCompanionProgram = false; // begins with a program's signature
 
@@ -83,15 +83,15 @@ struct Facts {
 // hours  how far back a crash counts.
 Facts gather(const Installation& installation, uint32_t hours);
 
-// The part of it that --clear-orphan and --recover need, too: the running companions, and whose they are. The images
-// of all services and companions are filled in.
+// The running companions and their owners. gather() uses it, and so do --clear-orphan and --recover. Fills in the
+// images of all services and companions in `all`.
 std::vector<Companion> companionsOf(const Installation& installation, std::vector<Process>& all);
 
-// Whose a companion is, with the images filled in as far as the system tells them.
+// The owner of a companion. The images must be filled in, as far as the system gives them.
 Companion::Owner ownerOf(const Process& companion, const Installation& installation, const std::vector<Process>& all);
 
-// The process that the service manager means, or that runs in the foreground; nothing when neither runs. The watcher of
-// a crash, which runs the same program, is neither.
+// The service's process: the one that the service manager names, or else one that runs in the foreground; nothing when
+// neither runs. A crash's watcher, which runs the same program, does not count.
 std::optional<Process> findService(const Installation& installation, const Registration& registration,
                                    const std::vector<Process>& all);
 

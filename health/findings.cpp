@@ -16,42 +16,43 @@ struct Kind {
     Severity severity;
     const char* text;
     const char* cure;
-    bool isManagers = false; // applies only where there is a service manager
+    bool needsManager = false; // applies only where there is a service manager
 };
 
 constexpr const char* kAskAgain = "Ask again in ten seconds: {health}";
 constexpr const char* kAskWithRights = "Ask again at an administrator's prompt: {health}";
 constexpr const char* kSeeConsole =
-    "See that {logs} is there and can be written, and what the service says in the foreground: {stop}{then}{console}";
+    "Check that {logs} exists and can be written, and see what the service says in the foreground: "
+    "{stop}{then}{console}";
 constexpr const char* kEndOther = "Stop that installation, or end the process: {kill}";
 
 // Service and stop
 constexpr Kind kServiceUnknown{"service-unknown", Severity::Unknown,
-                               "Windows does not tell the state of the service: {reason}", kAskWithRights,
-                               /*isManagers=*/true};
+                               "Windows does not report the state of the service: {reason}", kAskWithRights,
+                               /*needsManager=*/true};
 constexpr Kind kServiceMissing{"service-missing", Severity::Critical, "The service is not registered",
-                               "Register it and start it: {install}{then}{start}", /*isManagers=*/true};
+                               "Register it and start it: {install}{then}{start}", /*needsManager=*/true};
 constexpr Kind kServiceElsewhere{
     "service-elsewhere", Severity::Critical, "The registered service is another installation's: {program}",
     "Use that installation, or register this one in its place: {stop}{then}{unregister}{then}{install}{then}{start}",
-    /*isManagers=*/true};
+    /*needsManager=*/true};
 constexpr Kind kServiceDisabled{"service-disabled", Severity::Critical,
-                                "The service is stopped, and Windows is told never to start it",
-                                "Let Windows start it again: {enable}{then}{start}", /*isManagers=*/true};
+                                "The service is stopped and disabled: Windows is set never to start it",
+                                "Enable it and start it: {enable}{then}{start}", /*needsManager=*/true};
 constexpr Kind kServiceStopped{"service-stopped", Severity::Critical, "The service is stopped", "Start it: {start}"};
 constexpr Kind kServiceDead{"service-dead", Severity::Critical,
                             "The process of the service has ended, and nobody had stopped it",
-                            "Clear up behind it and start it: {health} --recover"};
+                            "End the companion that it left behind, and start it: {health} --recover"};
 constexpr Kind kServiceStarting{"service-starting", Severity::Warning, "The service is starting", kAskAgain,
-                                /*isManagers=*/true};
+                                /*needsManager=*/true};
 constexpr Kind kServiceForeground{"service-foreground", Severity::Warning,
                                   "The service was started by hand and runs in the foreground, as process {pid}",
                                   "End it with Ctrl+C in its window, then start the registered one: {start}",
-                                  /*isManagers=*/true};
+                                  /*needsManager=*/true};
 constexpr Kind kStopLost{"stop-lost", Severity::Critical,
-                         "The service was asked to stop at {time}, lost that, and started its companion again",
-                         "End its process and the companion behind it: {kill}{then}{health} --clear-orphan; with "
-                         "--recover instead it is started, too"};
+                         "The service was asked to stop at {time}, lost the request, and started its companion again",
+                         "End its process, then its companion: {kill}{then}{health} --clear-orphan; use --recover "
+                         "instead to start it as well"};
 constexpr Kind kStopWaits{"stop-waits", Severity::Warning,
                           "The service was asked to stop at {time} and waits for its companion, process {pid}, to end",
                           "End the companion: {kill}"};
@@ -64,7 +65,7 @@ constexpr Kind kCompanionMissing{
     "{companion} is missing, so a program of that name anywhere on the PATH is started, with the rights of the service",
     "Put it there, from the companion's own software: {copy}"};
 constexpr Kind kCompanionDamaged{"companion-damaged", Severity::Critical,
-                                 "{companion} is damaged: it is no program that can be started",
+                                 "{companion} is damaged: it is not a program that can be started",
                                  "Replace it, from the companion's own software: {copy}"};
 constexpr Kind kCompanionRefused{"companion-refused", Severity::Critical,
                                  "{companion} is there and cannot be started: {reason}",
@@ -84,7 +85,7 @@ constexpr Kind kPortElsewhere{"port-elsewhere", Severity::Critical,
 constexpr Kind kPortForeign{"port-foreign", Severity::Critical,
                             "Another program holds UDP port 34002: process {pid}, {program}",
                             "Give that program another port, or end it: {kill}"};
-constexpr Kind kPortUnknown{"port-unknown", Severity::Unknown, "The system does not tell who holds UDP port 34002",
+constexpr Kind kPortUnknown{"port-unknown", Severity::Unknown, "The system does not report who holds UDP port 34002",
                             kAskWithRights};
 constexpr Kind kPortUnheld{
     "port-unheld", Severity::Warning,
@@ -102,10 +103,10 @@ constexpr Kind kLogMissing{"log-missing", Severity::Warning, "The service runs, 
                            kSeeConsole};
 constexpr Kind kLogUnreadable{"log-unreadable", Severity::Unknown, "{log} cannot be read: {reason}", kAskWithRights};
 constexpr Kind kLogStale{"log-stale", Severity::Warning,
-                         "{log} is stale: written last at {time}, and the service has done something since",
+                         "{log} is stale: it was written last at {time}, and the service has been active since",
                          kSeeConsole};
 constexpr Kind kKeriMissing{"keri-missing", Severity::Warning,
-                            "The Keri software is not registered, or without an InstallLocation",
+                            "The Keri software is not registered, or its registration has no InstallLocation",
                             "Install or repair the Keri software, then start the service again: {restart}"};
 constexpr Kind kLibraryMissing{"library-missing", Severity::Critical, "Keri libraries are missing in {bin}: {names}",
                                "Start the service again, which copies them: {restart}"};
@@ -119,7 +120,7 @@ constexpr Kind kLibrarySource{"library-source", Severity::Warning, "Keri librari
 constexpr Kind kCrash{"crash-dump", Severity::Warning, "The service crashed at {time}: {dump}",
                       "Send the dump with a support bundle: {bundle}"};
 constexpr Kind kDiskFull{"disk-full", Severity::Critical, "The disk of {logs} is full: {free} MB are free",
-                         "Make room on it, first of old support bundles: {delete}"};
+                         "Make room on it; delete old support bundles first: {delete}"};
 constexpr Kind kDiskLow{"disk-low", Severity::Warning, "The disk of {logs} is nearly full: {free} MB are free",
                         kDiskFull.cure};
 
@@ -244,7 +245,8 @@ private:
         }
         if (registration.answer == Registration::Answer::NotRegistered) return;
         if (registration.state == Registration::State::Starting) return add(kServiceStarting);
-        // A manager that still counts a dead process as running has not noticed; Windows says how it ended.
+        // If the manager still reports a dead process as running, it has not noticed its end yet. Otherwise Windows
+        // records whether the process ended without stopping.
         const bool isDead = registration.hasAborted || registration.state != Registration::State::Stopped;
         add(isDead ? kServiceDead : registration.isDisabled ? kServiceDisabled : kServiceStopped);
     }
@@ -415,7 +417,7 @@ std::vector<Finding> catalogue() {
     values.emplace_back("kill", endCommand("PID"));
     std::vector<Finding> all;
     for (const Kind* kind : kKinds)
-        if (machine::kIsWindows || !kind->isManagers)
+        if (machine::kIsWindows || !kind->needsManager)
             all.push_back({kind->name, kind->severity, fill(kind->text, values, {}), fill(kind->cure, values, {})});
     return all;
 }
@@ -427,7 +429,7 @@ uint64_t megabytes(uint64_t bytes) {
 std::string figures(const Facts& facts) {
     size_t orphans = 0;
     for (const Companion& companion : facts.companions) orphans += companion.owner == Companion::Owner::Nobody;
-    // "U" is monitoring's word for a figure that cannot be had.
+    // "U" is the plug-ins' notation for an unknown figure.
     const bool isKnown = facts.logFile.kind != FileState::Kind::Unreadable;
     std::string text = NS_CORE::formatString("restarts=%s;0;%u companions=%zu;1:1 orphans=%zu;;0",
                                              isKnown ? std::to_string(facts.log.restartsLastHour) : "U",

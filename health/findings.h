@@ -7,7 +7,7 @@
 
 namespace health {
 
-// In ascending order. The program's result is that of its worst finding.
+// In ascending order of importance. The program's result is that of its worst finding.
 enum class Severity { Ok, Unknown, Warning, Critical };
 
 // As monitoring expects it: 0 healthy, 1 warning, 2 critical, 3 unknown.
@@ -28,10 +28,10 @@ std::vector<Finding> judge(const Facts& facts);
 
 Severity worstOf(const std::vector<Finding>& findings);
 
-// Every finding that there can be, with words in capital letters where a finding has values.
+// All possible findings, with words in capital letters in place of values.
 std::vector<Finding> catalogue();
 
-// The figures with their limits, as the perf data of monitoring: "restarts=0;0;19 ...".
+// The figures with their limits, as performance data of monitoring plug-ins: "restarts=0;0;19 ...".
 std::string figures(const Facts& facts);
 
 // Limits. This many restarts in an hour are critical, fewer are a warning. With fewer free megabytes than these the

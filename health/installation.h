@@ -7,9 +7,9 @@
 
 namespace health {
 
-// Where the parts of the installation lie that this program belongs to; full paths.
+// Full paths of the parts of the installation to which this program belongs.
 struct Installation {
-    std::string root; // of everything; without a separator at its end
+    std::string root; // contains all others; without a separator at its end
     std::string bin;
     std::string health; // this program
     std::string service;

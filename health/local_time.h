@@ -16,7 +16,7 @@ LocalSeconds toLocal(int64_t utcSeconds);
 // "2026-01-02 03:04:05"
 std::string timeText(LocalSeconds seconds);
 
-// Reads a text of that form at the front of `text`, and returns false when it is none.
+// Reads a time of that form from the front of `text`; returns false when there is none.
 bool parseTime(std::string_view text, LocalSeconds* out);
 
 } // namespace health

@@ -8,8 +8,8 @@
 
 #include "health/local_time.h"
 
-// What the operating system tells, one source per platform. Paths and texts are UTF-8. Nothing here logs or throws,
-// and only endProcess and startService change anything. For one thread.
+// What the program asks of the operating system, one source per platform. Paths and texts are UTF-8. Nothing here logs
+// or throws, and only endProcess and startService change anything. For one thread.
 namespace health::machine {
 
 extern const bool kIsWindows;
@@ -19,7 +19,7 @@ extern const char* const kHealthFile;
 
 struct Process {
     uint32_t id = 0;
-    uint32_t parentId = 0; // may be another process's by now, because ids are reused
+    uint32_t parentId = 0; // by now this may be another process's id, because ids are reused
     uint64_t created = 0;  // in the system's own ticks; only for comparing
     LocalSeconds started = 0;
     std::string name;  // the file's
@@ -31,7 +31,7 @@ struct Process {
 // All running processes, at one moment. `image` is empty in each.
 std::vector<Process> processes();
 
-// The full path of a process's program; empty when the system does not tell it.
+// The full path of a process's program; empty when the system does not give it.
 std::string imageOf(uint32_t processId);
 
 // The path of a file as imageOf gives it, however it is written: with short names, or through a link. The path itself
@@ -40,10 +40,9 @@ std::string finalPath(const std::string& path);
 
 uint32_t ownId();
 
-// Ends a process by its id, and only if it is still the same one: the program's image and the time of its creation are
-// compared again while its handle is open, and an id is not given to another process while a handle is open. Waits for
-// its end, ten seconds at most. Returns the reason when it is not ended; empty on success, and when it had ended by
-// itself.
+// Ends a process by its id, and only if it is still the same one. It opens a handle, which keeps the id from being
+// given to another process, and then compares the program's image and the time of creation. Waits up to ten seconds for
+// the end. Returns an empty text on success and when the process had ended by itself, else the reason of the failure.
 std::string endProcess(const Process& process);
 
 // What the service manager knows of a service.
@@ -66,7 +65,7 @@ Registration registration(const char* serviceName);
 std::string startService(const char* serviceName);
 
 // The processes that listen on a UDP port of 127.0.0.1 or of all addresses; 0 stands for one that the system does not
-// name. Nothing when the system does not tell at all.
+// name. Nothing when the system gives no list.
 std::optional<std::vector<uint32_t>> portHolders(uint16_t port);
 
 // The registered directory of the Keri software, without changing the registry; `root` is the installation's, for

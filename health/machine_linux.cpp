@@ -20,6 +20,7 @@
 #include "health/machine.h"
 #include "service/names.h"
 #include "utl/utl_regfile_linux.h"
+#include "utl/utl_regtype.h"
 
 namespace health::machine {
 namespace {
@@ -60,7 +61,7 @@ std::string ofProcess(uint32_t id, const char* file) {
     return "/proc/" + std::to_string(id) + '/' + file;
 }
 
-// Another user's program is not told, but its command line is.
+// For a process of another user, whose program the system does not give, but whose command line it does.
 std::string firstWord(uint32_t id) {
     std::string words = readSystemFile(ofProcess(id, "cmdline"));
     words.resize(std::min(words.find('\0'), words.size()));
@@ -79,7 +80,7 @@ int64_t bootTime() {
     return millisecondsOf(CLOCK_REALTIME) - millisecondsOf(CLOCK_BOOTTIME);
 }
 
-// A container's processes have ports of their own, and installations.
+// True for a process in a container, which has ports of its own and belongs to an installation of its own.
 bool isInOtherNetwork(uint32_t id) {
     const std::string network = linkOf(ofProcess(id, "ns/net"));
     return !network.empty() && network != linkOf("/proc/self/ns/net");
@@ -210,10 +211,9 @@ std::optional<std::vector<uint32_t>> portHolders(uint16_t port) {
 std::string keriDirectory(const std::string& root) {
     NS_UTL::RegFile registry;
     if (!registry.load(root + "/settings/registry.reg")) return "";
-    constexpr uint32_t kText = 1; // REG_SZ
     const auto* value =
         registry.findValue(std::string("HKEY_LOCAL_MACHINE\\") + service::kKeriKey, service::kKeriValue);
-    return value && value->type == kText ? value->bytes.c_str() : "";
+    return value && value->type == NS_UTL::RegType::Sz ? value->bytes.c_str() : "";
 }
 
 FileState fileState(const std::string& path) {

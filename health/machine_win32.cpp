@@ -62,7 +62,7 @@ NTSTATUS querySystem(ULONG what, void* answer, ULONG size) {
     return query(what, answer, size, nullptr);
 }
 
-// "\Device\HarddiskVolume3\dir\file.exe" as the drive has it.
+// Turns "\Device\HarddiskVolume3\dir\file.exe" into "C:\dir\file.exe"; empty when no drive fits.
 std::string withDrive(const std::wstring& path) {
     wchar_t drive[] = L"A:";
     for (; drive[0] <= L'Z'; ++drive[0]) {
@@ -115,7 +115,7 @@ Registration::State stateOf(DWORD state) {
     }
 }
 
-// Empty, with the system's last error, when it cannot be had.
+// Empty, with the system's last error set, when it cannot be opened.
 NS_CORE::ScopedServiceHandle openService(const char* name, DWORD rights) {
     const NS_CORE::ScopedServiceHandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     if (!manager) return NS_CORE::ScopedServiceHandle();
@@ -173,7 +173,7 @@ std::vector<Process> processes() {
     const auto* bytes = reinterpret_cast<const char*>(buffer.data());
     for (ULONG next = 1; next != 0; bytes += next) {
         const auto* entry = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(bytes);
-        // One that has ended stays for as long as somebody holds it open.
+        // A process that has ended stays in the list as long as somebody holds it open.
         if (entry->NumberOfThreads != 0) all.push_back(processFrom(*entry));
         next = entry->NextEntryOffset;
     }
@@ -235,7 +235,7 @@ Registration registration(const char* serviceName) {
     out.state = stateOf(status.dwCurrentState);
     out.processId = status.dwProcessId;
     out.hasAborted = out.state == Registration::State::Stopped && status.dwWin32ExitCode == ERROR_PROCESS_ABORTED;
-    // As large as the system lets an answer be.
+    // The largest answer that the system gives.
     alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192] = {};
     auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
     if (!::QueryServiceConfigW(service.get(), config, sizeof buffer, &needed)) return refused(::GetLastError());

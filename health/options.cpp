@@ -14,15 +14,15 @@ constexpr std::string_view kHelp =
     R"(quorkeri_health: says in one line whether the Quorvane Keri Wrapper of this installation is healthy.
 
   quorkeri_health [--json] [--since HOURS]    looks, and changes nothing
-  quorkeri_health --clear-orphan              ends companions of this installation that no running service has
-  quorkeri_health --recover                   the same, then starts the service where it does not run
+  quorkeri_health --clear-orphan              ends companions of this installation that have lost their service
+  quorkeri_health --recover                   the same, then starts the service if it does not run
   quorkeri_health --help | --version
 
   --json         the same as one JSON object
-  --since HOURS  a crash counts for so many hours, 1 to 8760; 24 unless given
+  --since HOURS  a crash counts for this many hours, 1 to 8760; 24 by default
 
-Exit code: 0 healthy, 1 warning, 2 critical or not done, 3 unknown or not understood. Behind the "|" stand the figures
-for monitoring: name=value;warning;critical. Rights of an administrator are needed for --clear-orphan and --recover alone.
+Exit code: 0 healthy, 1 warning, 2 critical or not done, 3 unknown or not understood. The figures after the "|" are for
+monitoring: name=value;warning;critical. Only --clear-orphan and --recover need an administrator's rights.
 
 What it finds:
 )";

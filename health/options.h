@@ -13,7 +13,7 @@ struct Options {
     Action action = Action::Check;
     bool isJson = false;
     uint32_t hours = 24; // how far back a crash counts, 1 to kMaxHours
-    std::string error;   // a sentence when the words make no sense; the rest means nothing then
+    std::string error;   // empty, or a sentence about wrong words; the other members do not count then
 
     static constexpr uint32_t kMaxHours = 8760;
 };

@@ -26,8 +26,9 @@ std::string startOwn(const Installation& installation) {
     return machine::startService(service::kServiceName);
 }
 
-// Returns the reason of a failure. The manager may not have noticed yet that the old process has ended, and then takes
-// the service for running; therefore the start is requested until the process is there.
+// Returns an empty text, or the reason of a failure. The manager may not have noticed yet that the old process has
+// ended; then it reports the service as running and starts nothing. So this requests the start until the process is
+// there.
 std::string startAndAwait(const Installation& installation) {
     for (uint32_t waited = 0; waited <= kStartLimitMs; waited += kPauseMs) {
         if (const std::string reason = startOwn(installation); !reason.empty()) return reason;

@@ -6,7 +6,8 @@
 
 namespace health {
 
-// The result of --clear-orphan or --recover: sentences for the user, and the exit code, 0 or 2 when something failed.
+// The result of --clear-orphan or --recover: sentences for the user, and the exit code, which is 2 when something
+// failed.
 struct Outcome {
     int exitCode = 0;
     std::string text;

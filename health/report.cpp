@@ -7,7 +7,7 @@
 namespace health {
 namespace {
 
-// Monitoring ends a message at the first line's end, and at the first bar.
+// Monitoring reads a message up to the first line end or bar, so the text must contain neither.
 std::string oneLine(std::string text) {
     for (char& c : text) {
         if (static_cast<unsigned char>(c) < ' ') c = ' ';

@@ -8,10 +8,11 @@
 
 namespace health {
 
-// One line for a person and for monitoring: "OK: the service runs ... | figures", or every finding with its cure.
+// One line for a person and for monitoring: "OK: service process 4711 has run since ... | figures", or all findings
+// with their cures in place of the sentence.
 std::string lineOf(const Facts& facts, const std::vector<Finding>& findings);
 
-// The same for a program, with what the findings were drawn from: one JSON object.
+// The same for a program, with the facts: one JSON object.
 std::string jsonOf(const Facts& facts, const std::vector<Finding>& findings);
 
 } // namespace health

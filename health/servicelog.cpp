@@ -71,13 +71,13 @@ private:
     void addRestart(LocalSeconds time) {
         if (time > m_now - kHour && time <= m_now) ++m_summary.restartsLastHour;
         ++(m_summary.stop ? m_summary.restartsAfterStop : m_summary.restartsBeforeStop);
-        // A start that failed says so right in front.
+        // A start that failed has logged its reason just before this line.
         m_summary.startFailure = m_reason;
         m_reason.reset();
     }
 
     void addStop(LocalSeconds time) {
-        // The first one counts: later ones are refused, or are the same wish.
+        // The first one counts: the manager refuses later ones, or they ask for the same.
         if (!m_summary.stop) m_summary.stop = time;
     }
 

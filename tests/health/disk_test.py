@@ -1,5 +1,5 @@
 """disk_test.py HEALTH SERVICE COMPANION [TEST...]: the health check of a service whose disk is full, or nearly so, where the
-system does not tell enough, and of a companion that does not listen."""
+system does not report enough, and of a companion that does not listen."""
 import contextlib
 import json
 import os
@@ -71,7 +71,7 @@ class ManagerTest(Installed):
             subprocess.run(["wine", self.root / "bin" / HEALTH.name], env=environment | {"WINEDLLOVERRIDES": "services.exe=d"},
                            stdin=subprocess.DEVNULL, stdout=told, stderr=subprocess.DEVNULL, timeout=LIMIT, check=False)
             told.seek(0)
-            self.assertIn("[service-unknown] Windows does not tell the state of the service: ", told.read().decode())
+            self.assertIn("[service-unknown] Windows does not report the state of the service: ", told.read().decode())
 
 
 class PortTest(Installed):
