@@ -12,7 +12,7 @@ endif()
 set(QUORKERI_PLATFORM "${quorkeri_system}_${CMAKE_SYSTEM_PROCESSOR}" CACHE STRING
   "Operating system and processor family")
 
-# quorkeri_check_stamp(VARIABLE REGEX): stops the configuration where a value has not its form.
+# quorkeri_check_stamp(VARIABLE REGEX): stops the configuration if a value does not have its form.
 function(quorkeri_check_stamp variable regex)
   if(NOT "${${variable}}" MATCHES "^${regex}$")
     get_property(form CACHE ${variable} PROPERTY HELPSTRING)
@@ -28,9 +28,9 @@ quorkeri_check_stamp(QUORKERI_PLATFORM "[A-Za-z0-9_]+")
 # The version is the tag as the program itself reads it out of the keyword.
 string(REGEX REPLACE "^release_" "" QUORKERI_VERSION "${QUORKERI_RELEASE_TAG}")
 
-# The build id as seconds since 1970, for the time stamp in the exe's header: a debugger knows by it which build a dump
-# comes from, so it has to differ from build to build and must not come from the clock. "1" before two digits keeps a
-# leading zero from meaning anything.
+# The build id as seconds since 1970, for the time stamp in the exe's header. A debugger uses it to tell which build a
+# dump comes from, so it has to differ from build to build, and it must not come from the clock. The "1" before two digits
+# keeps a leading zero from making the number octal.
 string(REGEX MATCH "^(..)(..)(..)-(..)(..)(..)$" _ "${QUORKERI_BUILD_ID}")
 math(EXPR quorkeri_month "1${CMAKE_MATCH_2} - 100")
 math(EXPR quorkeri_march_month "(${quorkeri_month} + 9) % 12")

@@ -24,7 +24,7 @@ if(WIN32)
   # DWARF 4, because Wine's dbghelp does not read version 5.
   target_compile_options(quorkeri_options INTERFACE -gdwarf-4 -ffunction-sections -fdata-sections)
   target_link_options(quorkeri_options INTERFACE -Wl,--gc-sections)
-  # Windows 7 and later: GetTickCount64, and the structured clean-up of a console's parent.
+  # The interface of Windows 7, the oldest system that the programs run on.
   target_compile_definitions(quorkeri_options INTERFACE
     WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
 endif()
@@ -60,7 +60,7 @@ function(quorkeri_platform_sources out dir)
 endfunction()
 
 # quorkeri_library(NAME SOURCE...): a library of the tree, which `cmake --install DIR --component libraries` lays out for
-# other programs. The headers of its seams and of the other platform stay here.
+# other programs, without its `_platform.h` headers and those of the other platform.
 function(quorkeri_library name)
   add_library(${name} STATIC ${ARGN})
   target_compile_features(${name} PUBLIC cxx_std_20)
@@ -88,10 +88,10 @@ function(quorkeri_shipped_program target)
   endif()
   # Data that is not executed, and another address at each start. Not --no-seh: the crash guard is a handler of that kind.
   target_link_options(${target} PRIVATE -Wl,--nxcompat -Wl,--dynamicbase)
-  # Sections that begin on a page of the file, too, so that Wine maps them; others it reads, and each page that it reads is
-  # the process's own memory.
+  # Sections begin on a page of the file as well, so that Wine maps them. It reads other sections, and each page that it
+  # reads becomes private memory of the process.
   target_link_options(${target} PRIVATE -Wl,--file-alignment,4096)
-  # Windows 7, as in the manifest: an older system says so instead of missing a DLL.
+  # Windows 7, as in the manifest: an older system then says that it is too old, not that a DLL is missing.
   target_link_options(${target} PRIVATE
     -Wl,--major-os-version,6,--minor-os-version,1,--major-subsystem-version,6,--minor-subsystem-version,1)
   # Abseil as one object with just the functions that are called: a third of the size of what the archives bring in.

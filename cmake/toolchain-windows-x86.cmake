@@ -12,8 +12,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 set(CMAKE_FIND_ROOT_PATH /usr/i686-w64-mingw32)
 
 # The universal C runtime in place of msvcrt.dll: only there does the invalid-parameter handler take effect.
-# The headers stay the default ones, because Debian's static libstdc++ was built against them; the linker
-# is told every library by hand, so that no -lmsvcrt slips in. One exe, needing only Windows' own DLLs.
+# The headers stay the default ones, because Debian's static libstdc++ was built against them. The libraries are
+# named one by one, so that no -lmsvcrt slips in. The result is one exe that needs only Windows' own DLLs.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -nodefaultlibs")
 set(quorkeri_runtime "-Wl,--start-group -lstdc++ -lmingw32 -lgcc -lgcc_eh -lmoldname -lmingwex -lucrt -lpthread")
 string(APPEND quorkeri_runtime " -ladvapi32 -lshell32 -luser32 -lkernel32 -lws2_32 -ldbghelp -lbcrypt -Wl,--end-group")

@@ -121,8 +121,8 @@ std::wstring imageOf(HANDLE process) {
     return ::QueryFullProcessImageNameW(process, 0, name, &length) ? std::wstring(name, length) : L"";
 }
 
-// True when none runs any more. A process is asked for its program through the handle that ends it, so no other process
-// that was given the same id can be meant.
+// Ends the processes whose program lies below the directory; returns whether there was none. The handle that ends a
+// process also names its program, so a process that got the same id later is left alone.
 bool endProcessesBelow(const std::wstring& directory) {
     const ScopedFileHandle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
     bool isNone = true;
@@ -161,14 +161,14 @@ std::wstring programOf(const ScopedServiceHandle& service) {
     return path;
 }
 
-// The manager forgets a service once its process has ended and nobody looks at it any more. Returns whether that is to
-// come.
+// Deletes the registration if its program lies below `root`; returns whether it did. The manager forgets the service
+// once its process has ended and nobody has it open any more.
 bool markForDeletion(const std::wstring& root) {
     const ScopedServiceHandle service = openService(SERVICE_QUERY_CONFIG | DELETE);
     return service && liesBelow(programOf(service), root) && ::DeleteService(service.get());
 }
 
-// True when none of the tests' is installed any more. An installation that a test has begun goes on without it.
+// Returns whether no product of the tests is installed any more. An installation goes on after the test that began it.
 bool uninstall() {
     const auto isIdle = [] {
         return !ScopedKernelHandle(::OpenMutexW(SYNCHRONIZE, /*bInheritHandle=*/FALSE, L"Global\\_MSIExecute"));
@@ -208,7 +208,7 @@ std::string wholeContent(const std::wstring& path) {
     return file && ::ReadFile(file.get(), text, sizeof text, &count, nullptr) ? std::string(text, count) : "";
 }
 
-// A key that the run has made above its own; not when somebody has put something there since.
+// Removes a key that the run made above its own ones, unless somebody has put something into it since.
 bool removeEmptyKey(const wchar_t* name) {
     const ScopedRegistryKey key = openKey(name);
     DWORD keys = 0;

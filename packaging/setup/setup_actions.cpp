@@ -79,7 +79,8 @@ std::optional<unsigned> stopSeconds(const std::wstring& text) {
     return seconds <= kMost ? std::optional(seconds) : std::nullopt;
 }
 
-// A property that is a choice. Sets `isRight` to false, after a sentence, for a value that is neither 0 nor 1.
+// A property that is 0 or 1; nothing when it is not set. For any other value logs a sentence and sets `isRight` to
+// false.
 std::optional<bool> choice(const Session& session, const wchar_t* name, bool& isRight) {
     const std::wstring value = session.property(name);
     if (value.empty()) return std::nullopt;
@@ -110,9 +111,9 @@ bool mayRunIn(const Session& session, const std::wstring& directory, bool isOpen
     return isOpenAllowed;
 }
 
-// Whether the installation ends with a running service: as START says, else only where the companion is there already.
-// Without it the service would look for a program of that name along the system's PATH, every five seconds.
-bool shallStart(const Session& session) {
+// Whether the installation ends with a running service: as START says, or else if the companion is there already.
+// Without the companion the service would look for a program of that name along the system's PATH, every five seconds.
+bool shouldStart(const Session& session) {
     const std::wstring wanted = session.property(L"START");
     if (wanted == L"0") session.log(L"START=0: the service is not started");
     if (!wanted.empty()) return wanted == L"1";
@@ -123,7 +124,8 @@ bool shallStart(const Session& session) {
     return false;
 }
 
-// A file that somebody holds is found now if it can be, because there is nothing to roll back yet.
+// Looks for held files before the first change, while there is nothing to roll back. If one is held, logs a sentence
+// and returns false.
 bool isFree(const Session& session) {
     constexpr unsigned kLimitMs = 2000; // a virus scanner lets go again
     const std::wstring held = heldFile(directoryOf(session, L"INSTALLDIR"), Hold::OpenedElsewhere, kLimitMs);
@@ -132,11 +134,12 @@ bool isFree(const Session& session) {
     return false;
 }
 
-// Looks at everything that can be looked at before the first change. False after a sentence.
+// Checks everything that can be checked before the first change. If something is wrong, logs a sentence and returns
+// false.
 bool canInstall(const Session& session, const std::optional<Registration>& service) {
     const std::wstring given = session.property(L"INSTALLDIR");
     std::optional<std::wstring> problem = directoryProblem(given);
-    // The person who starts the installation with a window may have less rights than the installation itself.
+    // The person who starts the installation with a window may have fewer rights than the installation itself.
     if (!problem && isElevated()) problem = writingProblem(binDirectory(withoutSeparator(given)));
     if (!problem) problem = keriProblem(withoutSeparator(given));
     if (!problem && service && !isOurs(session, *service)) problem = foreignServiceText(*service);
@@ -149,7 +152,7 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
     for (const wchar_t* name : {L"DELAYEDSTART", L"START", L"WERDUMPS"})
         if (isRight) choice(session, name, isRight);
     const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isRight).value_or(false);
-    // Without an administrator's rights it cannot be judged; the action that makes the directory judges it again.
+    // Without an administrator's rights the directory cannot be judged here. ProtectDirectory judges it again.
     return isRight && (!isElevated() || mayRunIn(session, withoutSeparator(given), isOpenAllowed));
 }
 
@@ -158,9 +161,9 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
 
 extern "C" {
 
-// Immediate, before costing: judges the directory, the service's name and the properties, and notes for the others
-// whether the service runs (RestoreService), is somebody else's (FOREIGNSERVICE) or is not to be started (STAYSTOPPED),
-// and what an administrator has set for it (ServiceBefore).
+// Immediate, before costing: checks the directory, the service's name and the properties. Sets properties for the other
+// actions: RestoreService if the service runs, FOREIGNSERVICE if it belongs to another program, STAYSTOPPED if it must
+// not be started, and ServiceBefore to what an administrator has set for it.
 __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::optional<setup::Registration> service = setup::registration();
@@ -191,15 +194,15 @@ __declspec(dllexport) UINT __stdcall Prepare(MSIHANDLE installation) {
     if (before.startType == SERVICE_DISABLED) {
         session.log(L"the service is disabled, stays so and is not started");
         session.setProperty(L"STAYSTOPPED", L"1");
-    } else if (!isRemoval && !setup::shallStart(session)) {
+    } else if (!isRemoval && !setup::shouldStart(session)) {
         session.setProperty(L"STAYSTOPPED", L"1");
     }
     if (service && service->isRunning) session.setProperty(L"RestoreService", L"running");
     return ERROR_SUCCESS;
 }
 
-// Immediate, after the earlier version has gone: sets KEEPSERVICE when our service is registered still. Windows' own
-// action would give it the values of the package again.
+// Immediate, after the earlier version has gone: sets KEEPSERVICE if our service is still registered. Otherwise
+// Windows' own action would replace its settings by the package's.
 __declspec(dllexport) UINT __stdcall KeepService(MSIHANDLE installation) {
     const setup::Session session(installation);
     const std::optional<setup::Registration> service = setup::registration();

@@ -14,7 +14,7 @@ namespace {
 using NS_CORE::ScopedFileHandle;
 using NS_CORE::ScopedFindHandle;
 
-constexpr size_t kLongestDirectory = 180; // what the longest name below it still fits into, with MAX_PATH for the whole
+constexpr size_t kLongestDirectory = 180; // so that the longest path below it fits into MAX_PATH
 
 bool isLetter(wchar_t c) {
     return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z');
@@ -56,7 +56,7 @@ void forEachEntry(const std::wstring& directory, const wchar_t* pattern, Visit v
 
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-// A file that runs may be opened for deletion, but not for writing.
+// The file of a running program may be opened for deletion, but not for writing.
 bool isHeld(const std::wstring& file, Hold hold) {
     const DWORD access = hold == Hold::OpenedElsewhere ? DELETE : GENERIC_WRITE | DELETE;
     const ScopedFileHandle handle(::CreateFileW(file.c_str(), access, kShareAll, /*lpSecurityAttributes=*/nullptr,
@@ -79,8 +79,8 @@ std::wstring heldNow(const std::wstring& directory, Hold hold) {
     return held;
 }
 
-// What lies at this path itself, also when it is a link; to be looked at, listed and deleted by the handle. Nobody else
-// can rename or delete it while the handle is open.
+// Opens what lies at this path, a link itself included, to inspect, list and delete it by the handle. Nobody else can
+// rename or delete it while the handle is open.
 ScopedFileHandle openForRemoval(const std::wstring& path) {
     return ScopedFileHandle(::CreateFileW(
         path.c_str(), DELETE | FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE,

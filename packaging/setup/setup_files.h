@@ -18,7 +18,7 @@ std::wstring serviceProgram(const std::wstring& directory);
 std::wstring companionProgram(const std::wstring& directory);
 std::wstring dumpsDirectory(const std::wstring& directory);
 
-// Equal for the file system, which ignores case; short names count as their long ones where the file is there.
+// Whether both paths name the same file. Case does not count, and a short name equals its long form if the file exists.
 bool isSamePath(const std::wstring& a, const std::wstring& b);
 
 // Why this text cannot be the installation's directory, as a sentence that says what to do; nothing when it can. Looks
@@ -38,11 +38,11 @@ bool exists(const std::wstring& path);
 // What keeps a program or a library from being replaced.
 enum class Hold {
     OpenedElsewhere, // a program has opened it and does not share it; the service and its companion never do that
-    OpenedOrRunning, // or it is in use as a program or library as well
+    OpenedOrRunning, // the same, or it runs as a program or is loaded as a library
 };
 
-// The first program or library of the installation that is held so, the companion's excepted; empty when there is none.
-// Asks again for up to `limitMs` milliseconds, because a program that has ended lets go of its file a moment later.
+// The first program or library of the installation that is held in this way, other than the companion; empty when there
+// is none. Tries for up to `limitMs` milliseconds, because a program that has ended releases its file a moment later.
 std::wstring heldFile(const std::wstring& directory, Hold hold, unsigned limitMs);
 
 // Of an open file or directory (a HANDLE).

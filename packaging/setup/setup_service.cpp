@@ -154,8 +154,8 @@ std::wstring recoveryCommand(const std::wstring& directory) {
     return L'"' + binDirectory(directory) + L"\\quorkeri_health.exe\" --recover";
 }
 
-// Nobody has set any, or they are ours: of this version in any directory, or of version 1.1, which only restarted and
-// left the companion of the service that had died with its port.
+// Whether nobody has set recovery actions, or the set ones are this product's: its own command in any directory, or the
+// plain restarts of its earlier packages, after which the companion of the dead service still held the port.
 bool mayReplaceRecovery(const ScopedServiceHandle& service) {
     const ConfigBuffer buffer = optionalConfigOf(service, SERVICE_CONFIG_FAILURE_ACTIONS);
     if (buffer.empty()) return true;

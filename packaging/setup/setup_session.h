@@ -4,7 +4,7 @@
 
 namespace setup {
 
-// The running installation, as a custom action sees it. Texts are UTF-16, which is what Windows Installer speaks. Valid
+// The running installation, as a custom action sees it. Texts are UTF-16, as Windows Installer takes them. Valid
 // while the action's entry point runs; one thread.
 class Session {
 public:

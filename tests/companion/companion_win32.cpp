@@ -20,7 +20,7 @@ std::string toUtf8(const wchar_t* text) {
     return toUtf8(text, static_cast<int>(wcslen(text)));
 }
 
-// Both the type and the name of an object come as a counted string at the start of the answer.
+// Both the type and the name of an object come as a counted string at the start of the result.
 std::string askObject(HANDLE handle, OBJECT_INFORMATION_CLASS what) {
     alignas(UNICODE_STRING) char answer[4096] = {};
     ULONG size = 0;

@@ -23,7 +23,7 @@ class DeploymentTest : public testing::Test {
 protected:
     DeploymentTest();
 
-    // Runs CopyDependencies there and answers what it logged: "LEVEL text", and "CHECK source: message" for failed
+    // Runs CopyDependencies there and returns what it logged: "LEVEL text", and "CHECK source: message" for failed
     // checks. With "again" in `how` it runs that many times more.
     std::vector<std::string> deploy(const std::vector<std::string>& how = {});
 

@@ -12,7 +12,7 @@ namespace test {
 inline constexpr char kChildWord[] = "--run-child";
 
 // What a test program does instead of testing when it is started with childCommandLine(name, ...): its exit code is
-// what `run` answers. Define one per kind of child, at namespace scope of the test that starts it:
+// what `run` returns. Define one per kind of child, at namespace scope of the test that starts it:
 //
 //     const test::ChildProgram g_ends("ends", [](const auto& arguments) { return std::stoi(arguments.at(0)); });
 class ChildProgram {
@@ -30,10 +30,10 @@ std::string childCommandLine(const std::string& name, const std::vector<std::str
 std::string childCommandLineOf(const std::string& program, const std::string& name,
                                const std::vector<std::string>& arguments = {});
 
-// Puts the running program to `path` as well.
+// Makes a hard link to the running program at `path`, or a copy where that is another volume.
 void linkThisProgram(const std::filesystem::path& path);
 
-// Runs a command line in a plain way of the tests' own and answers the exit code.
+// Runs a command line without the product's code, waits for the end and returns the exit code; -1 on failure.
 int runAndWait(const std::string& commandLine);
 
 // For main: the child's exit code when the arguments ask for one.

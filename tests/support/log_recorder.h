@@ -31,12 +31,12 @@ public:
     void clear();
 };
 
-// What the logger prints on standard error when a thread logs while one of its records is being served. `text` is the
-// record's, or its begin: then without what follows it.
+// What the logger prints on standard error when a thread logs while one of its records is being served. The second one
+// is the beginning of that, for a record of which only the beginning, `text`, is known.
 std::string refusedRecord(const std::string& level, const std::string& text, uint32_t threadNumber = 0);
 std::string beginOfRefusedRecord(const std::string& level, const std::string& text);
 
-// Ten threads log so many records each at `level`: "T - N 0", "T - N 1" and so on, N being the thread's number.
+// Ten threads log `records` records each at `level`: "T - N 0", "T - N 1" and so on, N being the thread's number.
 void logFromTenThreads(uint32_t level, int records);
 
 // Expects those records in `texts`, each thread's in order.

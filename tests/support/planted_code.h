@@ -7,11 +7,11 @@ namespace test {
 void makeFault(void* function);
 void makeHang(void* function);
 
-// On Linux alone: the part of the crash report that belongs to somebody else: a function of the library that reads
-// symbols.
+// Linux only: a function of the library that reads symbols, for faults in the part of the crash report that is not
+// ours.
 void* symbolReader();
 
-// On Linux alone: returns when another thread hangs in the middle of a stack trace.
+// Linux only: makes another thread hang in the middle of a stack trace, where it holds the symbol library's lock.
 void holdSymbolLibrary();
 
 } // namespace test

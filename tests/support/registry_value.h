@@ -21,10 +21,10 @@ public:
     // are UTF-8 here and stored as UTF-16. Terminators have to be in them.
     void set(uint32_t type, const std::string& bytes);
 
-    // Makes the key and sees to it that the value is not there.
+    // Makes the key, and removes the value.
     void removeValue();
 
-    // Sees to it that the key is not there. (What was below it is lost.)
+    // Removes the key. (What was below it is lost.)
     void removeKey();
 
 private:

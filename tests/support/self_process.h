@@ -22,7 +22,7 @@ public:
     SelfProcess(const SelfProcess&) = delete;
     SelfProcess& operator=(const SelfProcess&) = delete;
 
-    // Waits until that many bytes of output have come, or its end: less then.
+    // Waits for that many bytes of output and returns them; fewer if the output ends first.
     std::string read(size_t length);
 
     // Waits for the end of the output.

@@ -6,8 +6,7 @@
 
 namespace test {
 
-// Counts what one thread tells another. In place of std::counting_semaphore, whose wake-ups this compiler's library
-// can lose.
+// In place of std::counting_semaphore, whose wake-ups this compiler's library can lose.
 class Semaphore {
 public:
     explicit Semaphore(int count = 0) : m_count(count) {}

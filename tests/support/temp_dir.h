@@ -5,7 +5,7 @@
 
 namespace test {
 
-// Between paths and their UTF-8 texts, as the system's own calls take them.
+// Convert between paths and their UTF-8 texts.
 std::string utf8(const std::filesystem::path& path);
 std::filesystem::path fromText(const std::string& text);
 

@@ -10,7 +10,7 @@ using Clock = std::chrono::steady_clock;
 // For anything that has to happen: far more than ten times what a quiet machine needs.
 inline constexpr std::chrono::seconds kLimit(180);
 
-// Asks `isDone` every millisecond until it says yes or the limit is over. Returns what it said last.
+// Calls `isDone` every millisecond until it returns true or the limit is over. Returns its last result.
 template <class IsDone>
 [[nodiscard]] bool await(IsDone isDone, std::chrono::milliseconds limit = kLimit) {
     const Clock::time_point deadline = Clock::now() + limit;

@@ -50,8 +50,8 @@ ScopedKernelHandle openMainThread(DWORD processId) {
     return first;
 }
 
-// Lets the thread go on at the address 0 as if it had called it from where it is. One that waits in the system goes on
-// when that ends.
+// Makes the thread continue at the address 0, as if it had called that from where it is. If it waits in the system, it
+// continues there when the wait ends.
 void callNull(HANDLE process, HANDLE thread) {
     if (::SuspendThread(thread) == ~DWORD{0}) failWithLastError("SuspendThread");
     CONTEXT context{};
@@ -66,8 +66,8 @@ void callNull(HANDLE process, HANDLE thread) {
     ::ResumeThread(thread);
 }
 
-// installation's root: has the main thread call the address 0, says so, and prints the process's exit code when it has
-// ended.
+// Argument: the installation's root. Makes the service's main thread call the address 0, says so, and prints the exit
+// code when the process has ended.
 const ChildProgram g_crashMainThread("crash-main-thread", [](const std::vector<std::string>& arguments) {
     const DWORD processId = findService(fromText(arguments.at(0)));
     const ScopedKernelHandle process(::OpenProcess(PROCESS_ALL_ACCESS, /*bInheritHandle=*/FALSE, processId));

@@ -21,7 +21,7 @@ void placeCopy(const fs::path& from, const fs::path& to) {
     fs::permissions(to, fs::perms::owner_all);
 }
 
-// A second name for the same file where that can be had: the program is large with its debug information.
+// A hard link where that is possible, because the program is large with its debug information.
 void placeLink(const fs::path& from, const fs::path& to) {
     std::error_code error;
     fs::create_hard_link(from, to, error);

@@ -16,7 +16,7 @@ namespace test {
 // The path as the platform itself writes it: with backslashes on Windows.
 std::string pathText(const std::filesystem::path& path);
 
-// What the platform puts between directories, and what the service's own messages put there.
+// The separator of directories, on this platform and in the service's own messages.
 std::string separator();
 
 // The system's message for one of its error codes, as the system gives it.
@@ -47,7 +47,7 @@ void sendDatagram(uint16_t port, size_t length);
 // shows; its two output streams go to a file. Ended with the object if it still runs.
 class Process {
 public:
-    // The program gets everything of ours that can be inherited.
+    // The program inherits everything of this process that can be inherited.
     Process(const std::filesystem::path& program, const std::vector<std::string>& words,
             const std::filesystem::path& output);
     ~Process();
@@ -68,7 +68,7 @@ private:
     std::optional<int64_t> m_exitCode;
 };
 
-// Lets whoever opens the first library of an installation wait, so that a test can act in the middle of the deployment.
+// Makes the reader of an installation's first library wait, so that a test can act in the middle of the deployment.
 // Registers an install location of its own; only the first library is there. Windows: a named pipe; Linux: a FIFO.
 class HeldDeployment {
 public:
