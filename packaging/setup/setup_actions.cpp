@@ -79,14 +79,14 @@ std::optional<unsigned> stopSeconds(const std::wstring& text) {
     return seconds <= kMost ? std::optional(seconds) : std::nullopt;
 }
 
-// A property that is 0 or 1; nothing when it is not set. For any other value logs a sentence and sets `isRight` to
+// A property that is 0 or 1; nothing when it is not set. For any other value logs a sentence and sets `isValid` to
 // false.
-std::optional<bool> choice(const Session& session, const wchar_t* name, bool& isRight) {
+std::optional<bool> choice(const Session& session, const wchar_t* name, bool& isValid) {
     const std::wstring value = session.property(name);
     if (value.empty()) return std::nullopt;
     if (value == L"0" || value == L"1") return value == L"1";
     session.logError(std::wstring(name) + L" is '" + value + L"'. It has to be 0 or 1. Nothing was changed.");
-    isRight = false;
+    isValid = false;
     return std::nullopt;
 }
 
@@ -148,12 +148,12 @@ bool canInstall(const Session& session, const std::optional<Registration>& servi
         session.logError(*problem);
         return false;
     }
-    bool isRight = true;
+    bool isValid = true;
     for (const wchar_t* name : {L"DELAYEDSTART", L"START", L"WERDUMPS"})
-        if (isRight) choice(session, name, isRight);
-    const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isRight).value_or(false);
+        if (isValid) choice(session, name, isValid);
+    const bool isOpenAllowed = choice(session, L"ALLOWOPENDIR", isValid).value_or(false);
     // Without an administrator's rights the directory cannot be judged here. ProtectDirectory judges it again.
-    return isRight && (!isElevated() || mayRunIn(session, withoutSeparator(given), isOpenAllowed));
+    return isValid && (!isElevated() || mayRunIn(session, withoutSeparator(given), isOpenAllowed));
 }
 
 } // namespace

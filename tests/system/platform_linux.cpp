@@ -20,20 +20,13 @@
 #include <set>
 #include <stdexcept>
 
-#include "core/memory/core_scopedhandle.h"
+#include "core/files/core_scopedfd.h"
 #include "tests/support/temp_dir.h"
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 
 namespace test {
 namespace {
-
-struct DescriptorTraits {
-    using Value = int;
-    static Value empty() { return -1; }
-    static void close(Value value) { ::close(value); }
-};
-using Descriptor = NS_CORE::ScopedHandle<DescriptorTraits>;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -43,7 +36,7 @@ using Descriptor = NS_CORE::ScopedHandle<DescriptorTraits>;
 // network of its own, with nothing but the loopback; its children share it.
 bool enterOwnNetwork() {
     if (unshare(CLONE_NEWNET) != 0) return false;
-    const Descriptor any(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const NS_CORE::ScopedFd any(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ifreq request{};
     std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
     request.ifr_flags = IFF_UP | IFF_RUNNING;
@@ -152,7 +145,7 @@ void unregisterKeri(const std::filesystem::path& root) {
 }
 
 void sendDatagram(uint16_t port, size_t length) {
-    const Descriptor sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const NS_CORE::ScopedFd sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -164,7 +157,7 @@ void sendDatagram(uint16_t port, size_t length) {
 
 Process::Process(const std::filesystem::path& program, const std::vector<std::string>& words,
                  const std::filesystem::path& output) {
-    const Descriptor file(::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    const NS_CORE::ScopedFd file(::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!file) fail("open " + output.string());
     const pid_t child = fork();
     if (child == -1) fail("fork");
