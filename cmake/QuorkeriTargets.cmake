@@ -79,6 +79,22 @@ function(quorkeri_library name)
     REGEX "${other_platform}" EXCLUDE)
 endfunction()
 
+# quorkeri_link_used(TARGET LIBRARY...): links a program for Windows with Abseil as one object that holds just the functions
+# that are called: a third of the size of what the archives bring in. The LIBRARYs are the tree's own that call them.
+function(quorkeri_link_used target)
+  file(GLOB_RECURSE abseil_archives "${absl_DIR}/../../../abseil/*.a")
+  set(abseil_used "${CMAKE_CURRENT_BINARY_DIR}/${target}_abseil.obj")
+  string(REGEX REPLACE "nm$" "" tool_prefix "${CMAKE_NM}")
+  set(link_used "${PROJECT_SOURCE_DIR}/scripts/lib/link-used")
+  list(TRANSFORM ARGN REPLACE "(.+)" "$<TARGET_FILE:\\1>" OUTPUT_VARIABLE users)
+  add_custom_command(OUTPUT "${abseil_used}"
+    COMMAND "${link_used}" "${tool_prefix}" "${abseil_used}" ${abseil_archives} -- ${users}
+    DEPENDS "${link_used}" ${ARGN} ${abseil_archives}
+    COMMENT "Joining what ${target} uses of Abseil"
+    VERBATIM)
+  target_sources(${target} PRIVATE "${abseil_used}")
+endfunction()
+
 # quorkeri_shipped_program(TARGET LIBRARY...): links a program of the packages for Windows and installs it with its
 # symbols. The LIBRARYs are the tree's own that it consists of.
 function(quorkeri_shipped_program target)
@@ -94,18 +110,7 @@ function(quorkeri_shipped_program target)
   # Windows 7, as in the manifest: an older system then says that it is too old, not that a DLL is missing.
   target_link_options(${target} PRIVATE
     -Wl,--major-os-version,6,--minor-os-version,1,--major-subsystem-version,6,--minor-subsystem-version,1)
-  # Abseil as one object with just the functions that are called: a third of the size of what the archives bring in.
-  file(GLOB_RECURSE abseil_archives "${absl_DIR}/../../../abseil/*.a")
-  set(abseil_used "${CMAKE_CURRENT_BINARY_DIR}/abseil_used.obj")
-  string(REGEX REPLACE "nm$" "" tool_prefix "${CMAKE_NM}")
-  set(link_used "${PROJECT_SOURCE_DIR}/scripts/lib/link-used")
-  list(TRANSFORM ARGN REPLACE "(.+)" "$<TARGET_FILE:\\1>" OUTPUT_VARIABLE users)
-  add_custom_command(OUTPUT "${abseil_used}"
-    COMMAND "${link_used}" "${tool_prefix}" "${abseil_used}" ${abseil_archives} -- ${users}
-    DEPENDS "${link_used}" ${ARGN} ${abseil_archives}
-    COMMENT "Joining what ${target} uses of Abseil"
-    VERBATIM)
-  target_sources(${target} PRIVATE "${abseil_used}")
+  quorkeri_link_used(${target} ${ARGN})
   # Symbols for Windows' own tools and stack traces, which do not read DWARF. They look for the file beside the
   # program and in "symbols" below that.
   set(pdb "${CMAKE_CURRENT_BINARY_DIR}/${target}.pdb")

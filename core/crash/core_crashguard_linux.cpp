@@ -160,7 +160,7 @@ std::string signalName(int signal) {
 std::string dumpText(const CrashNames& names, const Fault& fault) {
     std::vector<StackFrame> frames;
     for (size_t index = 0; index < fault.frameCount; ++index) {
-        describeFrames(&fault.frames[index], 1, frames);
+        describeFrames(&fault.frames[index], 1, frames, LineLookup::Quick);
         noteProgress();
     }
     std::string text = formatString("%s %s\n%s (code %d) at address 0x%x\n", names.name.view(), names.version,

@@ -55,6 +55,7 @@ struct DwflCloser {
 struct ElfCloser {
     void operator()(Elf* file) const { elf_end(file); }
 };
+using ScopedElf = std::unique_ptr<Elf, ElfCloser>;
 
 // How often the dynamic linker has loaded and unloaded modules so far.
 struct ModuleGeneration {
@@ -95,15 +96,20 @@ std::string debugSearchPath() {
     return formatString("%s:%s/symbols:/usr/lib/debug", directory, directory);
 }
 
+// Null if it is not of this format.
+ScopedElf openElf(int fd) {
+    elf_version(EV_CURRENT);
+    return ScopedElf(elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr));
+}
+
 // Whether the file carries the module's own build id.
 bool belongsToModule(int fd, Dwfl_Module* module) {
     const unsigned char* wanted = nullptr;
     GElf_Addr address = 0;
     const int wantedSize = dwfl_module_build_id(module, &wanted, &address);
-    elf_version(EV_CURRENT);
-    const std::unique_ptr<Elf, ElfCloser> elf(elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr));
+    const ScopedElf elf = openElf(fd);
     const void* found = nullptr;
-    const ssize_t foundSize = elf == nullptr ? -1 : dwelf_elf_gnu_build_id(elf.get(), &found);
+    const ssize_t foundSize = elf ? dwelf_elf_gnu_build_id(elf.get(), &found) : -1;
     return wantedSize > 0 && foundSize == wantedSize &&
            std::memcmp(found, wanted, static_cast<size_t>(wantedSize)) == 0;
 }
@@ -227,7 +233,31 @@ std::string symbolAt(Dwfl_Module* module, uintptr_t address, LaterRecords& later
     return readableName(name) + "()";
 }
 
-StackTrace::Frame lookUp(Dwfl* library, uintptr_t address, LaterRecords& later) {
+struct ModuleFiles {
+    const char* image = nullptr;
+    const char* debug = nullptr; // separate debug information, once the library has searched for it
+};
+
+ModuleFiles filesOf(Dwfl_Module* module) {
+    ModuleFiles files;
+    dwfl_module_info(module, /*userdata=*/nullptr, /*start=*/nullptr, /*end=*/nullptr, /*dwbias=*/nullptr,
+                     /*symbias=*/nullptr, &files.image, &files.debug);
+    return files;
+}
+
+bool isDebugInformationCompressed(Dwfl_Module* module) {
+    const ModuleFiles files = filesOf(module);
+    const char* const path = files.debug != nullptr ? files.debug : files.image;
+    const ScopedFd file(path != nullptr ? ::open(path, O_RDONLY | O_CLOEXEC) : -1);
+    const ScopedElf elf = openElf(file.get());
+    for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf.get(), section)) != nullptr;) {
+        GElf_Shdr header{};
+        if (gelf_getshdr(section, &header) != nullptr && (header.sh_flags & SHF_COMPRESSED) != 0) return true;
+    }
+    return false;
+}
+
+StackTrace::Frame lookUp(Dwfl* library, uintptr_t address, LineLookup lines, LaterRecords& later) {
     StackTrace::Frame frame;
     Dwfl_Module* const module = dwfl_addrmodule(library, address);
     frame.symbol = symbolAt(module, address, later);
@@ -235,19 +265,17 @@ StackTrace::Frame lookUp(Dwfl* library, uintptr_t address, LaterRecords& later) 
         later.add([] { MLOG(Norm, "NS_CORE::StackTrace::getStack", "failed to get module info"); });
         return frame;
     }
-    if (Dwfl_Line* const source = dwfl_module_getsrc(module, address); source != nullptr) {
+    const bool isLeftOut = lines == LineLookup::Quick && isDebugInformationCompressed(module);
+    if (Dwfl_Line* const source = isLeftOut ? nullptr : dwfl_module_getsrc(module, address); source != nullptr) {
         int line = 0;
         const char* const file = dwfl_lineinfo(source, /*addr=*/nullptr, &line, /*col=*/nullptr, /*mtime=*/nullptr,
                                                /*length=*/nullptr);
         if (file != nullptr) frame.file = file;
         frame.line = static_cast<uint32_t>(line);
     }
-    const char* image = nullptr;
-    const char* debugFile = nullptr;
-    dwfl_module_info(module, /*userdata=*/nullptr, /*start=*/nullptr, /*end=*/nullptr, /*dwbias=*/nullptr,
-                     /*symbias=*/nullptr, &image, &debugFile);
-    if (image != nullptr) frame.image = image;
-    if (debugFile != nullptr) frame.pdb = debugFile;
+    const ModuleFiles files = filesOf(module);
+    if (files.image != nullptr) frame.image = files.image;
+    if (files.debug != nullptr) frame.pdb = files.debug;
     return frame;
 }
 
@@ -287,7 +315,7 @@ _Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* data) {
     return walk.count;
 }
 
-void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame>& described) {
+void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame>& described, LineLookup lines) {
     LaterRecords later;
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
@@ -296,7 +324,7 @@ void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame
     for (size_t index = 0; index < count; ++index) {
         const uintptr_t address = lookUpAddress(frames[index]);
         const auto [entry, isNew] = session.known.try_emplace(address);
-        if (isNew) entry->second = lookUp(session.library.get(), address, later);
+        if (isNew) entry->second = lookUp(session.library.get(), address, lines, later);
         described.push_back(entry->second);
     }
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <iterator>
 #include <string>
@@ -64,6 +65,16 @@ TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
     }
     isOver = true;
     for (std::thread& thread : threads) thread.join();
+}
+
+TEST(StackTrace, QuicklyFindsTheProgramsOwnLinesAlone) {
+    const NS_CORE::RawFrame places[] = {{reinterpret_cast<uintptr_t>(&describeHere), false},
+                                        {reinterpret_cast<uintptr_t>(&::bsearch), false}};
+    std::vector<NS_CORE::StackFrame> frames;
+    NS_CORE::describeFrames(places, std::size(places), frames, NS_CORE::LineLookup::Quick);
+    EXPECT_GT(frames.at(0).line, 0U);
+    EXPECT_EQ(frames.at(1).symbol, "bsearch()");
+    EXPECT_EQ(frames.at(1).line, 0U) << frames.at(1).file;
 }
 
 TEST(StackTrace, LogsAtNormWhatItDoesNotFind) {
