@@ -6,7 +6,7 @@
 
 // The floor that the service is measured against: the same life with the bare system calls and nothing else. It starts
 // the companion, waits for its end, starts it again five seconds later, and on a stop request sends the datagram. No
-// libraries, no checks, and no log, unless the command line asks for the records that the service commits on a stop.
+// libraries, no checks, and no log, unless the command line asks for the records that the service commits meanwhile.
 namespace {
 
 constexpr wchar_t g_name[] = L"floor_service";
@@ -79,6 +79,7 @@ void WINAPI serviceMain(DWORD /*argc*/, wchar_t** /*argv*/) {
     for (;;) {
         runCompanion();
         if (!g_running) break;
+        commitRecord(); // the companion's end
         ::Sleep(kRestartDelayMs);
         if (!g_running) break;
     }

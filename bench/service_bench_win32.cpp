@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -25,11 +26,16 @@ using std::chrono::seconds;
 
 struct Rounds {
     int starts = 30;
-    int restarts = 30;
+    int restarts = 15; // of each of several services
     int copies = 30;
     int idleSeconds = 30;
 };
-constexpr Rounds kQuickRounds{5, 3, 5, 5};
+constexpr Rounds kQuickRounds{5, 2, 5, 5};
+
+struct Programs {
+    fs::path service;
+    fs::path floor;
+};
 
 int64_t ticksOf(const FILETIME& time) {
     return (static_cast<int64_t>(time.dwHighDateTime) << 32) + time.dwLowDateTime;
@@ -249,19 +255,28 @@ void print(const char* what, const char* unit, const Samples& ours, const Sample
     std::fflush(stdout);
 }
 
-// `committing` is the floor with the three records that the service commits on a stop.
-void measureStartAndStop(Candidate& ours, Candidate& floor, Candidate& committing, int rounds) {
-    const std::array<Candidate*, 3> candidates = {&ours, &floor, &committing};
-    std::array<Samples, 3> starts;
-    std::array<Samples, 3> stops;
+// What is measured, by the index in samples: the service, the floor, and the floor with the records that the service
+// commits. Each candidate is in an installation of its own.
+constexpr size_t kKinds = 3;
+std::unique_ptr<Candidate> makeCandidate(size_t kind, size_t number, const Programs& programs) {
+    const std::wstring name = L"bench_" + std::to_wstring(kind) + L'_' + std::to_wstring(number);
+    return std::make_unique<Candidate>(name, kind == 0 ? programs.service : programs.floor,
+                                       kind == 2 ? L" records" : L"");
+}
+
+void measureStartAndStop(const Programs& programs, int rounds) {
+    std::array<std::unique_ptr<Candidate>, kKinds> candidates;
+    for (size_t kind = 0; kind < kKinds; ++kind) candidates[kind] = makeCandidate(kind, 0, programs);
+    std::array<Samples, kKinds> starts;
+    std::array<Samples, kKinds> stops;
     // Turn and turn about, so that what else the machine does meets all.
     for (int i = 0; i < rounds; ++i) {
-        for (size_t which = 0; which < candidates.size(); ++which) {
-            Candidate& candidate = *candidates[which];
+        for (size_t kind = 0; kind < kKinds; ++kind) {
+            Candidate& candidate = *candidates[kind];
             candidate.installation().setCompanion("prompt");
-            starts[which].add(candidate.start());
+            starts[kind].add(candidate.start());
             candidate.installation().awaitRecord("ready");
-            stops[which].add(candidate.stop());
+            stops[kind].add(candidate.stop());
         }
     }
     print("process start to RUNNING", "ms", starts[0], starts[1], {.ratio = 1.10});
@@ -270,7 +285,9 @@ void measureStartAndStop(Candidate& ours, Candidate& floor, Candidate& committin
 }
 
 // With the libraries' usual size. The copy is the system's work; what the service adds is the difference.
-void measureCopyWindow(Candidate& ours, int rounds) {
+void measureCopyWindow(const Programs& programs, int rounds) {
+    const std::unique_ptr<Candidate> candidate = makeCandidate(0, 0, programs);
+    Candidate& ours = *candidate;
     constexpr size_t kLibrarySize = 8U << 20U;
     ours.installation().putLibraries(kLibrarySize);
     ours.installation().setCompanion("prompt");
@@ -281,34 +298,44 @@ void measureCopyWindow(Candidate& ours, int rounds) {
         bySystem.add(ours.copyBySystem());
     }
     print("RUNNING to six libraries of 8 MiB", "ms", window, bySystem, {.ratio = 1.0});
-    constexpr size_t kTiny = 16;
-    ours.installation().putLibraries(kTiny);
 }
 
-void measureRestart(Candidate& ours, Candidate& floor, int rounds) {
-    const std::array<Candidate*, 2> candidates = {&ours, &floor};
-    std::array<Samples, 2> restarts;
-    for (Candidate* candidate : candidates) {
-        // These companions share no port, so both run at the same time.
-        candidate->installation().setCompanion("mute");
-        candidate->start();
-        candidate->installation().awaitRecord("ready");
+// These companions share no port, so all run at the same time.
+void startMute(Candidate& candidate) {
+    candidate.installation().setCompanion("mute");
+    candidate.start();
+    candidate.installation().awaitRecord("ready");
+}
+
+void measureRestart(const Programs& programs, int rounds) {
+    // Several of each kind: while one pauses, others restart. With this step a restart falls into the middle between
+    // the ends of two other companions, and is over when its service's turn comes again.
+    constexpr size_t kCandidates = 4 * kKinds;
+    constexpr std::chrono::milliseconds kStep(480);
+    std::vector<std::unique_ptr<Candidate>> candidates;
+    for (size_t i = 0; i < kCandidates; ++i) {
+        candidates.push_back(makeCandidate(i % kKinds, i, programs));
+        startMute(*candidates.back());
     }
-    for (int i = 0; i < rounds; ++i) {
-        // Half a second apart, so that neither meets the other's restart; in turn the first.
-        for (const size_t which : {static_cast<size_t>(i % 2), static_cast<size_t>(1 - i % 2)}) {
-            candidates[which]->endCompanion();
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::array<Samples, kKinds> restarts;
+    test::Clock::time_point turn = test::Clock::now();
+    for (int round = 0; round <= rounds; ++round) {
+        for (size_t i = 0; i < kCandidates; ++i, turn += kStep) {
+            std::this_thread::sleep_until(turn);
+            if (round > 0) restarts[i % kKinds].add(candidates[i]->awaitRestart());
+            if (round < rounds) candidates[i]->endCompanion();
         }
-        for (size_t which = 0; which < candidates.size(); ++which)
-            restarts[which].add(candidates[which]->awaitRestart());
     }
     print("restart beyond the 5 s", "ms", restarts[0], restarts[1], {.ratio = 1.0});
+    print("the same, floor commits 1 record", "ms", restarts[0], restarts[2], {.ratio = 1.0});
 }
 
-// Both still run, each with its companion.
-void measureIdle(const Candidate& ours, const Candidate& floor, int idleSeconds) {
-    const std::array<HostProcess, 2> hosts = {ours.host(), floor.host()};
+void measureIdle(const Programs& programs, int idleSeconds) {
+    const std::unique_ptr<Candidate> ours = makeCandidate(0, 0, programs);
+    const std::unique_ptr<Candidate> floor = makeCandidate(1, 0, programs);
+    startMute(*ours);
+    startMute(*floor);
+    const std::array<HostProcess, 2> hosts = {ours->host(), floor->host()};
     // Until what a start still does in the background has settled.
     std::this_thread::sleep_for(seconds(2));
     const int64_t before[2] = {hosts[0].contextSwitches(), hosts[1].contextSwitches()};
@@ -328,20 +355,19 @@ void measureIdle(const Candidate& ours, const Candidate& floor, int idleSeconds)
 
 int main(int argc, char** argv) {
     try {
-        const bool isQuick = argc == 4 && std::string(argv[3]) == "--quick";
-        if (argc != 3 && !isQuick) throw std::runtime_error("usage: service_bench SERVICE FLOOR [--quick]");
-        const Rounds rounds = isQuick ? kQuickRounds : Rounds();
-        Candidate ours(L"quorkeri_service.exe", argv[1]);
-        Candidate floor(L"floor_service", argv[2]);
+        const std::vector<std::string> words(argv + 1, argv + argc);
+        if (words.size() < 2) throw std::runtime_error("usage: service_bench SERVICE FLOOR [--quick] PART...");
+        const Programs programs{words[0], words[1]};
+        const auto isGiven = [&](const char* word) {
+            return std::find(words.begin(), words.end(), word) != words.end();
+        };
+        const Rounds rounds = isGiven("--quick") ? kQuickRounds : Rounds();
         std::printf("%-36s %9s %9s %-4s %6s %9s %8s %8s\n", "median", "service", "floor", "", "ratio", "beyond",
                     "spread", "of floor");
-        {
-            Candidate committing(L"floor_service_committing", argv[2], L" records");
-            measureStartAndStop(ours, floor, committing, rounds.starts);
-        }
-        measureCopyWindow(ours, rounds.copies);
-        measureRestart(ours, floor, rounds.restarts);
-        measureIdle(ours, floor, rounds.idleSeconds);
+        if (isGiven("start")) measureStartAndStop(programs, rounds.starts);
+        if (isGiven("copy")) measureCopyWindow(programs, rounds.copies);
+        if (isGiven("restart")) measureRestart(programs, rounds.restarts);
+        if (isGiven("idle")) measureIdle(programs, rounds.idleSeconds);
         return 0;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "service_bench: %s\n", error.what());
