@@ -13,7 +13,7 @@
 int WINAPI WinMain(HINSTANCE /*instance*/, HINSTANCE /*previousInstance*/, LPSTR /*commandLine*/, int /*showState*/) {
     service::setProcessMode();
     // A longer path is cut; an unknown one is empty.
-    char program[MAX_PATH + 1] = {};
+    char program[MAX_PATH] = {};
     ::GetModuleFileNameA(/*hModule=*/nullptr, program, MAX_PATH);
     const char* const commandLine = ::GetCommandLineA();
     service::ArgumentVector arguments(program,

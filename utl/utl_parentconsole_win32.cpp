@@ -39,8 +39,8 @@ ParentConsole::ParentConsole() {
     const bool outputToConsole = redirectToConsole(stdout);
     const bool errorsToConsole = redirectToConsole(stderr);
     if (!outputToConsole && !errorsToConsole) return;
-    const UINT before = ::GetConsoleOutputCP();
-    if (before != ::GetACP() && ::SetConsoleOutputCP(::GetACP())) m_codePageBefore = before;
+    m_codePageBefore = ::GetConsoleOutputCP();
+    ::SetConsoleOutputCP(::GetACP());
 }
 
 ParentConsole::~ParentConsole() {

@@ -50,16 +50,9 @@ constinit std::atomic<Signal::Handler> g_consoleHandler{nullptr};
 // short, so this thread waits until the process ends by itself.
 BOOL WINAPI endWithConsole(DWORD event) {
     if (event != CTRL_CLOSE_EVENT && event != CTRL_LOGOFF_EVENT && event != CTRL_SHUTDOWN_EVENT) return FALSE;
-    static constinit std::atomic<bool> isEnding{false};
     const Signal::Handler handler = g_consoleHandler.exchange(nullptr);
-    if (handler) {
-        isEnding = true;
-        handler(SIGBREAK);
-    } else if (!isEnding) {
-        return FALSE;
-    }
-    ::Sleep(INFINITE);
-    return TRUE;
+    if (handler) handler(SIGBREAK); // otherwise an earlier event has called it, or console mode has just ended
+    for (;;) ::Sleep(INFINITE);
 }
 
 // The system's side of the two callbacks, which have its calling convention.

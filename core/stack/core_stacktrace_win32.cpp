@@ -25,7 +25,7 @@ static_assert(sizeof(MODULEENTRY32) == 0x224, "the narrow form");
 
 // The path that a call wrote to the buffer; empty if the call failed or the buffer was too small.
 std::string pathIn(const char* buffer, DWORD length) {
-    return length != 0 && length <= kBufferSize ? std::string(buffer, length) : std::string();
+    return length <= kBufferSize ? std::string(buffer, length) : std::string();
 }
 
 std::string currentDirectory() {

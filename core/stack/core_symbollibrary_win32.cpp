@@ -10,7 +10,7 @@ namespace {
 
 // Loads by the full path. The flag makes the library look for its own libraries in its directory, not in the program's.
 HMODULE loadFromSystemDirectory(const wchar_t* name) {
-    wchar_t directory[MAX_PATH + 1] = {};
+    wchar_t directory[MAX_PATH] = {};
     const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH);
     if (length == 0 || length > MAX_PATH) return nullptr;
     const std::wstring path = std::wstring(directory, length) + L'\\' + name;

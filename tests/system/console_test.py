@@ -211,11 +211,12 @@ class WindowsTest(ConsoleTest):
         self.assertNotIn("CRIT", plain(parent.screen))
 
     def test_text_outside_ascii_is_readable(self):
-        parent = self.text("lend")
-        parent.await_end()
-        self.assertEqual((self.root / "found").read_text(), "code page 65001")
-        self.assertRegex(plain(parent.screen),
-                         r"output é Ж 測試 *\n+errors é Ж 測試 *\n+ended with 7, code pages (?!65001)(\d+) \1\n")
+        for how, output in (("lend", r"output é Ж 測試 *\n+"), ("redirect", "")):
+            parent = self.text(how, "output")
+            parent.await_end()
+            self.assertEqual((self.root / "found").read_text(), "code page 65001")
+            self.assertRegex(plain(parent.screen), output + r"errors é Ж 測試 *\n+"
+                             r"ended with 7, code pages (?!65001)(\d+) \1\n")
 
 
 if __name__ == "__main__":

@@ -9,10 +9,12 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_symbollibrary_win32.h"
+#include "core/stack/core_symbollock.h"
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
@@ -201,6 +203,7 @@ TEST_F(SymbolLibraryTest, IsInitialisedForTheDirectoriesOfTheProcess) {
     StackTrace none;
     std::vector<StackTrace::Frame> frames;
     EXPECT_FALSE(none.getStack(frames, 1));
+    std::thread([] { EXPECT_TRUE(NS_CORE::SymbolLock(/*timeoutMs=*/10).isHeld()); }).join();
     std::filesystem::current_path(before);
     EXPECT_EQ(g_library.calls, (Lines{"initialize", "getSearchPath", "cleanup", "initialize"}));
     EXPECT_EQ(m_log.lines(), (Lines{"NORM NS_CORE::StackTrace::StackTrace - failed to initialise symbols from " + path,
