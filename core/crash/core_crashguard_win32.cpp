@@ -57,7 +57,20 @@ constexpr SIZE_T kWatchdogStack = 64 * 1024;
 constexpr DWORD kShareOfWriter = 6;
 
 // What the faulting thread's own stack must have left for the library's functions.
-constexpr ptrdiff_t kStackForLibrary = 256 * 1024;
+constexpr size_t kStackForLibrary = 256 * 1024;
+
+// What the calling thread does not use of its stack yet, which grows down to the end.
+struct UnusedStack {
+    char* end;
+    size_t size;
+};
+
+UnusedStack unusedStack() {
+    MEMORY_BASIC_INFORMATION stack{};
+    ::VirtualQuery(&stack, &stack, sizeof(stack));
+    auto* const end = static_cast<char*>(stack.AllocationBase);
+    return {end, static_cast<size_t>(reinterpret_cast<char*>(&stack) - end)};
+}
 
 // Keeps kStackGuarantee bytes of the calling thread's stack for its overflow.
 void reserveStackForOverflow() {
@@ -65,9 +78,8 @@ void reserveStackForOverflow() {
     ::SetThreadStackGuarantee(&guarantee);
     // Some systems (Wine) commit the whole stack and leave its guard page at the very end. An overflow then has a few
     // hundred bytes to be handled in, and the system ends the thread when they are used up. So the guard page is moved.
+    char* const end = unusedStack().end + kStackGuarantee;
     MEMORY_BASIC_INFORMATION stack{};
-    ::VirtualQuery(&stack, &stack, sizeof(stack));
-    char* const end = static_cast<char*>(stack.AllocationBase) + kStackGuarantee;
     ::VirtualQuery(end, &stack, sizeof(stack));
     if (stack.State == MEM_COMMIT && stack.Protect == PAGE_READWRITE) {
         DWORD before = 0;
@@ -75,20 +87,12 @@ void reserveStackForOverflow() {
     }
 }
 
-bool hasStackForLibrary() {
-    MEMORY_BASIC_INFORMATION stack{};
-    ::VirtualQuery(&stack, &stack, sizeof(stack));
-    return reinterpret_cast<const char*>(&stack) - static_cast<const char*>(stack.AllocationBase) > kStackForLibrary;
-}
-
 // Gives back the memory of the stack that the calling thread does not use yet. Some systems (Wine) touch all of it when
 // a thread begins, which is a megabyte.
 void giveBackStack() {
     constexpr size_t kInUse = 16 * 1024;
-    MEMORY_BASIC_INFORMATION stack{};
-    ::VirtualQuery(&stack, &stack, sizeof(stack));
-    const auto size = static_cast<size_t>(reinterpret_cast<char*>(&stack) - static_cast<char*>(stack.AllocationBase));
-    if (size > kInUse) ::VirtualAlloc(stack.AllocationBase, size - kInUse, MEM_RESET, PAGE_READWRITE);
+    const UnusedStack stack = unusedStack();
+    ::VirtualAlloc(stack.end, stack.size - kInUse, MEM_RESET, PAGE_READWRITE);
 }
 
 [[noreturn]] void endWithCrashResult() {
@@ -307,10 +311,10 @@ SehVerdict CrashGuard::onFault(EXCEPTION_POINTERS* exception, void* /*context*/)
 }
 
 void CrashGuard::awaitDump() {
-    const DWORD patience = m_writer ? g_crashPatienceMs / kShareOfWriter : 0;
-    if (m_writer && ::WaitForSingleObject(m_dumpEnded.get(), patience) == WAIT_OBJECT_0) return;
+    if (m_writer && ::WaitForSingleObject(m_dumpEnded.get(), g_crashPatienceMs / kShareOfWriter) == WAIT_OBJECT_0)
+        return;
     const LentLocks lent(m_isWriterAtHeap);
-    if (hasStackForLibrary()) writeDump(DumpWriter::FaultingThread);
+    if (unusedStack().size > kStackForLibrary) writeDump(DumpWriter::FaultingThread);
     // Either the dump is there, or the writer has begun it after all.
     if (m_writer) ::WaitForSingleObject(m_dumpEnded.get(), INFINITE);
 }
@@ -327,10 +331,10 @@ void CrashGuard::addLines() {
                 guard.m_dumpError == ERROR_SUCCESS ? std::nullopt : std::optional(systemErrorText(guard.m_dumpError)));
     };
     const auto history = [](void* context) { appendToHistory(static_cast<CrashGuard*>(context)->m_names); };
-    runGuarded(log, &giveUp, this);
-    noteProgress();
-    runGuarded(history, &giveUp, this);
-    noteProgress();
+    for (const auto step : {+log, +history}) {
+        runGuarded(step, &giveUp, this);
+        noteProgress();
+    }
 }
 
 DWORD WINAPI CrashGuard::watch(void* parameter) {
