@@ -39,6 +39,7 @@ constexpr const char* kStop = "INFO Stop - Stop";
 constexpr const char* kFailed = "WARN Run - Run: 'quorkeri_wrapper.exe' failed";
 
 constexpr uint32_t kShortDelayMs = 50;
+static_assert(Supervisor::kRestartDelayMs == 5000);
 
 // Supervision on a thread of its own, with steps that wait for the test's word. Each step tells when it has begun.
 class SupervisionTest : public testing::Test {

@@ -3,9 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 
-#include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_file.h"
 #include "utl/utl_fileutils.h"
@@ -56,18 +54,6 @@ TEST(CopyLinux, CommitsNothingToTheDisk) {
     const int before = g_commits;
     EXPECT_TRUE(FileUtils::copy(dir.file("source"), dir.file("destination")));
     EXPECT_EQ(g_commits, before);
-}
-
-TEST(FileLinux, AFullDiskIsLogged) {
-    const test::TempDir dir;
-    std::filesystem::create_symlink("/dev/full", dir.path() / "log");
-    const test::LogRecorder log;
-    File file;
-    ASSERT_TRUE(file.openFile(dir.file("log")));
-    EXPECT_EQ(file.writeFrom("12345", 5), -1);
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN UTL::File::writeFrom - File(" + dir.file("log") +
-                                                     "):writeFrom - failed writing 5 bytes with error 28:No space "
-                                                     "left on device"}));
 }
 
 TEST(FileLinux, TheSizeOfADescriptorThatIsGoneCannotBeTold) {

@@ -53,6 +53,24 @@ TEST(ProcessUtilsWin32, TheChildHasNoConsole) {
     EXPECT_EQ(started(test::childCommandLine("console")), kFinished);
 }
 
+DWORD WINAPI waitInVain(HANDLE /*handle*/, DWORD /*milliseconds*/) {
+    return WAIT_TIMEOUT;
+}
+
+BOOL WINAPI refuseExitCode(HANDLE /*process*/, LPDWORD /*code*/) {
+    return FALSE;
+}
+
+TEST(ProcessUtilsWin32, AWaitInVainAndARefusedExitCodeHaveTheirResults) {
+    const std::string line = test::childCommandLine("exit", {"3"});
+    {
+        const test::ImportHook waiting("WaitForSingleObject", &waitInVain);
+        EXPECT_EQ(started(line), Started(Result::StillRunning, kUntouched));
+    }
+    const test::ImportHook asking("GetExitCodeProcess", &refuseExitCode);
+    EXPECT_EQ(started(line), Started(Result::NoExitCode, kUntouched));
+}
+
 std::vector<std::string> g_closed;
 PROCESS_INFORMATION g_started;
 const test::ImportHook<decltype(::CloseHandle)>* g_closing;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -64,30 +63,6 @@ TEST_F(ServiceStatusReporterTest, MayBeUsedByAllThreadsAtOnce) {
             for (int i = 0; i < 1000; ++i) call();
         });
     for (std::thread& thread : threads) thread.join();
-}
-
-// The race of a companion that ends within a microsecond of the datagram, two hundred times over.
-TEST_F(ServiceStatusReporterTest, EndsWithStoppedWhenStopPendingIsReportedAtTheSameMoment) {
-    for (int round = 0; round < 200; ++round) {
-        ServiceStatusReporter reporter;
-        std::vector<uint32_t> reported;
-        reporter.begin();
-        reporter.connect([&reported](const ServiceStatus& status) { reported.push_back(status.currentState); });
-        std::atomic<int> missing{2};
-        const auto meet = [&missing] {
-            --missing;
-            while (missing > 0) std::this_thread::yield();
-        };
-        std::thread handler([&] {
-            meet();
-            reporter.enter(ServiceState::StopPending);
-            reporter.repeat();
-        });
-        meet();
-        reporter.enterStopped(0);
-        handler.join();
-        ASSERT_EQ(reported.back(), ServiceState::Stopped) << "round " << round;
-    }
 }
 
 } // namespace

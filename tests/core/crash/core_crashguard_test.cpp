@@ -251,6 +251,13 @@ TEST_F(CrashTest, ADirectoryInTheDumpsPlaceIsLogged) {
     EXPECT_EQ(history(), historyLine());
 }
 
+TEST_F(CrashTest, AFileInTheDirectorysPlaceIsLogged) {
+    test::writeFile(dumps(), "");
+    EXPECT_EQ(run({}), test::kCrashExitCode);
+    EXPECT_TRUE(m_output.starts_with("[CRIT] Failed to write minidump for ")) << m_output;
+    EXPECT_EQ(history(), historyLine());
+}
+
 TEST_F(CrashTest, AHistoryThatCannotBeOpenedIsSkippedSilently) {
     fs::create_directories(historyFile());
     EXPECT_EQ(run({}), test::kCrashExitCode);

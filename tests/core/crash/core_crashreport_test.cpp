@@ -6,7 +6,6 @@
 
 #include "core/identity/core_paths.h"
 #include "core/identity/core_rcsname.h"
-#include "core/log/core_v2masterlogger.h"
 #include "core/time/core_time.h"
 #include "tests/support/history_lines.h"
 #include "tests/support/log_recorder.h"
@@ -92,31 +91,6 @@ TEST(CrashNames, OfThisProcessUseItsPathsAsTheyAreNow) {
     EXPECT_TRUE(names.dumpsDirectory.view() == ".\\elsewhere\\of\\mine" ||
                 names.dumpsDirectory.view() == "./elsewhere/of/mine");
     EXPECT_EQ(names.historyFile.view(), "./work/logs/dumps.log");
-}
-
-TEST(LogDump, SaysWhatWasWrittenWhere) {
-    const test::LogRecorder log;
-    NS_CORE::logDump(windowsNames(), std::nullopt);
-    EXPECT_EQ(log.lines(), Lines{"CRIT Wrote minidump for 'prog' to "
-                                 "'.\\work\\dumps\\prog-tag_ravelin_1_1_final_0_191120-144957.dmp', version "
-                                 "'tag_ravelin_1_1_final_0_191120-144957'"});
-}
-
-TEST(LogDump, SaysWhyItWasNot) {
-    const test::LogRecorder log;
-    NS_CORE::logDump(windowsNames(), "Access denied.\r\n");
-    EXPECT_EQ(log.lines(), Lines{"CRIT Failed to write minidump for 'prog' to "
-                                 "'.\\work\\dumps\\prog-tag_ravelin_1_1_final_0_191120-144957.dmp', version "
-                                 "'tag_ravelin_1_1_final_0_191120-144957' (Access denied.\r\n)"});
-}
-
-TEST(LogDump, SaysNothingWithCritOff) {
-    const test::LogRecorder log;
-    NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit, 0);
-    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Crit, 0);
-    NS_CORE::logDump(windowsNames(), std::nullopt);
-    NS_CORE::logDump(windowsNames(), "Access denied.");
-    EXPECT_EQ(log.lines(), Lines{});
 }
 
 CrashNames namesWithHistory(const std::string& file) {
