@@ -389,8 +389,9 @@ DWORD CrashGuard::errorOfDump(const SymbolLibrary& library) {
                                    /*dwFlagsAndAttributes=*/0, /*hTemplateFile=*/nullptr));
     const DWORD createError = m_dumpFile ? ERROR_SUCCESS : ::GetLastError();
     m_watchedFile = m_dumpFile.get();
-    // If the lock cannot be acquired, the dump is written without it.
-    const SymbolLock lock(SymbolLock::kTraceTimeoutMs);
+    // On a busy machine other threads' traces may take long. Without the lock the dump is written all the same: a
+    // thread may hang with it.
+    const SymbolLock lock(g_crashPatienceMs / 3);
     noteProgress();
     // Some versions of the library otherwise read all symbols first, which takes ten times as long as the dump.
     library.setOptions(library.getOptions() | SYMOPT_DEFERRED_LOADS);

@@ -289,7 +289,8 @@ TEST_F(CrashTest, AWriterThatIsSlowIsNotGivenUp) {
 
 TEST_F(CrashTest, ThreadsThatTraceDisturbNothing) {
     expectFullReport({.preparation = "traced"});
-    expectFullReport({.preparation = "library-held", .patienceMs = test::kContinuesAfterHang ? kImpatienceMs : 60'000});
+    expectFullReport(
+        {.preparation = "library-held", .patienceMs = (test::kContinuesAfterHang ? 1 : 2) * kImpatienceMs});
 }
 
 TEST_F(CrashTest, ALogThatFaultsCostsItsLineAlone) {
