@@ -136,6 +136,10 @@ constexpr const Kind* kKinds[] = {
     &kDiskFull,           &kDiskLow,
 };
 
+uint64_t megabytes(uint64_t bytes) {
+    return bytes >> 20U;
+}
+
 // The values that every template may use.
 Values valuesOf(const Installation& installation, const std::string& serviceId) {
     Values values = {{"health", quoted(installation.health)},
@@ -420,10 +424,6 @@ std::vector<Finding> catalogue() {
         if (machine::kIsWindows || !kind->needsManager)
             all.push_back({kind->name, kind->severity, fill(kind->text, values, {}), fill(kind->cure, values, {})});
     return all;
-}
-
-uint64_t megabytes(uint64_t bytes) {
-    return bytes >> 20U;
 }
 
 std::string figures(const Facts& facts) {

@@ -40,6 +40,4 @@ inline constexpr uint32_t kManyRestarts = 20;
 inline constexpr uint64_t kLowMegabytes = 500;
 inline constexpr uint64_t kFullMegabytes = 50;
 
-uint64_t megabytes(uint64_t bytes);
-
 } // namespace health

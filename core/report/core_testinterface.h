@@ -93,6 +93,7 @@ public:
     // logs WARN and sends nothing.
     void requestSendLogs(std::string_view file, std::string_view line);
 
+    // For tests: how many records are kept.
     size_t recordCount() const;
 
 private:
