@@ -23,7 +23,7 @@ constexpr DWORD kLongestPath = 32768;
 std::wstring toWide(const std::string& text) {
     std::u16string wide;
     if (!NS_CORE::fromUtf8(text, wide)) wide.clear();
-    return {wide.begin(), wide.end()};
+    return NS_CORE::systemWide(wide);
 }
 
 // The system's words for an error, or its number where it has none.

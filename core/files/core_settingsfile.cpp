@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "absl/strings/numbers.h"
 #include "core/files/core_wrapper.h"
@@ -14,16 +13,12 @@ namespace NS_CORE {
 namespace {
 
 constexpr std::string_view kFunction = "CORE::readSettingsFile";
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 constexpr std::string_view kBetweenTokens = " \n\r\t";
 
 } // namespace
 
 bool readSettingsFile(const std::string& path, const std::function<void(std::string_view line)>& addLine) {
-    const std::unique_ptr<std::FILE, CloseFile> file(Wrapper::fopen(path, "r"));
+    const ScopedStream file(Wrapper::fopen(path, "r"));
     if (!file) return false;
     std::array<char, kMaxSettingsLine + 1> line;
     while (std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -33,8 +34,8 @@ public:
     // try's, even when the second one succeeds.
     static int unlink(const std::string& path);
 
-    // Always the wide form. Returns a stream, which the caller closes, or null and errno. A mode that is not UTF-8
-    // fails a CHECKF as well.
+    // Always the wide form. Returns a stream, which the caller closes (ScopedStream), or null and errno. A mode that is
+    // not UTF-8 fails a CHECKF as well.
     [[nodiscard]] static std::FILE* fopen(const std::string& path, const std::string& mode);
 
     // The descriptor calls under one name on both platforms. They return what the runtime returns: the count of bytes
@@ -47,6 +48,12 @@ public:
     // In bytes, or -1 and errno.
     [[nodiscard]] static int64_t size(int fd);
 };
+
+struct StreamCloser {
+    void operator()(std::FILE* stream) const { std::fclose(stream); }
+};
+// Owns a stream, and closes it.
+using ScopedStream = std::unique_ptr<std::FILE, StreamCloser>;
 
 // The system's text for an error code (GetLastError's on Windows, errno on Linux), exactly as the system words it:
 // on Windows with the line break at its end. If the system has none, the text is empty on

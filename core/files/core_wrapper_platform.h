@@ -7,7 +7,7 @@
 // What core_wrapper.cpp asks of the platform. For that unit alone.
 namespace NS_CORE::wrapper_platform {
 
-// A path for one call: as the caller gave it and, when `useWide` says that the wide form is to be called, converted.
+// A path for one call: as the caller gave it, and converted if `useWide` selects the wide form of the call.
 struct Path {
     const std::string& narrow;
     std::u16string wide;

@@ -7,16 +7,10 @@
 #include "core/files/core_wrapper.h"
 #include "core/files/core_wrapper_platform.h"
 #include "core/memory/core_scopedhandle_win32.h"
+#include "core/text/core_utf8_win32.h"
 
 namespace NS_CORE {
 namespace wrapper_platform {
-namespace {
-
-std::wstring wideText(const Path& path) {
-    return {path.wide.begin(), path.wide.end()};
-}
-
-} // namespace
 
 bool hasNarrowForm() {
     return true;
@@ -25,22 +19,23 @@ bool hasNarrowForm() {
 int open(const Path& path, int openFlags, int permissionMode) {
     int fd = -1;
     const int flags = openFlags | _O_BINARY;
-    const errno_t error = path.useWide ? ::_wsopen_s(&fd, wideText(path).c_str(), flags, _SH_DENYNO, permissionMode)
-                                       : ::_sopen_s(&fd, path.narrow.c_str(), flags, _SH_DENYNO, permissionMode);
+    const errno_t error = path.useWide
+                              ? ::_wsopen_s(&fd, systemWide(path.wide).c_str(), flags, _SH_DENYNO, permissionMode)
+                              : ::_sopen_s(&fd, path.narrow.c_str(), flags, _SH_DENYNO, permissionMode);
     return error == 0 ? fd : -1;
 }
 
 int unlink(const Path& path) {
-    return path.useWide ? ::_wunlink(wideText(path).c_str()) : ::_unlink(path.narrow.c_str());
+    return path.useWide ? ::_wunlink(systemWide(path.wide).c_str()) : ::_unlink(path.narrow.c_str());
 }
 
 int makeWritable(const Path& path) {
     constexpr int kMode = _S_IREAD | _S_IWRITE;
-    return path.useWide ? ::_wchmod(wideText(path).c_str(), kMode) : ::_chmod(path.narrow.c_str(), kMode);
+    return path.useWide ? ::_wchmod(systemWide(path.wide).c_str(), kMode) : ::_chmod(path.narrow.c_str(), kMode);
 }
 
 std::FILE* fopen(const Path& path, const Path& mode) {
-    return ::_wfopen(wideText(path).c_str(), wideText(mode).c_str());
+    return ::_wfopen(systemWide(path.wide).c_str(), systemWide(mode.wide).c_str());
 }
 
 int32_t read(int fd, void* data, int32_t length) {

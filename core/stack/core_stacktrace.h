@@ -20,8 +20,8 @@ namespace NS_CORE {
 //
 // It walks the calling thread only, and must be destroyed on the thread that made it. It holds the symbol library's
 // lock (core_symbollock.h) as long as it lives. Another thread's trace waits five seconds for that lock, and then
-// behaves as if symbols could not be initialised. A thread may make one while another one of its own lives: whoever
-// serves a record of that one, such as a log observer, may take a trace.
+// behaves as if symbols could not be initialised. A thread may make a second one while its first one lives,
+// because a log observer may take a trace when it receives a record of the first.
 class StackTrace {
 public:
     using Frame = StackFrame;

@@ -29,8 +29,8 @@ namespace {
 
 using stacktrace_platform::walkStep;
 
-// Records of NORM that wait for the release of the session's lock. Logged under it they could deadlock: whoever serves
-// them may take a trace of its own. Declare it before the lock; it logs when it ends.
+// Records of NORM that wait for the release of the session's lock. To log them under it could deadlock, because a log
+// observer may take a trace. Declare the object before the lock: its destructor logs.
 class LaterRecords {
 public:
     LaterRecords() = default;

@@ -104,8 +104,8 @@ StackTrace::Frame describe(const SymbolLibrary& library, HANDLE process, DWORD64
     return frame;
 }
 
-// Traces that live on the thread that holds the SymbolLock: a record of one may be served by someone who takes another.
-// The symbol library stays initialised until the last one ends.
+// Traces that live on the thread that holds the SymbolLock. There may be several, because a log observer may take a
+// trace when it receives a record of another. The symbol library stays initialised until the last one ends.
 int g_liveTraces = 0;
 
 STACKFRAME64 flatFrame(const CONTEXT& context) {

@@ -212,7 +212,7 @@ std::optional<std::wstring> writingProblem(const std::wstring& directory) {
         return L"'" + nearest +
                L"' is a file, and the installation needs a directory there. Move the file away, or choose "
                L"another directory with INSTALLDIR. Nothing was changed.";
-    // A file of this name may be somebody's: nothing but a new one is opened, and deleted at the end.
+    // An existing file may belong to somebody. So this opens only a new one, which is deleted at the end.
     ScopedFileHandle file;
     for (int number = 0; !file && number < 100; ++number) {
         const std::wstring probe = nearest + L"\\quorkeri_setup_" + std::to_wstring(number) + L".tmp";

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
-#include <memory>
 
 #include "core/files/core_dir.h"
 #include "core/files/core_wrapper.h"
@@ -17,10 +16,6 @@
 
 namespace NS_CORE {
 namespace {
-
-struct StreamCloser {
-    void operator()(std::FILE* stream) const { std::fclose(stream); }
-};
 
 std::string timeStamp() {
     const std::tm now = localTimeOf(systemNow().seconds);
@@ -77,7 +72,7 @@ void logDump(const CrashNames& names, const std::optional<std::string>& error) {
 }
 
 void appendToHistory(const CrashNames& names) {
-    const std::unique_ptr<std::FILE, StreamCloser> history(Wrapper::fopen(names.historyFile.c_str(), "a"));
+    const ScopedStream history(Wrapper::fopen(names.historyFile.c_str(), "a"));
     if (!history) return;
     const std::string line = formatString("%s: %s %s\n", timeStamp(), names.name.view(), names.version);
     std::fwrite(line.data(), 1, line.size(), history.get());
