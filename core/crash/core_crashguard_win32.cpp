@@ -59,7 +59,7 @@ constexpr DWORD kShareOfWriter = 6;
 // What the faulting thread's own stack must have left for the library's functions.
 constexpr size_t kStackForLibrary = 256 * 1024;
 
-// What the calling thread does not use of its stack yet, which grows down to the end.
+// The part of the calling thread's stack that it does not use yet. A stack grows down, to `end`.
 struct UnusedStack {
     char* end;
     size_t size;
@@ -389,8 +389,8 @@ DWORD CrashGuard::errorOfDump(const SymbolLibrary& library) {
                                    /*dwFlagsAndAttributes=*/0, /*hTemplateFile=*/nullptr));
     const DWORD createError = m_dumpFile ? ERROR_SUCCESS : ::GetLastError();
     m_watchedFile = m_dumpFile.get();
-    // On a busy machine other threads' traces may take long. Without the lock the dump is written all the same: a
-    // thread may hang with it.
+    // On a busy machine other threads' traces may take long. If the lock cannot be acquired in time, its holder may
+    // hang, so the dump is written without it.
     const SymbolLock lock(g_crashPatienceMs / 3);
     noteProgress();
     // Some versions of the library otherwise read all symbols first, which takes ten times as long as the dump.

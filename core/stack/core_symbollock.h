@@ -9,7 +9,7 @@ namespace NS_CORE {
 // limit, because the holder may have crashed, or may itself wait for something that the caller holds.
 class SymbolLock {
 public:
-    // How long traces and dumps wait for another thread's trace.
+    // How long a trace waits for another thread's trace.
     static constexpr uint32_t kTraceTimeoutMs = 5000;
 
     // Does not hold the lock yet.

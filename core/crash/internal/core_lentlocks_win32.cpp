@@ -6,8 +6,8 @@
 namespace NS_CORE {
 namespace {
 
-// No function of the system's says who holds the loader's lock, but its place in the process's block (PEB) is the same
-// in all 32-bit Windows since NT 4.
+// No function of the system says who holds the loader's lock. But the pointer to it has the same place in the process
+// environment block (PEB) in all 32-bit Windows since NT 4.
 CRITICAL_SECTION& loaderLock() {
     constexpr size_t kLockInBlock = 0xA0;
     char* block = nullptr;

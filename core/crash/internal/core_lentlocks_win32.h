@@ -4,14 +4,15 @@
 
 namespace NS_CORE {
 
-// Lends other threads the locks that the calling thread holds, while it waits for them: the loader's, and the heap's.
-// Takes them back at the end, because the unwinding releases what the code under a fault holds.
+// While it lives, other threads can acquire the loader's and the heap's lock although the calling thread holds them.
+// The destructor acquires them again, because unwinding releases what the faulting code holds.
 //
-// For faults in the middle of the heap's or the loader's own work. What the lock keeps is then half changed, but the
-// lock would keep the whole report back.
+// For faults in the middle of the heap's or the loader's own work. What such a lock protects is then half changed, but
+// the lock would stop the whole report.
 class LentLocks {
 public:
-    // isHeapHeld  whether another thread waits for the heap's lock in vain; the system does not tell who holds it.
+    // isHeapHeld  whether another thread waits for the heap's lock in vain, because the system does not say who holds
+    // it.
     explicit LentLocks(bool isHeapHeld);
     ~LentLocks();
     LentLocks(const LentLocks&) = delete;
