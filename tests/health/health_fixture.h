@@ -12,7 +12,7 @@
 
 namespace test {
 
-// What the health check answered: its exit code, all that it printed, and the names of its findings, sorted.
+// The result of the health check: its exit code, all that it printed, and the names of its findings, sorted.
 struct Health {
     int64_t code = -1;
     std::string text;
@@ -24,7 +24,7 @@ struct Health {
 
 using Names = std::vector<std::string>;
 
-// Puts the health check into a directory: its path there.
+// Puts the health check into a directory and returns its path there.
 std::filesystem::path addHealth(const std::filesystem::path& directory);
 
 // Runs it there.
@@ -37,7 +37,7 @@ protected:
 
     void startWithCompanion(const std::string& companionSettings = "");
 
-    // Waits until the clock on the wall is a second further, and so far beyond that no system's ticks take it back.
+    // Waits until the wall clock shows a later second, with a margin for the ticks of the system's clock.
     static void awaitLaterSecond();
 
     Health ask(const std::vector<std::string>& words = {}) const { return test::ask(m_installation, words); }

@@ -9,12 +9,12 @@
 // Stops that meet a fault or the loop's end on their way.
 namespace service {
 
-// The log of a loop that its companion's start stops, on a thread that `prepare` makes ready: it returns whether it
-// could. Expects the loop to end, whatever becomes of the datagram.
+// Runs a loop that stops itself as soon as it starts its companion, and returns the log. Expects the loop to end,
+// whatever becomes of the datagram. `prepare` runs first on the loop's thread; false skips the loop.
 std::vector<std::string> stopInVain(const std::function<bool()>& prepare);
 
-// Calls `stop` while the companion runs, and expects the loop to end in the middle of it: whatever takes the place of
-// one of stop's steps calls awaitTheLoopsEnd.
+// Calls `stop` while the companion runs. The test replaces one of stop's steps by a function that calls
+// awaitTheLoopsEnd, so that the loop ends in the middle of the stop.
 void stopThroughTheLoopsEnd(const std::function<void(Supervisor&)>& stop);
 
 // Lets the companion end, and waits for the loop's end: the stop flag has to be cleared by then.

@@ -31,7 +31,7 @@ struct FileLoggerTest : testing::Test {
     // One record with that text, at INFO.
     static void say(const std::string& text) { NS_CORE::MasterLogger::logText(NS_CORE::LogLevel::Info, text); }
 
-    // What is printed when the file cannot be opened, cannot be written and, as a begin, cannot be renamed.
+    // What is printed when the file cannot be opened or written; and the beginning of it when it cannot be renamed.
     std::string openFailure(const std::string& file) const {
         return test::refusedRecord("WARN",
                                    "UTL::File::openFile - File:openFile(" + file + ",167,384) - failed opening");

@@ -18,16 +18,16 @@
 
 namespace test {
 
-// What is broken in a program before it crashes under guard, by name.
+// By name: what a program breaks in itself before it crashes under guard.
 using Preparations = std::map<std::string, std::function<void()>>;
 
-// Those of this platform.
+// The preparations that only this platform has.
 const Preparations& platformPreparations();
 
-// How far a report gets where something hangs: on Linux it continues, on Windows the process ends there.
+// Whether a report continues when one of its steps hangs: on Linux it does, on Windows the process ends there.
 extern const bool kContinuesAfterHang;
 
-// Why a file cannot be created where a directory is, in the system's words.
+// The system's text for the error of creating a file in a directory's place.
 std::string errorOfDirectoryInPlace();
 
 // What the log says of the dump when its writer faulted.
