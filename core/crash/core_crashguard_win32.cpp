@@ -177,7 +177,7 @@ private:
     ScopedKernelHandle beginThread(DWORD(WINAPI* function)(void*), SIZE_T stack);
     void awaitFault();
 
-    [[noreturn]] static void onTerminate();
+    static void onTerminate();
     static void onAbort(int signal);
     static SehVerdict onFault(EXCEPTION_POINTERS* exception, void* context);
     static LONG WINAPI onFaultOnTheWayOut(EXCEPTION_POINTERS* exception);
@@ -279,14 +279,13 @@ void CrashGuard::awaitFault() {
 }
 
 // A C++ exception that nobody catches arrives here with the stack as it was thrown, and so do pure virtual calls. Other
-// threads are not guarded and end the process as they always did.
+// threads are not guarded and end the process as they always did, by abort if the earlier handler returns.
 void CrashGuard::onTerminate() {
     if (::GetCurrentThreadId() == instance().m_guardedThread) {
         instance().m_exception.site = findThrowSite();
         raiseNoncontinuable(kTerminateCode);
     }
     instance().m_terminateBefore();
-    std::abort();
 }
 
 // If it returns, abort ends the process.

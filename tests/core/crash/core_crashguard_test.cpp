@@ -9,6 +9,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <thread>
 
 #include "core/log/core_v2masterlogger.h"
@@ -102,7 +103,7 @@ const test::Preparations& preparations() {
          }},
         {"log-faults", [] { actOn("Wrote", [] { test::crash("null"); }); }},
         {"log-throws", [] { actOn("Wrote", [] { test::crash("exception"); }); }},
-        {"log-hangs", [] { actOn("Wrote", &waitForever); }},
+        {"log-hangs", [] { actOn("", &waitForever); }},
         {"log-held",
          [] {
              inBackground([](const auto& begun) {
@@ -127,8 +128,11 @@ std::string g_act;
 std::string g_preparation;
 
 int application(int argc, char** argv) {
-    const auto own = preparations().find(g_preparation);
-    (own != preparations().end() ? own->second : test::platformPreparations().at(g_preparation))();
+    std::istringstream all(g_preparation);
+    for (std::string one; std::getline(all, one, '+');) {
+        const auto own = preparations().find(one);
+        (own != preparations().end() ? own->second : test::platformPreparations().at(one))();
+    }
     if (g_act == "arguments") return argc * 10 + static_cast<int>(std::string_view(argv[argc - 1]).size());
     if (g_act == "thread") std::thread([] { test::crash("null"); }).join();
     if (g_act == "heap") breakHeap();

@@ -108,7 +108,9 @@ BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
     const NS_CORE::ScopedFileHandle again(::CreateFileA(names.dumpFile.c_str(), GENERIC_READ | GENERIC_WRITE,
                                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
                                                         nullptr));
-    std::printf("type %d, process %d, code %lx, other thread %d, streams %d, callback %d, shared %d\n", type,
+    const DWORD options = NS_CORE::SymbolLibrary::get()->getOptions();
+    std::printf("type %d, deferred %d, process %d, code %lx, other thread %d, streams %d, callback %d, shared %d\n",
+                type, (options & SYMOPT_DEFERRED_LOADS) != 0,
                 process == ::GetCurrentProcess() && id == ::GetCurrentProcessId(),
                 exception->ExceptionPointers->ExceptionRecord->ExceptionCode,
                 exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
@@ -220,7 +222,7 @@ TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
 TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     for (const auto& [act, code] : {std::pair{"null", "c0000005"}, {"exception", "e0000001"}, {"abort", "e0000002"}}) {
         EXPECT_EQ(run({.act = act, .preparation = "writer-tells"}), test::kCrashExitCode);
-        EXPECT_EQ(m_output, std::string("type 1, process 1, code ") + code +
+        EXPECT_EQ(m_output, std::string("type 1, deferred 1, process 1, code ") + code +
                                 ", other thread 1, streams 0, callback 0, shared 1\n1 watchers\n" +
                                 failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
     }
@@ -229,6 +231,12 @@ TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     std::filesystem::create_directory(dumpFile());
     run({.preparation = "writer-tells"});
     EXPECT_NE(m_output.find("\n1 watchers\n"), std::string::npos);
+}
+
+// The writer left the watchdog suspended.
+TEST_F(CrashTest, ALogThatHangsAfterAWriterThatFaultedIsGivenUp) {
+    expectCrash({.preparation = "writer-faults+log-hangs", .patienceMs = kImpatienceMs}, /*hasDump=*/false,
+                /*hasHistory=*/false);
 }
 
 TEST_F(CrashTest, WithoutTheSystemsLibraryTheLinesAreThere) {
