@@ -169,6 +169,15 @@ TEST(GUniqueBufAdjust, WithinTheRoomOnlyTheEndsMove) {
     }
 }
 
+TEST(GUniqueBufAdjust, GrowsWhereTheRoomIsNotEnough) {
+    for (const auto& [front, back, grown] : {std::tuple(2, 3, "8 0+0"), {0, 3, "6 1+0"}, {2, 0, "5 0+1"}}) {
+        GUniqueBuf buffer = numbered(3, 1, 1);
+        buffer.adjust(front, back);
+        EXPECT_EQ(shape(buffer), grown);
+        EXPECT_EQ(bytes(buffer, front, 3), "123");
+    }
+}
+
 TEST(GUniqueBufAdjust, MakesTheFirstAllocationOfTheBacksSize) {
     for (const int32_t front : {0, 7, -7}) {
         GUniqueBuf buffer;
