@@ -207,7 +207,8 @@ private:
     static void onFault(int signal, siginfo_t* info, void* context);
     static void onNoProgress(int signal);
     void passOn(int signal, const siginfo_t& info);
-    void limitReport();
+    static void limitReport();
+    void beginStep(Step step);
     [[noreturn]] void continueWithNextStep();
     void doStep(Step step);
     void report();
@@ -257,8 +258,8 @@ void CrashGuard::onFault(int signal, siginfo_t* info, void* /*context*/) {
     fault.address = reinterpret_cast<uintptr_t>(info->si_addr);
     fault.frameCount = 0;
     fault.dumpError = EFAULT; // until dumpAddresses succeeds
-    guard.m_step = Step::DumpNames;
-    guard.limitReport();
+    limitReport();
+    guard.beginStep(Step::DumpNames);
     fault.frameCount = walkRaw(fault.frames.data(), fault.frames.size());
     removeHandlerFrames(fault);
     guard.m_names = crashNames(guard.m_program);
@@ -283,6 +284,11 @@ void CrashGuard::limitReport() {
     sigemptyset(&alarm);
     sigaddset(&alarm, SIGALRM);
     ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+}
+
+// The limit of the last step is that of the way out of the process.
+void CrashGuard::beginStep(Step step) {
+    m_step = step;
     noteProgress();
 }
 
@@ -298,8 +304,7 @@ void CrashGuard::onNoProgress(int signal) {
 void CrashGuard::continueWithNextStep() {
     const Step step = m_step;
     if (step == Step::Done) ::_exit(kCrashResult & 0xff);
-    m_step = after(step);
-    noteProgress();
+    beginStep(after(step));
     ::siglongjmp(m_resume, 1);
 }
 
@@ -319,13 +324,11 @@ void CrashGuard::doStep(Step step) {
     }
 }
 
-// The timer keeps running after the last step, so that the way out of the process has a limit, too.
 void CrashGuard::report() {
     while (m_step != Step::Done) {
         const Step step = m_step;
         doStep(step);
-        m_step = after(step);
-        noteProgress();
+        beginStep(after(step));
     }
 }
 

@@ -28,7 +28,7 @@ LogCapture::LogCapture(size_t maxEntries) : m_entriesLeft(maxEntries) {
 
 LogCapture::~LogCapture() {
     const absl::MutexLock lock(&g_registry->mutex);
-    unregister(this);
+    std::erase(g_registry->collecting, this);
 }
 
 std::string LogCapture::text() const {
@@ -46,11 +46,6 @@ bool LogCapture::add(std::string_view text) {
     m_empty = false;
     m_text += text;
     return --m_entriesLeft == 0;
-}
-
-void LogCapture::unregister(LogCapture* capture) {
-    g_registry->mutex.AssertHeld();
-    std::erase(g_registry->collecting, capture);
 }
 
 } // namespace NS_CORE

@@ -26,9 +26,8 @@ private:
     // Adds an entry to every capture that still collects.
     static void append(std::string_view text);
 
-    // These two run under the registry's lock. add() returns true when the limit is reached.
+    // Runs under the registry's lock. Returns true when the limit is reached.
     bool add(std::string_view text);
-    static void unregister(LogCapture* capture);
 
     size_t m_entriesLeft;
     bool m_empty = true;

@@ -156,14 +156,15 @@ void logLater(uint32_t level, std::string_view text) {
     g_state->waiting.emplace_back(level, text);
 }
 
-// Calls `action` under the lock of the rate limit, and logs what was to be logged meanwhile after its release.
+// Calls `action` with the rate limit's implementation under its lock, and logs what was to be logged meanwhile after its
+// release.
 template <class Action>
 void serveRateLimit(Action&& action) {
     std::vector<std::pair<uint32_t, std::string>> records;
     {
         const Inside inside(InsideRateLimit);
         const absl::MutexLock lock(&g_state->rateMutex);
-        action(LogRImpl::Output(&logLater));
+        action(g_state->rateImplementation, LogRImpl::Output(&logLater));
         records.swap(g_state->waiting);
     }
     for (const auto& [level, text] : records) MasterLogger::logText(level, text);
@@ -246,9 +247,7 @@ void MasterLogger::outputLimited(LogRate rate, uint32_t level, std::string_view 
         output(level, text);
         return;
     }
-    serveRateLimit([&](const LogRImpl::Output& output) {
-        g_state->rateMutex.AssertHeld();
-        std::unique_ptr<LogRImpl>& implementation = g_state->rateImplementation;
+    serveRateLimit([&](std::unique_ptr<LogRImpl>& implementation, const LogRImpl::Output& output) {
         if (!implementation) implementation = std::make_unique<DefaultLogRImpl>();
         implementation->log(rate, level, text, output);
     });
@@ -264,9 +263,8 @@ void MasterLogger::setImplementation(std::unique_ptr<LogImpl> implementation) {
 
 void MasterLogger::setRateImplementation(std::unique_ptr<LogRImpl> implementation) {
     if (!mayTakeLock()) return;
-    serveRateLimit([&](const LogRImpl::Output& output) {
-        g_state->rateMutex.AssertHeld();
-        implementation.swap(g_state->rateImplementation);
+    serveRateLimit([&](std::unique_ptr<LogRImpl>& installed, const LogRImpl::Output& output) {
+        implementation.swap(installed);
         if (implementation) implementation->finish(output);
     });
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -170,8 +171,7 @@ int addModule(dl_phdr_info* info, size_t /*size*/, void* data) {
     const std::string image = *info->dlpi_name == '\0' ? executablePath() : info->dlpi_name;
     if (image.find('/') == std::string::npos) return 0;
     uint64_t end = 0;
-    for (int index = 0; index < info->dlpi_phnum; ++index) {
-        const ElfW(Phdr)& header = info->dlpi_phdr[index];
+    for (const auto& header : std::span(info->dlpi_phdr, info->dlpi_phnum)) {
         if (header.p_type == PT_LOAD) end = std::max<uint64_t>(end, header.p_vaddr + header.p_memsz);
     }
     list.modules.push_back(

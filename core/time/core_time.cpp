@@ -1,8 +1,8 @@
 #include "core/time/core_time.h"
 
 #include <bit>
-#include <limits>
 #include <type_traits>
+#include <utility>
 
 #include "absl/time/civil_time.h"
 #include "core/text/core_checkf.h"
@@ -36,10 +36,6 @@ bool defineOnFailure(bool converted, std::tm* out) {
     return converted;
 }
 
-bool fitsSeconds(int64_t seconds) {
-    return seconds >= std::numeric_limits<int32_t>::min() && seconds <= std::numeric_limits<int32_t>::max();
-}
-
 // Carries nanoseconds out of range over to the seconds. Seconds beyond 32 bits wrap.
 Timespec timespec(int64_t seconds, int64_t nanoseconds) {
     seconds += nanoseconds / kNanosecondsPerSecond;
@@ -64,7 +60,7 @@ int32_t localDto(int32_t seconds) {
 // The broken-down time of `seconds`, which already include the offset.
 std::tm shiftedTime(int64_t seconds) {
     std::tm fields{};
-    const bool converted = fitsSeconds(seconds) && systemUtcTime(static_cast<int32_t>(seconds), &fields);
+    const bool converted = std::in_range<int32_t>(seconds) && systemUtcTime(static_cast<int32_t>(seconds), &fields);
     static_cast<void>(CHECKF_AT("core_time", 1241, defineOnFailure(converted, &fields), "%d", seconds));
     return fields;
 }
