@@ -265,14 +265,10 @@ class SettingsTest(InstalledTest):
 
 
 class ReportsTest(InstalledTest):
-    """Where the process starts, there are no settings. A control that the service does not know is a failed check, and
-    so is a program that does not lie in "bin"."""
+    """The service manager starts the process where no settings are. A control that the service does not know is a failed
+    check, and so is a program that does not lie in "bin"."""
 
     CHECK = "utl_service_win32:180 (CHECKF) 130" if IS_WINDOWS else "utl_service:41 (CHECKF) bin"
-
-    def settings(self, address, port=25000):
-        (self.root / "settings" / "testing.ini").write_text(
-            f"[general]\nsend_address {address}\nsend_port {port}\n[assert]\nsend enable\nbacktrace enable\n")
 
     def start_collector(self):
         collector = subprocess.Popen(
@@ -281,7 +277,9 @@ class ReportsTest(InstalledTest):
         self.addCleanup(collector.stdout.close)
         self.addCleanup(collector.wait)
         self.addCleanup(collector.kill)
-        self.settings("127.0.0.1", int(collector.stdout.readline().split("port ")[1].split(",")[0]))
+        port = collector.stdout.readline().split("port ")[1].split(",")[0]
+        (self.root / "settings" / "testing.ini").write_text(
+            f"[general]\nsend_address 127.0.0.1\nsend_port {port}\n[assert]\nsend enable\nbacktrace enable\n")
         return collector
 
     def test_a_failed_check_reaches_the_collector(self):
