@@ -112,11 +112,9 @@ int writeAll(int fd, std::string_view bytes) {
 // Appends the memory map, by which addresses can be assigned to modules later. Returns 0, or errno of writing.
 int copyMaps(int fd) {
     const ScopedFd maps(::open("/proc/self/maps", O_RDONLY | O_CLOEXEC));
-    if (!maps) return 0;
     std::array<char, 4096> buffer;
     for (;;) {
         const ssize_t count = ::read(maps.get(), buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return 0;
         if (const int error = writeAll(fd, {buffer.data(), static_cast<size_t>(count)}); error != 0) return error;
     }

@@ -97,9 +97,8 @@ std::string debugSearchPath() {
     return formatString("%s:%s/symbols:/usr/lib/debug", directory, directory);
 }
 
-// Null if it is not of this format.
+// Null if it is not of this format. Opening the library has set libelf's version.
 ScopedElf openElf(int fd) {
-    elf_version(EV_CURRENT);
     return ScopedElf(elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr));
 }
 

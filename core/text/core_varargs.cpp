@@ -328,8 +328,8 @@ char signOf(const FormatSpec& spec, int64_t value) {
 // value  sign-extended; size  of its type, in bytes.
 void writeSigned(Output& out, const FormatSpec& spec, uint64_t value, size_t size) {
     if (spec.conversion == 'd' || spec.conversion == 'i') {
-        const bool negative = static_cast<int64_t>(value) < 0;
-        writeNumber(out, spec, signOf(spec, static_cast<int64_t>(value)), negative ? 0 - value : value);
+        const char sign = signOf(spec, static_cast<int64_t>(value));
+        writeNumber(out, spec, sign, sign == '-' ? 0 - value : value);
         return;
     }
     writeNumber(out, spec, '\0', value & (~uint64_t{0} >> (64 - 8 * size)));

@@ -126,13 +126,12 @@ TEST_F(LimitTest, MakesRoomByReportingTheOldestText) {
 }
 
 TEST_F(LimitTest, BoundsTheBytesItKeeps) {
-    const std::string big(DefaultLogRImpl::kMaxBytes / 2, 'x');
-    say((big + "1").c_str());
-    say((big + "1").c_str());
-    EXPECT_EQ(taken().size(), 1U);
-    say((big + "2").c_str());
-    EXPECT_EQ(taken().size(), 2U) << "the report of the first, and the second";
-    say((big + "1").c_str());
+    const std::string half(DefaultLogRImpl::kMaxBytes / 2 - std::string("A::b - 1").size(), 'x');
+    for (const char* end : {"1", "1", "2"}) say((half + end).c_str());
+    EXPECT_EQ(taken().size(), 2U) << "both fit to the byte";
+    say("x");
+    EXPECT_EQ(taken().size(), 2U) << "the report of the first, and the new one";
+    say((half + "1").c_str());
     EXPECT_EQ(taken().size(), 1U) << "forgotten";
 }
 
