@@ -39,9 +39,8 @@ void passOn(int signum) {
 void handleSignals(int readEnd) {
     uint8_t byte = kEnd;
     for (;;) {
-        const ssize_t count = ::read(readEnd, &byte, 1);
-        if (count < 0 && errno == EINTR) continue;
-        if (count != 1 || byte == kEnd) return;
+        // Not interrupted, because this thread blocks all signals.
+        if (::read(readEnd, &byte, 1) != 1 || byte == kEnd) return;
         const Signal::Handler handler = g_handlers[byte].load();
         if (handler) handler(byte);
     }
@@ -114,7 +113,6 @@ bool signal_platform::install(int32_t signum, Signal::Handler handler, Signal::H
     action.sa_handler = &passOn;
     // A system call that the signal interrupts goes on.
     action.sa_flags = SA_RESTART;
-    ::sigfillset(&action.sa_mask);
     // A second object for the same signal finds our own action installed.
     if (previous || ::sigaction(signum, &action, &g_actionsBefore[index]) == 0) return true;
     g_handlers[index].store(previous);

@@ -8,10 +8,12 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <sstream>
 #include <thread>
 
+#include "core/crash/core_crashguard.h"
 #include "core/files/core_scopedfd.h"
 #include "tests/core/crash/crash_fixture.h"
 #include "tests/support/planted_code.h"
@@ -113,6 +115,23 @@ TEST_F(CrashDump, ShowsTheInnermostCallsOfAnOverflowedStack) {
     const std::string dump = dumpOf("overflow");
     EXPECT_NE(findLine(dump, "#01 in ", "overflowStack() at crash_kinds.cpp:"), std::string::npos) << dump;
     EXPECT_NE(findLine(dump, "#200 in ", "overflowStack() at crash_kinds.cpp:"), std::string::npos) << dump;
+}
+
+TEST(RunGuarded, LeavesSignalsAsTheyWere) {
+    const auto state = [] {
+        stack_t stack;
+        ::sigaltstack(nullptr, &stack);
+        std::vector<std::pair<sighandler_t, int>> all;
+        for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) {
+            struct sigaction action;
+            ::sigaction(signal, nullptr, &action);
+            all.emplace_back(action.sa_handler, stack.ss_flags);
+        }
+        return all;
+    };
+    const auto before = state();
+    EXPECT_EQ(NS_CORE::guard(0, nullptr, [](int, char**) { return 7; }), 7);
+    EXPECT_EQ(state(), before);
 }
 
 // Mounts a small file system in place of the dumps directory, for this process and its children.
