@@ -110,8 +110,6 @@ std::optional<uint64_t> freeBytes(const std::string& path);
 // UTC, seconds since 1970.
 int64_t now();
 
-void pause(uint32_t milliseconds);
-
 // Writes to standard output: a console, a file or a pipe.
 void print(const std::string& text);
 

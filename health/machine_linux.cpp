@@ -262,12 +262,6 @@ int64_t now() {
     return ::time(nullptr);
 }
 
-void pause(uint32_t milliseconds) {
-    constexpr long kNanosecondsPerMillisecond = 1'000'000;
-    const timespec time{milliseconds / 1000, static_cast<long>(milliseconds % 1000) * kNanosecondsPerMillisecond};
-    ::nanosleep(&time, nullptr);
-}
-
 void print(const std::string& text) {
     std::string_view rest = text;
     for (ssize_t length = 0; !rest.empty() && (length = ::write(STDOUT_FILENO, rest.data(), rest.size())) > 0;)

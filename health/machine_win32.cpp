@@ -342,10 +342,6 @@ int64_t now() {
     return toUtc(ticksOf(time));
 }
 
-void pause(uint32_t milliseconds) {
-    ::Sleep(milliseconds);
-}
-
 void print(const std::string& text) {
     const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;

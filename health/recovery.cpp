@@ -1,6 +1,7 @@
 #include "health/recovery.h"
 
 #include "core/text/core_varargs.h"
+#include "core/time/core_time.h"
 #include "health/facts.h"
 #include "service/names.h"
 
@@ -33,7 +34,7 @@ std::string startAndAwait(const Installation& installation) {
     for (uint32_t waited = 0; waited <= kStartLimitMs; waited += kPauseMs) {
         if (const std::string reason = startOwn(installation); !reason.empty()) return reason;
         if (runningService(installation)) return "";
-        machine::pause(kPauseMs);
+        NS_CORE::sleepFor(kPauseMs);
     }
     return "it did not run within 30 seconds";
 }

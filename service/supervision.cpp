@@ -1,7 +1,5 @@
 #include "service/supervision.h"
 
-#include <chrono>
-#include <thread>
 #include <utility>
 
 #include "core/log/core_v2masterlogger.h"
@@ -9,19 +7,13 @@
 #include "core/net/core_socket.h"
 #include "core/net/core_udp4socket.h"
 #include "core/text/core_checkf.h"
+#include "core/time/core_time.h"
 #include "service/deployment.h"
 #include "service/names.h"
 #include "utl/utl_processutils.h"
 
 namespace service {
 namespace {
-
-// A system's sleep may end up to one tick of its timer early; the delay is promised as a minimum.
-void pauseFor(uint32_t milliseconds) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
-    for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) std::this_thread::sleep_for(end - now);
-}
 
 void startCompanion(const char* commandLine) {
     // A restart follows whatever the outcome; a failed start has been logged.
@@ -58,7 +50,7 @@ int Supervisor::run(int /*argc*/, char** /*argv*/) {
         m_start(kCompanionName);
         if (!m_running) break;
         MLOG(Warn, "Run", "Run: '%s' failed", kCompanionName);
-        pauseFor(m_restartDelayMs);
+        NS_CORE::sleepFor(m_restartDelayMs);
         if (!m_running) break;
     }
     return 0;

@@ -17,6 +17,9 @@ namespace NS_CORE {
 // machine sleeps, and advances in the platform's ticks (10 to 16 ms on Windows).
 uint64_t monotonicMilliseconds();
 
+// Returns when at least so many milliseconds are over.
+void sleepFor(uint32_t milliseconds);
+
 struct Timespec {
     int32_t seconds;
     int32_t nanoseconds; // 0 to 999,999,999

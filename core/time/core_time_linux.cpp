@@ -1,4 +1,6 @@
+#include <chrono>
 #include <limits>
+#include <thread>
 
 #include "core/time/core_time_platform.h"
 
@@ -22,6 +24,10 @@ uint64_t monotonicMilliseconds() {
     // Not CLOCK_MONOTONIC, which stops while the machine sleeps.
     const std::timespec time = readClock(CLOCK_BOOTTIME);
     return static_cast<uint64_t>(time.tv_sec) * 1000 + static_cast<uint64_t>(time.tv_nsec) / 1'000'000;
+}
+
+void sleepFor(uint32_t milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
 Timespec systemNow() {

@@ -1,5 +1,7 @@
 #include <windows.h>
 
+#include <chrono>
+
 #include "core/time/core_time.h"
 #include "core/time/core_time_platform.h"
 
@@ -7,6 +9,16 @@ namespace NS_CORE {
 
 uint64_t monotonicMilliseconds() {
     return ::GetTickCount64();
+}
+
+// The standard library's sleep waits for an event instead, which takes Wine's server, and 0.5 ms longer.
+void sleepFor(uint32_t milliseconds) {
+    using std::chrono::steady_clock;
+    const steady_clock::time_point end = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    // Sleep may end up to one tick of the system's timer early.
+    for (std::chrono::milliseconds left(milliseconds); left.count() > 0;
+         left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now()))
+        ::Sleep(static_cast<DWORD>(left.count()));
 }
 
 Timespec systemNow() {
