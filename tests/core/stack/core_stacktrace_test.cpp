@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <source_location>
 #include <sstream>
 #include <thread>
@@ -318,11 +319,17 @@ TEST(StackTrace, NamesTheImageOfEachFrame) {
 TEST(StackTrace, KeepsTheTracesOfSeveralThreadsApart) {
     constexpr size_t kTraces = 2;
     std::vector<std::string> texts[2];
-    const auto trace = [](tracetest::Action action, std::vector<std::string>& into) {
+    std::mutex turn;
+    const auto trace = [&turn](tracetest::Action action, std::vector<std::string>& into) {
+        std::unique_lock alone(turn, std::defer_lock);
         while (into.size() < kTraces) {
             std::string text = tracetest::outermost(action);
-            // One thread's trace may take longer than the other waits, and what that one logs gets into the text.
-            if (text.find("Failed to get stack") == std::string::npos) into.push_back(std::move(text));
+            // On a busy machine a trace takes longer than the other thread waits, and what that one logs gets into the
+            // text. Then they take turns.
+            if (text.find("Failed to get stack") == std::string::npos)
+                into.push_back(std::move(text));
+            else if (!alone)
+                alone.lock();
         }
     };
     std::thread other(trace, &tracetest::askAs<1>, std::ref(texts[1]));
