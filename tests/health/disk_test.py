@@ -79,6 +79,8 @@ class PortTest(Installed):
         """Wine knows nothing of Linux' programs, and Linux tells a plain user nothing of another's."""
         if not IS_WINDOWS and os.geteuid() != 0:
             self.skipTest("no right to become another user")
+        if IS_WINDOWS and not subprocess.check_output(["wine", "--version"]).startswith(b"wine-8."):
+            self.skipTest("newer Wines list no sockets of Linux' programs")
         for directory in (self.root, self.root / "bin"):
             directory.chmod(0o755)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
