@@ -150,19 +150,14 @@ void removeHandlerFrames(Fault& fault) {
     fault.frameCount -= first;
 }
 
-std::string signalName(int signal) {
-    const char* const name = ::sigabbrev_np(signal);
-    return name != nullptr ? formatString("SIG%s", name) : formatString("%d", signal);
-}
-
 std::string dumpText(const CrashNames& names, const Fault& fault) {
     std::vector<StackFrame> frames;
     for (size_t index = 0; index < fault.frameCount; ++index) {
         describeFrames(&fault.frames[index], 1, frames, LineLookup::Quick);
         noteProgress();
     }
-    std::string text = formatString("%s %s\n%s (code %d) at address 0x%x\n", names.name.view(), names.version,
-                                    signalName(fault.signal), fault.code, fault.address);
+    std::string text = formatString("%s %s\nSIG%s (code %d) at address 0x%x\n", names.name.view(), names.version,
+                                    ::sigabbrev_np(fault.signal), fault.code, fault.address);
     for (const std::string& line : traceLines(frames, /*discarded=*/0, kPathSeparator)) formatInto(text, "%s\n", line);
     return text + '\n';
 }

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -92,8 +93,17 @@ TEST_F(CrashDump, NamesProgramSignalAndAddress) {
         << dump;
 }
 
+TEST_F(CrashDump, KeepsTheAddressesWhereNamesCannotBeFound) {
+    EXPECT_EQ(run({.act = "wild", .preparation = "writer-faults"}), test::kCrashExitCode);
+    EXPECT_TRUE(std::regex_search(test::readFile(dumpFile()).substr(0, 4000),
+                                  std::regex("^signal 0xb at address 0x12345678\n(0x[0-9a-f]+\n){4,}[0-9a-f]+-")));
+}
+
 TEST_F(CrashDump, ListsTheFaultItsCallersAndTheMemoryMap) {
+    ::umask(0);
     const std::string dump = dumpOf("null");
+    EXPECT_EQ(fs::status(dumpFile()).permissions(), fs::perms(0644));
+    EXPECT_EQ(fs::status(dumps()).permissions(), fs::perms(0755));
     const size_t fault = findLine(dump, "#01 in ", "writeNull() at crash_kinds.cpp:");
     const size_t guard = findLine(dump, "#", "CrashGuard::run() at core_crashguard_linux.cpp:");
     const size_t outermost = findLine(dump, "#", " in main() at test_main.cpp:");
