@@ -345,13 +345,10 @@ StackTrace::StackTrace(ProcessHandle process) {
 // The session stays open for the next trace.
 StackTrace::~StackTrace() = default;
 
+// Naming no frame registers them as well.
 void StackTrace::loadModules() {
-    if (m_modulesLoaded) return;
-    LaterRecords later;
-    Session& session = theSession();
-    const absl::MutexLock lock(&session.mutex);
-    updateModules(session, later);
-    m_modulesLoaded = true;
+    std::vector<Frame> none;
+    describeFrames(nullptr, 0, none);
 }
 
 bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image, const std::string& module,
@@ -368,7 +365,6 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
         MasterLogger::logAt(LogLevel::Warn, "core_stacktrace_win32", 186, "NS_CORE::StackTrace::getStack");
         return false;
     }
-    loadModules();
     std::vector<RawFrame> walked(maxFrames > frames.size() ? maxFrames - frames.size() : 0);
     walked.resize(walkRaw(walked.data(), walked.size()));
     const auto returnAddress = [&walked](size_t index) {

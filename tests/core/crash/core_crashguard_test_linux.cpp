@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <unwind.h>
 
@@ -56,6 +57,12 @@ const Preparations& platformPreparations() {
              reader.detach();
          }},
         {"library-held", &holdSymbolLibrary},
+        // As kill sends it, but to this thread.
+        {"killed",
+         [] {
+             siginfo_t info{};
+             std::thread([&] { ::syscall(SYS_rt_tgsigqueueinfo, ::getpid(), ::gettid(), SIGSEGV, &info); }).join();
+         }},
         {"walker-faults", [] { makeFault(walker); }},
         {"walker-hangs", [] { makeHang(walker); }},
     };
@@ -125,6 +132,11 @@ TEST_F(CrashDump, ShowsTheInnermostCallsOfAnOverflowedStack) {
     const std::string dump = dumpOf("overflow");
     EXPECT_NE(findLine(dump, "#01 in ", "overflowStack() at crash_kinds.cpp:"), std::string::npos) << dump;
     EXPECT_NE(findLine(dump, "#200 in ", "overflowStack() at crash_kinds.cpp:"), std::string::npos) << dump;
+}
+
+TEST_F(CrashTest, DoesNotCoverASignalToAnotherThread) {
+    EXPECT_TRUE(test::isEndByUnhandledFault(run({.preparation = "killed"})));
+    EXPECT_FALSE(fs::exists(dumpFile()));
 }
 
 TEST(RunGuarded, LeavesSignalsAsTheyWere) {
