@@ -127,9 +127,9 @@ ProcessUtils::Result startAndWait(const char* commandLine, unsigned long& exitCo
     pid_t ended = -1;
     do {
         ended = ::waitpid(child, &status, /*options=*/0);
-    } while (ended < 0 && errno == EINTR);
+    } while (ended == -1 && errno == EINTR);
     // The system keeps no exit code for a process that ignores SIGCHLD.
-    if (ended < 0) return ProcessUtils::Result::NoExitCode;
+    if (ended == -1) return ProcessUtils::Result::NoExitCode;
     exitCode =
         static_cast<unsigned long>(WIFSIGNALED(status) ? kSignalExitCodeBase + WTERMSIG(status) : WEXITSTATUS(status));
     return ProcessUtils::Result::Finished;

@@ -5,10 +5,7 @@
 namespace NS_CORE::threadword_platform {
 
 bool allocate(uint32_t* slot) {
-    pthread_key_t key = 0;
-    if (::pthread_key_create(&key, /*destructor=*/nullptr) != 0) return false;
-    *slot = key;
-    return true;
+    return ::pthread_key_create(slot, /*destructor=*/nullptr) == 0;
 }
 
 void release(uint32_t slot) {

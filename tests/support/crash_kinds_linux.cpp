@@ -37,7 +37,7 @@ void endQuietlyOnUnhandledFaults() {
 bool isEndByUnhandledFault(int64_t exitCode) {
     constexpr int64_t kAddressSanitizer = 1;
     constexpr int64_t kThreadSanitizer = 66;
-    return exitCode == -SIGSEGV || exitCode == kAddressSanitizer || exitCode == kThreadSanitizer;
+    return exitCode == -SIGSEGV || exitCode == -SIGBUS || exitCode == kAddressSanitizer || exitCode == kThreadSanitizer;
 }
 
 void leaveMemoryBehind() {

@@ -61,7 +61,7 @@ const Preparations& platformPreparations() {
         {"killed",
          [] {
              siginfo_t info{};
-             std::thread([&] { ::syscall(SYS_rt_tgsigqueueinfo, ::getpid(), ::gettid(), SIGSEGV, &info); }).join();
+             std::thread([&] { ::syscall(SYS_rt_tgsigqueueinfo, ::getpid(), ::gettid(), SIGBUS, &info); }).join();
          }},
         {"walker-faults", [] { makeFault(walker); }},
         {"walker-hangs", [] { makeHang(walker); }},

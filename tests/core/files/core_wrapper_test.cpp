@@ -158,6 +158,7 @@ TEST(Wrapper, ANegativeLengthIsRefused) {
     errno = 0;
     EXPECT_EQ(Wrapper::read(fd.get(), &byte, -1), -1);
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Wrapper::read(fd.get(), &byte, 0), 0);
     EXPECT_EQ(Wrapper::size(fd.get()), 0);
 }
 
