@@ -74,8 +74,7 @@ std::string functionName(std::string_view demangled) {
         if (depth == 0 && demangled.substr(at).starts_with(kOperator)) {
             isFixed = true;
             at += kOperator.size();
-            // "operator()" has brackets of its own; every other operator's name ends where its parameters begin.
-            if (demangled.substr(at).starts_with("()")) at += 2;
+            // An operator's name ends where its parameters begin. Those of "operator()" are found after its own brackets.
             at = demangled.find('(', at);
             if (at == std::string_view::npos) break;
             parameters = at;
