@@ -10,7 +10,7 @@ namespace {} // namespace
 
 std::filesystem::path addHealth(const std::filesystem::path& directory) {
     const std::filesystem::path program = directory / std::filesystem::path(HEALTH_PROGRAM).filename();
-    writeFile(program, readFile(HEALTH_PROGRAM));
+    writeFile(program, readFile(builtFile(HEALTH_PROGRAM)));
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     return program;
 }

@@ -139,6 +139,8 @@ class SelfTest(unittest.TestCase):
 
     def test_runs_whole(self):
         expected = sum(tests_in(self.wine.run(str(program), "--gtest_list_tests")[1]) for program in PROGRAMS)
+        # Elsewhere there is no build tree: a test that takes a file from there has to fail here, too.
+        subprocess.run(["mount", "-t", "tmpfs", "none", BUILD], check=True)
         code, text = self.selftest("/y", limit=WHOLE_RUN)
         results = xml.etree.ElementTree.parse(self.bundle / "selftest-report.xml").getroot()
         skipped = [(case.get("name"), case.find("skipped").get("message")) for case in results.iter("testcase") if case.find("skipped") is not None]
