@@ -3,8 +3,8 @@ messages are held against the texts that lie in the built programs; links, pictu
 
 guide_test.py VERSION [TREE COMPANION]
 
-With the build tree of the Windows program and the stand-in companion the commands run, in a Wine prefix of their own
-and at the very place that the texts speak of.
+With the build tree of the Windows program and the stand-in companion the commands run, in a Wine prefix and a network of
+their own and at the very place that the texts speak of.
 
 A block ```console is a dialogue: "C:\\> " is the prompt, what follows is the answer. In an answer dates, times and process
 ids may differ, empty lines do not count, and "..." is any number of lines or the rest of one.
@@ -24,7 +24,7 @@ import unittest
 import pefile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from quorkeri_wine import COMPANION, LIBRARIES, ROOT, SERVICE, Companion, Wine, await_true, text_of
+from quorkeri_wine import COMPANION, LIBRARIES, ROOT, SERVICE, Companion, Wine, await_true, in_own_network, text_of
 
 VERSION = sys.argv[1]
 TREE, STAND_IN = (pathlib.Path(name).resolve() for name in sys.argv[2:4]) if len(sys.argv) > 2 else (None, None)
@@ -424,7 +424,7 @@ class MessagesTest(unittest.TestCase):
         log, _, cls.findings = log.partition("\n## Health findings")
         rows = re.findall(r"^\| (.*?) \| ", log.replace("\\|", "¦"), re.MULTILINE)
         cls.told = [text.replace("¦", "|") for row in rows for text in re.findall(r"`([^`]*)`", row)]
-        cls.health = re.findall(r"^  ([a-z-]+) \(([A-Z]+)\)$", Wine().run(TREE / "health/quorkeri_health.exe", "--help")[1], re.MULTILINE)
+        cls.health = re.findall(r"^  ([a-z-]+) \(([A-Z]+)\)$", Wine(TREE.parent / "wine-guide").run(TREE / "health/quorkeri_health.exe", "--help")[1], re.MULTILINE)
         cls.installer = re.sub(r"\s+", " ", installer.replace("\\|", "|"))
 
     @staticmethod
@@ -473,4 +473,6 @@ if TREE is None:
     del CommandsTest, MessagesTest
 
 if __name__ == "__main__":
+    if TREE is not None:
+        in_own_network()
     unittest.main(argv=sys.argv[:1])
