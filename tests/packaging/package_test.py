@@ -30,6 +30,9 @@ import jsonschema
 import pefile
 import yaml
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+from quorkeri_wine import Wine
+
 ROOT = pathlib.Path(sys.argv.pop(1)).resolve()
 PACKAGE = ROOT / "scripts/package"
 TREE = ROOT / "build/windows-x86"
@@ -85,7 +88,8 @@ def make_sums_key():
 
 
 def setUpModule():
-    global WORK, VERSION, STAMP, NAME, EPOCH, SIGNER
+    global WORK, VERSION, STAMP, NAME, EPOCH, SIGNER, WINE
+    WINE = unittest.enterModuleContext(Wine(ROOT / "build/wine-packages").held())
     directory = tempfile.TemporaryDirectory(prefix="quorkeri-packages-")
     unittest.addModuleCleanup(directory.cleanup)
     WORK = pathlib.Path(directory.name)
@@ -406,8 +410,7 @@ class ProgramTest(unittest.TestCase):
                 (directory / part).mkdir(parents=True)
             program = directory / "bin/quorkeri_service.exe"
             program.write_bytes(image.write())
-            result = subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=6000, check=False)
-            self.assertEqual(result.returncode, 129, function)
+            self.assertEqual(WINE.run(program, "service-remove")[0], 129, function)
             (dump,) = (directory / "work/dumps").glob("*.dmp")
             self.assertIn(STAMP, dump.name)
             trace = output(str(ROOT / "scripts/dump-backtrace"), str(dump), str(self.symbols() / "quorkeri_service.exe"))
@@ -544,7 +547,7 @@ class DeploymentTest(unittest.TestCase):
         (directory / "bin").mkdir()
         program = directory / "bin/quorkeri_service.exe"
         program.write_bytes(exe().__data__[:])
-        subprocess.run([ROOT / "scripts/lib/wine-run", program, "service-remove"], timeout=6000, check=False)
+        WINE.run(program, "service-remove")
         content = (directory / "work/logs/service.log").read_text("utf-8")
         texts = self.texts()
         log = json.loads(texts["logs/service-log.json"])
