@@ -189,13 +189,19 @@ ModuleGeneration currentGeneration() {
     return generation;
 }
 
-// Adds one module to those that are known.
+// Adds one module to those that are known. The executable's file may have been replaced since, so it is opened by the
+// kernel's own name for it.
 bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later) {
+    const char* const opened = module.image == executablePath() ? "/proc/self/exe" : module.image.c_str();
+    ScopedFd file(::open(opened, O_RDONLY | O_CLOEXEC));
     dwfl_report_begin_add(library);
-    const bool isAdded = dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), /*fd=*/-1, module.base,
-                                         /*add_p_vaddr=*/true) != nullptr;
+    const bool isAdded = file && dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), file.get(),
+                                                 module.base, /*add_p_vaddr=*/true) != nullptr;
     dwfl_report_end(library, /*removed=*/nullptr, /*arg=*/nullptr);
-    if (isAdded) return true;
+    if (isAdded) {
+        static_cast<void>(file.release()); // the library closes it
+        return true;
+    }
     later.add([module] {
         MLOG(Norm, "NS_CORE::StackTrace::loadModule", "failed to load image=%s module=%d base_addr=%d, size=%d",
              module.image, module.name, module.base, module.size);

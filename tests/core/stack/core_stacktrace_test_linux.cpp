@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <string>
@@ -11,7 +12,9 @@
 
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace_linux.h"
+#include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -23,14 +26,27 @@ using NS_CORE::StackTrace;
     return text;
 }
 
+const std::string kExpected = "#01 in (anonymous namespace)::traceHere() at core_stacktrace_test_linux.cpp:";
+
 TEST(StackTrace, StaysWholeWhenModulesComeAndGo) {
-    const std::string expected = "#01 in (anonymous namespace)::traceHere() at core_stacktrace_test_linux.cpp:";
-    EXPECT_EQ(traceHere().substr(0, expected.size()), expected);
+    EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
     void* const library = ::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr);
-    EXPECT_EQ(traceHere().substr(0, expected.size()), expected);
+    EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
     ::dlclose(library);
-    EXPECT_EQ(traceHere().substr(0, expected.size()), expected);
+    EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
+}
+
+const test::ChildProgram g_tracesWithoutItsFile("traces_without_its_file", [](const auto& arguments) {
+    EXPECT_TRUE(std::filesystem::remove(arguments.at(0)));
+    return traceHere().starts_with(kExpected) ? 0 : 1;
+});
+
+TEST(StackTrace, StaysWholeWhenTheProgramsFileGoes) {
+    const test::TempDir dir;
+    const std::string program = dir.file("program");
+    test::linkThisProgram(program);
+    EXPECT_EQ(test::runAndWait(test::childCommandLineOf(program, "traces_without_its_file", {program})), 0);
 }
 
 void describeHere() {
