@@ -156,8 +156,8 @@ void logLater(uint32_t level, std::string_view text) {
     g_state->waiting.emplace_back(level, text);
 }
 
-// Calls `action` with the rate limit's implementation under its lock, and logs what was to be logged meanwhile after its
-// release.
+// Calls `action` with the rate limit's implementation under its lock, and logs what was to be logged meanwhile after
+// its release.
 template <class Action>
 void serveRateLimit(Action&& action) {
     std::vector<std::pair<uint32_t, std::string>> records;

@@ -45,8 +45,8 @@ public:
     StackTrace(const StackTrace&) = delete;
     StackTrace& operator=(const StackTrace&) = delete;
 
-    // Registers all modules of the process with the symbol library: on Windows once per object, on Linux those that came
-    // and went since. If the list of modules cannot be read, the next walk tries again. getStack does the same.
+    // Registers all modules of the process with the symbol library: on Windows once per object, on Linux those that
+    // came and went since. If the list of modules cannot be read, the next walk tries again. getStack does the same.
     void loadModules();
 
     // Registers one module. Returns false, and logs at NORM, if the library refuses it.
@@ -70,7 +70,7 @@ public:
 
 private:
     SymbolLock m_lock;
-    ProcessHandle m_process = nullptr; // null without symbols
+    ProcessHandle m_process = nullptr;             // null without symbols
     [[maybe_unused]] bool m_modulesLoaded = false; // on Windows
 };
 

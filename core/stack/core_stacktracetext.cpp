@@ -74,7 +74,8 @@ std::string functionName(std::string_view demangled) {
         if (depth == 0 && demangled.substr(at).starts_with(kOperator)) {
             isFixed = true;
             at += kOperator.size();
-            // An operator's name ends where its parameters begin. Those of "operator()" are found after its own brackets.
+            // An operator's name ends where its parameters begin. Those of "operator()" are found after its own
+            // brackets.
             at = demangled.find('(', at);
             if (at == std::string_view::npos) break;
             parameters = at;
