@@ -105,6 +105,7 @@ int launch(const char* commandLine, pid_t& child) {
     if (program.empty()) return ENOENT;
 
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
 
