@@ -92,7 +92,7 @@ void reserveStackForOverflow() {
 void giveBackStack() {
     constexpr size_t kInUse = 16 * 1024;
     const UnusedStack stack = unusedStack();
-    ::VirtualAlloc(stack.end, stack.size - kInUse, MEM_RESET, PAGE_READWRITE);
+    if (stack.size > kInUse) ::VirtualAlloc(stack.end, stack.size - kInUse, MEM_RESET, PAGE_READWRITE);
 }
 
 [[noreturn]] void endWithCrashResult() {
