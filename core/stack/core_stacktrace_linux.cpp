@@ -155,6 +155,7 @@ struct LoadedModule {
     std::string name;
     uint64_t base;
     uint32_t size;
+    bool isExecutable = false;
 };
 
 struct ModuleList {
@@ -167,14 +168,15 @@ struct ModuleList {
 int addModule(dl_phdr_info* info, size_t /*size*/, void* data) {
     auto& list = *static_cast<ModuleList*>(data);
     list.generation = {info->dlpi_adds, info->dlpi_subs};
-    const std::string image = *info->dlpi_name == '\0' ? executablePath() : info->dlpi_name;
+    const bool isExecutable = *info->dlpi_name == '\0';
+    const std::string image = isExecutable ? executablePath() : info->dlpi_name;
     if (image.find('/') == std::string::npos) return 0;
     uint64_t end = 0;
     for (const auto& header : std::span(info->dlpi_phdr, info->dlpi_phnum)) {
         if (header.p_type == PT_LOAD) end = std::max<uint64_t>(end, header.p_vaddr + header.p_memsz);
     }
     list.modules.push_back(
-        {image, image.substr(image.find_last_of('/') + 1), info->dlpi_addr, static_cast<uint32_t>(end)});
+        {image, image.substr(image.find_last_of('/') + 1), info->dlpi_addr, static_cast<uint32_t>(end), isExecutable});
     return 0;
 }
 
@@ -192,7 +194,7 @@ ModuleGeneration currentGeneration() {
 // Adds one module to those that are known. The executable's file may have been replaced since, so it is opened by the
 // kernel's own name for it.
 bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later) {
-    const char* const opened = module.image == executablePath() ? "/proc/self/exe" : module.image.c_str();
+    const char* const opened = module.isExecutable ? "/proc/self/exe" : module.image.c_str();
     ScopedFd file(::open(opened, O_RDONLY | O_CLOEXEC));
     dwfl_report_begin_add(library);
     const bool isAdded = file && dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), file.get(),
