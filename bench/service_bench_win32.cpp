@@ -27,7 +27,7 @@ using std::chrono::seconds;
 
 struct Rounds {
     int starts = 30;
-    int restarts = 15; // of each of several services
+    int restarts = 20; // of each of several services
     int copies = 30;
     int idleSeconds = 30;
 };
@@ -327,20 +327,21 @@ void startMute(Candidate& candidate) {
 
 void measureRestart(const Programs& programs, int rounds) {
     // Several of each kind: while one pauses, others restart. With this step a restart falls into the middle between
-    // the ends of two other companions, and is over when its service's turn comes again.
-    constexpr size_t kCandidates = 4 * kKinds;
-    constexpr std::chrono::milliseconds kStep(480);
+    // the ends of two other companions, and is over when its service's turn comes again. In this order each kind
+    // follows each kind once, so that none has the advantage of what another one's end leaves behind.
+    constexpr std::array<size_t, kKinds * kKinds> kOrder = {0, 0, 1, 0, 2, 1, 1, 2, 2};
+    constexpr std::chrono::milliseconds kStep(588);
     std::vector<std::unique_ptr<Candidate>> candidates;
-    for (size_t i = 0; i < kCandidates; ++i) {
-        candidates.push_back(makeCandidate(i % kKinds, i, programs));
+    for (size_t i = 0; i < kOrder.size(); ++i) {
+        candidates.push_back(makeCandidate(kOrder[i], i, programs));
         startMute(*candidates.back());
     }
     std::array<Samples, kKinds> restarts;
     test::Clock::time_point turn = test::Clock::now();
     for (int round = 0; round <= rounds; ++round) {
-        for (size_t i = 0; i < kCandidates; ++i, turn += kStep) {
+        for (size_t i = 0; i < kOrder.size(); ++i, turn += kStep) {
             std::this_thread::sleep_until(turn);
-            if (round > 0) restarts[i % kKinds].add(candidates[i]->awaitRestart());
+            if (round > 0) restarts[kOrder[i]].add(candidates[i]->awaitRestart());
             if (round < rounds) candidates[i]->endCompanion();
         }
     }
