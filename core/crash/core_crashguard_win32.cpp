@@ -78,13 +78,9 @@ void reserveStackForOverflow() {
     ::SetThreadStackGuarantee(&guarantee);
     // Some systems (Wine) commit the whole stack and leave its guard page at the very end. An overflow then has a few
     // hundred bytes to be handled in, and the system ends the thread when they are used up. So the guard page is moved.
-    char* const end = unusedStack().end + kStackGuarantee;
-    MEMORY_BASIC_INFORMATION stack{};
-    ::VirtualQuery(end, &stack, sizeof(stack));
-    if (stack.State == MEM_COMMIT && stack.Protect == PAGE_READWRITE) {
-        DWORD before = 0;
-        ::VirtualProtect(end, /*dwSize=*/1, PAGE_READWRITE | PAGE_GUARD, &before);
-    }
+    // Where that part of the stack is not committed yet, this call fails, and the system moves the page itself.
+    DWORD before = 0;
+    ::VirtualProtect(unusedStack().end + kStackGuarantee, /*dwSize=*/1, PAGE_READWRITE | PAGE_GUARD, &before);
 }
 
 // Gives back the memory of the stack that the calling thread does not use yet. Some systems (Wine) touch all of it when
@@ -192,7 +188,7 @@ private:
     void writeDump(DumpWriter writer);
     DWORD errorOfDump(const SymbolLibrary& library);
 
-    std::atomic<DWORD> m_guardedThread{0}; // 0 while nothing is guarded
+    std::atomic<DWORD> m_guardedThread{0}; // set before the handlers that read it
     std::terminate_handler m_terminateBefore = nullptr;
     void (*m_abortBefore)(int) = SIG_DFL;
 
@@ -245,7 +241,6 @@ void CrashGuard::restoreHandlers() {
     if (m_isReporting) return;
     std::signal(SIGABRT, m_abortBefore);
     std::set_terminate(m_terminateBefore);
-    m_guardedThread = 0;
 }
 
 // The threads of an earlier run still wait. Without the watchdog there is no limit; without the writer the faulting

@@ -15,9 +15,8 @@
 namespace NS_CORE {
 namespace {
 
-// Stands in the command line, followed by the members of Task, each as kDigits hexadecimal digits and a blank.
-constexpr std::wstring_view kWord = L" quorkeri-crash-watch ";
-constexpr size_t kNumbers = 4;
+// Stands in the command line, followed by the members of Task, each as kDigits hexadecimal digits.
+constexpr std::wstring_view kWord = L"quorkeri-crash-watch ";
 constexpr size_t kDigits = 8;
 
 // How long end() waits until the watcher has ended. A quiet machine needs some milliseconds.
@@ -65,14 +64,12 @@ uint64_t activityOf(HANDLE process) {
     ::TerminateProcess(::GetCurrentProcess(), 0);
 }
 
-// With the full path, however long it is; empty if it is not known.
+// With the full path, however long it is, and zeros behind it.
 std::wstring pathOfProgram() {
     std::wstring path(MAX_PATH, L'\0');
-    const auto read = [&path] { return ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())); };
-    DWORD length = read();
     // As long as the buffer: the path was cut.
-    for (; length == path.size(); length = read()) path.resize(2 * path.size());
-    path.resize(length);
+    while (::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())) == path.size())
+        path.resize(2 * path.size());
     return path;
 }
 
@@ -97,13 +94,9 @@ uint64_t sizeOfFile(HANDLE file) {
 
 void CrashWatch::prepare() {
     m_program = pathOfProgram();
-    m_commandLine = L'"' + m_program + L'"' + kWord.data();
-    m_numbers = m_commandLine.size();
-    m_commandLine.append(kNumbers * (kDigits + 1), L' ');
 }
 
 void CrashWatch::start(HANDLE dump, UINT exitCode) {
-    if (m_program.empty()) return;
     const ScopedKernelHandle process = inheritable(
         ::GetCurrentProcess(), PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_VM_READ | SYNCHRONIZE);
     const ScopedKernelHandle file =
@@ -120,7 +113,8 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
                                     file ? sizeof(handles) : sizeof(handles.front()), /*lpPreviousValue=*/nullptr,
                                     /*lpReturnSize=*/nullptr) == FALSE)
         return;
-    wchar_t* to = m_commandLine.data() + m_numbers;
+    wchar_t commandLine[] = L"quorkeri-crash-watch 00000000 00000000 00000000 00000000";
+    wchar_t* to = commandLine + kWord.size();
     for (const uintptr_t number : {reinterpret_cast<uintptr_t>(process.get()), reinterpret_cast<uintptr_t>(file.get()),
                                    uintptr_t{g_crashPatienceMs}, uintptr_t{exitCode}}) {
         putNumber(to, number);
@@ -131,7 +125,7 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
     startup.StartupInfo.dwFlags = STARTF_FORCEOFFFEEDBACK; // leave the pointer on the screen as it is
     startup.lpAttributeList = list;
     PROCESS_INFORMATION started{};
-    if (::CreateProcessW(m_program.c_str(), m_commandLine.data(), /*lpProcessAttributes=*/nullptr,
+    if (::CreateProcessW(m_program.c_str(), commandLine, /*lpProcessAttributes=*/nullptr,
                          /*lpThreadAttributes=*/nullptr, /*bInheritHandles=*/TRUE,
                          DETACHED_PROCESS | EXTENDED_STARTUPINFO_PRESENT, /*lpEnvironment=*/nullptr,
                          /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)

@@ -58,8 +58,6 @@ public:
 
 private:
     std::wstring m_program;                 // with its full path
-    std::wstring m_commandLine;             // the program and the word, and room for the numbers
-    size_t m_numbers = 0;                   // where they go
     std::atomic<HANDLE> m_watcher{nullptr}; // open until this process has ended
 };
 

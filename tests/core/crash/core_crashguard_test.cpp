@@ -17,6 +17,11 @@
 #include "tests/core/crash/crash_fixture.h"
 #include "tests/support/child.h"
 
+void test::allocateAside() {
+    std::thread([] { std::free(std::malloc(1'000'000)); }).join();
+    std::printf("allocated\n");
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -120,6 +125,7 @@ const test::Preparations& preparations() {
         {"exit-throws", [] { std::atexit([] { test::crash("exception"); }); }},
         {"static-faults", [] { static const FaultsWhenDestroyed one; }},
         {"exit-hangs", [] { std::atexit(&waitForever); }},
+        {"exit-allocates", [] { std::atexit(&test::allocateAside); }},
     };
     return all;
 }
@@ -206,6 +212,7 @@ TEST_F(CrashTest, SecondCrashOverwritesTheDumpAndAddsToTheHistory) {
     EXPECT_EQ(run({}), test::kCrashExitCode);
     EXPECT_EQ(std::distance(fs::directory_iterator(dumps()), fs::directory_iterator()), 1);
     EXPECT_LT(fs::file_size(dumpFile()), 50'000'000U);
+    EXPECT_NE(fs::status(dumpFile()).permissions() & fs::perms::owner_write, fs::perms::none);
     EXPECT_EQ(history(), historyLine() + historyLine());
 }
 
@@ -293,8 +300,9 @@ TEST_F(CrashTest, AWriterThatIsSlowIsNotGivenUp) {
 
 TEST_F(CrashTest, ThreadsThatTraceDisturbNothing) {
     expectFullReport({.preparation = "traced"});
-    expectFullReport(
-        {.preparation = "library-held", .patienceMs = (test::kContinuesAfterHang ? 1 : 2) * kImpatienceMs});
+    expectCrash({.preparation = "library-held+exit-allocates",
+                 .patienceMs = (test::kContinuesAfterHang ? 1 : 2) * kImpatienceMs});
+    EXPECT_EQ(m_output, written() + "allocated\n");
 }
 
 TEST_F(CrashTest, ALogThatFaultsCostsItsLineAlone) {

@@ -3,12 +3,16 @@
 #include <windows.h>
 // tlhelp32.h needs windows.h before it.
 #include <tlhelp32.h>
+// psapi.h needs windows.h before it.
+#include <psapi.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <thread>
 
 #include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
@@ -100,6 +104,13 @@ void tellWatchers() {
     std::fflush(stdout);
 }
 
+// Whether what the calling thread's stack does not need yet takes no memory.
+bool isStackUnused() {
+    PSAPI_WORKING_SET_EX_INFORMATION page{};
+    page.VirtualAddress = reinterpret_cast<char*>(&page) - 256 * 1024;
+    return ::K32QueryWorkingSetEx(::GetCurrentProcess(), &page, sizeof(page)) && !page.VirtualAttributes.Valid;
+}
+
 // Prints what it is asked for, and whether others may read and write the dump meanwhile.
 BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
                            MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
@@ -109,15 +120,93 @@ BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
                                                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
                                                         nullptr));
     const DWORD options = NS_CORE::SymbolLibrary::get()->getOptions();
-    std::printf("type %d, deferred %d, process %d, code %lx, other thread %d, streams %d, callback %d, shared %d\n",
-                type, (options & SYMOPT_DEFERRED_LOADS) != 0,
-                process == ::GetCurrentProcess() && id == ::GetCurrentProcessId(),
-                exception->ExceptionPointers->ExceptionRecord->ExceptionCode,
-                exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
-                callback != nullptr, static_cast<bool>(again));
+    std::printf(
+        "type %d, deferred %d, process %d, code %lx, other thread %d, streams %d, callback %d, shared %d, "
+        "stack %d\n",
+        type, (options & SYMOPT_DEFERRED_LOADS) != 0, process == ::GetCurrentProcess() && id == ::GetCurrentProcessId(),
+        exception->ExceptionPointers->ExceptionRecord->ExceptionCode,
+        exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
+        callback != nullptr, static_cast<bool>(again), isStackUnused());
     tellWatchers();
     ::SetLastError(ERROR_WRITE_FAULT);
     return FALSE;
+}
+
+decltype(&::CreateProcessW) g_createProcess = nullptr;
+
+BOOL WINAPI tellFlags(LPCWSTR program, LPWSTR words, LPSECURITY_ATTRIBUTES process, LPSECURITY_ATTRIBUTES thread,
+                      BOOL inherits, DWORD flags, LPVOID environment, LPCWSTR directory, LPSTARTUPINFOW startup,
+                      LPPROCESS_INFORMATION started) {
+    std::printf("flags %lx\n", flags);
+    return g_createProcess(program, words, process, thread, inherits, flags, environment, directory, startup, started);
+}
+
+// The wait for the watcher's end.
+DWORD WINAPI tellWait(HANDLE object, DWORD milliseconds) {
+    const DWORD result = ::WaitForSingleObjectEx(object, milliseconds, FALSE);
+    if (milliseconds == 5000) std::printf("waited %lu\n", result);
+    return result;
+}
+
+decltype(&::SetEvent) g_setEvent = nullptr;
+
+// Whoever waits for it has done its work before the caller goes on.
+BOOL WINAPI setAndAwaitDump(HANDLE event) {
+    const BOOL isSet = g_setEvent(event);
+    while (::GetFileAttributesA(NS_CORE::crashNames("core_tests").dumpFile.c_str()) == INVALID_FILE_ATTRIBUTES)
+        ::Sleep(1);
+    return isSet;
+}
+
+// The watchdog's time, which the steps of a report let pass: nine looks, one less than it needs to give up.
+const NS_CORE::ScopedKernelHandle g_wantsToLook{::CreateSemaphoreA(nullptr, 0, 1000, nullptr)};
+const NS_CORE::ScopedKernelHandle g_mayLook{::CreateSemaphoreA(nullptr, 0, 1000, nullptr)};
+decltype(&::GetSystemDirectoryW) g_getSystemDirectory = nullptr;
+decltype(&::CreateDirectoryA) g_createDirectory = nullptr;
+decltype(&::_wfopen) g_open = nullptr;
+
+void WINAPI sleepUntilAllowed(DWORD milliseconds) {
+    if (milliseconds == INFINITE) ::SleepEx(INFINITE, FALSE);
+    ::ReleaseSemaphore(g_wantsToLook.get(), 1, nullptr);
+    ::WaitForSingleObject(g_mayLook.get(), INFINITE);
+}
+
+void letLook() {
+    for (int looks = 0; looks < 9; ++looks) {
+        ::WaitForSingleObject(g_wantsToLook.get(), INFINITE);
+        ::ReleaseSemaphore(g_mayLook.get(), 1, nullptr);
+    }
+}
+
+UINT WINAPI findDirectorySlowly(LPWSTR directory, UINT size) {
+    letLook();
+    return g_getSystemDirectory(directory, size);
+}
+
+BOOL WINAPI createDirectorySlowly(LPCSTR path, LPSECURITY_ATTRIBUTES attributes) {
+    letLook();
+    return g_createDirectory(path, attributes);
+}
+
+BOOL WINAPI startNothingSlowly(LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
+                               LPCWSTR, LPSTARTUPINFOW, LPPROCESS_INFORMATION) {
+    letLook();
+    return FALSE;
+}
+
+std::FILE* openSlowly(const wchar_t* path, const wchar_t* mode) {
+    letLook();
+    return g_open(path, mode);
+}
+
+struct ActingObserver : NS_CORE::GlobalLogObserver {
+    explicit ActingObserver(void (*run)()) : act(run) {}
+    void notify(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override { act(); }
+    void (*act)();
+};
+
+void whenLogged(void (*act)()) {
+    NS_CORE::MasterLogger::setGlobalObserver(std::make_unique<ActingObserver>(act));
 }
 
 UINT WINAPI findNoDirectory(LPWSTR, UINT) {
@@ -159,9 +248,31 @@ const Preparations& platformPreparations() {
          }},
         {"writer-tells",
          [] {
+             static const ImportHook starts("CreateProcessW", &tellFlags);
+             g_createProcess = starts.original();
+             static const ImportHook waits("WaitForSingleObject", &tellWait);
+             static const ImportHook sets("SetEvent", &setAndAwaitDump);
+             g_setEvent = sets.original();
              setWriter(&tellParameters);
              std::atexit(&tellWatchers);
          }},
+        {"slow-steps",
+         [] {
+             static const ImportHook sleeps("Sleep", &sleepUntilAllowed);
+             static const ImportHook finds("GetSystemDirectoryW", &findDirectorySlowly);
+             g_getSystemDirectory = finds.original();
+             static const ImportHook creates("CreateDirectoryA", &createDirectorySlowly);
+             g_createDirectory = creates.original();
+             static const ImportHook starts("CreateProcessW", &startNothingSlowly);
+             static const ImportHook opens("_wfopen", &openSlowly);
+             g_open = opens.original();
+             whenLogged(&letLook);
+             std::atexit([] {
+                 letLook();
+                 std::printf("in time\n");
+             });
+         }},
+        {"log-other-faults", [] { whenLogged([] { std::thread([] { crash("null"); }).join(); }); }},
         {"library-missing",
          [] {
              static const ImportHook<decltype(::GetSystemDirectoryW)> hook("GetSystemDirectoryW", &findNoDirectory);
@@ -222,8 +333,8 @@ TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
 TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     for (const auto& [act, code] : {std::pair{"null", "c0000005"}, {"exception", "e0000001"}, {"abort", "e0000002"}}) {
         EXPECT_EQ(run({.act = act, .preparation = "writer-tells"}), test::kCrashExitCode);
-        EXPECT_EQ(m_output, std::string("type 1, deferred 1, process 1, code ") + code +
-                                ", other thread 1, streams 0, callback 0, shared 1\n1 watchers\n" +
+        EXPECT_EQ(m_output, std::string("flags 80008\ntype 1, deferred 1, process 1, code ") + code +
+                                ", other thread 1, streams 0, callback 0, shared 1, stack 1\n1 watchers\nwaited 0\n" +
                                 failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
     }
     // A writer that has no file is watched, too.
@@ -231,6 +342,101 @@ TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     std::filesystem::create_directory(dumpFile());
     run({.preparation = "writer-tells"});
     EXPECT_NE(m_output.find("\n1 watchers\n"), std::string::npos);
+}
+
+// Each step has the whole patience.
+TEST_F(CrashTest, StepsThatAreSlowAreNotGivenUp) {
+    expectCrash({.preparation = "slow-steps", .patienceMs = 600'000});
+    EXPECT_EQ(m_output, written() + "in time\n");
+}
+
+TEST_F(CrashTest, AFaultOfAnotherThreadDuringTheReportDoesNotChangeTheResult) {
+    EXPECT_EQ(run({.preparation = "log-other-faults"}), test::kCrashExitCode);
+}
+
+// Calls of the system that fail: those of one function, from the first or a later one on.
+std::string g_failing;
+int g_callsBefore = 0;
+int g_threads = 0;
+
+bool fails(const char* function) {
+    return g_failing == function && g_callsBefore-- == 0;
+}
+
+HANDLE WINAPI makeEvent(LPSECURITY_ATTRIBUTES attributes, BOOL isManualReset, BOOL isSet, LPCSTR name) {
+    return fails("event")
+               ? nullptr
+               : ::CreateEventExA(attributes, name, (isManualReset ? 1 : 0) | (isSet ? 2 : 0), EVENT_ALL_ACCESS);
+}
+
+HANDLE WINAPI beginThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stack, LPTHREAD_START_ROUTINE function,
+                          LPVOID parameter, DWORD flags, LPDWORD id) {
+    if (fails("thread")) return nullptr;
+    ++g_threads;
+    return ::CreateRemoteThread(::GetCurrentProcess(), attributes, stack, function, parameter, flags, id);
+}
+
+int guarded(NS_CORE::ApplicationMain application) {
+    char program[] = "program";
+    char* argv[] = {program, nullptr};
+    return NS_CORE::guard(1, argv, application);
+}
+
+const test::ChildProgram g_failingCalls("guarded-with-failing-calls", [](const std::vector<std::string>& arguments) {
+    const test::ImportHook events("CreateEventA", &makeEvent);
+    const test::ImportHook threads("CreateThread", &beginThread);
+    g_failing = arguments.at(1);
+    g_callsBefore = std::stoi(arguments.at(2));
+    std::filesystem::current_path(arguments.at(0));
+    NS_CORE::setDefaultPaths();
+    return guarded([](int, char**) {
+        std::printf("%d threads\n", g_threads);
+        std::atexit(&test::allocateAside);
+        test::crash("null");
+        return 0;
+    });
+});
+
+TEST_F(CrashTest, NeedsNeitherEventsNorThreads) {
+    for (const auto& [call, callsBefore, threads] :
+         {std::tuple{"event", 0, 0}, {"event", 1, 0}, {"event", 2, 0}, {"thread", 0, 1}, {"thread", 1, 1}}) {
+        test::SelfProcess child("guarded-with-failing-calls",
+                                {m_directory.path().string(), call, std::to_string(callsBefore)});
+        std::string output = child.readAll();
+        std::erase(output, '\r');
+        EXPECT_EQ(output, std::to_string(threads) + " threads\n" + written() + "allocated\n") << call << callsBefore;
+        EXPECT_EQ(child.wait(), test::kCrashExitCode);
+        EXPECT_GT(std::filesystem::file_size(dumpFile()), 100U);
+        std::filesystem::remove(dumpFile());
+    }
+}
+
+const test::ChildProgram g_terminates("guarded-terminates-aside", [](const std::vector<std::string>&) {
+    std::set_terminate([] { std::_Exit(42); });
+    return guarded([](int, char**) {
+        std::thread([] { std::terminate(); }).join();
+        return 0;
+    });
+});
+
+TEST(CrashHandlers, AreTheEarlierOnesForOtherThreads) {
+    EXPECT_EQ(test::SelfProcess("guarded-terminates-aside").wait(), 42);
+}
+
+// What an overflow needs is kept, and what the stack does not need yet is given back.
+TEST(CrashHandlers, HaveTheirPartOfTheStack) {
+    const auto application = [](int, char**) {
+        ULONG kept = 0;
+        ::SetThreadStackGuarantee(&kept);
+        EXPECT_EQ(kept, 65'536U);
+        MEMORY_BASIC_INFORMATION stack{};
+        ::VirtualQuery(&stack, &stack, sizeof(stack));
+        ::VirtualQuery(static_cast<char*>(stack.AllocationBase) + kept, &stack, sizeof(stack));
+        EXPECT_TRUE(stack.State != MEM_COMMIT || (stack.Protect & PAGE_GUARD) != 0);
+        EXPECT_TRUE(test::isStackUnused());
+        return 7;
+    };
+    EXPECT_EQ(guarded(application), 7);
 }
 
 // The writer left the watchdog suspended.
@@ -274,9 +480,7 @@ TEST(WrittenDump, IsCutOffOrNoFile) {
 
 // Calls a function of the runtime library with an argument that it refuses, under guard.
 int callWithBadArgument() {
-    char program[] = "program";
-    char* argv[] = {program, nullptr};
-    return NS_CORE::guard(1, argv, [](int, char**) { return int{::fopen_s(nullptr, "file", "r")}; });
+    return guarded([](int, char**) { return int{::fopen_s(nullptr, "file", "r")}; });
 }
 
 const std::string kInvalidParameter = "Invalid parameter detected (exp=(null)) (func=(null)) (file=(null):0)";

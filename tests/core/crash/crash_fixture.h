@@ -21,6 +21,9 @@ namespace test {
 // By name: what a program breaks in itself before it crashes under guard.
 using Preparations = std::map<std::string, std::function<void()>>;
 
+// Waits for a thread that allocates memory, then prints so.
+void allocateAside();
+
 // The preparations that only this platform has.
 const Preparations& platformPreparations();
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +35,7 @@ struct {
     bool initialises = true;
     bool findsSymbol = true;
     bool findsModule = true;
+    bool loads = false;
     int undecorateFailures = 0;
     DWORD error = kSomeError; // that failing functions leave
     int invalidSnapshots = 0;
@@ -70,6 +72,7 @@ DWORD WINAPI getOptions() {
 
 DWORD WINAPI setOptions(DWORD options) {
     EXPECT_EQ(options, 0x212U) << "lines, no boxes for errors, and what was set";
+    note("setOptions");
     return options;
 }
 
@@ -82,7 +85,8 @@ BOOL WINAPI getSearchPath(HANDLE, PSTR, DWORD size) {
 DWORD64 WINAPI loadModule(HANDLE, HANDLE file, PCSTR, PCSTR, DWORD64 base, DWORD) {
     EXPECT_EQ(file, nullptr);
     g_library.bases.push_back(base);
-    return static_cast<DWORD64>(fail());
+    if (g_library.error != 0) fail();
+    return g_library.loads ? base : 0;
 }
 
 // One frame, then the end.
@@ -187,6 +191,13 @@ protected:
     const test::LogRecorder m_log;
 };
 
+// Whoever is told of a record may have other threads trace.
+struct LockingObserver : NS_CORE::GlobalLogObserver {
+    void notify(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
+        std::thread([] { EXPECT_TRUE(NS_CORE::SymbolLock(/*timeoutMs=*/10).isHeld()); }).join();
+    }
+};
+
 TEST_F(SymbolLibraryTest, IsInitialisedForTheDirectoriesOfTheProcess) {
     const test::TempDir dir;
     const std::filesystem::path before = std::filesystem::current_path();
@@ -200,14 +211,42 @@ TEST_F(SymbolLibraryTest, IsInitialisedForTheDirectoriesOfTheProcess) {
         EXPECT_EQ(g_library.path, path);
     }
     g_library.initialises = false;
+    NS_CORE::MasterLogger::setGlobalObserver(std::make_unique<LockingObserver>());
     StackTrace none;
+    NS_CORE::MasterLogger::setGlobalObserver(nullptr);
     std::vector<StackTrace::Frame> frames;
     EXPECT_FALSE(none.getStack(frames, 1));
-    std::thread([] { EXPECT_TRUE(NS_CORE::SymbolLock(/*timeoutMs=*/10).isHeld()); }).join();
     std::filesystem::current_path(before);
-    EXPECT_EQ(g_library.calls, (Lines{"initialize", "getSearchPath", "cleanup", "initialize"}));
+    EXPECT_EQ(g_library.calls, (Lines{"initialize", "setOptions", "getSearchPath", "cleanup", "initialize"}));
     EXPECT_EQ(m_log.lines(), (Lines{"NORM NS_CORE::StackTrace::StackTrace - failed to initialise symbols from " + path,
                                     "WARN Log at core_stacktrace_win32:186 (NS_CORE::StackTrace::getStack)"}));
+}
+
+// As the system does with a path that is longer than the buffer.
+DWORD WINAPI cutPath(HMODULE, LPSTR path, DWORD size) {
+    std::memset(path, 'p', size);
+    path[1] = '\\';
+    return size;
+}
+
+TEST_F(SymbolLibraryTest, TakesTheDirectoryOfACutPath) {
+    const test::ImportHook hook("GetModuleFileNameA", &cutPath);
+    const StackTrace trace;
+    EXPECT_NE(g_library.path.find(";p;p\\symbols;"), std::string::npos) << g_library.path;
+}
+
+UINT WINAPI findNoDirectory(LPWSTR, UINT) {
+    return 0;
+}
+
+const test::ChildProgram g_noLibrary("without-symbol-library", [](const std::vector<std::string>&) {
+    const test::ImportHook hook("GetSystemDirectoryW", &findNoDirectory);
+    const bool isLoaded = StackTrace::loadModule(::GetCurrentProcess(), "a.dll", "a", 0x400000, 4096);
+    return !isLoaded && StackTrace().toText() == "Failed to get stack" ? 7 : 0;
+});
+
+TEST(SymbolLibrary, MayBeMissing) {
+    EXPECT_EQ(test::runAndWait(test::childCommandLine("without-symbol-library")), 7);
 }
 
 TEST_F(SymbolLibraryTest, StaysInitialisedUntilTheLastTraceOfTheThreadEnds) {
@@ -216,8 +255,8 @@ TEST_F(SymbolLibraryTest, StaysInitialisedUntilTheLastTraceOfTheThreadEnds) {
         const StackTrace inner;
     }
     const StackTrace next;
-    EXPECT_EQ(g_library.calls,
-              (Lines{"initialize", "getSearchPath", "getSearchPath", "cleanup", "initialize", "getSearchPath"}));
+    EXPECT_EQ(g_library.calls, (Lines{"initialize", "setOptions", "getSearchPath", "setOptions", "getSearchPath",
+                                      "cleanup", "initialize", "setOptions", "getSearchPath"}));
 }
 
 TEST_F(SymbolLibraryTest, GivesAFrameWhatItFindsAndTheLogWhatItDoesNot) {
@@ -254,7 +293,12 @@ TEST_F(SymbolLibraryTest, KnowsTheModulesOfTheFirstSnapshotThatSucceeds) {
     for (int walks = 0; walks < 3; ++walks) EXPECT_TRUE(trace.getStack(frames, StackTrace::kMaxFrames));
     EXPECT_EQ(g_library.calls, (Lines{"snapshot", "snapshot"}));
     EXPECT_EQ(g_library.bases, (std::vector<DWORD64>{0x400000, 0xffffffff80001000}));
-    EXPECT_TRUE(StackTrace::loadModule(::GetCurrentProcess(), "a.dll", "a", 0x400000, 4096));
+    for (const bool loads : {false, true}) {
+        g_library.loads = loads;
+        g_library.error = loads ? kSomeError : 0;
+        ::SetLastError(kSomeError);
+        EXPECT_TRUE(StackTrace::loadModule(::GetCurrentProcess(), "a.dll", "a", 0x400000, 4096));
+    }
     EXPECT_EQ(m_log.lines(), Lines());
 }
 
