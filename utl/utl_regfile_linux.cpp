@@ -59,7 +59,7 @@ public:
     // Names may hold brackets: the last one of the line closes. "[-" would delete a key.
     bool takeKey(std::string& path) {
         const std::string_view line = restOfLine();
-        if (line.size() < 2 || line.front() != '[' || line[1] == '-' || line.back() != ']') return false;
+        if (!line.starts_with('[') || line.starts_with("[-") || !line.ends_with(']')) return false;
         path = lowerCase(line.substr(1, line.size() - 2));
         return take(line);
     }

@@ -131,9 +131,8 @@ int findDebugInformation(Dwfl_Module* module, void** userData, const char* name,
     return -1;
 }
 
-// Returns false if the library cannot be opened.
-bool openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
-    if (session.library) return true;
+// A new session, which knows no module. Null if there is no memory for it.
+void openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     session.searchPath = debugSearchPath();
     session.searchPathText = session.searchPath.data();
     session.callbacks.find_elf = dwfl_linux_proc_find_elf;
@@ -141,13 +140,6 @@ bool openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) 
     session.callbacks.section_address = dwfl_offline_section_address;
     session.callbacks.debuginfo_path = &session.searchPathText;
     session.library.reset(dwfl_begin(&session.callbacks));
-    return session.library != nullptr;
-}
-
-bool openTheLibrary() {
-    Session& session = theSession();
-    const absl::MutexLock lock(&session.mutex);
-    return openLibrary(session);
 }
 
 struct LoadedModule {
@@ -175,8 +167,7 @@ int addModule(dl_phdr_info* info, size_t /*size*/, void* data) {
     for (const auto& header : std::span(info->dlpi_phdr, info->dlpi_phnum)) {
         if (header.p_type == PT_LOAD) end = std::max<uint64_t>(end, header.p_vaddr + header.p_memsz);
     }
-    list.modules.push_back(
-        {image, image.substr(image.find_last_of('/') + 1), info->dlpi_addr, static_cast<uint32_t>(end), isExecutable});
+    list.modules.push_back({image, image, info->dlpi_addr, static_cast<uint32_t>(end), isExecutable});
     return 0;
 }
 
@@ -215,8 +206,8 @@ bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later
 // knows already.
 void updateModules(Session& session, LaterRecords& later) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.generation == currentGeneration()) return;
-    session.library.reset();
-    if (!openLibrary(session)) return;
+    openLibrary(session);
+    if (!session.library) return;
     ModuleList list;
     dl_iterate_phdr(&addModule, &list);
     for (const LoadedModule& module : list.modules) addToLibrary(session.library.get(), module, later);
@@ -326,7 +317,7 @@ void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame
     LaterRecords later;
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
-    if (openLibrary(session)) updateModules(session, later);
+    updateModules(session, later);
     if (!session.library) return described.resize(described.size() + count);
     for (size_t index = 0; index < count; ++index) {
         const uintptr_t address = lookUpAddress(frames[index]);
@@ -342,7 +333,7 @@ StackTrace::ProcessHandle stacktrace_platform::processHandle() {
 
 StackTrace::StackTrace(ProcessHandle process) {
     const bool isThisProcess = process == stacktrace_platform::processHandle();
-    if (!isThisProcess || !m_lock.acquire(SymbolLock::kTraceTimeoutMs) || !openTheLibrary()) {
+    if (!isThisProcess || !m_lock.acquire(SymbolLock::kTraceTimeoutMs)) {
         m_lock.release();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", debugSearchPath());
         return;
@@ -364,8 +355,8 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
     LaterRecords later;
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
-    if (!openLibrary(session)) return false;
-    return addToLibrary(session.library.get(), {image, module, base, size}, later);
+    if (!session.library) openLibrary(session);
+    return session.library && addToLibrary(session.library.get(), {image, module, base, size}, later);
 }
 
 [[gnu::noinline]] bool StackTrace::getStack(std::vector<Frame>& frames, size_t maxFrames) {
@@ -379,9 +370,7 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
         return index + 1 < walked.size() ? walked[index + 1].programCounter : 0;
     };
     size_t taken = 0;
-    while (taken < walked.size() && walked[taken].programCounter != 0 &&
-           walked[taken].programCounter != returnAddress(taken))
-        ++taken;
+    while (taken < walked.size() && walked[taken].programCounter != returnAddress(taken)) ++taken;
     describeFrames(walked.data(), taken, frames);
     // Logs why the walk ends here. Not under the session's lock, because an observer of the log may take a trace.
     if (taken < walked.size()) walkStep(walked[taken].programCounter, returnAddress(taken));

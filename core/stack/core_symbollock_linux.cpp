@@ -2,6 +2,8 @@
 
 #include <ctime>
 
+#include "absl/time/clock.h"
+#include "absl/time/time.h"
 #include "core/memory/core_neverdestroyed.h"
 #include "core/stack/core_symbollock.h"
 
@@ -25,23 +27,10 @@ pthread_mutex_t* theMutex() {
     return &one->mutex;
 }
 
-timespec afterNow(uint32_t milliseconds) {
-    constexpr long kNanoseconds = 1'000'000'000;
-    timespec time{};
-    ::clock_gettime(CLOCK_REALTIME, &time);
-    time.tv_sec += static_cast<time_t>(milliseconds / 1000);
-    time.tv_nsec += static_cast<long>(milliseconds % 1000) * 1'000'000;
-    if (time.tv_nsec >= kNanoseconds) {
-        ++time.tv_sec;
-        time.tv_nsec -= kNanoseconds;
-    }
-    return time;
-}
-
 } // namespace
 
 bool SymbolLock::acquire(uint32_t timeoutMs) {
-    const timespec end = afterNow(timeoutMs);
+    const timespec end = absl::ToTimespec(absl::Now() + absl::Milliseconds(timeoutMs));
     m_isHeld = ::pthread_mutex_timedlock(theMutex(), &end) == 0;
     return m_isHeld;
 }

@@ -61,7 +61,7 @@ size_t lengthBeforePercent(Word word) {
     // Marks the lowest byte that is zero with its top bit, and possibly others above it.
     const Word others = word ^ (kEveryByte * '%');
     const Word marks = (others - kEveryByte) & ~others & (kEveryByte * 0x80);
-    return marks == 0 ? sizeof word : static_cast<size_t>(std::countr_zero(marks)) / 8;
+    return static_cast<size_t>(std::countr_zero(marks)) / 8;
 }
 
 // memcpy for the short texts that messages are made of: the real one is a call into the runtime library's module, which

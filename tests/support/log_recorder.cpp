@@ -54,6 +54,14 @@ void LogRecorder::clear() {
     g_lines.clear();
 }
 
+NormRecorder::NormRecorder() {
+    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8);
+}
+
+NormRecorder::~NormRecorder() {
+    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0);
+}
+
 std::string refusedRecord(const std::string& level, const std::string& text, uint32_t threadNumber) {
     return "MasterLogger:implLog - called recursively!\n  <[" + level + "] {" + std::to_string(threadNumber) + "} " +
            text + ">\n";

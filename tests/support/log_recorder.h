@@ -31,6 +31,15 @@ public:
     void clear();
 };
 
+// Has the records of NORM, too, which is off at start.
+class NormRecorder : public LogRecorder {
+public:
+    NormRecorder();
+    ~NormRecorder();
+    NormRecorder(const NormRecorder&) = delete;
+    NormRecorder& operator=(const NormRecorder&) = delete;
+};
+
 // What the logger prints on standard error when a thread logs while one of its records is being served. The second one
 // is the beginning of that, for a record of which only the beginning, `text`, is known.
 std::string refusedRecord(const std::string& level, const std::string& text, uint32_t threadNumber = 0);

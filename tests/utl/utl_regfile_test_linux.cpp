@@ -106,6 +106,7 @@ TEST(RegFile, SaysWhichLineIsWrongAndHoldsNothingThen) {
         {"MZ\x90", 1},
         {kHeader + "\n[HKEY_LOCAL_MACHINE\\A", 3},
         {kHeader + "[A] B\n", 2},
+        {kHeader + "[\n", 2},
         {kHeader + "[A]\n[-A]\n", 3},
         {kHeader + "\"v\"=\"x\"\n", 2},
         {underKey("v=\"x\"\n"), 3},
@@ -157,6 +158,8 @@ TEST(RegFile, LogsWhyAFileCannotBeLoadedUnlessItIsMissing) {
     EXPECT_EQ(errno, ENOTDIR);
     test::writeFile(dir.path() / "bad", underKey("wrong\n"));
     EXPECT_EQ(load("bad"), logged("bad", "line 3 is not a registry export's"));
+    test::writeFile(dir.path() / "empty", "");
+    EXPECT_EQ(load("empty"), logged("empty", "line 1 is not a registry export's"));
     EXPECT_EQ(errno, EINVAL);
     for (const auto& [size, isGood] : {std::pair{RegFile::kMaxFileSize, true}, {RegFile::kMaxFileSize + 1, false}}) {
         test::writeFile(dir.path() / "large", underKey(std::string(size - underKey("").size(), '\n')));

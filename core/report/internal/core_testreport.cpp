@@ -52,8 +52,8 @@ void append(std::string& out, std::initializer_list<std::string_view> parts) {
     for (const std::string_view part : parts) out += part;
 }
 
-// An estimate of the bytes beside the report's own texts: tags, numbers and some entities.
-constexpr size_t kRoomForTags = 700;
+// An estimate of a report's bytes beside its backtrace.
+constexpr size_t kRoom = 1500;
 
 } // namespace
 
@@ -65,10 +65,7 @@ std::string escapedXml(std::string_view text) {
 
 std::string assertDocument(const FailureReport& report, const ReportSource& source) {
     std::string document;
-    document.reserve(kRoomForTags + report.file.size() + report.condition.size() + report.message.size() +
-                     report.backtrace.size() + source.server.size() + source.product.size() +
-                     source.softwareVersion.size() + source.hostName.size() + source.os.size() + source.buildId.size() +
-                     source.buildTime.size() + source.logAddress.size());
+    document.reserve(kRoom + report.backtrace.size());
     // No line break follows type, message and backtrace: this is the format that collectors know.
     append(document, {kDeclaration, "<assert>\n  <type>", report.kind == FailureKind::Assertion ? "ASSERT" : "ALERT",
                       "</type>  <file>"});

@@ -93,12 +93,17 @@ TEST_F(LimitTest, ReportsTextsThatDoNotComeAgainWithALaterCall) {
     say("x");
     say("x");
     say("silent");
-    nowMs += 3601 * 1000;
+    nowMs += 3600 * 1000;
     taken();
     say("y");
-    EXPECT_EQ(taken(), (Lines{"WARN A::b - x [2 times in 3601 seconds]", "WARN A::b - y"}));
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x [2 times in 3600 seconds]", "WARN A::b - y"}));
     say("x");
     EXPECT_EQ(taken(), Lines{"WARN A::b - x"}) << "a new period";
+    say("y");
+    nowMs += 3600 * 1000;
+    say("x");
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - y [1 times in 3600 seconds]"}))
+        << "a known text's call, too";
 }
 
 TEST_F(LimitTest, ReportsWhatItHoldsBackWhenItEnds) {

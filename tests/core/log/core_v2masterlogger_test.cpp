@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/text/core_checkf.h"
+#include "core/text/core_utf8.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
@@ -591,6 +592,8 @@ const test::ChildProgram g_withoutGlobals("WithoutGlobals", [](const auto&) {
     for (int i = 0; i < 100; ++i) MLOG_LIMITED(LogRate::Hourly, LogLevel::Crit, "A::b", "x");
     for (int i = 0; i < 2; ++i) onOtherThread([] { MLOG(Crit, "A::b", "y"); });
     MasterLogger::setLevelOn(1024, true);
+    std::u16string unused;
+    static_cast<void>(fromUtf8("\xff", unused));
     std::_Exit(3);
     return 0;
 });
@@ -598,7 +601,8 @@ const test::ChildProgram g_withoutGlobals("WithoutGlobals", [](const auto&) {
 TEST(LogGlobals, AreNotNeededForALimitAndForThreadNumbers) {
     EXPECT_EQ(printedByChild("WithoutGlobals", 3),
               "[CRIT] A::b - x\n[CRIT] {1} A::b - y\n[CRIT] {2} A::b - y\n"
-              "\nERROR in core_v2masterlogger:660 - no log level 1024\n");
+              "\nERROR in core_v2masterlogger:660 - no log level 1024\n"
+              "fromUtf8 conversion failed at byte 0 (0xff): invalid lead byte\n");
 }
 
 TEST(LogThreads, KeepTheirNumbers) {

@@ -28,7 +28,7 @@ static_assert(std::is_nothrow_move_constructible_v<GUniqueBuf> && std::is_nothro
 
 // "size head+tail" of a buffer.
 std::string shape(const GUniqueBuf& buffer) {
-    if (buffer.data() == nullptr) return "nothing";
+    if (!buffer.data() && buffer.size() == 0 && buffer.headRoom() == 0 && buffer.tailRoom() == 0) return "nothing";
     return std::to_string(buffer.size()) + " " + std::to_string(buffer.headRoom()) + "+" +
            std::to_string(buffer.tailRoom());
 }
@@ -80,9 +80,7 @@ TEST(GUniqueBuf, WritesItsShapeAsText) {
     GUniqueBuf tail(1, 0, 2);
     EXPECT_EQ(tail.toText(), address(tail.data()) + ":1 (" + address(tail.data()) + ":0+1+2)");
     for (const GUniqueBuf& nothing : {GUniqueBuf(), GUniqueBuf(0, 0, 0)}) {
-        EXPECT_EQ(nothing.data(), nullptr);
-        EXPECT_EQ(nothing.size(), 0);
-        EXPECT_EQ(nothing.headRoom() + nothing.tailRoom(), 0U);
+        EXPECT_EQ(shape(nothing), "nothing");
         EXPECT_EQ(nothing.toText(), "nullptr");
     }
 }
@@ -115,6 +113,11 @@ TEST(GUniqueBuf, SizesThatCannotBeCountedAreALackOfMemory) {
         EXPECT_EQ(hook.single(), (FailedCheck{"CHECKF", "core_guniquebuf_inline", 31, 0,
                                               std::string("failed mallocing") + row.total + " bytes"}));
     }
+    if (sizeof(void*) == 4) return; // no room for the most that can be counted
+    EXPECT_EQ(shape(GUniqueBuf(0, kMaxRoom, 0)), "0 4294967295+0");
+    GUniqueBuf most(1);
+    most.adjust(0, kMaxSize - 1);
+    EXPECT_EQ(shape(most), "2147483647 0+0");
 }
 
 TEST(GUniqueBufReserve, GrowsWhereRoomIsMissingAndKeepsAllElse) {

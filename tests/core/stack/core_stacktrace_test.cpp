@@ -410,23 +410,8 @@ TEST(StackTrace, EndsAtAFunctionThatCallsItself) {
     expectFrame(lines[1], "#02", "recurse");
 }
 
-// Has the records of NORM, which is off at start, too.
-class NormRecords {
-public:
-    NormRecords() {
-        NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, /*implementationBits=*/8);
-    }
-    ~NormRecords() { NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0); }
-    NormRecords(const NormRecords&) = delete;
-    NormRecords& operator=(const NormRecords&) = delete;
-    Lines lines() const { return m_log.lines(); }
-
-private:
-    test::LogRecorder m_log;
-};
-
 TEST(StackTrace, WithoutSymbolsSaysWhereItLookedAndFailsEachTime) {
-    const NormRecords log;
+    const test::NormRecorder log;
     StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_TRUE(
@@ -452,7 +437,7 @@ struct TracingObserver : NS_CORE::GlobalLogObserver {
 };
 
 TEST(StackTrace, LogsAModuleThatCannotBeReadAndMayBeTracedMeanwhile) {
-    const NormRecords log;
+    const test::NormRecorder log;
     const test::HookRecorder hook;
     std::string traceOfRecord;
     StackTrace trace;

@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,7 +13,9 @@
 
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace_linux.h"
+#include "core/text/core_varargs.h"
 #include "tests/support/child.h"
+#include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 
@@ -28,13 +31,60 @@ using NS_CORE::StackTrace;
 
 const std::string kExpected = "#01 in (anonymous namespace)::traceHere() at core_stacktrace_test_linux.cpp:";
 
+NS_CORE::StackFrame frameAt(const void* address) {
+    const NS_CORE::RawFrame place{reinterpret_cast<uintptr_t>(address), false};
+    std::vector<NS_CORE::StackFrame> frames;
+    NS_CORE::describeFrames(&place, 1, frames);
+    return frames.at(0);
+}
+
 TEST(StackTrace, StaysWholeWhenModulesComeAndGo) {
     EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
     void* const library = ::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr);
     EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
+    const void* const function = ::dlsym(library, "ns_format_ttl");
+    EXPECT_EQ(frameAt(function).symbol, "ns_format_ttl()");
     ::dlclose(library);
     EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
+    EXPECT_EQ(frameAt(function), NS_CORE::StackFrame());
+}
+
+// The symbol library keeps the modules' files open.
+TEST(StackTrace, LeavesNoModuleOpenForOtherPrograms) {
+    traceHere();
+    int modules = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        if (std::filesystem::read_symlink(entry).filename() != "core_tests") continue;
+        ++modules;
+        EXPECT_EQ(::fcntl(std::stoi(entry.path().filename()), F_GETFD), FD_CLOEXEC);
+    }
+    EXPECT_GT(modules, 0);
+}
+
+TEST(StackTrace, LogsAtNormAModuleWhoseFileIsGone) {
+    const test::TempDir dir;
+    const std::string file = dir.file("library.so");
+    void* const original = ::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(original, nullptr);
+    std::filesystem::copy_file(frameAt(::dlsym(original, "ns_format_ttl")).image, file);
+    void* const library = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << ::dlerror();
+    EXPECT_TRUE(StackTrace::loadModule(nullptr, file, "library", 0x10000, 1));
+    std::filesystem::remove(file);
+    dl_find_object found;
+    ASSERT_EQ(::_dl_find_object(::dlsym(library, "ns_format_ttl"), &found), 0);
+    const auto base = reinterpret_cast<uintptr_t>(found.dlfo_map_start);
+    const test::NormRecorder log;
+    const test::HookRecorder hook; // the name is given for a number
+    traceHere();
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{NS_CORE::formatString(
+                  "NORM NS_CORE::StackTrace::loadModule - failed to load image=%s module=0 base_addr=%d, size=%d", file,
+                  base, reinterpret_cast<uintptr_t>(found.dlfo_map_end) - base)});
+    EXPECT_EQ(hook.single().line, 15);
+    ::dlclose(library);
+    ::dlclose(original);
 }
 
 const test::ChildProgram g_tracesWithoutItsFile("traces_without_its_file", [](const auto& arguments) {
@@ -94,13 +144,8 @@ TEST(StackTrace, QuicklyFindsTheProgramsOwnLinesAlone) {
 }
 
 TEST(StackTrace, LogsAtNormWhatItDoesNotFind) {
-    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8);
-    const test::LogRecorder log;
-    const NS_CORE::RawFrame nowhere{16, false};
-    std::vector<NS_CORE::StackFrame> frames;
-    NS_CORE::describeFrames(&nowhere, 1, frames);
-    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0);
-    EXPECT_EQ(frames, std::vector<NS_CORE::StackFrame>(1));
+    const test::NormRecorder log;
+    EXPECT_EQ(frameAt(reinterpret_cast<const void*>(16)), NS_CORE::StackFrame());
     const std::string function = "NORM NS_CORE::StackTrace::getStack - ";
     ASSERT_EQ(log.lines().size(), 2U);
     EXPECT_TRUE(log.lines()[0].starts_with(function + "failed to get symbol from addr 16 : ")) << log.lines()[0];

@@ -104,6 +104,8 @@ TEST(ToUtf8, HalvesOfSurrogatePairsBecomeTheReplacementCharacter) {
               "a");
     EXPECT_EQ(NS_CORE::toUtf8(u"\xDE00\xD83D"), "\uFFFD\uFFFD");
     EXPECT_EQ(NS_CORE::toUtf8(u"\xD83D\xD83D\xDE00"), "\uFFFD\U0001F600");
+    // The other half lies behind the text's end.
+    EXPECT_EQ(NS_CORE::toUtf8(std::u16string_view(u"\xD83D\xDE00", 1)), "\uFFFD");
 }
 
 } // namespace
