@@ -188,7 +188,7 @@ private:
     void writeDump(DumpWriter writer);
     DWORD errorOfDump(const SymbolLibrary& library);
 
-    std::atomic<DWORD> m_guardedThread{0}; // set before the handlers that read it
+    std::atomic<DWORD> m_guardedThread; // set before the handlers that read it
     std::terminate_handler m_terminateBefore = nullptr;
     void (*m_abortBefore)(int) = SIG_DFL;
 
@@ -201,7 +201,7 @@ private:
     CrashWatch m_watch;
 
     std::atomic<bool> m_isReporting{false};
-    std::atomic<uint64_t> m_progress{0};
+    std::atomic<uint64_t> m_progress;
     std::atomic<HANDLE> m_watchedFile{INVALID_HANDLE_VALUE};
     std::atomic<bool> m_isWriterAtHeap{false};              // waits for its lock, or goes on at once
     std::atomic<DumpWriter> m_dumpWriter{DumpWriter::None}; // who calls the system's function

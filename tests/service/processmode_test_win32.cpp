@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <cstdlib>
 #include <filesystem>
 
 #include "core/check/core_assert.h"
@@ -30,6 +31,7 @@ const test::ChildProgram g_loads("loads-by-name", [](const std::vector<std::stri
     if (NS_CORE::ScopedModule(::LoadLibraryW(kLibrary))) return 11; // the file beside it has not been found
     if (!runEntry()) return 14;
     if (!NS_CORE::ScopedModule(::LoadLibraryW(kLibrary))) return 12;
+    if (::_set_error_mode(_REPORT_ERRMODE) != _OUT_TO_STDERR) return 15;
     return ::GetErrorMode() == (SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX) ? 0 : 13;
 });
 

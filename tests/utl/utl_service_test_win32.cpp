@@ -148,23 +148,26 @@ TEST_F(ServiceTest, FailsACheckWhenTheProgramsPathIsTooLongToInstall) {
 }
 
 // As the system tells of an event: on a thread of its own that begins in its own code. Nothing under Wine makes these.
-void announce(DWORD event, test::Semaphore& stopped) {
+// Returns how a wait for the thread ends.
+DWORD announce(DWORD event, DWORD milliseconds, test::Semaphore* stopped) {
     const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
         reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernelbase.dll"), "CtrlRoutine")));
     const NS_CORE::ScopedKernelHandle thread(
         ::CreateThread(nullptr, 0, routine, reinterpret_cast<void*>(uintptr_t{event}), 0, nullptr));
-    stopped.acquire();
-    // The system would end the process as soon as the thread ends.
-    if (::WaitForSingleObject(thread.get(), 300) != WAIT_TIMEOUT) ::TerminateProcess(::GetCurrentProcess(), 99);
+    if (stopped) stopped->acquire();
+    return ::WaitForSingleObject(thread.get(), milliseconds);
 }
 
 const test::ChildProgram g_closed("console-closed", [](const std::vector<std::string>& arguments) {
     test::Semaphore stopped;
     const auto event = static_cast<DWORD>(std::stoul(arguments.at(0)));
+    const bool isOver = arguments.size() > 2; // console mode, when the event comes
     Service host(
         "", "name", "display", arguments.at(1), "service.log",
         [&](int, char**) {
-            announce(event, stopped);
+            // The system would end the process as soon as the thread ends.
+            if (!isOver && announce(event, 300, &stopped) != WAIT_TIMEOUT)
+                ::TerminateProcess(::GetCurrentProcess(), 99);
             return 5;
         },
         [&] { stopped.release(); });
@@ -173,6 +176,7 @@ const test::ChildProgram g_closed("console-closed", [](const std::vector<std::st
     char* argv[] = {program, word, nullptr};
     const int result = host.run(2, argv);
     Service::clearInstance();
+    if (isOver) announce(event, INFINITE, nullptr);
     return result;
 });
 
@@ -184,6 +188,10 @@ TEST_F(ServiceTest, ConsoleModeStopsAndEndsByItselfWhenItsConsoleEnds) {
                   5);
         EXPECT_TRUE(test::readFile(logs.path() / "service.log").ends_with(" UTL::Service::signalHandler - 21\n"));
     }
+    // After console mode the system ends the process.
+    EXPECT_EQ(test::runAndWait(test::childCommandLine(
+                  "console-closed", {std::to_string(CTRL_CLOSE_EVENT), test::utf8(m_logs.path()), "over"})),
+              0);
 }
 
 TEST_F(ServiceTest, ConsoleModeAnswersEachOfItsThreeSignalsAndPutsTheHandlersBack) {

@@ -6,6 +6,7 @@
 // psapi.h needs windows.h before it.
 #include <psapi.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -111,6 +112,17 @@ bool isStackUnused() {
     return ::K32QueryWorkingSetEx(::GetCurrentProcess(), &page, sizeof(page)) && !page.VirtualAttributes.Valid;
 }
 
+decltype(&::SetEvent) g_setEvent = nullptr;
+
+std::atomic<bool> g_hasTold = false;
+
+// The writer may have done its work before the thread that wakes it goes on.
+BOOL WINAPI setAndAwaitWriter(HANDLE event) {
+    const BOOL isSet = g_setEvent(event);
+    while (!g_hasTold) ::Sleep(1);
+    return isSet;
+}
+
 // Prints what it is asked for, and whether others may read and write the dump meanwhile.
 BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
                            MINIDUMP_EXCEPTION_INFORMATION* exception, MINIDUMP_USER_STREAM_INFORMATION* streams,
@@ -128,6 +140,7 @@ BOOL WINAPI tellParameters(HANDLE process, DWORD id, HANDLE, MINIDUMP_TYPE type,
         exception->ThreadId != ::GetCurrentThreadId() && exception->ClientPointers, streams != nullptr,
         callback != nullptr, static_cast<bool>(again), isStackUnused());
     tellWatchers();
+    g_hasTold = true;
     ::SetLastError(ERROR_WRITE_FAULT);
     return FALSE;
 }
@@ -141,21 +154,11 @@ BOOL WINAPI tellFlags(LPCWSTR program, LPWSTR words, LPSECURITY_ATTRIBUTES proce
     return g_createProcess(program, words, process, thread, inherits, flags, environment, directory, startup, started);
 }
 
-// The wait for the watcher's end.
+// The waits that have a limit.
 DWORD WINAPI tellWait(HANDLE object, DWORD milliseconds) {
     const DWORD result = ::WaitForSingleObjectEx(object, milliseconds, FALSE);
-    if (milliseconds == 5000) std::printf("waited %lu\n", result);
+    if (milliseconds != 0 && milliseconds != INFINITE) std::printf("waited %lu of %lu\n", result, milliseconds);
     return result;
-}
-
-decltype(&::SetEvent) g_setEvent = nullptr;
-
-// Whoever waits for it has done its work before the caller goes on.
-BOOL WINAPI setAndAwaitDump(HANDLE event) {
-    const BOOL isSet = g_setEvent(event);
-    while (::GetFileAttributesA(NS_CORE::crashNames("core_tests").dumpFile.c_str()) == INVALID_FILE_ATTRIBUTES)
-        ::Sleep(1);
-    return isSet;
 }
 
 // The watchdog's time, which the steps of a report let pass: nine looks, one less than it needs to give up.
@@ -251,7 +254,7 @@ const Preparations& platformPreparations() {
              static const ImportHook starts("CreateProcessW", &tellFlags);
              g_createProcess = starts.original();
              static const ImportHook waits("WaitForSingleObject", &tellWait);
-             static const ImportHook sets("SetEvent", &setAndAwaitDump);
+             static const ImportHook sets("SetEvent", &setAndAwaitWriter);
              g_setEvent = sets.original();
              setWriter(&tellParameters);
              std::atexit(&tellWatchers);
@@ -332,9 +335,11 @@ TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
 
 TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
     for (const auto& [act, code] : {std::pair{"null", "c0000005"}, {"exception", "e0000001"}, {"abort", "e0000002"}}) {
-        EXPECT_EQ(run({.act = act, .preparation = "writer-tells"}), test::kCrashExitCode);
-        EXPECT_EQ(m_output, std::string("flags 80008\ntype 1, deferred 1, process 1, code ") + code +
-                                ", other thread 1, streams 0, callback 0, shared 1, stack 1\n1 watchers\nwaited 0\n" +
+        EXPECT_EQ(run({.act = act, .preparation = "writer-tells", .patienceMs = 600'000}), test::kCrashExitCode);
+        EXPECT_EQ(m_output, std::string("waited 0 of 200000\nflags 80008\ntype 1, deferred 1, process 1, code ") +
+                                code +
+                                ", other thread 1, streams 0, callback 0, shared 1, stack 1\n1 watchers\n"
+                                "waited 0 of 100000\nwaited 0 of 5000\n" +
                                 failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
     }
     // A writer that has no file is watched, too.

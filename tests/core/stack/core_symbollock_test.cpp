@@ -36,6 +36,7 @@ TEST(SymbolLock, IsHeldByOneThreadAtATime) {
     });
     EXPECT_FALSE(done.acquireWithin(std::chrono::milliseconds(100)));
     released.release();
+    EXPECT_FALSE(released.isHeld());
     other.join();
 }
 

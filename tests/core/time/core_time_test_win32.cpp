@@ -1,0 +1,28 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <chrono>
+
+#include "core/time/core_time.h"
+#include "tests/support/import_hook_win32.h"
+
+namespace {
+
+int g_sleeps = 0;
+
+// Too early, as by a tick of the system's timer.
+void WINAPI returnEarly(DWORD /*milliseconds*/) {
+    ++g_sleeps;
+}
+
+TEST(SleepFor, SleepsAgainWhenTheSystemReturnsEarly) {
+    const test::ImportHook hook("Sleep", &returnEarly);
+    NS_CORE::sleepFor(0);
+    EXPECT_EQ(g_sleeps, 0);
+    const auto start = std::chrono::steady_clock::now();
+    NS_CORE::sleepFor(1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1));
+    EXPECT_GT(g_sleeps, 0);
+}
+
+} // namespace
