@@ -55,14 +55,6 @@ TEST_F(FileLoggerTest, WritesOnWhileAnotherProgramReadsAndRotatesWhenItMay) {
     EXPECT_EQ(texts(log() + ".old"), (Lines{"1", "2, long enough", "3"}));
 }
 
-TEST_F(FileLoggerTest, RotatesUnderAReaderThatSharesDeletion) {
-    install(30, 1);
-    say("1");
-    const FileHandle reader = openSharing(log(), FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-    say("2, long enough");
-    EXPECT_EQ(texts(log() + ".old"), (Lines{"1", "2, long enough"}));
-}
-
 // Logs one record, and would end with 0 if the system were not asked to commit it.
 const test::ChildProgram g_logsWhereACommitFaults("LogsWhereACommitFaults", [](const auto& arguments) {
     for (const char* module : {"kernel32", "kernelbase"})

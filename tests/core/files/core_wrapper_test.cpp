@@ -33,6 +33,7 @@ void writeBytes(const std::string& path, int openFlags) {
               static_cast<int32_t>(g_bytes.size()));
     EXPECT_EQ(Wrapper::size(fd.get()), static_cast<int64_t>(g_bytes.size()));
     EXPECT_EQ(Wrapper::commit(fd.get()), 0);
+    EXPECT_EQ(Wrapper::close(Wrapper::open(path, O_RDONLY, kReadWrite)), 0);
 }
 
 std::string readBytes(const std::string& path) {

@@ -58,6 +58,7 @@ TEST(WrapperWin32, NarrowPathsAreNotConvertedButOfStreams) {
     const test::HookRecorder hook;
     EXPECT_EQ(Wrapper::fopen("missing\\\xff", "r"), nullptr);
     EXPECT_EQ(hook.single().message, "missing\\\xff");
+    Wrapper::setUseWidePaths(true);
 }
 
 TEST(WrapperWin32, ErrorTextsAreTheSystemsWithTheirLineBreak) {
