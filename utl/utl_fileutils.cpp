@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "core/files/core_scopedfd.h"
 #include "core/files/core_wrapper.h"
@@ -33,17 +34,18 @@ bool writeBlock(int fd, const char* data, int32_t length, const std::string& des
     return false;
 }
 
-bool copyContent(int from, int to, const std::string& source, const std::string& destination) {
+// Closes both.
+bool copyContent(ScopedFd from, ScopedFd to, const std::string& source, const std::string& destination) {
     std::array<char, kCopyBufferSize> buffer;
     int32_t length = 0;
     do {
-        length = Wrapper::read(from, buffer.data(), kCopyBufferSize);
+        length = Wrapper::read(from.get(), buffer.data(), kCopyBufferSize);
         if (length < 0) {
             const int error = errno;
             MLOG(Warn, kCopyFunction, "error reading from %s (%d:%s)", source, error, std::strerror(error));
             return false;
         }
-        if (length > 0 && !writeBlock(to, buffer.data(), length, destination)) return false;
+        if (length > 0 && !writeBlock(to.get(), buffer.data(), length, destination)) return false;
         // A short read counts as the end of the file, which saves one read for every file whose size is not a
         // multiple of the buffer's.
     } while (length == kCopyBufferSize);
@@ -63,11 +65,8 @@ bool FileUtils::copy(const std::string& source, const std::string& destination) 
         MLOG(Warn, kCopyFunction, "failed opening '%s' for writing", destination);
         return false;
     }
-    if (copyContent(from.get(), to.get(), source, destination)) return true;
-
-    // Closed first: Windows does not remove a file that is open.
-    from.reset();
-    to.reset();
+    if (copyContent(std::move(from), std::move(to), source, destination)) return true;
+    // Windows does not remove a file that is open; it is closed by now.
     Wrapper::unlink(destination);
     return false;
 }

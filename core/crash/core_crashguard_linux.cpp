@@ -13,6 +13,7 @@
 #include <csignal>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,8 +43,9 @@ constexpr size_t kSignalStack = 256 * 1024;
 // What the report does next.
 enum class Step : int { None, DumpNames, Log, History, Done };
 
+// step  not Done.
 Step after(Step step) {
-    return step == Step::Done ? step : static_cast<Step>(static_cast<int>(step) + 1);
+    return static_cast<Step>(static_cast<int>(step) + 1);
 }
 
 struct Fault {
@@ -94,7 +96,7 @@ pid_t threadId() {
 // Restarts the timer, whose signal means that the report has made no progress for too long. alarm is async-signal-safe,
 // which setitimer is not, but it counts whole seconds only.
 void noteProgress() {
-    ::alarm((g_crashPatienceMs + 999) / 1000);
+    ::alarm(g_crashPatienceMs / 1000);
 }
 
 // Returns 0, or errno.
@@ -142,12 +144,10 @@ int dumpAddresses(const CrashNames& names, const Fault& fault) {
 
 // Removes the handler's own frames, which precede the interrupted one: the first that is no return address.
 void removeHandlerFrames(Fault& fault) {
-    size_t first = 0;
-    while (first < fault.frameCount && fault.frames[first].isReturnAddress) ++first;
-    if (first == fault.frameCount) return;
-    std::copy(fault.frames.begin() + static_cast<std::ptrdiff_t>(first),
-              fault.frames.begin() + static_cast<std::ptrdiff_t>(fault.frameCount), fault.frames.begin());
-    fault.frameCount -= first;
+    const std::span all(fault.frames.data(), fault.frameCount);
+    const auto interrupted = std::ranges::find(all, false, &RawFrame::isReturnAddress);
+    if (interrupted == all.end()) return;
+    fault.frameCount = static_cast<size_t>(std::copy(interrupted, all.end(), all.begin()) - all.begin());
 }
 
 std::string dumpText(const CrashNames& names, const Fault& fault) {
@@ -206,7 +206,7 @@ private:
     void doStep(Step step);
     void report();
 
-    std::atomic<pid_t> m_thread{0}; // 0 while nothing is guarded
+    std::atomic<pid_t> m_thread{0}; // the guarded one
     std::string m_program;
     sigjmp_buf m_resume;
     std::atomic<Step> m_step{Step::None};
@@ -238,7 +238,6 @@ void CrashGuard::begin() {
 void CrashGuard::end() {
     if (m_step != Step::None) return;
     m_handlers.reset();
-    m_thread = 0;
 }
 
 void CrashGuard::onFault(int signal, siginfo_t* info, void* /*context*/) {
@@ -249,7 +248,6 @@ void CrashGuard::onFault(int signal, siginfo_t* info, void* /*context*/) {
     fault.signal = signal;
     fault.code = info->si_code;
     fault.address = reinterpret_cast<uintptr_t>(info->si_addr);
-    fault.frameCount = 0;
     fault.dumpError = EFAULT; // until dumpAddresses succeeds
     limitReport();
     guard.beginStep(Step::DumpNames);

@@ -11,8 +11,8 @@ namespace NS_CORE {
 // system allocates at a thread's first set(). Constant-initialised and never destroyed, for use as a static. Any
 // thread may call.
 //
-// The first get() or set() takes one of the process's slots for thread-local storage, for good. Without a free slot
-// every thread reads 0 for ever (unproven: Windows has more than a thousand slots).
+// The first get() or set() takes one of the process's slots for thread-local storage, for good. While no slot is free,
+// every thread reads 0.
 class ThreadWord {
 public:
     constexpr ThreadWord() = default;

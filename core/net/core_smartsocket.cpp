@@ -23,8 +23,7 @@ bool SmartSocket::create(int32_t family, int32_t type, int32_t protocol, uint32_
         close();
         return false;
     }
-    // A socket that still blocks only makes its sender wait, so a failure is ignored.
-    if ((flags & SocketFlag::NonBlocking) != 0) static_cast<void>(socket_platform::setNonBlocking(handle()));
+    if ((flags & SocketFlag::NonBlocking) != 0) socket_platform::setNonBlocking(handle());
     return true;
 }
 

@@ -26,9 +26,9 @@ bool setOption(SocketHandle handle, int32_t level, int32_t option, const void* v
     return ::setsockopt(handle, level, option, value, size) == 0;
 }
 
-bool setNonBlocking(SocketHandle handle) {
+void setNonBlocking(SocketHandle handle) {
     int on = 1;
-    return ::ioctl(handle, FIONBIO, &on) == 0;
+    ::ioctl(handle, FIONBIO, &on);
 }
 
 bool send(SocketHandle handle, const void* data, uint32_t length, const sockaddr_in& to) {

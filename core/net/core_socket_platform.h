@@ -37,7 +37,8 @@ void close(SocketHandle handle);
 // Sets an option of 32 bits or a structure, `size` bytes at `value`.
 bool setOption(SocketHandle handle, int32_t level, int32_t option, const void* value, uint32_t size);
 
-bool setNonBlocking(SocketHandle handle);
+// A socket that still blocks only makes its sender wait, so a failure is ignored.
+void setNonBlocking(SocketHandle handle);
 
 // Sends one datagram; false when sendto fails.
 bool send(SocketHandle handle, const void* data, uint32_t length, const sockaddr_in& to);

@@ -38,9 +38,9 @@ bool setOption(SocketHandle handle, int32_t level, int32_t option, const void* v
     return ::setsockopt(handle, level, option, static_cast<const char*>(value), static_cast<int>(size)) == 0;
 }
 
-bool setNonBlocking(SocketHandle handle) {
+void setNonBlocking(SocketHandle handle) {
     u_long on = 1;
-    return ::ioctlsocket(handle, static_cast<long>(FIONBIO), &on) == 0;
+    ::ioctlsocket(handle, static_cast<long>(FIONBIO), &on);
 }
 
 bool send(SocketHandle handle, const void* data, uint32_t length, const sockaddr_in& to) {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <unordered_map>
@@ -131,7 +132,7 @@ int findDebugInformation(Dwfl_Module* module, void** userData, const char* name,
     return -1;
 }
 
-// A new session, which knows no module. Null if there is no memory for it.
+// Opens a new session, which knows no module.
 void openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     session.searchPath = debugSearchPath();
     session.searchPathText = session.searchPath.data();
@@ -140,6 +141,7 @@ void openLibrary(Session& session) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) 
     session.callbacks.section_address = dwfl_offline_section_address;
     session.callbacks.debuginfo_path = &session.searchPathText;
     session.library.reset(dwfl_begin(&session.callbacks));
+    if (!session.library) throw std::bad_alloc();
 }
 
 struct LoadedModule {
@@ -207,7 +209,6 @@ bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later
 void updateModules(Session& session, LaterRecords& later) ABSL_EXCLUSIVE_LOCKS_REQUIRED(session.mutex) {
     if (session.generation == currentGeneration()) return;
     openLibrary(session);
-    if (!session.library) return;
     ModuleList list;
     dl_iterate_phdr(&addModule, &list);
     for (const LoadedModule& module : list.modules) addToLibrary(session.library.get(), module, later);
@@ -318,7 +319,6 @@ void describeFrames(const RawFrame* frames, size_t count, std::vector<StackFrame
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
     updateModules(session, later);
-    if (!session.library) return described.resize(described.size() + count);
     for (size_t index = 0; index < count; ++index) {
         const uintptr_t address = lookUpAddress(frames[index]);
         const auto [entry, isNew] = session.known.try_emplace(address);
@@ -356,7 +356,7 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
     Session& session = theSession();
     const absl::MutexLock lock(&session.mutex);
     if (!session.library) openLibrary(session);
-    return session.library && addToLibrary(session.library.get(), {image, module, base, size}, later);
+    return addToLibrary(session.library.get(), {image, module, base, size}, later);
 }
 
 [[gnu::noinline]] bool StackTrace::getStack(std::vector<Frame>& frames, size_t maxFrames) {
@@ -366,14 +366,11 @@ bool StackTrace::loadModule(ProcessHandle /*process*/, const std::string& image,
     }
     std::vector<RawFrame> walked(maxFrames > frames.size() ? maxFrames - frames.size() : 0);
     walked.resize(walkRaw(walked.data(), walked.size()));
-    const auto returnAddress = [&walked](size_t index) {
-        return index + 1 < walked.size() ? walked[index + 1].programCounter : 0;
-    };
-    size_t taken = 0;
-    while (taken < walked.size() && walked[taken].programCounter != returnAddress(taken)) ++taken;
-    describeFrames(walked.data(), taken, frames);
+    // A frame that returns to itself leads nowhere.
+    const auto endless = std::ranges::adjacent_find(walked, {}, &RawFrame::programCounter);
+    describeFrames(walked.data(), static_cast<size_t>(endless - walked.begin()), frames);
     // Logs why the walk ends here. Not under the session's lock, because an observer of the log may take a trace.
-    if (taken < walked.size()) walkStep(walked[taken].programCounter, returnAddress(taken));
+    if (endless != walked.end()) walkStep(endless->programCounter, endless->programCounter);
     return true;
 }
 

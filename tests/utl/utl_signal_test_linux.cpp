@@ -111,6 +111,9 @@ TEST_F(LinuxSignalTest, LeavesNoThreadBehind) {
         const Signal second(SIGINT, &answerAndTell);
         EXPECT_EQ(threadCount(), before + 1);
     }
+    const test::LogRecorder log;
+    for (int i = 0; i < 2; ++i) const Signal refused(SIGKILL, &answerAndTell);
+    EXPECT_EQ(log.lines(), Lines(2, "WARN UTL::Signal::Signal - failed to install signal handler for 9"));
     // A joined thread may be seen for a moment longer.
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (threadCount() != before && std::chrono::steady_clock::now() < limit) std::this_thread::yield();

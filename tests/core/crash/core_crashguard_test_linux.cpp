@@ -18,6 +18,7 @@
 #include "core/crash/core_crashguard.h"
 #include "core/files/core_scopedfd.h"
 #include "tests/core/crash/crash_fixture.h"
+#include "tests/support/child.h"
 #include "tests/support/planted_code.h"
 
 namespace test {
@@ -57,6 +58,13 @@ const Preparations& platformPreparations() {
              reader.detach();
          }},
         {"library-held", &holdSymbolLibrary},
+        {"alarm-blocked",
+         [] {
+             sigset_t alarm;
+             sigemptyset(&alarm);
+             sigaddset(&alarm, SIGALRM);
+             ::pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+         }},
         // As kill sends it, but to this thread.
         {"killed",
          [] {
@@ -124,6 +132,7 @@ TEST_F(CrashDump, ListsTheFaultItsCallersAndTheMemoryMap) {
     EXPECT_EQ(dump.find('\n', findLine(dump, "#", " in _start() (core_tests)")), maps) << "not the last one: " << dump;
     ASSERT_NE(maps, std::string::npos) << dump;
     EXPECT_NE(dump.find("/core_tests\n", maps), std::string::npos) << dump;
+    EXPECT_NE(dump.find("[stack]\n", maps), std::string::npos) << dump;
 }
 
 TEST_F(CrashDump, ShowsWhoThrewWhatNobodyCatches) {
@@ -158,6 +167,21 @@ TEST(RunGuarded, LeavesSignalsAsTheyWere) {
     EXPECT_EQ(state(), before);
 }
 
+const test::ChildProgram g_handledBefore("handled-before", [](const auto&) {
+    struct sigaction action{};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t* info, void*) { ::_exit(info->si_code == SEGV_MAPERR ? 7 : 8); };
+    ::sigaction(SIGSEGV, &action, nullptr);
+    return NS_CORE::guard(0, nullptr, [](int, char**) {
+        std::thread([] { test::crash("null"); }).join();
+        return 0;
+    });
+});
+
+TEST(RunGuarded, LeavesAnotherThreadsFaultToTheEarlierHandlerAsItIs) {
+    EXPECT_EQ(test::SelfProcess("handled-before", {}).wait(), 7);
+}
+
 // Mounts a small file system in place of the dumps directory, for this process and its children.
 [[nodiscard]] bool mountSmallDisk(const fs::path& directory, unsigned long flags) {
     fs::create_directories(directory);
@@ -185,7 +209,9 @@ TEST_F(CrashTest, AFullDiskUnderTheHistoryCostsNothingElse) {
 // Opening a pipe waits for somebody at its other end.
 TEST_F(CrashTest, FilesThatDoNotOpenAreGivenUp) {
     ASSERT_EQ(::mkfifo(historyFile().c_str(), 0600), 0);
-    EXPECT_EQ(run({.patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(run({.preparation = "alarm-blocked", .patienceMs = kImpatienceMs}), test::kCrashExitCode);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kImpatienceMs));
     EXPECT_EQ(m_output, written());
     fs::remove(historyFile());
     fs::remove(dumpFile());

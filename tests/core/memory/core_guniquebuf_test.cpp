@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -113,12 +114,16 @@ TEST(GUniqueBuf, SizesThatCannotBeCountedAreALackOfMemory) {
         EXPECT_EQ(hook.single(), (FailedCheck{"CHECKF", "core_guniquebuf_inline", 31, 0,
                                               std::string("failed mallocing") + row.total + " bytes"}));
     }
-    if (sizeof(void*) == 4) return; // no room for the most that can be counted
+}
+
+#if SIZE_MAX > UINT32_MAX && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(GUniqueBuf, HasAllThatCanBeCountedWhereTheSystemHasIt) {
     EXPECT_EQ(shape(GUniqueBuf(0, kMaxRoom, 0)), "0 4294967295+0");
     GUniqueBuf most(1);
     most.adjust(0, kMaxSize - 1);
     EXPECT_EQ(shape(most), "2147483647 0+0");
 }
+#endif
 
 TEST(GUniqueBufReserve, GrowsWhereRoomIsMissingAndKeepsAllElse) {
     struct Row {
@@ -266,6 +271,8 @@ TEST(GUniqueBuf, MemoryThatTheSystemDoesNotHaveIsALackOfMemoryAndChangesNothing)
               (std::vector<FailedCheck>{{"CHECKF", "core_guniquebuf_inline", 31, 0, "failed mallocing2147483647 bytes"},
                                         failed(402, "2147483657")}));
     EXPECT_EQ(shape(buffer) + ' ' + bytes(buffer, 0, 10), "10 0+0 0123456789");
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(thrownBy([] { GUniqueBuf(100'000'000); }), "nothing") << "a buffer before has kept its memory";
 }
 
 // Each of them goes on, with an exception or without, where the hook does not say stop.

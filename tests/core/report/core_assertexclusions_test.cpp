@@ -48,10 +48,10 @@ TEST(AssertExclusions, NeedThreePartsAndALineNumber) {
 
 TEST(AssertExclusions, CountEntriesWithMalformedDates) {
     const AssertExclusions exclusions =
-        read({"a 1 2030/01/01", "a 1 20300101", "a 1 2030-1-1", "a 1 2030-01-011", "a 1 2o30-01-01", "a 1 2030-13-01",
-              "a 1 2030-00-01", "a 1 2030-01-32", "a 1 2030-01-00", "a 1 #"});
+        read({"a 1 2030/01-01", "a 1 2030-01/01", "a 1 20300101", "a 1 2030-1-1", "a 1 2030-01-011", "a 1 2o30-01-01",
+              "a 1 2030-13-01", "a 1 2030-00-01", "a 1 2030-01-32", "a 1 2030-01-00", "a 1 #"});
     EXPECT_EQ(exclusions.size(), 0U);
-    EXPECT_EQ(exclusions.malformedDates(), 10);
+    EXPECT_EQ(exclusions.malformedDates(), 11);
 }
 
 TEST(AssertExclusions, CountOnlyForBuildsUpToTheirDate) {

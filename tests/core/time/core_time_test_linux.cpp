@@ -35,6 +35,12 @@ TEST(UtcTime, GoesBackTwelveHoursBefore1970) {
     EXPECT_EQ(hook.single(), (test::FailedCheck{"CHECKF", "core_time", 457, 0, "-43201"}));
 }
 
+TEST(DateTimeFromSeconds, HasTheOffsetUpToBothEndsOfTheLocalSeconds) {
+    test::setTimeZone("XXX5");
+    for (const int32_t seconds : {-18'000, 2'147'465'647})
+        EXPECT_EQ(NS_CORE::DateTime::fromSeconds(seconds).dto(), -10);
+}
+
 // West of Greenwich the last hours before 2038 ends the seconds have a local time, but none that counts in 32 bits.
 TEST(DateTimeFromSeconds, TheLastSecondInTheWestIs1900WithoutAnOffset) {
     const test::HookRecorder hook;
