@@ -484,6 +484,9 @@ TEST(WrittenDump, IsCutOffOrNoFile) {
     const NS_CORE::ScopedFileHandle file(::CreateFileW(
         (directory.path() / "dump").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     EXPECT_EQ(NS_CORE::errorOfWrittenDump(file.get()), DWORD{ERROR_DISK_FULL});
+    DWORD count = 0;
+    ::WriteFile(file.get(), "MDMP\0\0\0\0\0\0\0", 12, &count, nullptr); // the first three fields
+    EXPECT_EQ(NS_CORE::errorOfWrittenDump(file.get()), DWORD{ERROR_DISK_FULL});
     EXPECT_EQ(NS_CORE::errorOfWrittenDump(INVALID_HANDLE_VALUE), DWORD{ERROR_INVALID_HANDLE});
 }
 
