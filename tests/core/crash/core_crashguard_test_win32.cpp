@@ -364,23 +364,17 @@ TEST_F(CrashTest, AFaultOfAnotherThreadDuringTheReportDoesNotChangeTheResult) {
     EXPECT_EQ(run({.preparation = "log-other-faults"}), test::kCrashExitCode);
 }
 
-// The call of the system that fails: one of that function, after so many of it.
-std::string g_failing;
-int g_callsBefore = 0;
+int g_callsBefore = 0; // the one that fails
 int g_threads = 0;
-
-bool fails(const char* function) {
-    return g_failing == function && g_callsBefore-- == 0;
-}
 
 HANDLE WINAPI makeEvent(LPSECURITY_ATTRIBUTES, BOOL isManualReset, BOOL, LPCSTR) {
     const DWORD flags = isManualReset ? CREATE_EVENT_MANUAL_RESET : 0;
-    return fails("event") ? nullptr : ::CreateEventExA(nullptr, nullptr, flags, EVENT_ALL_ACCESS);
+    return g_callsBefore-- == 0 ? nullptr : ::CreateEventExA(nullptr, nullptr, flags, EVENT_ALL_ACCESS);
 }
 
 HANDLE WINAPI beginThread(LPSECURITY_ATTRIBUTES, SIZE_T stack, LPTHREAD_START_ROUTINE function, LPVOID parameter,
                           DWORD flags, LPDWORD) {
-    if (fails("thread")) return nullptr;
+    if (g_callsBefore-- == 0) return nullptr;
     ++g_threads;
     return ::CreateRemoteThread(::GetCurrentProcess(), nullptr, stack, function, parameter, flags, nullptr);
 }
@@ -394,8 +388,7 @@ int guarded(NS_CORE::ApplicationMain application) {
 const test::ChildProgram g_failingCalls("guarded-with-failing-calls", [](const std::vector<std::string>& arguments) {
     const test::ImportHook events("CreateEventA", &makeEvent);
     const test::ImportHook threads("CreateThread", &beginThread);
-    g_failing = arguments.at(1);
-    g_callsBefore = std::stoi(arguments.at(2));
+    g_callsBefore = std::stoi(arguments.at(1));
     std::filesystem::current_path(arguments.at(0));
     NS_CORE::setDefaultPaths();
     return guarded([](int, char**) {
@@ -406,17 +399,16 @@ const test::ChildProgram g_failingCalls("guarded-with-failing-calls", [](const s
     });
 });
 
+// Three events, then two threads. Without its events no thread begins.
 TEST_F(CrashTest, NeedsNeitherEventsNorThreads) {
-    for (const auto& [call, callsBefore, threads] :
-         {std::tuple{"event", 0, 0}, {"event", 1, 0}, {"event", 2, 0}, {"thread", 0, 1}, {"thread", 1, 1}}) {
+    for (int callsBefore = 0; callsBefore < 5; ++callsBefore) {
         test::SelfProcess child("guarded-with-failing-calls",
-                                {m_directory.path().string(), call, std::to_string(callsBefore)});
+                                {m_directory.path().string(), std::to_string(callsBefore)});
         std::string output = child.readAll();
         std::erase(output, '\r');
-        EXPECT_EQ(output, std::to_string(threads) + " threads\n" + written() + "allocated\n") << call << callsBefore;
+        EXPECT_EQ(output, (callsBefore < 3 ? "0 threads\n" : "1 threads\n") + written() + "allocated\n") << callsBefore;
         EXPECT_EQ(child.wait(), test::kCrashExitCode);
-        EXPECT_GT(std::filesystem::file_size(dumpFile()), 100U);
-        std::filesystem::remove(dumpFile());
+        EXPECT_TRUE(std::filesystem::remove(dumpFile()));
     }
 }
 
@@ -457,26 +449,6 @@ TEST_F(CrashTest, ALogThatHangsAfterAWriterThatFaultedIsGivenUp) {
 TEST_F(CrashTest, WithoutTheSystemsLibraryTheLinesAreThere) {
     expectCrash({.preparation = "library-missing"}, /*hasDump=*/false);
     EXPECT_EQ(m_output, failed(test::textOf(ERROR_PATH_NOT_FOUND)));
-}
-
-// Holds a file that no other program may open meanwhile, as a scanner or an archiver does.
-NS_CORE::ScopedFileHandle holdAlone(const std::filesystem::path& path) {
-    std::filesystem::create_directories(path.parent_path());
-    return NS_CORE::ScopedFileHandle(::CreateFileW(path.c_str(), GENERIC_WRITE, /*dwShareMode=*/0,
-                                                   /*lpSecurityAttributes=*/nullptr, CREATE_ALWAYS,
-                                                   FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr));
-}
-
-TEST_F(CrashTest, FilesThatAnotherProgramHoldsCostNothingElse) {
-    NS_CORE::ScopedFileHandle held = holdAlone(dumpFile());
-    ASSERT_TRUE(held);
-    EXPECT_EQ(run({}), test::kCrashExitCode);
-    EXPECT_EQ(m_output, failed(test::textOf(ERROR_SHARING_VIOLATION)));
-    EXPECT_EQ(history(), historyLine());
-    held = holdAlone(historyFile());
-    ASSERT_TRUE(held);
-    EXPECT_EQ(run({}), test::kCrashExitCode);
-    EXPECT_EQ(m_output, written());
 }
 
 TEST(WrittenDump, IsCutOffOrNoFile) {
