@@ -11,9 +11,8 @@ namespace {
 
 // Whether the stream goes to a file, a pipe or the null device: to anything that exists and is not a console.
 bool isRedirected(std::FILE* stream) {
-    const int fd = ::_fileno(stream);
-    if (fd < 0) return false;
-    const auto handle = reinterpret_cast<HANDLE>(::_get_osfhandle(fd));
+    const int fd = ::_fileno(stream); // negative if there is nothing
+    const HANDLE handle = fd < 0 ? nullptr : reinterpret_cast<HANDLE>(::_get_osfhandle(fd));
     DWORD mode = 0;
     return ::GetFileType(handle) != FILE_TYPE_UNKNOWN && !::GetConsoleMode(handle, &mode);
 }
