@@ -532,7 +532,7 @@ TEST(MasterLogger, LimitsWhatIsLoggedWhileARecordIsServed) {
 
 TEST(LogGlobals, InstallTheDefaultsAndTakeEverythingOutAtTheirEnd) {
     LogRecorder log;
-    int ended = 0;
+    std::string ended;
     Lines seen;
     const auto see = [&](const std::string& record) { seen.push_back(record); };
     const LevelFlags flags(LogLevel::Norm, LevelEntry::History | LevelEntry::Observers);
@@ -540,15 +540,15 @@ TEST(LogGlobals, InstallTheDefaultsAndTakeEverythingOutAtTheirEnd) {
         const DefaultGlobals globals;
         MLOG(Warn, "A::b", "to the default implementation");
         EXPECT_TRUE(log.records().empty());
-        setImplementation(see, [&] { ++ended; });
+        setImplementation(see, [&] { ended += " implementation"; });
         MasterLogger::addObserver(observerOf(LogLevel::Norm, see));
         MLOG(Norm, "A::b", "kept");
         sayLimited("x");
         sayLimited("x");
-        setGlobalObserver(see, [&] { ++ended; });
+        setGlobalObserver(see, [&] { ended += "observer"; });
         EXPECT_EQ(MasterLogger::history().size(), 1U);
     }
-    EXPECT_EQ(ended, 2);
+    EXPECT_EQ(ended, "observer implementation");
     EXPECT_TRUE(MasterLogger::history().empty());
     MLOG(Norm, "A::b", "nobody sees it");
     EXPECT_EQ(seen, (Lines{"NORM A::b - kept", "WARN A::b - x", "WARN A::b - x [1 times in 0 seconds]",
