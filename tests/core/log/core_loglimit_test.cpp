@@ -148,9 +148,18 @@ TEST_F(LimitTest, CanBeReplaced) {
             for (int i = 0; i < 2; ++i) say("own");
         }
     };
+    const Lines expected{"WARN A::b - x!3600", "WARN A::b - own", "WARN A::b - own"};
     MasterLogger::setRateImplementation(std::make_unique<Upper>());
     say("x");
-    EXPECT_EQ(taken(), (Lines{"WARN A::b - x!3600", "WARN A::b - own", "WARN A::b - own"}));
+    EXPECT_EQ(taken(), expected);
+    MasterLogger::setRateImplementation(nullptr);
+    struct OwnGlobals : Globals {
+        OwnGlobals() : Globals(nullptr, std::make_unique<Upper>()) {}
+    };
+    const OwnGlobals globals;
+    const LogRecorder inner;
+    say("x");
+    EXPECT_EQ(taken(), expected);
 }
 
 } // namespace

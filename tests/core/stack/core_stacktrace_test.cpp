@@ -136,6 +136,7 @@ TEST(FunctionName, LeavesOutReturnTypeParametersAndQualifiers) {
     EXPECT_EQ(functionName("C::f(int) const::{lambda()#1}::operator()() const"),
               "C::f(int) const::{lambda()#1}::operator()");
     EXPECT_EQ(functionName("ns::f[abi:cxx11](int)"), "ns::f");
+    EXPECT_EQ(functionName(std::string_view("f x", 1)), "f");
     EXPECT_EQ(functionName(""), "");
     EXPECT_EQ(functionName(")"), ")");
 }

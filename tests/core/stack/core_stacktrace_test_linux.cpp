@@ -77,7 +77,7 @@ TEST(StackTrace, LogsAtNormAModuleWhoseFileIsGone) {
     const auto base = reinterpret_cast<uintptr_t>(found.dlfo_map_start);
     const test::NormRecorder log;
     const test::HookRecorder hook; // the name is given for a number
-    traceHere();
+    StackTrace().loadModules();
     EXPECT_EQ(log.lines(),
               std::vector<std::string>{NS_CORE::formatString(
                   "NORM NS_CORE::StackTrace::loadModule - failed to load image=%s module=0 base_addr=%d, size=%d", file,
