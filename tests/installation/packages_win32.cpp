@@ -83,11 +83,12 @@ unsigned long run(const std::string& commandLine, const fs::path& directory) {
     if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE, 0, nullptr,
                           directory.c_str(), &startup, &started))
         failWithLastError("CreateProcessW " + commandLine);
+    // Wine starts a program of Linux without a handle to wait for. Wine 10 leaves a number in the thread's place then,
+    // and closing that closes something else of this process, which can crash Wine's server.
+    if (!started.hProcess) return 0;
     const ScopedKernelHandle process(started.hProcess);
     const ScopedKernelHandle thread(started.hThread);
     DWORD code = 0;
-    // Wine starts a program of Linux without a handle to wait for.
-    if (!process) return code;
     ::WaitForSingleObject(process.get(), INFINITE);
     ::GetExitCodeProcess(process.get(), &code);
     return code;
