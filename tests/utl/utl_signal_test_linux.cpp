@@ -72,11 +72,11 @@ TEST_F(LinuxSignalTest, LogsAHandlerThatCannotBePutBack) {
 }
 
 TEST_F(LinuxSignalTest, AnswersOnAThreadOfItsOwnInTheOrderOfArrivalAndStaysInstalled) {
-    const std::vector<int> raised = {SIGINT, SIGTERM, SIGINT};
+    const std::vector<int> raised = {SIGINT, SIGHUP, SIGINT};
     {
-        const Signal first(SIGTERM, &answerAndTell);
+        const Signal first(SIGHUP, &answerAndTell);
         const Signal second(SIGINT, &answerAndTell);
-        static_cast<void>(Signal(SIGTERM, [](int) { g_answered.release(); })); // is over
+        static_cast<void>(Signal(SIGHUP, [](int) { g_answered.release(); })); // is over
         for (const int signum : raised) ::raise(signum);
         for (size_t i = 0; i < raised.size(); ++i) g_answered.acquire();
     }

@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <vector>
-
 #include "core/memory/core_scopedhandle_win32.h"
 #include "core/memory/core_threadword.h"
-#include "core/memory/core_threadword_platform.h"
 
 namespace {
 
@@ -40,17 +37,6 @@ TEST(ThreadWord, NeedsNoHeapWhenAThreadFirstUsesIt) {
     DWORD code = 0;
     EXPECT_TRUE(::GetExitCodeThread(thread.get(), &code));
     EXPECT_EQ(code, 1U);
-}
-
-TEST(ThreadWord, HasASlotAsLongAsThereIsOne) {
-    using namespace NS_CORE::threadword_platform;
-    std::vector<uint32_t> slots;
-    uint32_t slot = 0;
-    while (slots.size() < 5000 && allocate(&slot)) slots.push_back(slot);
-    release(slots.back());
-    const bool hasOneAgain = allocate(&slot);
-    for (const uint32_t one : slots) release(one);
-    EXPECT_TRUE(hasOneAgain && slots.size() < 5000) << slots.size();
 }
 
 TEST(ThreadWord, KeepsTheLastError) {
