@@ -9,8 +9,6 @@
 namespace health {
 namespace {
 
-constexpr LocalSeconds kSecondsPerHour = 3600;
-
 std::string readAll(const std::string& path) {
     machine::InputFile file(path);
     std::string bytes;
@@ -208,7 +206,7 @@ Facts gather(const Installation& installation, uint32_t hours) {
     facts.log = readServiceLog(old, current, facts.now);
     facts.keriDirectory = machine::keriDirectory(installation.root);
     facts.libraries = librariesOf(installation, facts.keriDirectory);
-    facts.crash = lastCrash(installation, facts.now - hours * kSecondsPerHour);
+    facts.crash = lastCrash(installation, facts.now - hours * LocalSeconds{3600});
     facts.freeBytes = machine::freeBytes(installation.logs);
     return facts;
 }

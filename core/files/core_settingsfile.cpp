@@ -12,7 +12,7 @@
 namespace NS_CORE {
 namespace {
 
-constexpr std::string_view kFunction = "CORE::readSettingsFile";
+constexpr std::string_view kReadSettingsFile = "CORE::readSettingsFile";
 constexpr std::string_view kBetweenTokens = " \n\r\t";
 
 } // namespace
@@ -25,7 +25,8 @@ bool readSettingsFile(const std::string& path, const std::function<void(std::str
         const std::string_view text(line.data());
         addLine(text.substr(0, text.find('\n')));
     }
-    if (std::ferror(file.get()) != 0) MLOG(Warn, kFunction, "failed reading '%s': %s", path, std::strerror(errno));
+    if (std::ferror(file.get()) != 0)
+        MLOG(Warn, kReadSettingsFile, "failed reading '%s': %s", path, std::strerror(errno));
     return true;
 }
 

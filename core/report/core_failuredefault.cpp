@@ -9,7 +9,7 @@
 namespace NS_CORE {
 namespace {
 
-constexpr std::string_view kFunction = "CORE::Assert::failDefault";
+constexpr std::string_view kFailDefault = "CORE::Assert::failDefault";
 
 constexpr AssertPolicy kPolicyAtStart{
     .isExcluded = [](std::string_view, int32_t) { return false; },
@@ -32,9 +32,9 @@ public:
 
 void logExcluded(const char* expression, std::string_view file, int32_t line, const std::string& message) {
     if (message.empty())
-        MLOG(Crit, kFunction, "EXCLUDED_ASSERT failed at %s:%d (%s)", file, line, expression);
+        MLOG(Crit, kFailDefault, "EXCLUDED_ASSERT failed at %s:%d (%s)", file, line, expression);
     else
-        MLOG(Crit, kFunction, "EXCLUDED_ASSERT failed at %s:%d (%s) (%s)", file, line, expression, message);
+        MLOG(Crit, kFailDefault, "EXCLUDED_ASSERT failed at %s:%d (%s) (%s)", file, line, expression, message);
 }
 
 } // namespace
@@ -50,7 +50,7 @@ void Assert::setFailureHandler() {
 bool Assert::failDefault(const char* expression, std::string_view file, int32_t line, int32_t level,
                          const std::string& message) {
     if (expression == nullptr) {
-        MLOG(Crit, kFunction, "ERROR!! ASSERT failed at %s:%d", file, line);
+        MLOG(Crit, kFailDefault, "ERROR!! ASSERT failed at %s:%d", file, line);
         return false;
     }
     if (g_insideFailDefault.get() != 0) {
@@ -63,7 +63,7 @@ bool Assert::failDefault(const char* expression, std::string_view file, int32_t 
         logExcluded(expression, file, line, message);
         return false;
     }
-    MLOG(Crit, kFunction, "GASSERT failed at %s:%d (%s) (%s)", file, line, expression, message);
+    MLOG(Crit, kFailDefault, "GASSERT failed at %s:%d (%s) (%s)", file, line, expression, message);
     policy.report({FailureKind::Assertion, expression, file, line, level, message});
     return policy.stopsProcess();
 }

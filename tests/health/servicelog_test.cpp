@@ -7,7 +7,7 @@
 namespace health {
 namespace {
 
-constexpr std::string_view kNow = "2026-01-02 03:04:05";
+constexpr std::string_view kNowText = "2026-01-02 03:04:05";
 
 LocalSeconds seconds(std::string_view text) {
     LocalSeconds out = -1;
@@ -32,13 +32,13 @@ std::string lines(std::initializer_list<std::string_view> list) {
 }
 
 LogSummary read(std::initializer_list<std::string_view> list) {
-    return readServiceLog("", lines(list), seconds(kNow));
+    return readServiceLog("", lines(list), seconds(kNowText));
 }
 
 TEST(ServiceLog, CountsTheLastHourInBothFiles) {
     const std::string old = lines({"02:04:05 failed", "02:04:06 failed"});
     const std::string current = "cut off\n" + lines({"03:04:05 failed", "03:04:06 failed"}) + "2026-01-02 02 03:04:07";
-    const LogSummary log = readServiceLog(old, current, seconds(kNow));
+    const LogSummary log = readServiceLog(old, current, seconds(kNowText));
     EXPECT_EQ(log.restartsLastHour, 2U);
     EXPECT_EQ(log.lastLine, seconds("2026-01-02 03:04:06"));
     EXPECT_EQ(readServiceLog("", "", 0).lastLine, 0);
@@ -64,8 +64,8 @@ TEST(ServiceLog, HasTheReasonOfTheLastStartOnly) {
 TEST(LocalTime, IsTheClockOnTheWall) {
     EXPECT_EQ(seconds("1970-01-01 00:00:00"), 0);
     EXPECT_EQ(seconds("2000-02-29 12:00:00"), 951'825'600);
-    EXPECT_EQ(seconds(kNow), 1'767'323'045);
-    EXPECT_EQ(timeText(1'767'323'045), kNow);
+    EXPECT_EQ(seconds(kNowText), 1'767'323'045);
+    EXPECT_EQ(timeText(1'767'323'045), kNowText);
     for (const char* text : {"", "2026-01-02", "2026-01-02 03:04:0x", "2026-01-02T03:04:05", "-026-01-02 03:04:05"}) {
         LocalSeconds out = 7;
         EXPECT_FALSE(parseTime(text, &out)) << text;

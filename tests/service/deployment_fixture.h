@@ -17,6 +17,8 @@ inline constexpr const char* kLibraries[] = {"ClientSocketServices.dll", "DHS.dl
                                              "DHS_Commands.dll",         "SocketServices.dll",
                                              "TracerX-Logger.dll",       "DHSAttributes.dll"};
 
+inline const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
+
 // An installation of the service, whose program is this test's, and one of the Keri software. The deployment itself
 // runs in a child process, because it copies to where its own executable lies.
 class DeploymentTest : public testing::Test {

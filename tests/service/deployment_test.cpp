@@ -14,7 +14,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
 const std::string kNoLocation = "CRIT getKeriInstallDir - Could not locate KERI install directory from registry";
 const std::string kNoPath = "WARN CopyDependencies - Failed getting keri install path";
 const std::string kValueError = "WARN NS_UTL::RegistryKey::getValue(InstallLocation) - ";

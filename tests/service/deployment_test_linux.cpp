@@ -6,8 +6,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
-
 } // namespace
 
 TEST_F(DeploymentTest, SaysThatTheKeyIsMissing) {

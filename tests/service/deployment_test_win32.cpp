@@ -11,8 +11,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-const std::string kBegin = "INFO CopyDependencies - Copying dependencies";
-
 DWORD WINAPI cutPath(HMODULE /*module*/, LPSTR /*path*/, DWORD size) {
     return size;
 }

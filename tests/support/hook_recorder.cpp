@@ -11,7 +11,7 @@
 namespace test {
 namespace {
 
-std::mutex g_mutex;
+std::mutex g_hookMutex;
 std::vector<FailedCheck> g_failures;
 size_t g_read = 0; // how many of them the test has seen
 std::atomic<bool> g_stop{false};
@@ -24,7 +24,7 @@ FailedCheck checkOf(const char* expression, std::string_view file, int32_t line,
 }
 
 bool record(const char* expression, std::string_view file, int32_t line, int32_t level, const std::string& message) {
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_hookMutex);
     g_failures.push_back(checkOf(expression, file, line, level, message));
     return g_stop;
 }
@@ -52,7 +52,7 @@ HookRecorder::HookRecorder() {
 
 HookRecorder::~HookRecorder() {
     NS_CORE::Assert::installFailureHandler(g_previous);
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_hookMutex);
     for (; g_read < g_failures.size(); ++g_read)
         ADD_FAILURE() << "failed check that the test has not read: " << testing::PrintToString(g_failures[g_read]);
 }
@@ -74,7 +74,7 @@ void HookRecorder::answerStop(bool stop) {
 }
 
 std::vector<FailedCheck> HookRecorder::failures() const {
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_hookMutex);
     g_read = g_failures.size();
     return g_failures;
 }
@@ -86,7 +86,7 @@ FailedCheck HookRecorder::single() const {
 }
 
 void HookRecorder::clear() {
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_hookMutex);
     g_failures.clear();
     g_read = 0;
 }

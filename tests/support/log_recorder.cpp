@@ -12,7 +12,7 @@
 namespace test {
 namespace {
 
-std::mutex g_mutex;
+std::mutex g_logMutex;
 std::vector<LogRecord> g_records;
 std::vector<std::string> g_lines;
 
@@ -20,7 +20,7 @@ class RecordingLogImpl : public NS_CORE::LogImpl {
 public:
     void log(uint32_t level, uint32_t threadNumber, const NS_CORE::LevelEntry& levelEntry,
              uint8_t /*implementationBits*/, const char* text, size_t textLength) override {
-        const std::lock_guard lock(g_mutex);
+        const std::lock_guard lock(g_logMutex);
         const std::string body(text, textLength);
         g_records.push_back({level, threadNumber, body});
         g_lines.push_back(levelEntry.name + std::string(" ") + body);
@@ -39,17 +39,17 @@ LogRecorder::~LogRecorder() {
 }
 
 std::vector<LogRecord> LogRecorder::records() const {
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_logMutex);
     return g_records;
 }
 
 std::vector<std::string> LogRecorder::lines() const {
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_logMutex);
     return g_lines;
 }
 
 void LogRecorder::clear() {
-    const std::lock_guard lock(g_mutex);
+    const std::lock_guard lock(g_logMutex);
     g_records.clear();
     g_lines.clear();
 }

@@ -21,15 +21,15 @@ bool isText(DWORD type) {
     return type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ;
 }
 
-// What a value holds, in the registry's own bytes.
-struct Stored {
-    DWORD type = REG_NONE;
-    std::vector<BYTE> bytes;
-};
-
 } // namespace
 
 struct RegistryValue::Impl {
+    // What a value holds, in the registry's own bytes.
+    struct Stored {
+        DWORD type = REG_NONE;
+        std::vector<BYTE> bytes;
+    };
+
     std::wstring subKey;
     std::wstring name;
     NS_CORE::ScopedKernelHandle mutex;
@@ -91,7 +91,7 @@ RegistryValue::~RegistryValue() {
 }
 
 void RegistryValue::set(uint32_t type, const std::string& bytes) {
-    Stored value{type, {bytes.begin(), bytes.end()}};
+    Impl::Stored value{type, {bytes.begin(), bytes.end()}};
     if (isText(type)) {
         const std::wstring text = wide(bytes);
         const auto* first = reinterpret_cast<const BYTE*>(text.data());

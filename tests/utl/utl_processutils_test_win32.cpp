@@ -60,7 +60,7 @@ TEST(ProcessUtilsWin32, AWaitInVainAndARefusedExitCodeHaveTheirResults) {
     EXPECT_EQ(started(line), Started(Result::NoExitCode, kUntouched));
 }
 
-std::vector<std::string> g_closed;
+std::vector<std::string> g_closedHandles;
 PROCESS_INFORMATION g_started;
 const test::ImportHook<decltype(::CloseHandle)>* g_closing;
 
@@ -80,8 +80,8 @@ BOOL WINAPI createAndNote(LPCSTR program, LPSTR line, LPSECURITY_ATTRIBUTES ofPr
 }
 
 BOOL WINAPI closeAndNote(HANDLE handle) {
-    if (handle == g_started.hProcess) g_closed.emplace_back("process");
-    if (handle == g_started.hThread) g_closed.emplace_back("thread");
+    if (handle == g_started.hProcess) g_closedHandles.emplace_back("process");
+    if (handle == g_started.hThread) g_closedHandles.emplace_back("thread");
     return g_closing->original()(handle);
 }
 
@@ -90,7 +90,7 @@ TEST(ProcessUtilsWin32, StartsDetachedAndClosesTheProcessBeforeItsThread) {
     const test::ImportHook<decltype(::CloseHandle)> closing("CloseHandle", &closeAndNote);
     g_closing = &closing;
     EXPECT_EQ(started(test::childCommandLine("exit", {"3"})), Started(Result::Finished, 3));
-    EXPECT_EQ(g_closed, (std::vector<std::string>{"process", "thread"}));
+    EXPECT_EQ(g_closedHandles, (std::vector<std::string>{"process", "thread"}));
 }
 
 } // namespace

@@ -59,8 +59,6 @@ protected:
     bool m_result = false;
 };
 
-} // namespace
-
 TEST_F(RegistryKeyTest, RefusesASecondOpenAndKeepsTheFirstKey) {
     m_value.set(RegType::Sz, std::string("kept\0", 5));
     RegistryKey key;
@@ -177,3 +175,5 @@ TEST_F(RegistryKeyTest, AnswersWhatTheConsumerAnswersAndCallsItOnce) {
     EXPECT_EQ(calls, 1);
     EXPECT_TRUE(m_log.lines().empty());
 }
+
+} // namespace

@@ -15,7 +15,7 @@ using NS_UTL::RegistryKey;
 
 namespace {
 
-const std::string kSubKey = "SOFTWARE\\Quorkeri tests\\Key";
+const std::string kTestKey = "SOFTWARE\\Quorkeri tests\\Key";
 
 bool keyExists(const std::string& subKey) {
     HKEY key = nullptr;
@@ -27,30 +27,30 @@ bool keyExists(const std::string& subKey) {
 } // namespace
 
 TEST(RegistryKeyWin32, CreatesAMissingKeyAndThenMissesTheValue) {
-    test::RegistryValue value(kSubKey, "v", "");
+    test::RegistryValue value(kTestKey, "v", "");
     value.removeKey();
-    ASSERT_FALSE(keyExists(kSubKey));
+    ASSERT_FALSE(keyExists(kTestKey));
     test::LogRecorder log;
     RegistryKey key;
-    EXPECT_TRUE(key.open(kSubKey));
-    EXPECT_TRUE(keyExists(kSubKey));
+    EXPECT_TRUE(key.open(kTestKey));
+    EXPECT_TRUE(keyExists(kTestKey));
     std::string text;
     EXPECT_FALSE(key.getValue("v", text));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN NS_UTL::RegistryKey::getValue(v) - error 2"}));
 }
 
 TEST(RegistryKeyWin32, KeepsTheKeyOpenForTheProcesssLife) {
-    test::RegistryValue value(kSubKey, "v", "");
+    test::RegistryValue value(kTestKey, "v", "");
     value.set(REG_SZ, std::string("x\0", 2));
     {
         // What the registry library itself keeps from its first use on is not to count.
         RegistryKey first;
-        ASSERT_TRUE(first.open(kSubKey));
+        ASSERT_TRUE(first.open(kTestKey));
     }
     const int64_t before = test::openHandles();
     {
         RegistryKey key;
-        ASSERT_TRUE(key.open(kSubKey));
+        ASSERT_TRUE(key.open(kTestKey));
         std::string text;
         EXPECT_TRUE(key.getValue("v", text));
     }
@@ -89,10 +89,10 @@ TEST(RegistryKeyWin32, ReportsAKeyThatCannotBeOpenedWithTheThreadsLastError) {
 }
 
 TEST(RegistryKeyWin32, FollowsAValueThatGrowsBetweenTheReads) {
-    test::RegistryValue value(kSubKey, "v", "");
+    test::RegistryValue value(kTestKey, "v", "");
     value.set(REG_SZ, std::string(17, 'x'));
     RegistryKey key;
-    ASSERT_TRUE(key.open(kSubKey));
+    ASSERT_TRUE(key.open(kTestKey));
     // Another thread makes it ever longer, so that a read can find less room than the one before asked for.
     std::atomic<bool> stop = false;
     std::thread writer([&] {

@@ -9,7 +9,7 @@
 namespace NS_CORE {
 namespace {
 
-constexpr std::string_view kFunction = "NS_CORE::TestInterface::loadIni";
+constexpr std::string_view kLoadIni = "NS_CORE::TestInterface::loadIni";
 constexpr uint32_t kBothAborts = TestAction::AssertAbort | TestAction::AlertAbort;
 
 // A key of the sections [assert] and [alert].
@@ -74,7 +74,7 @@ void TestSettingsParser::beginSection(std::string_view name) {
         m_section = Section::Alert;
     } else {
         m_section = Section::Unknown;
-        MLOG(Warn, kFunction, "unhandled section '%s'", name);
+        MLOG(Warn, kLoadIni, "unhandled section '%s'", name);
     }
 }
 
@@ -117,14 +117,14 @@ void TestSettingsParser::applyAction(std::string_view key, std::string_view valu
 }
 
 void TestSettingsParser::warnAboutKey(std::string_view key) {
-    MLOG(Warn, kFunction, "unhandled val '%s' in section '%s'", key, m_sectionName);
+    MLOG(Warn, kLoadIni, "unhandled val '%s' in section '%s'", key, m_sectionName);
 }
 
 void TestSettingsParser::warnAboutAction(std::string_view key, std::string_view value, int32_t place) {
     if (m_section == Section::Assert)
         MasterLogger::logAt(LogLevel::Warn, "core_testinterface", place);
     else
-        MLOG(Warn, kFunction, "bad value '%s' of '%s' in section '%s'", value, key, m_sectionName);
+        MLOG(Warn, kLoadIni, "bad value '%s' of '%s' in section '%s'", value, key, m_sectionName);
 }
 
 } // namespace NS_CORE
