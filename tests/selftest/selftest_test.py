@@ -93,7 +93,7 @@ class SelfTest(unittest.TestCase):
                               (PRODUCT, "The product is installed here")):
             self.wine.run("reg", "add", key, "/v", "DisplayName", "/d", "Quorvane Keri Wrapper", "/f", *VIEW[key])
             self.assert_refused(sentence)
-            self.wine.run("reg", "delete", key, "/f", *VIEW[key])
+            self.wine.run("reg", "delete", key if key != WER else WER.rpartition("\\")[0], "/f", *VIEW[key])
         for name in ("QuorkeriSelftest", "QuorkeriService"):
             (self.drive / name).mkdir()
             self.assert_refused(f"The directory 'C:\\{name}' is there")
