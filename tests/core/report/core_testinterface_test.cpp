@@ -92,11 +92,13 @@ TEST_F(TestInterfaceTest, ReadsLargeFilesWhole) {
     std::string unknown;
     for (int i = 0; i < 150; ++i) unknown += "nonsense 1\n";
     writeIni("[assert]\n" + unknown + comments + "send true\nlast 1\n");
-    writeExclusions(comments + "core_x 1 2035-01-01\n");
+    writeExclusions(comments + "core_x 1 2035-01-01\na 1 x\n");
     interface.readFiles();
     EXPECT_EQ(interface.settings().actionFlags, TestAction::AssertSend);
     EXPECT_TRUE(interface.isExcluded("core_x", 1));
-    EXPECT_EQ(log.lines().size(), 151U);
+    ASSERT_EQ(log.lines().size(), 152U);
+    EXPECT_NE(log.lines().back().find("loadExclusions"), std::string::npos)
+        << "first the settings, then the exclusions";
 }
 
 TEST_F(TestInterfaceTest, BoundsTheListOfExclusions) {
