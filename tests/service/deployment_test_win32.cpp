@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "core/memory/core_scopedhandle_win32.h"
 #include "service/deployment.h"
 #include "tests/service/deployment_fixture.h"
 #include "tests/support/child.h"
@@ -26,6 +27,22 @@ TEST_F(DeploymentTest, LooksForTheInstallationBeforeItsOwnDirectory) {
                                   "CRIT getKeriInstallDir - Could not locate KERI install directory from registry",
                                   "WARN CORE::Dir::getModuleFilename - buffer to small",
                                   "WARN CopyDependencies - Failed getting module dir"}));
+}
+
+TEST_F(DeploymentTest, SkipsALibraryThatIsHeldOpen) {
+    makeLibraries(100);
+    registerDirectory(m_keri);
+    test::writeFile(inBin("DHS.dll"), "older");
+    {
+        const NS_CORE::ScopedFileHandle held(::CreateFileA(inBin("DHS.dll").c_str(), GENERIC_READ, /*dwShareMode=*/0,
+                                                           nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_TRUE(held);
+        EXPECT_EQ(deploy(),
+                  (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inBin("DHS.dll") + "' for writing",
+                         failedCopying("DHS.dll")}));
+    }
+    EXPECT_EQ(test::readFile(inBin("DHS.dll")), "older");
+    EXPECT_TRUE(isCopied("DHSAttributes.dll"));
 }
 
 TEST_F(DeploymentTest, FindsTheDirectoryOfTheSampleThatServesBothPlatforms) {

@@ -27,6 +27,20 @@ FileHandle openSharing(const std::string& file, DWORD share) {
     return handle;
 }
 
+TEST_F(FileLoggerTest, DropsRecordsWhileAnotherProgramLocksTheFile) {
+    install(5000000, 1);
+    say("1");
+    std::string printed;
+    {
+        const FileHandle locked = openSharing(log(), /*share=*/0);
+        printed = printedBy([] { say("lost"); }).error;
+    }
+    EXPECT_EQ(printed, openFailure());
+    EXPECT_EQ(hook.single().message, "");
+    say("2");
+    EXPECT_EQ(texts(log()), (Lines{"1", "2"}));
+}
+
 TEST_F(FileLoggerTest, WritesOnWhileAnotherProgramReadsAndRotatesWhenItMay) {
     install(30, 1);
     say("1");

@@ -25,6 +25,13 @@ const test::ChildProgram g_setsEvent("sets-event", [](const auto& arguments) {
     return ::SetEvent(handleOf(arguments.at(0))) ? 1 : 0;
 });
 
+// 0 without a console, and its window and screen.
+const test::ChildProgram g_console("console", [](const auto&) {
+    const HANDLE screen = ::CreateFileW(L"CONOUT$", GENERIC_WRITE, FILE_SHARE_WRITE, /*lpSecurityAttributes=*/nullptr,
+                                        OPEN_EXISTING, /*dwFlagsAndAttributes=*/0, /*hTemplateFile=*/nullptr);
+    return (::GetConsoleWindow() ? 1 : 0) + (screen != INVALID_HANDLE_VALUE ? 2 : 0);
+});
+
 TEST(ProcessUtilsWin32, ExitCodesOfProgramsEndedByForceAreStored) {
     // The second is the code by which the system marks a program that still runs.
     for (const unsigned long code : {77UL, 259UL, 0xC0000005UL, 0xFFFFFFFFUL})
@@ -40,6 +47,10 @@ TEST(ProcessUtilsWin32, TheChildInheritsNoHandle) {
     EXPECT_EQ(started(line).first, Result::Finished);
     EXPECT_EQ(::WaitForSingleObject(event, 0), DWORD{WAIT_TIMEOUT});
     ::CloseHandle(event);
+}
+
+TEST(ProcessUtilsWin32, TheChildHasNoConsole) {
+    EXPECT_EQ(started(test::childCommandLine("console")), kFinished);
 }
 
 DWORD WINAPI waitInVain(HANDLE /*handle*/, DWORD /*milliseconds*/) {

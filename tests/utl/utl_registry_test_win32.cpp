@@ -17,11 +17,18 @@ namespace {
 
 const std::string kTestKey = "SOFTWARE\\Quorkeri tests\\Key";
 
-bool keyExists(const std::string& subKey) {
+bool keyExists(const std::string& subKey, REGSAM view = 0) {
     HKEY key = nullptr;
-    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_QUERY_VALUE, &key) != ERROR_SUCCESS) return false;
+    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_QUERY_VALUE | view, &key) != ERROR_SUCCESS)
+        return false;
     ::RegCloseKey(key);
     return true;
+}
+
+bool runsOn64BitWindows() {
+    BOOL wow64 = FALSE;
+    EXPECT_TRUE(::IsWow64Process(::GetCurrentProcess(), &wow64));
+    return wow64 != FALSE;
 }
 
 } // namespace
@@ -37,6 +44,19 @@ TEST(RegistryKeyWin32, CreatesAMissingKeyAndThenMissesTheValue) {
     std::string text;
     EXPECT_FALSE(key.getValue("v", text));
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN NS_UTL::RegistryKey::getValue(v) - error 2"}));
+}
+
+TEST(RegistryKeyWin32, SeesThe32BitViewAndTheOneThatThePathSpells) {
+    test::RegistryValue value(kTestKey, "v", "");
+    value.set(REG_SZ, std::string("x\0", 2));
+    EXPECT_TRUE(keyExists(kTestKey, KEY_WOW64_32KEY));
+    EXPECT_EQ(keyExists(kTestKey, KEY_WOW64_64KEY), !runsOn64BitWindows());
+    if (!runsOn64BitWindows()) return;
+    RegistryKey key;
+    ASSERT_TRUE(key.open("SOFTWARE\\Wow6432Node\\Quorkeri tests\\Key"));
+    std::string text;
+    EXPECT_TRUE(key.getValue("v", text));
+    EXPECT_EQ(text, "x");
 }
 
 TEST(RegistryKeyWin32, KeepsTheKeyOpenForTheProcesssLife) {
@@ -68,7 +88,6 @@ LSTATUS WINAPI createAndNote(HKEY root, LPCSTR subKey, DWORD reserved, LPSTR key
                              nullptr, key, nullptr);
 }
 
-// So it sees the view of 32-bit programs.
 TEST(RegistryKeyWin32, AsksForTheRightToQueryValuesAndNothingElse) {
     const test::ImportHook hook("RegCreateKeyExA", &createAndNote);
     RegistryKey key;
