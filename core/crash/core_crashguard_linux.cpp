@@ -96,7 +96,7 @@ pid_t threadId() {
 // Restarts the timer, whose signal means that the report has made no progress for too long. alarm is async-signal-safe,
 // which setitimer is not, but it counts whole seconds only.
 void noteProgress() {
-    ::alarm(g_crashPatienceMs / 1000);
+    ::alarm((g_crashPatienceMs + 999) / 1000);
 }
 
 // Returns 0, or errno.
