@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -54,13 +53,13 @@ public:
     SpawnFileActions(const SpawnFileActions&) = delete;
     SpawnFileActions& operator=(const SpawnFileActions&) = delete;
 
-    // The standard streams are /dev/null, and nothing else is open. Noting that can fail for lack of memory only.
-    void inheritNothing() {
+    // The standard streams are /dev/null, and nothing else is open. Returns an error number or 0.
+    int inheritNothing() {
         for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-            if (::posix_spawn_file_actions_addopen(&m_actions, stream, "/dev/null", O_RDWR, /*mode=*/0) != 0)
-                throw std::bad_alloc();
+            const int error = ::posix_spawn_file_actions_addopen(&m_actions, stream, "/dev/null", O_RDWR, /*mode=*/0);
+            if (error != 0) return error;
         }
-        if (::posix_spawn_file_actions_addclosefrom_np(&m_actions, STDERR_FILENO + 1) != 0) throw std::bad_alloc();
+        return ::posix_spawn_file_actions_addclosefrom_np(&m_actions, STDERR_FILENO + 1);
     }
     const posix_spawn_file_actions_t* get() const { return &m_actions; }
 
@@ -113,7 +112,8 @@ int launch(const char* commandLine, pid_t& child) {
     SpawnAttributes attributes;
     attributes.detach();
     SpawnFileActions fileActions;
-    fileActions.inheritNothing();
+    const int error = fileActions.inheritNothing();
+    if (error != 0) return error;
     return ::posix_spawn(&child, program.c_str(), fileActions.get(), attributes.get(), arguments.data(), environ);
 }
 
