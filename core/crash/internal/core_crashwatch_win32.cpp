@@ -15,8 +15,10 @@
 namespace NS_CORE {
 namespace {
 
-// Stands in the command line, followed by the members of Task, each as kDigits hexadecimal digits.
+// The watcher's command line: a word, and the members of Task, each as kDigits hexadecimal digits.
+constexpr wchar_t kCommandLine[] = L"quorkeri-crash-watch 00000000 00000000 00000000 00000000";
 constexpr std::wstring_view kWord = L"quorkeri-crash-watch ";
+static_assert(std::wstring_view(kCommandLine).starts_with(kWord));
 constexpr size_t kDigits = 8;
 
 // How long end() waits until the watcher has ended. A quiet machine needs some milliseconds.
@@ -113,8 +115,8 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
                                     file ? sizeof(handles) : sizeof(handles.front()), /*lpPreviousValue=*/nullptr,
                                     /*lpReturnSize=*/nullptr) == FALSE)
         return;
-    wchar_t commandLine[] = L"quorkeri-crash-watch 00000000 00000000 00000000 00000000";
-    wchar_t* to = commandLine + kWord.size();
+    std::array commandLine = std::to_array(kCommandLine);
+    wchar_t* to = commandLine.data() + kWord.size();
     for (const uintptr_t number : {reinterpret_cast<uintptr_t>(process.get()), reinterpret_cast<uintptr_t>(file.get()),
                                    uintptr_t{g_crashPatienceMs}, uintptr_t{exitCode}}) {
         putNumber(to, number);
@@ -125,7 +127,7 @@ void CrashWatch::start(HANDLE dump, UINT exitCode) {
     startup.StartupInfo.dwFlags = STARTF_FORCEOFFFEEDBACK; // leave the pointer on the screen as it is
     startup.lpAttributeList = list;
     PROCESS_INFORMATION started{};
-    if (::CreateProcessW(m_program.c_str(), commandLine, /*lpProcessAttributes=*/nullptr,
+    if (::CreateProcessW(m_program.c_str(), commandLine.data(), /*lpProcessAttributes=*/nullptr,
                          /*lpThreadAttributes=*/nullptr, /*bInheritHandles=*/TRUE,
                          DETACHED_PROCESS | EXTENDED_STARTUPINFO_PRESENT, /*lpEnvironment=*/nullptr,
                          /*lpCurrentDirectory=*/nullptr, &startup.StartupInfo, &started) == FALSE)
