@@ -5,8 +5,8 @@ namespace test {
 
 const std::string kDead = "service-dead";
 
-void crash(SupervisedService& service, const Installation& installation) {
-    SelfProcess caller("crash-main-thread", {utf8(installation.root())});
+void crash(SupervisedService& service, const Installation& /*installation*/) {
+    SelfProcess caller("crash-main-thread");
     caller.read(std::string("called").size());
     // The first thread waits for the end of the service.
     service.requestStop();

@@ -202,7 +202,7 @@ TEST_F(HealthTest, FindsWhatIsWrongWithTheFiles) {
              Row{[&] { writeFile(keri / "DHS.dll", "new"); }, {"library-differs"}},
              Row{[&] { writeFile(bin / "DHS.dll", "new"); }, {}},
              Row{[&] { unregisterKeri(m_installation.root()); }, {"keri-missing"}},
-             Row{[&] { registerKeri(m_installation.root(), pathText(keri) + separator()); }, {}},
+             Row{[&] { registerKeri(m_installation.root(), pathText(keri / "")); }, {}},
              Row{[&] { writeFile(m_installation.companion(), ""); }, {"companion-damaged"}},
              Row{[&] { fs::remove(m_installation.companion()); }, {"companion-missing"}},
              Row{[&] { m_installation.putCompanion(); }, {}},

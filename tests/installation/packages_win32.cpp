@@ -76,22 +76,8 @@ std::set<std::string> operator+(std::set<std::string> one, const std::set<std::s
 }
 
 unsigned long run(const std::string& commandLine, const fs::path& directory) {
-    std::wstring line = fromText(commandLine).wstring();
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION started{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE, 0, nullptr,
-                          directory.c_str(), &startup, &started))
-        failWithLastError("CreateProcessW " + commandLine);
-    // Wine starts a program of Linux without a handle to wait for. Wine 10 leaves a number in the thread's place then,
-    // and closing that closes something else of this process, which can crash Wine's server.
-    if (!started.hProcess) return 0;
-    const ScopedKernelHandle process(started.hProcess);
-    const ScopedKernelHandle thread(started.hThread);
-    DWORD code = 0;
-    ::WaitForSingleObject(process.get(), INFINITE);
-    ::GetExitCodeProcess(process.get(), &code);
-    return code;
+    const ScopedKernelHandle process = startProgram(fromText(commandLine).wstring(), {.directory = directory.c_str()});
+    return process ? exitCodeOf(process) : 0;
 }
 
 fs::path PackagesTest::drive() {
@@ -209,17 +195,15 @@ void PackagesTest::awaitCompanion(size_t count) {
 Facts PackagesTest::facts() {
     Facts found;
     if (const ServiceHandle service = openService()) {
-        alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192];
-        DWORD needed = 0;
-        auto* const config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
-        if (!::QueryServiceConfigW(service.get(), config, sizeof buffer, &needed))
-            failWithLastError("QueryServiceConfigW");
+        const ServiceConfiguration config(service);
         found["service program"] = utf8(config->lpBinaryPathName);
         found["service name"] = utf8(config->lpDisplayName);
         found["service kind"] = std::to_string(config->dwServiceType) + ' ' + std::to_string(config->dwErrorControl);
         found["service start"] = std::to_string(config->dwStartType);
         found["service account"] = utf8(config->lpServiceStartName);
         found["service state"] = serviceState();
+        alignas(SERVICE_DESCRIPTIONW) BYTE buffer[8192];
+        DWORD needed = 0;
         auto* const description = reinterpret_cast<SERVICE_DESCRIPTIONW*>(buffer);
         if (::QueryServiceConfig2W(service.get(), SERVICE_CONFIG_DESCRIPTION, buffer, sizeof buffer, &needed) &&
             description->lpDescription)

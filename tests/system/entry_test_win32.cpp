@@ -11,34 +11,17 @@
 #include "tests/support/child.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
+#include "tests/system/processes_win32.h"
 #include "tests/system/service_manager_win32.h"
 
 // The program's own entry, called with whole command lines as another program may write them.
 namespace test {
 namespace {
 
-NS_CORE::ScopedKernelHandle start(std::wstring line) {
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = {};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE, 0, nullptr, nullptr,
-                          &startup, &process))
-        failWithLastError("CreateProcessW");
-    const NS_CORE::ScopedKernelHandle thread(process.hThread);
-    return NS_CORE::ScopedKernelHandle(process.hProcess);
-}
-
-DWORD exitCodeOf(const NS_CORE::ScopedKernelHandle& process) {
-    EXPECT_EQ(::WaitForSingleObject(process.get(), INFINITE), DWORD{WAIT_OBJECT_0});
-    DWORD code = 0;
-    EXPECT_TRUE(::GetExitCodeProcess(process.get(), &code));
-    return code;
-}
-
 // The exit code of the installation's program under this command line.
 DWORD run(const Installation& installation, const std::wstring& words, bool isQuoted) {
     const std::wstring program = installation.program().wstring();
-    return exitCodeOf(start((isQuoted ? L'"' + program + L'"' : program) + words));
+    return exitCodeOf(startProgram((isQuoted ? L'"' + program + L'"' : program) + words, {.inherits = TRUE}));
 }
 
 const ChildProgram g_waits("waits", [](const std::vector<std::string>& /*arguments*/) {
@@ -79,7 +62,7 @@ TEST(Entry, FindsItsWordsBehindAnyPathAndBesideAnyLetters) {
 // As the crash guard starts it: with handles of a process and of no file, the patience, and the exit code.
 TEST(Entry, AsAWatcherEndsAProcessThatHangsAndDoesNothingElse) {
     const Installation installation;
-    const NS_CORE::ScopedKernelHandle hanging = start(fromText(childCommandLine("waits")).wstring());
+    const NS_CORE::ScopedKernelHandle hanging = startProgram(fromText(childCommandLine("waits")).wstring());
     ::SetHandleInformation(hanging.get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
     wchar_t task[64];
     std::swprintf(task, std::size(task), L" quorkeri-crash-watch %x 0 %x %x",

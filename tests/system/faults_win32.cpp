@@ -3,13 +3,9 @@
 #include <tlhelp32.h>
 
 #include <cstdio>
-#include <stdexcept>
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
-#include "tests/support/temp_dir.h"
-#include "tests/system/platform.h"
-#include "tests/system/processes_win32.h"
 #include "tests/system/service_manager_win32.h"
 
 // What installed_test.py needs of Windows: this program's children do it and print what came of it.
@@ -18,16 +14,6 @@ namespace {
 
 using NS_CORE::ScopedFileHandle;
 using NS_CORE::ScopedKernelHandle;
-
-// The id of the service program's process that runs from below `root`.
-DWORD findService(const std::filesystem::path& root) {
-    DWORD found = 0;
-    forEachProcessBelow(root, [&](const PROCESSENTRY32W& entry) {
-        if (entry.szExeFile == std::wstring(L"quorkeri_service.exe")) found = entry.th32ProcessID;
-    });
-    if (found != 0) return found;
-    throw std::runtime_error("the service program does not run");
-}
 
 // A process's first thread is the one that was created first.
 ScopedKernelHandle openMainThread(DWORD processId) {
@@ -66,10 +52,10 @@ void callNull(HANDLE process, HANDLE thread) {
     ::ResumeThread(thread);
 }
 
-// Argument: the installation's root. Makes the service's main thread call the address 0, says so, and prints the exit
+// Makes the service's main thread call the address 0, says so, and prints the exit
 // code when the process has ended.
-const ChildProgram g_crashMainThread("crash-main-thread", [](const std::vector<std::string>& arguments) {
-    const DWORD processId = findService(fromText(arguments.at(0)));
+const ChildProgram g_crashMainThread("crash-main-thread", [](const std::vector<std::string>& /*arguments*/) {
+    const DWORD processId = statusOf(openInstalledService()).dwProcessId;
     const ScopedKernelHandle process(::OpenProcess(PROCESS_ALL_ACCESS, /*bInheritHandle=*/FALSE, processId));
     if (!process) failWithLastError("OpenProcess");
     const ScopedKernelHandle thread = openMainThread(processId);

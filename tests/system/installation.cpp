@@ -6,6 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "core/net/core_udp4socket.h"
 #include "tests/system/await.h"
 #include "tests/system/platform.h"
 
@@ -29,13 +30,9 @@ void placeLink(const fs::path& from, const fs::path& to) {
 }
 
 std::string readIfThere(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in) return "";
-    std::string bytes(static_cast<size_t>(in.tellg()), '\0');
-    in.seekg(0);
-    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    bytes.resize(static_cast<size_t>(in.gcount()));
-    return bytes;
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    return bytes.str();
 }
 
 // Cheap and different in every place and in every library, so that a torn or shifted copy shows.
@@ -82,6 +79,18 @@ std::string joined(const std::vector<std::string>& lines) {
 const std::vector<std::string> kLibraries = {"ClientSocketServices.dll", "DHS.dll",
                                              "DHS_Commands.dll",         "SocketServices.dll",
                                              "TracerX-Logger.dll",       "DHSAttributes.dll"};
+
+std::string pathText(fs::path path) {
+    return utf8(path.make_preferred());
+}
+
+void sendDatagram(uint16_t port, size_t length) {
+    NS_CORE::Udp4Socket sender;
+    const std::string bytes(length, 'x');
+    if (!sender.open(/*flags=*/0, NS_CORE::kAnyAddress) ||
+        !sender.send("127.0.0.1", port, bytes.data(), static_cast<uint32_t>(length)))
+        throw std::runtime_error("The datagram cannot be sent");
+}
 
 Installation::Installation(std::string_view directoryName)
     : m_root(m_directory.path() / fs::path(std::u8string(directoryName.begin(), directoryName.end()))) {

@@ -19,6 +19,12 @@ constexpr uint16_t kStopPort = 34002;
 // The six libraries, in the order in which they are copied.
 extern const std::vector<std::string> kLibraries;
 
+// The path as the platform itself writes it: with backslashes on Windows.
+std::string pathText(std::filesystem::path path);
+
+// Sends `length` bytes to UDP 127.0.0.1:port.
+void sendDatagram(uint16_t port, size_t length);
+
 // One line that the companion wrote about itself; see tests/companion/companion.cpp.
 struct Record {
     int64_t microseconds = 0;

@@ -110,7 +110,7 @@ class WindowsService:
     def crash(self, _):
         """The result of a main thread that jumps to where there is no code, once the wait for the service's end is over."""
         with open(self.root / "crash.txt", "w+", encoding="utf-8") as output:
-            caller = Wine().start(self.helper, "--run-child", "crash-main-thread", Wine.path(self.root), stdout=output)
+            caller = Wine().start(self.helper, "--run-child", "crash-main-thread", stdout=output)
             said = lambda: (self.root / "crash.txt").read_text(encoding="utf-8").split()
             await_true("nothing was called", lambda: "called" in said() or caller.poll() is not None)
             self.stop()
@@ -123,9 +123,7 @@ class WindowsService:
 
 class InstalledTest(unittest.TestCase):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.root = pathlib.Path(directory.name) / "installation"
+        self.root = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory())) / "installation"
         subprocess.run([CMAKE, "--install", BUILD, "--prefix", self.root], check=True, stdout=subprocess.DEVNULL)
         self.companion = Companion(self.root / "bin")
         self.companion.put(COMPANION)
@@ -271,11 +269,9 @@ class ReportsTest(InstalledTest):
     CHECK = "utl_service_win32:180 (CHECKF) 130" if IS_WINDOWS else "utl_service:41 (CHECKF) bin"
 
     def start_collector(self):
-        collector = subprocess.Popen(
+        collector = self.enterContext(subprocess.Popen(
             [sys.executable, SCRIPTS / "collector", "--address", "127.0.0.1", "--port", "0", "--folder",
-             self.root / "kept"], stdout=subprocess.PIPE, text=True, encoding="utf-8")
-        self.addCleanup(collector.stdout.close)
-        self.addCleanup(collector.wait)
+             self.root / "kept"], stdout=subprocess.PIPE, text=True, encoding="utf-8"))
         self.addCleanup(collector.kill)
         port = collector.stdout.readline().split("port ")[1].split(",")[0]
         (self.root / "settings" / "testing.ini").write_text(

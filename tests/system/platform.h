@@ -13,17 +13,10 @@
 // test ends with the reason. Texts are UTF-8.
 namespace test {
 
-// The path as the platform itself writes it: with backslashes on Windows.
-std::string pathText(const std::filesystem::path& path);
-
-// The separator of directories, on this platform and in the service's own messages.
-std::string separator();
-
 // The system's message for one of its error codes, as the system gives it.
 std::string systemText(uint32_t code);
 
-// What the log shows after "failed to start '...': " when there is no such file, and when the file is no program.
-std::string noSuchProgramText();
+// What the log shows after "failed to start '...': " when the file is no program.
 std::string notAProgramText();
 
 // The processes of an installation are ended by their ids, and only when the running program really lies below `root`,
@@ -39,9 +32,6 @@ void endProcessesBelow(const std::filesystem::path& root);
 // set-up program's entry lies; Linux: settings/registry.reg below the installation's root).
 void registerKeri(const std::filesystem::path& root, const std::string& location);
 void unregisterKeri(const std::filesystem::path& root);
-
-// Sends `length` bytes to UDP 127.0.0.1:port.
-void sendDatagram(uint16_t port, size_t length);
 
 // A program that was started from here, in the root directory of the file system so that a wrong working directory
 // shows; its two output streams go to a file. Ended with the object if it still runs.

@@ -1,9 +1,7 @@
 #include "tests/system/platform.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <net/if.h>
-#include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -80,20 +78,8 @@ bool hasGivenUpAll(uint32_t processId) {
 
 } // namespace
 
-std::string pathText(const std::filesystem::path& path) {
-    return path.string();
-}
-
-std::string separator() {
-    return "/";
-}
-
 std::string systemText(uint32_t code) {
     return std::strerror(static_cast<int>(code));
-}
-
-std::string noSuchProgramText() {
-    return systemText(ENOENT);
 }
 
 std::string notAProgramText() {
@@ -142,17 +128,6 @@ void registerKeri(const std::filesystem::path& root, const std::string& location
 void unregisterKeri(const std::filesystem::path& root) {
     std::error_code error;
     std::filesystem::remove(registryFile(root), error);
-}
-
-void sendDatagram(uint16_t port, size_t length) {
-    const NS_CORE::ScopedFd sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const std::string bytes(length, 'x');
-    const auto* to = reinterpret_cast<const sockaddr*>(&address);
-    if (::sendto(sender.get(), bytes.data(), length, 0, to, sizeof(address)) < 0) fail("sendto");
 }
 
 Process::Process(const std::filesystem::path& program, const std::vector<std::string>& words,

@@ -1,5 +1,3 @@
-#include <winsock2.h>
-
 #include <windows.h>
 
 #include <stdexcept>
@@ -9,6 +7,7 @@
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
 #include "tests/system/processes_win32.h"
+#include "tests/system/service_manager_win32.h"
 
 namespace test {
 namespace {
@@ -16,36 +15,17 @@ namespace {
 constexpr const wchar_t* kKeriKey =
     L"SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\{28C70475-353F-47A1-BD2B-6219F4C7A0C6}";
 
-[[noreturn]] void fail(const std::string& what) {
-    const DWORD code = ::GetLastError();
-    throw std::runtime_error(what + ": " + std::to_string(code) + " " + systemText(code));
-}
-
-std::wstring toWide(const std::string& text) {
-    return std::filesystem::path(std::u8string(text.begin(), text.end())).wstring();
-}
-
 // As the command-line rules of the program under test read it: a word with a blank stands in double quotes.
 std::wstring commandLine(const std::filesystem::path& program, const std::vector<std::string>& words) {
     std::wstring line = L'"' + program.wstring() + L'"';
     for (const std::string& word : words) {
         const bool hasBlank = word.find(' ') != std::string::npos;
-        line += hasBlank ? L" \"" + toWide(word) + L'"' : L' ' + toWide(word);
+        line += hasBlank ? L" \"" + fromText(word).wstring() + L'"' : L' ' + fromText(word).wstring();
     }
     return line;
 }
 
 } // namespace
-
-std::string pathText(const std::filesystem::path& path) {
-    std::filesystem::path native = path;
-    const std::u8string text = native.make_preferred().u8string();
-    return {text.begin(), text.end()};
-}
-
-std::string separator() {
-    return "\\";
-}
 
 std::string systemText(uint32_t code) {
     char* text = nullptr;
@@ -55,12 +35,27 @@ std::string systemText(uint32_t code) {
     return text ? text : "";
 }
 
-std::string noSuchProgramText() {
-    return systemText(ERROR_FILE_NOT_FOUND);
-}
-
 std::string notAProgramText() {
     return systemText(ERROR_BAD_EXE_FORMAT);
+}
+
+NS_CORE::ScopedKernelHandle startProgram(std::wstring line, StartOptions options) {
+    options.startup.cb = sizeof options.startup;
+    PROCESS_INFORMATION started{};
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, options.inherits, options.flags, nullptr,
+                          options.directory, &options.startup, &started))
+        failWithLastError("CreateProcessW " + utf8(line));
+    // Wine 10 leaves a number in the thread's place where there is no process, and closing that closes something else
+    // of this process, which can crash Wine's server.
+    if (started.hProcess) ::CloseHandle(started.hThread);
+    return NS_CORE::ScopedKernelHandle(started.hProcess);
+}
+
+DWORD exitCodeOf(const NS_CORE::ScopedKernelHandle& process) {
+    DWORD code = 0;
+    if (::WaitForSingleObject(process.get(), INFINITE) != WAIT_OBJECT_0 || !::GetExitCodeProcess(process.get(), &code))
+        failWithLastError("GetExitCodeProcess");
+    return code;
 }
 
 bool processRuns(uint32_t processId, const std::filesystem::path& root) {
@@ -99,7 +94,7 @@ void registerKeri(const std::filesystem::path& /*root*/, const std::string& loca
                                        nullptr, &key, nullptr);
     if (result != ERROR_SUCCESS) throw std::runtime_error("RegCreateKeyExW: " + std::to_string(result));
     const NS_CORE::ScopedRegistryKey owner(key);
-    const std::wstring text = toWide(location);
+    const std::wstring text = fromText(location).wstring();
     result = ::RegSetValueExW(key, L"InstallLocation", 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
                               static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
     if (result != ERROR_SUCCESS) throw std::runtime_error("RegSetValueExW: " + std::to_string(result));
@@ -109,43 +104,20 @@ void unregisterKeri(const std::filesystem::path& /*root*/) {
     ::RegDeleteKeyExW(HKEY_LOCAL_MACHINE, kKeriKey, KEY_WOW64_64KEY, 0);
 }
 
-void sendDatagram(uint16_t port, size_t length) {
-    WSADATA data;
-    if (::WSAStartup(MAKEWORD(2, 2), &data) != 0) throw std::runtime_error("WSAStartup");
-    const SOCKET sender = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const std::string bytes(length, 'x');
-    const int sent = ::sendto(sender, bytes.data(), static_cast<int>(length), 0,
-                              reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    ::closesocket(sender);
-    ::WSACleanup();
-    if (sent != static_cast<int>(length)) throw std::runtime_error("sendto");
-}
-
 Process::Process(const std::filesystem::path& program, const std::vector<std::string>& words,
                  const std::filesystem::path& output) {
     SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, /*bInheritHandle=*/TRUE};
     const NS_CORE::ScopedFileHandle file(::CreateFileW(output.c_str(), FILE_APPEND_DATA,
                                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                                        &inheritable, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) fail("CreateFileW");
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = file.get();
-    startup.hStdError = file.get();
-    PROCESS_INFORMATION process{};
-    std::wstring line = commandLine(program, words);
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/TRUE, 0, nullptr, L"C:\\",
-                          &startup, &process)) {
-        fail("CreateProcessW");
-    }
-    ::CloseHandle(process.hThread);
-    m_id = process.dwProcessId;
-    m_handle = reinterpret_cast<intptr_t>(process.hProcess);
+    if (!file) failWithLastError("CreateFileW");
+    StartOptions options{.directory = L"C:\\", .inherits = TRUE};
+    options.startup.dwFlags = STARTF_USESTDHANDLES;
+    options.startup.hStdOutput = file.get();
+    options.startup.hStdError = file.get();
+    NS_CORE::ScopedKernelHandle process = startProgram(commandLine(program, words), options);
+    m_id = ::GetProcessId(process.get());
+    m_handle = reinterpret_cast<intptr_t>(process.release());
 }
 
 Process::~Process() {
@@ -157,7 +129,7 @@ std::optional<int64_t> Process::awaitExit(std::chrono::milliseconds limit) {
     const auto process = reinterpret_cast<HANDLE>(m_handle);
     if (::WaitForSingleObject(process, static_cast<DWORD>(limit.count())) != WAIT_OBJECT_0) return std::nullopt;
     DWORD code = 0;
-    if (!::GetExitCodeProcess(process, &code)) fail("GetExitCodeProcess");
+    if (!::GetExitCodeProcess(process, &code)) failWithLastError("GetExitCodeProcess");
     m_exitCode = code;
     return m_exitCode;
 }
@@ -172,10 +144,10 @@ void Process::end() {
 HeldDeployment::HeldDeployment(const std::filesystem::path& root) : m_root(root) {
     // A pipe's name may look like a path, so that its directory can be an install location.
     const std::string directory = "\\\\.\\pipe\\quorkeri-" + std::to_string(::GetCurrentProcessId());
-    const std::wstring name = toWide(directory + '\\' + kLibraries.front());
-    const HANDLE pipe = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE | PIPE_NOWAIT,
+    const std::string name = directory + '\\' + kLibraries.front();
+    const HANDLE pipe = ::CreateNamedPipeA(name.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE | PIPE_NOWAIT,
                                            /*nMaxInstances=*/1, 0, 0, 0, nullptr);
-    if (pipe == INVALID_HANDLE_VALUE) fail("CreateNamedPipeW");
+    if (pipe == INVALID_HANDLE_VALUE) failWithLastError("CreateNamedPipeA");
     m_handle = reinterpret_cast<intptr_t>(pipe);
     registerKeri(root, directory);
 }
@@ -189,7 +161,7 @@ void HeldDeployment::awaitReader() {
         ::ConnectNamedPipe(reinterpret_cast<HANDLE>(m_handle), nullptr);
         return ::GetLastError() == ERROR_PIPE_CONNECTED;
     };
-    if (!await(isRead)) fail("nobody reads the held library");
+    if (!await(isRead)) throw std::runtime_error("nobody reads the held library");
 }
 
 void HeldDeployment::release() {

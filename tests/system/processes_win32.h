@@ -5,11 +5,25 @@
 #include <tlhelp32.h>
 
 #include <filesystem>
+#include <string>
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/system/platform.h"
 
 namespace test {
+
+struct StartOptions {
+    DWORD flags = 0;
+    const wchar_t* directory = nullptr; // this process's own
+    STARTUPINFOW startup = {};
+    BOOL inherits = FALSE; // what can be inherited
+};
+
+// Starts a command line; throws when it cannot. Empty for a program of Linux, which Wine starts without a handle.
+NS_CORE::ScopedKernelHandle startProgram(std::wstring line, StartOptions options = {});
+
+// Waits for the process's end.
+DWORD exitCodeOf(const NS_CORE::ScopedKernelHandle& process);
 
 // Calls use(entry), with a PROCESSENTRY32W, for each process whose program lies below `root`.
 template <class Use>

@@ -18,6 +18,7 @@
 #include "tests/system/await.h"
 #include "tests/system/installation.h"
 #include "tests/system/platform.h"
+#include "tests/system/processes_win32.h"
 #include "tests/system/service_manager_win32.h"
 #include "tests/system/supervised_service.h"
 
@@ -84,7 +85,7 @@ public:
         std::filesystem::create_directories(installation.root() / "work" / "dumps");
         service.start();
         installation.awaitRecord("ready");
-        SelfProcess caller("crash-main-thread", {utf8(installation.root())});
+        SelfProcess caller("crash-main-thread");
         caller.read(std::string("called").size());
         // The first thread waits for the end of the service.
         service.requestStop();
@@ -145,21 +146,13 @@ BOOL WINAPI outlive(DWORD /*event*/) {
 // program, how, file: runs the service at this console until the file is there, then ends it in this way.
 const ChildProgram g_consoleOwner("console-owner", [](const std::vector<std::string>& arguments) {
     ::SetConsoleCtrlHandler(&outlive, TRUE);
-    std::wstring line = L'"' + fromText(arguments.at(0)).wstring() + L"\" service-console";
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION started{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE, 0, nullptr, nullptr,
-                          &startup, &started))
-        failWithLastError("CreateProcessW");
-    const ScopedKernelHandle process(started.hProcess);
-    const ScopedKernelHandle thread(started.hThread);
+    const ScopedKernelHandle process = startProgram(L'"' + fromText(arguments.at(0)).wstring() + L"\" service-console");
     if (!await([&] { return std::filesystem::exists(fromText(arguments.at(2))); })) return 1;
     if (arguments.at(1) == "break")
         ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, 0);
     else
         ::PostMessageW(::GetConsoleWindow(), WM_CLOSE, 0, 0);
-    ::WaitForSingleObject(process.get(), INFINITE);
+    exitCodeOf(process);
     return 0;
 });
 
@@ -240,21 +233,16 @@ TEST(RealWindows, EndsWithItsConsoleAndOnCtrlBreak) {
         SCOPED_TRACE(how);
         const Installation installation;
         const std::filesystem::path sign = installation.root() / "now";
-        std::wstring line =
-            fromText(childCommandLine("console-owner", {utf8(installation.program()), how, utf8(sign)})).wstring();
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        startup.dwFlags = STARTF_USESHOWWINDOW;
-        startup.wShowWindow = SW_HIDE;
-        PROCESS_INFORMATION started{};
-        ASSERT_TRUE(::CreateProcessW(nullptr, line.data(), nullptr, nullptr, /*bInheritHandles=*/FALSE,
-                                     CREATE_NEW_CONSOLE, nullptr, nullptr, &startup, &started));
-        const ScopedKernelHandle owner(started.hProcess);
-        const ScopedKernelHandle thread(started.hThread);
+        StartOptions options{.flags = CREATE_NEW_CONSOLE};
+        options.startup.dwFlags = STARTF_USESHOWWINDOW;
+        options.startup.wShowWindow = SW_HIDE;
+        const ScopedKernelHandle owner = startProgram(
+            fromText(childCommandLine("console-owner", {utf8(installation.program()), how, utf8(sign)})).wstring(),
+            options);
         installation.awaitRecord("ready");
         writeFile(sign, "");
         installation.awaitRecord("ending");
-        EXPECT_EQ(::WaitForSingleObject(owner.get(), INFINITE), DWORD{WAIT_OBJECT_0});
+        exitCodeOf(owner);
         const std::vector<std::string> log = installation.log();
         ASSERT_GE(log.size(), 2U);
         EXPECT_EQ(log[log.size() - 2], "UTL::Service::signalHandler - 21");
@@ -376,10 +364,7 @@ TEST(RealWindows, RefusesAUserWhoIsNoAdministrator) {
         << ::GetLastError();
     const ScopedKernelHandle process(started.hProcess);
     const ScopedKernelHandle thread(started.hThread);
-    ::WaitForSingleObject(started.hProcess, INFINITE);
-    DWORD exitCode = 0;
-    ::GetExitCodeProcess(started.hProcess, &exitCode);
-    EXPECT_EQ(exitCode, 1U);
+    EXPECT_EQ(exitCodeOf(process), 1U);
     EXPECT_FALSE(openService());
     EXPECT_EQ(installation.log().at(0),
               "UTL::Service::install - failed to open service manager: " + systemText(ERROR_ACCESS_DENIED));

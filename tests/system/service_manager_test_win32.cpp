@@ -23,23 +23,8 @@ int64_t runWord(const Installation& installation, const std::string& word) {
     return code.value_or(-1);
 }
 
-std::string narrow(const wchar_t* text) {
-    return text ? pathText(std::filesystem::path(text)) : "";
-}
-
-// What the manager has stored; the buffer holds the texts.
-struct Configuration {
-    alignas(QUERY_SERVICE_CONFIGW) char bytes[8192] = {};
-    const QUERY_SERVICE_CONFIGW& operator*() const { return *reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(bytes); }
-    const QUERY_SERVICE_CONFIGW* operator->() const { return &**this; }
-};
-
-void readConfiguration(Configuration* out) {
-    DWORD needed = 0;
-    if (!::QueryServiceConfigW(openInstalledService().get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(out->bytes),
-                               sizeof(out->bytes), &needed)) {
-        failWithLastError("QueryServiceConfigW");
-    }
+std::string textOrNone(const wchar_t* text) {
+    return text ? utf8(text) : "";
 }
 
 // Sends a control; 0, or the manager's refusal. The status is the one that the answer carries.
@@ -67,18 +52,17 @@ TEST(ServiceManager, InstallsAndRemovesWithExitCodesAndLogLines) {
         const std::string installed = kInstalledHead + program + "'";
 
         EXPECT_EQ(runWord(installation, "service-install"), 0);
-        Configuration stored;
-        readConfiguration(&stored);
+        const ServiceConfiguration stored(openInstalledService());
         EXPECT_EQ(stored->dwServiceType, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
         EXPECT_EQ(stored->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
         EXPECT_EQ(stored->dwErrorControl, static_cast<DWORD>(SERVICE_ERROR_NORMAL));
         EXPECT_EQ(stored->dwTagId, 0U);
         // As obtained: not quoted, no arguments.
-        EXPECT_EQ(narrow(stored->lpBinaryPathName), program);
-        EXPECT_EQ(narrow(stored->lpServiceStartName), "LocalSystem");
-        EXPECT_EQ(narrow(stored->lpDisplayName), "Quorvane Keri Wrapper");
-        EXPECT_EQ(narrow(stored->lpLoadOrderGroup), "");
-        EXPECT_EQ(narrow(stored->lpDependencies), "");
+        EXPECT_EQ(textOrNone(stored->lpBinaryPathName), program);
+        EXPECT_EQ(textOrNone(stored->lpServiceStartName), "LocalSystem");
+        EXPECT_EQ(textOrNone(stored->lpDisplayName), "Quorvane Keri Wrapper");
+        EXPECT_EQ(textOrNone(stored->lpLoadOrderGroup), "");
+        EXPECT_EQ(textOrNone(stored->lpDependencies), "");
 
         EXPECT_EQ(runWord(installation, "service-install"), 0);
         EXPECT_EQ(runWord(installation, "service-remove"), 0);

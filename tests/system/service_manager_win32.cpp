@@ -33,6 +33,13 @@ ServiceHandle openInstalledService() {
     return service;
 }
 
+ServiceConfiguration::ServiceConfiguration(const ServiceHandle& service) {
+    DWORD needed = 0;
+    if (!::QueryServiceConfigW(service.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(m_bytes), sizeof m_bytes,
+                               &needed))
+        failWithLastError("QueryServiceConfigW");
+}
+
 SERVICE_STATUS_PROCESS statusOf(const ServiceHandle& service) {
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/system/installation.h"
+#include "tests/system/platform.h"
 
 namespace test {
 
@@ -36,14 +37,15 @@ public:
     // Ends the process by its id, as a crash would.
     void kill();
 
-    uint32_t processId() const;
+    uint32_t processId() const { return m_processId; }
 
     // The whole log of one life that ends by a stop request, with what happened between the deployment and the request.
     static std::vector<std::string> wholeLog(const std::vector<std::string>& between = {});
 
 private:
-    struct State;
-    std::unique_ptr<State> m_state;
+    const Installation& m_installation;
+    uint32_t m_processId = 0;
+    std::unique_ptr<Process> m_process; // on Linux, where nobody else starts it
 };
 
 // Lines that the tests compare, in one place.

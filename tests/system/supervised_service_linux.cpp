@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 #include "tests/system/await.h"
-#include "tests/system/platform.h"
 #include "tests/system/supervised_service.h"
 
 namespace test {
@@ -31,21 +30,16 @@ long sentDatagrams() {
 
 } // namespace
 
-struct SupervisedService::State {
-    const Installation& installation;
-    std::unique_ptr<Process> process;
-};
-
-SupervisedService::SupervisedService(const Installation& installation)
-    : m_state(std::make_unique<State>(installation, nullptr)) {}
+SupervisedService::SupervisedService(const Installation& installation) : m_installation(installation) {}
 
 SupervisedService::~SupervisedService() = default;
 
 void SupervisedService::start() {
-    m_state->process.reset();
-    m_state->process = std::make_unique<Process>(
-        m_state->installation.program(), std::vector<std::string>{"service-console"}, m_state->installation.output());
-    m_state->installation.awaitLog(line::running);
+    m_process.reset();
+    m_process = std::make_unique<Process>(m_installation.program(), std::vector<std::string>{"service-console"},
+                                          m_installation.output());
+    m_processId = m_process->id();
+    m_installation.awaitLog(line::running);
 }
 
 void SupervisedService::requestStop() {
@@ -56,21 +50,17 @@ void SupervisedService::requestStop() {
 }
 
 bool SupervisedService::hasStopped() {
-    return m_state->process->awaitExit(std::chrono::milliseconds(0)).has_value();
+    return m_process->awaitExit(std::chrono::milliseconds(0)).has_value();
 }
 
 void SupervisedService::awaitStopped() {
-    const std::optional<int64_t> code = m_state->process->awaitExit();
+    const std::optional<int64_t> code = m_process->awaitExit();
     if (!code) throw std::runtime_error("The service did not end");
     if (*code != 0) throw std::runtime_error("The service ended with " + std::to_string(*code));
 }
 
 void SupervisedService::kill() {
-    m_state->process->end();
-}
-
-uint32_t SupervisedService::processId() const {
-    return m_state->process->id();
+    m_process->end();
 }
 
 std::vector<std::string> SupervisedService::wholeLog(const std::vector<std::string>& between) {

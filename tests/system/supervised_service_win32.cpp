@@ -7,13 +7,7 @@
 
 namespace test {
 
-struct SupervisedService::State {
-    const Installation& installation;
-    uint32_t processId = 0;
-};
-
-SupervisedService::SupervisedService(const Installation& installation)
-    : m_state(std::make_unique<State>(installation)) {
+SupervisedService::SupervisedService(const Installation& installation) : m_installation(installation) {
     // An earlier test that was ended from outside may have left it.
     removeLeftService();
     Process install(installation.program(), {"service-install"}, installation.output());
@@ -23,7 +17,7 @@ SupervisedService::SupervisedService(const Installation& installation)
 
 SupervisedService::~SupervisedService() {
     try {
-        if (m_state->processId) endProcess(m_state->processId, m_state->installation.root());
+        if (m_processId) endProcess(m_processId, m_installation.root());
         removeLeftService();
     } catch (const std::exception&) {
         // The test has failed already, and the next one tries again.
@@ -35,10 +29,9 @@ void SupervisedService::start() {
     if (!::StartServiceW(service.get(), 0, nullptr)) failWithLastError("StartServiceW");
     const auto isRunning = [&] { return statusOf(service).dwCurrentState == SERVICE_RUNNING; };
     if (!await(isRunning)) throw std::runtime_error("The service does not run");
-    m_state->processId = statusOf(service).dwProcessId;
+    m_processId = statusOf(service).dwProcessId;
     // A service that the manager only believes to run would let later checks pass for the wrong reason.
-    if (!processRuns(m_state->processId, m_state->installation.root()))
-        throw std::runtime_error("The service has no process");
+    if (!processRuns(m_processId, m_installation.root())) throw std::runtime_error("The service has no process");
 }
 
 void SupervisedService::requestStop() {
@@ -61,18 +54,14 @@ void SupervisedService::awaitStopped() {
     const SERVICE_STATUS_PROCESS status = statusOf(service);
     if (status.dwWin32ExitCode != 0 || status.dwServiceSpecificExitCode != 0)
         throw std::runtime_error("The service stopped with " + std::to_string(status.dwWin32ExitCode));
-    const auto isGone = [this] { return !processRuns(m_state->processId, m_state->installation.root()); };
+    const auto isGone = [this] { return !processRuns(m_processId, m_installation.root()); };
     if (!await(isGone)) throw std::runtime_error("The stopped service's process stays");
 }
 
 void SupervisedService::kill() {
-    endProcess(m_state->processId, m_state->installation.root());
-    const auto isGone = [this] { return !processRuns(m_state->processId, m_state->installation.root()); };
+    endProcess(m_processId, m_installation.root());
+    const auto isGone = [this] { return !processRuns(m_processId, m_installation.root()); };
     if (!await(isGone)) throw std::runtime_error("The process cannot be ended");
-}
-
-uint32_t SupervisedService::processId() const {
-    return m_state->processId;
 }
 
 std::vector<std::string> SupervisedService::wholeLog(const std::vector<std::string>& between) {
