@@ -587,14 +587,15 @@ TEST(LogGlobals, LetStaticDestructorsLogAndFailChecksQuietly) {
 }
 
 // A process that has made no Globals: the limit is there, other threads count from 1, and nothing of what was logged
-// waits in a buffer when the process is gone.
+// waits in a buffer when the process is gone. The history begins with the first record.
 const test::ChildProgram g_withoutGlobals("WithoutGlobals", [](const auto&) {
+    const LevelFlags flags(LogLevel::Crit, LevelEntry::Console | LevelEntry::History);
     for (int i = 0; i < 100; ++i) MLOG_LIMITED(LogRate::Hourly, LogLevel::Crit, "A::b", "x");
     for (int i = 0; i < 2; ++i) onOtherThread([] { MLOG(Crit, "A::b", "y"); });
     MasterLogger::setLevelOn(1024, true);
     std::u16string unused;
     static_cast<void>(fromUtf8("\xff", unused));
-    std::_Exit(3);
+    std::_Exit(MasterLogger::history().front().text == "A::b - x" ? 3 : 4);
     return 0;
 });
 
