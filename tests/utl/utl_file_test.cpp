@@ -126,6 +126,7 @@ TEST_F(FileTest, MisuseFailsACheck) {
     ASSERT_EQ(hook.failures().size(), 3U);
     for (const test::FailedCheck& check : hook.failures())
         EXPECT_EQ(check, (test::FailedCheck{"CHECKF", "utl_file", check.line, 0, ""}));
+    EXPECT_EQ(NS_CORE::Wrapper::write(file.descriptor(), "x", 1), -1);
     EXPECT_EQ(file.size(), 7);
     EXPECT_TRUE(log.lines().empty());
 }

@@ -174,6 +174,8 @@ TEST(Wrapper, EachThreadBeginsWithWidePathsAndChoosesForItself) {
     }).join();
     EXPECT_TRUE(seenByOther);
     EXPECT_FALSE(Wrapper::useWidePaths());
+    Wrapper::setUseWidePaths(true);
+    EXPECT_TRUE(Wrapper::useWidePaths());
 }
 
 TEST(Wrapper, NamesOutsideAsciiWorkWithNarrowPathsToo) {
