@@ -81,6 +81,8 @@ TEST(RegFile, IgnoresTheCaseOfNamesAndLetsLaterLinesWin) {
     EXPECT_EQ(*registry.findValue("HKEY_LOCAL_MACHINE\\SOFTWARE\\A]B[", "nAME"), sz("3"));
     EXPECT_FALSE(registry.findValue("HKEY_LOCAL_MACHINE\\SOFTWARE\\A]B[", "name2"));
     EXPECT_FALSE(registry.findValue("HKEY_LOCAL_MACHINE\\Nowhere", "name"));
+    ASSERT_EQ(registry.parse(kHeader), 0);
+    EXPECT_FALSE(registry.hasKey("HKEY_LOCAL_MACHINE\\Other"));
 }
 
 TEST(RegFile, ReadsAllItsEncodingsAndLineEnds) {
@@ -136,9 +138,9 @@ TEST(RegFile, SaysWhichLineIsWrongAndHoldsNothingThen) {
 
 TEST(RegFile, LogsWhyAFileCannotBeLoadedUnlessItIsMissing) {
     const test::TempDir dir;
+    RegFile registry;
     const auto load = [&](const std::string& name) {
         const test::LogRecorder log;
-        RegFile registry;
         const bool isLoaded = registry.load(dir.file(name));
         EXPECT_EQ(registry.hasKey(kKey), isLoaded);
         return log.lines();
