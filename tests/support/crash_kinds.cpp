@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <stdexcept>
 
 #include "core/text/core_checkf.h"
@@ -89,9 +88,9 @@ QUORKERI_FAULTS void divideByZero() {
     static_cast<void>(CHECKF(std::getenv("PATH") == nullptr, ""));
 }
 
-const std::map<std::string, void (*)()>& kinds() {
-    // Never destroyed: some crash on the way out of the process.
-    static const auto& all = *new std::map<std::string, void (*)()>{
+std::map<std::string, void (*)()>* allKinds() {
+    auto* const all = new std::map<std::string, void (*)()>(platformCrashKinds());
+    all->insert({
         {"null", &writeNull},
         {"wild", &readWild},
         {"illegal", &illegalInstruction},
@@ -102,24 +101,23 @@ const std::map<std::string, void (*)()>& kinds() {
         {"exception", &throwUncaught},
         {"callback", &callEmptyCallback},
         {"check", &failCheckWithStop},
-    };
+    });
     return all;
 }
+
+// Never destroyed: some crash on the way out of the process.
+const std::map<std::string, void (*)()>& g_kinds = *allKinds();
 
 } // namespace
 
 std::vector<std::string> crashKinds() {
-    std::vector<std::string> names = platformCrashKinds();
-    for (const auto& [name, action] : kinds()) names.push_back(name);
+    std::vector<std::string> names;
+    for (const auto& [name, action] : g_kinds) names.push_back(name);
     return names;
 }
 
 void crash(const std::string& kind) {
-    const auto found = kinds().find(kind);
-    if (found != kinds().end())
-        found->second();
-    else
-        platformCrash(kind);
+    if (const auto found = g_kinds.find(kind); found != g_kinds.end()) found->second();
 }
 
 } // namespace test

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,13 @@ extern const int64_t kCrashExitCode;
 // Keeps the platform from starting a debugger for faults that nothing handles.
 void endQuietlyOnUnhandledFaults();
 
-// Whether SelfProcess::wait() returns this code after such a fault.
-bool isEndByUnhandledFault(int64_t exitCode);
+// What SelfProcess::wait() returns for a program that an access to address 0 has ended so.
+extern const int64_t kUnhandledFaultExitCode;
 
 // For a child whose report of a fault is abandoned half-way: the leak checker must not report what it allocated.
 void leaveMemoryBehind();
 
-// The ways to crash that only this platform has.
-std::vector<std::string> platformCrashKinds();
-void platformCrash(const std::string& kind);
+// By name: the ways to crash that only this platform has.
+std::map<std::string, void (*)()> platformCrashKinds();
 
 } // namespace test

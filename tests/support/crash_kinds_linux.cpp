@@ -34,11 +34,13 @@ void endQuietlyOnUnhandledFaults() {
 }
 
 // The sanitizers have handlers of their own, which end the process with these codes.
-bool isEndByUnhandledFault(int64_t exitCode) {
-    constexpr int64_t kAddressSanitizer = 1;
-    constexpr int64_t kThreadSanitizer = 66;
-    return exitCode == -SIGSEGV || exitCode == -SIGBUS || exitCode == kAddressSanitizer || exitCode == kThreadSanitizer;
-}
+#if defined(__SANITIZE_ADDRESS__)
+const int64_t kUnhandledFaultExitCode = 1;
+#elif defined(__SANITIZE_THREAD__)
+const int64_t kUnhandledFaultExitCode = 66;
+#else
+const int64_t kUnhandledFaultExitCode = -SIGSEGV;
+#endif
 
 void leaveMemoryBehind() {
     if (&__lsan_disable != nullptr) __lsan_disable();
@@ -46,13 +48,8 @@ void leaveMemoryBehind() {
 
 const int64_t kCrashExitCode = 129;
 
-std::vector<std::string> platformCrashKinds() {
-    return {"bus", "sent"};
-}
-
-void platformCrash(const std::string& kind) {
-    if (kind == "bus") readBeyondFile();
-    if (kind == "sent") sendFault();
+std::map<std::string, void (*)()> platformCrashKinds() {
+    return {{"bus", &readBeyondFile}, {"sent", &sendFault}};
 }
 
 } // namespace test

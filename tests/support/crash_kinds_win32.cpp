@@ -25,10 +25,8 @@ void useUpStack() {
     faultWithLittleStack(begin + guarantee + 2 * 4096);
 }
 
-constexpr UINT kUnhandledExitCode = 99;
-
-LONG WINAPI endQuietly(EXCEPTION_POINTERS* /*exception*/) {
-    ::TerminateProcess(::GetCurrentProcess(), kUnhandledExitCode);
+LONG WINAPI endQuietly(EXCEPTION_POINTERS* exception) {
+    ::TerminateProcess(::GetCurrentProcess(), exception->ExceptionRecord->ExceptionCode);
     return EXCEPTION_EXECUTE_HANDLER;
 }
 
@@ -38,21 +36,14 @@ void endQuietlyOnUnhandledFaults() {
     ::SetUnhandledExceptionFilter(&endQuietly);
 }
 
-bool isEndByUnhandledFault(int64_t exitCode) {
-    return exitCode == kUnhandledExitCode;
-}
+const int64_t kUnhandledFaultExitCode = EXCEPTION_ACCESS_VIOLATION;
 
 void leaveMemoryBehind() {}
 
 const int64_t kCrashExitCode = 4294967169;
 
-std::vector<std::string> platformCrashKinds() {
-    return {"raise", "lowstack"};
-}
-
-void platformCrash(const std::string& kind) {
-    if (kind == "raise") raiseException();
-    if (kind == "lowstack") useUpStack();
+std::map<std::string, void (*)()> platformCrashKinds() {
+    return {{"raise", &raiseException}, {"lowstack", &useUpStack}};
 }
 
 } // namespace test

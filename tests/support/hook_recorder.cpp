@@ -15,7 +15,6 @@ std::mutex g_hookMutex;
 std::vector<FailedCheck> g_failures;
 size_t g_read = 0; // how many of them the test has seen
 std::atomic<bool> g_stop{false};
-std::atomic<int> g_expectations{0};
 NS_CORE::Assert::FailureHandler g_previous = nullptr;
 
 FailedCheck checkOf(const char* expression, std::string_view file, int32_t line, int32_t level,
@@ -30,9 +29,8 @@ bool record(const char* expression, std::string_view file, int32_t line, int32_t
 }
 
 bool failTest(const char* expression, std::string_view file, int32_t line, int32_t level, const std::string& message) {
-    if (g_expectations == 0)
-        ADD_FAILURE() << "unexpected failed check: "
-                      << testing::PrintToString(checkOf(expression, file, line, level, message));
+    ADD_FAILURE() << "unexpected failed check: "
+                  << testing::PrintToString(checkOf(expression, file, line, level, message));
     return NS_CORE::Assert::failDefault(expression, file, line, level, message);
 }
 
@@ -55,14 +53,6 @@ HookRecorder::~HookRecorder() {
     const std::lock_guard lock(g_hookMutex);
     for (; g_read < g_failures.size(); ++g_read)
         ADD_FAILURE() << "failed check that the test has not read: " << testing::PrintToString(g_failures[g_read]);
-}
-
-ExpectFailedChecks::ExpectFailedChecks() {
-    ++g_expectations;
-}
-
-ExpectFailedChecks::~ExpectFailedChecks() {
-    --g_expectations;
 }
 
 void failTestsOnFailedChecks() {

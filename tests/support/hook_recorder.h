@@ -37,17 +37,8 @@ public:
     void clear();
 };
 
-// While one lives, checks may fail and are handled as in the product.
-class ExpectFailedChecks {
-public:
-    ExpectFailedChecks();
-    ~ExpectFailedChecks();
-    ExpectFailedChecks(const ExpectFailedChecks&) = delete;
-    ExpectFailedChecks& operator=(const ExpectFailedChecks&) = delete;
-};
-
-// Makes every test of this program fail in which a check fails while there is neither a HookRecorder nor an
-// ExpectFailedChecks. Call it once, before the tests run.
+// Makes every test of this program fail in which a check fails while there is no HookRecorder, and the test has not
+// installed another handler. Call it once, before the tests run.
 void failTestsOnFailedChecks();
 
 // Readable in test failures.

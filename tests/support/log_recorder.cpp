@@ -1,13 +1,11 @@
 #include "tests/support/log_recorder.h"
 
-#include <gtest/gtest.h>
-
-#include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "core/log/core_v2masterlogger.h"
+
+using NS_CORE::MasterLogger;
 
 namespace test {
 namespace {
@@ -29,13 +27,15 @@ public:
 
 } // namespace
 
-LogRecorder::LogRecorder() {
+LogRecorder::LogRecorder(bool hasNorm) : m_hasNorm(hasNorm) {
     clear();
-    NS_CORE::MasterLogger::setImplementation(std::make_unique<RecordingLogImpl>());
+    MasterLogger::setImplementation(std::make_unique<RecordingLogImpl>());
+    if (m_hasNorm) MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8);
 }
 
 LogRecorder::~LogRecorder() {
-    NS_CORE::MasterLogger::setImplementation(nullptr);
+    MasterLogger::setImplementation(nullptr);
+    if (m_hasNorm) MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0);
 }
 
 std::vector<LogRecord> LogRecorder::records() const {
@@ -54,14 +54,6 @@ void LogRecorder::clear() {
     g_lines.clear();
 }
 
-NormRecorder::NormRecorder() {
-    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8);
-}
-
-NormRecorder::~NormRecorder() {
-    NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0);
-}
-
 std::string refusedRecord(const std::string& level, const std::string& text, uint32_t threadNumber) {
     return "MasterLogger:implLog - called recursively!\n  <[" + level + "] {" + std::to_string(threadNumber) + "} " +
            text + ">\n";
@@ -71,27 +63,6 @@ std::string beginOfRefusedRecord(const std::string& level, const std::string& te
     std::string record = refusedRecord(level, text);
     record.resize(record.size() - 2);
     return record;
-}
-
-void logFromTenThreads(uint32_t level, int records) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 10; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < records; ++i) MLOG_LEVEL(level, "T", "%u %d", NS_CORE::MasterLogger::threadNumber(), i);
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-}
-
-void expectRecordsOfTenThreads(const std::vector<std::string>& texts, int records) {
-    std::map<std::string, int> next;
-    for (const std::string& text : texts) {
-        const std::string number = text.substr(4, text.rfind(' ') - 4);
-        EXPECT_EQ(text, "T - " + number + " " + std::to_string(next[number]++));
-    }
-    EXPECT_EQ(texts.size(), static_cast<size_t>(10 * records));
-    EXPECT_EQ(next.size(), size_t{10});
-    EXPECT_FALSE(next.contains("0")) << "the main thread's number";
 }
 
 } // namespace test

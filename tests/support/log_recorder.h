@@ -15,10 +15,11 @@ struct LogRecord {
 };
 
 // Is the process's log implementation from its construction on, and keeps the records of CRIT, WARN and INFO that
-// pass to it. Thread-safe; one at a time. When it ends, a DefaultLogImpl takes its place.
+// pass to it, and of NORM, which is off at start, if that is asked for on the main thread. Thread-safe; one at a time.
+// When it ends, a DefaultLogImpl takes its place.
 class LogRecorder {
 public:
-    LogRecorder();
+    explicit LogRecorder(bool hasNorm = false);
     ~LogRecorder();
     LogRecorder(const LogRecorder&) = delete;
     LogRecorder& operator=(const LogRecorder&) = delete;
@@ -29,26 +30,14 @@ public:
     std::vector<std::string> lines() const;
 
     void clear();
-};
 
-// Has the records of NORM, too, which is off at start.
-class NormRecorder : public LogRecorder {
-public:
-    NormRecorder();
-    ~NormRecorder();
-    NormRecorder(const NormRecorder&) = delete;
-    NormRecorder& operator=(const NormRecorder&) = delete;
+private:
+    bool m_hasNorm;
 };
 
 // What the logger prints on standard error when a thread logs while one of its records is being served. The second one
 // is the beginning of that, for a record of which only the beginning, `text`, is known.
 std::string refusedRecord(const std::string& level, const std::string& text, uint32_t threadNumber = 0);
 std::string beginOfRefusedRecord(const std::string& level, const std::string& text);
-
-// Ten threads log `records` records each at `level`: "T - N 0", "T - N 1" and so on, N being the thread's number.
-void logFromTenThreads(uint32_t level, int records);
-
-// Expects those records in `texts`, each thread's in order.
-void expectRecordsOfTenThreads(const std::vector<std::string>& texts, int records);
 
 } // namespace test

@@ -1,11 +1,16 @@
 #pragma once
 
+#include <string_view>
+
 namespace test {
 
-// Overwrites the first instruction of a function of this process, as a stray write or a broken update would: it faults,
-// or never returns. For the tests' processor, and never undone: for children.
-void makeFault(void* function);
-void makeHang(void* function);
+// Overwrites the beginning of a function of this process, as a stray write or a broken update would. Never undone: for
+// children.
+void overwrite(void* function, std::string_view code);
+
+// For the tests' processor: an undefined instruction, and a jump to itself.
+inline constexpr std::string_view kFault = "\x0f\x0b";
+inline constexpr std::string_view kHang = "\xeb\xfe";
 
 // Linux only: a function of the library that reads symbols, for faults in the part of the crash report that is not
 // ours.

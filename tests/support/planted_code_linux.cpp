@@ -6,15 +6,12 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 #include <thread>
 
 #include "core/stack/core_stacktrace.h"
 #include "tests/support/planted_code.h"
 
 namespace test {
-
-namespace {
 
 void overwrite(void* function, std::string_view code) {
     const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
@@ -24,23 +21,13 @@ void overwrite(void* function, std::string_view code) {
     std::memcpy(function, code.data(), code.size());
 }
 
-} // namespace
-
-void makeFault(void* function) {
-    overwrite(function, "\x0f\x0b"); // an undefined instruction
-}
-
-void makeHang(void* function) {
-    overwrite(function, "\xeb\xfe"); // a jump to itself
-}
-
 void* symbolReader() {
     return reinterpret_cast<void*>(&dwfl_addrmodule);
 }
 
 void holdSymbolLibrary() {
     // Under the library's lock, which nobody else gets then.
-    makeHang(symbolReader());
+    overwrite(symbolReader(), kHang);
     static std::atomic<bool> begins;
     std::thread([] {
         begins = true;

@@ -58,7 +58,8 @@ TEST_F(FileLoggerTest, WritesOnWhileAnotherProgramReadsAndRotatesWhenItMay) {
 // Logs one record, and would end with 0 if the system were not asked to commit it.
 const test::ChildProgram g_logsWhereACommitFaults("LogsWhereACommitFaults", [](const auto& arguments) {
     for (const char* module : {"kernel32", "kernelbase"})
-        test::makeFault(reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA(module), "FlushFileBuffers")));
+        test::overwrite(reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA(module), "FlushFileBuffers")),
+                        test::kFault);
     NS_CORE::MasterLogger::setImplementation(
         std::make_unique<NS_UTL::FileLogger>(arguments.at(0), "service.log", 5000000U, 1U));
     FileLoggerTest::say("committed");

@@ -4,7 +4,9 @@
 
 #include "core/text/core_checkf.h"
 #include "tests/support/child.h"
+#include "tests/support/crash_kinds.h"
 #include "tests/support/hook_recorder.h"
+#include "tests/support/self_process.h"
 #include "tests/support/stream_capture.h"
 
 using NS_CORE::Assert;
@@ -17,28 +19,20 @@ namespace {
 
 const Assert::FailureHandler g_handlerAtStart = Assert::failureHandler();
 
-// Puts level, hook and lock back as they are at start.
-struct AssertTest : testing::Test {
-    ~AssertTest() override {
-        Assert::lockFailureHandler(false);
-        Assert::installFailureHandler(&Assert::failDefault);
-        Assert::setLevel(1);
-    }
-};
-
-TEST_F(AssertTest, StartsWithTheDefaultHandlerAtLevelOne) {
+TEST(Assert, StartsWithTheDefaultHandlerAtLevelOne) {
     EXPECT_EQ(g_handlerAtStart, &Assert::failDefault);
     EXPECT_EQ(Assert::level(), 1);
 }
 
-TEST_F(AssertTest, ClampsTheLevel) {
-    for (const auto& [given, stored] : {std::pair{-1, 0}, {0, 0}, {1, 1}, {2, 1}, {INT32_MAX, 1}, {INT32_MIN, 0}}) {
+TEST(Assert, ClampsTheLevel) {
+    for (const auto& [given, stored] :
+         {std::pair{-1, 0}, {INT32_MIN, 0}, {INT32_MAX, 1}, {0, 0}, {1, 1}, {0, 0}, {2, 1}}) {
         Assert::setLevel(given);
         EXPECT_EQ(Assert::level(), stored) << given;
     }
 }
 
-TEST_F(AssertTest, HandsAFailedCheckToTheHook) {
+TEST(Assert, HandsAFailedCheckToTheHook) {
     HookRecorder hook;
     int evaluated = 0;
     EXPECT_TRUE(CHECKF(true, "%d", ++evaluated));
@@ -51,7 +45,7 @@ TEST_F(AssertTest, HandsAFailedCheckToTheHook) {
     EXPECT_EQ(hook.single(), (FailedCheck{"CHECKF", "core_assert_test", line, 0, ""}));
 }
 
-TEST_F(AssertTest, HandsAFailedAssertionToTheHookWithItsExpression) {
+TEST(Assert, HandsAFailedAssertionToTheHookWithItsExpression) {
     HookRecorder hook;
     GASSERT_AT("core_time", 1265, 1, 1 > 2);
     EXPECT_EQ(hook.single(), (FailedCheck{"1 > 2", "core_time", 1265, 1, ""}));
@@ -71,7 +65,7 @@ static_assert(IsAssertionMessage<> && IsAssertionMessage<const char*> && IsAsser
 static_assert(!IsAssertionMessage<const char*, int> && !IsAssertionMessage<const char*, const char*> &&
               !IsAssertionMessage<int>);
 
-TEST_F(AssertTest, SkipsLevelOneAssertionsAtLevelZeroButNoCheck) {
+TEST(Assert, SkipsLevelOneAssertionsAtLevelZeroButNoCheck) {
     HookRecorder hook;
     Assert::setLevel(0);
     int evaluated = 0;
@@ -81,9 +75,10 @@ TEST_F(AssertTest, SkipsLevelOneAssertionsAtLevelZeroButNoCheck) {
     GASSERT(0, 1 > 2);
     EXPECT_FALSE(CHECKF(false, "still"));
     EXPECT_EQ(hook.failures().size(), 2U);
+    Assert::setLevel(1);
 }
 
-TEST_F(AssertTest, KeepsTheHookWhileItIsLocked) {
+TEST(Assert, KeepsTheHookWhileItIsLocked) {
     const Assert::FailureHandler before = Assert::failureHandler();
     Assert::lockFailureHandler(true);
     EXPECT_FALSE(Assert::installFailureHandler(&Assert::failQuiet));
@@ -93,7 +88,7 @@ TEST_F(AssertTest, KeepsTheHookWhileItIsLocked) {
     EXPECT_EQ(Assert::failureHandler(), &Assert::failQuiet);
 }
 
-TEST_F(AssertTest, IsSilentWithoutAHook) {
+TEST(Assert, IsSilentWithoutAHook) {
     Assert::installFailureHandler(nullptr);
     const Printed printed = printedBy([] {
         EXPECT_FALSE(CHECKF_AT("utl_service", 70, false, "%d left", 3));
@@ -102,7 +97,7 @@ TEST_F(AssertTest, IsSilentWithoutAHook) {
     EXPECT_EQ(printed.error + printed.output, "");
 }
 
-TEST_F(AssertTest, QuietHandlerWritesOneLineToStandardErrorAndGoesOn) {
+TEST(Assert, QuietHandlerWritesOneLineToStandardErrorAndGoesOn) {
     Assert::installFailureHandler(&Assert::failQuiet);
     const Printed printed = printedBy([] {
         EXPECT_FALSE(CHECKF_AT("utl_service", 70, false, "%d left", 3));
@@ -112,12 +107,21 @@ TEST_F(AssertTest, QuietHandlerWritesOneLineToStandardErrorAndGoesOn) {
     EXPECT_EQ(printed.output, "");
 }
 
-// Started by the platform's test of how a process ends.
 const test::ChildProgram g_stopByCheck("StopByCheck", [](const auto&) {
+    test::endQuietlyOnUnhandledFaults();
     HookRecorder hook;
     hook.answerStop(true);
     CHECKF(false, "stop");
     return 0;
 });
+
+// The second is in core_failuredefault_test.cpp.
+TEST(AssertStop, EndsTheProcessByAWriteToAddressZero) {
+    for (const char* childName : {"StopByCheck", "StopByAssertion"}) {
+        test::SelfProcess child(childName);
+        child.readAll();
+        EXPECT_EQ(child.wait(), test::kUnhandledFaultExitCode) << childName;
+    }
+}
 
 } // namespace

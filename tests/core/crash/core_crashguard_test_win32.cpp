@@ -13,31 +13,24 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <memory>
 #include <thread>
 
 #include "core/crash/core_crashguard.h"
 #include "core/crash/internal/core_lentlocks_win32.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
 #include "core/crash/internal/core_seh_win32.h"
-#include "core/files/core_wrapper.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "core/stack/core_symbollibrary_win32.h"
 #include "core/stack/core_symbollock.h"
 #include "tests/core/crash/crash_fixture.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
 
 namespace test {
 namespace {
-
-std::string textOf(DWORD error) {
-    std::string text = NS_CORE::systemErrorText(error);
-    std::erase(text, '\r');
-    return text;
-}
 
 using DumpWriter = decltype(NS_CORE::SymbolLibrary::writeDump);
 
@@ -59,17 +52,11 @@ void forOtherThreads(DWORD(WINAPI* call)(HANDLE thread)) {
     }
 }
 
-BOOL WINAPI suspendAndHang(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
-                           MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
+template <auto act>
+BOOL WINAPI suspendAnd(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
+                       MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
     forOtherThreads(&::SuspendThread);
-    ::Sleep(INFINITE);
-    return FALSE;
-}
-
-BOOL WINAPI suspendAndFault(HANDLE, DWORD, HANDLE, MINIDUMP_TYPE, MINIDUMP_EXCEPTION_INFORMATION*,
-                            MINIDUMP_USER_STREAM_INFORMATION*, MINIDUMP_CALLBACK_INFORMATION*) {
-    forOtherThreads(&::SuspendThread);
-    crash("null");
+    act();
     return FALSE;
 }
 
@@ -201,16 +188,6 @@ std::FILE* openSlowly(const wchar_t* path, const wchar_t* mode) {
     return ::_wfsopen(path, mode, _SH_DENYNO);
 }
 
-struct ActingObserver : NS_CORE::GlobalLogObserver {
-    explicit ActingObserver(void (*run)()) : act(run) {}
-    void notify(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override { act(); }
-    void (*act)();
-};
-
-void whenLogged(void (*act)()) {
-    NS_CORE::MasterLogger::setGlobalObserver(std::make_unique<ActingObserver>(act));
-}
-
 UINT WINAPI findNoDirectory(LPWSTR, UINT) {
     ::SetLastError(ERROR_PATH_NOT_FOUND);
     return 0;
@@ -230,19 +207,12 @@ void holdLoaderLock() {
 
 const bool kContinuesAfterHang = false;
 
-std::string lineOfFaultingWriter(const std::string& /*written*/,
-                                 const std::function<std::string(std::string)>& failed) {
-    return failed(textOf(ERROR_INVALID_DATA));
-}
-
-std::string errorOfDirectoryInPlace() {
-    return textOf(ERROR_ACCESS_DENIED);
-}
+const uint32_t kErrorOfDirectoryInPlace = ERROR_ACCESS_DENIED;
 
 const Preparations& platformPreparations() {
     static const Preparations all{
-        {"writer-faults", [] { setWriter(&suspendAndFault); }},
-        {"writer-hangs", [] { setWriter(&suspendAndHang); }},
+        {"writer-faults", [] { setWriter(&suspendAnd<[] { crash("null"); }>); }},
+        {"writer-hangs", [] { setWriter(&suspendAnd<[] { ::Sleep(INFINITE); }>); }},
         {"writer-slow",
          [] {
              g_realWriter = NS_CORE::SymbolLibrary::get()->writeDump;
@@ -265,13 +235,14 @@ const Preparations& platformPreparations() {
              static const ImportHook creates("CreateDirectoryA", &createDirectorySlowly);
              static const ImportHook starts("CreateProcessW", &startNothingSlowly);
              static const ImportHook opens("_wfopen", &openSlowly);
-             whenLogged(&letLook);
+             setGlobalObserver([](const auto& /*record*/) { letLook(); });
              std::atexit([] {
                  letLook();
                  std::printf("in time\n");
              });
          }},
-        {"log-other-faults", [] { whenLogged([] { std::thread([] { crash("null"); }).join(); }); }},
+        {"log-other-faults",
+         [] { setGlobalObserver([](const auto& /*record*/) { std::thread([] { crash("null"); }).join(); }); }},
         {"library-missing",
          [] {
              static const ImportHook<decltype(::GetSystemDirectoryW)> hook("GetSystemDirectoryW", &findNoDirectory);
@@ -345,7 +316,7 @@ TEST_F(CrashTest, AsksTheSystemForADumpWithDataSegments) {
                                 code +
                                 ", other thread 1, streams 0, callback 0, shared 1, stack 1\n1 watchers\n"
                                 "waited 0 of 100000\nwaited 0 of 5000\n" +
-                                failed(test::textOf(ERROR_WRITE_FAULT)) + "0 watchers\n");
+                                failed(ERROR_WRITE_FAULT) + "0 watchers\n");
     }
     // A writer that has no file is watched, too.
     std::filesystem::remove(dumpFile());
@@ -446,9 +417,12 @@ TEST_F(CrashTest, ALogThatHangsAfterAWriterThatFaultedIsGivenUp) {
                 /*hasHistory=*/false);
 }
 
-TEST_F(CrashTest, WithoutTheSystemsLibraryTheLinesAreThere) {
-    expectCrash({.preparation = "library-missing"}, /*hasDump=*/false);
-    EXPECT_EQ(m_output, failed(test::textOf(ERROR_PATH_NOT_FOUND)));
+TEST_F(CrashTest, WithoutTheSystemsLibraryAndWithAWriterThatFaultsTheLinesAreThere) {
+    for (const auto& [kind, error] :
+         {std::pair{"library-missing", ERROR_PATH_NOT_FOUND}, {"writer-faults", ERROR_INVALID_DATA}}) {
+        expectCrash({.preparation = kind}, /*hasDump=*/false);
+        EXPECT_EQ(m_output, failed(static_cast<uint32_t>(error))) << kind;
+    }
 }
 
 TEST(WrittenDump, IsCutOffOrNoFile) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/crash/internal/core_crashreport.h"
+#include "core/files/core_wrapper.h"
 #include "core/identity/core_paths.h"
 #include "tests/support/crash_kinds.h"
 #include "tests/support/history_lines.h"
@@ -30,11 +31,8 @@ const Preparations& platformPreparations();
 // Whether a report continues when one of its steps hangs: on Linux it does, on Windows the process ends there.
 extern const bool kContinuesAfterHang;
 
-// The system's text for the error of creating a file in a directory's place.
-std::string errorOfDirectoryInPlace();
-
-// What the log says of the dump when its writer faulted.
-std::string lineOfFaultingWriter(const std::string& written, const std::function<std::string(std::string)>& failed);
+// The system's error when a file is created in a directory's place.
+extern const uint32_t kErrorOfDirectoryInPlace;
 
 // An installation's directories, in which a program of the test's own crashes under guard.
 class CrashTest : public testing::Test {
@@ -90,9 +88,19 @@ protected:
         EXPECT_EQ(m_output, written()) << crash.act << ' ' << crash.preparation;
     }
 
+    // Crashes where nothing guards the fault.
+    void expectNoReport(const Crash& crash) {
+        EXPECT_EQ(run(crash), kUnhandledFaultExitCode);
+        EXPECT_EQ(m_output, "");
+        EXPECT_FALSE(std::filesystem::exists(dumpFile()));
+        EXPECT_FALSE(std::filesystem::exists(historyFile()));
+    }
+
     std::string written() const { return line("Wrote minidump for", ""); }
-    std::string failed(const std::string& error) const {
-        return line("Failed to write minidump for", " (" + error + ")");
+    std::string failed(uint32_t error) const {
+        std::string text = NS_CORE::systemErrorText(error);
+        std::erase(text, '\r');
+        return line("Failed to write minidump for", " (" + text + ")");
     }
     std::string history() const { return withoutTimes(readFile(historyFile())); }
     std::string historyLine() const { return "TIME: core_tests " + std::string(m_names.version) + "\n"; }

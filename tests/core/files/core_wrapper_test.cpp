@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "core/files/core_scopedfd.h"
-#include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
@@ -134,8 +133,7 @@ TEST(Wrapper, AStreamsModeThatIsNotUtf8FailsACheckToo) {
 
 TEST(Wrapper, RemovesAReadOnlyFileButNoDirectoryAndNothingThatIsMissing) {
     const test::TempDir dir;
-    const test::LogRecorder log;
-    ASSERT_TRUE(MasterLogger::setLevelImplementationBits(LogLevel::Norm, 1));
+    const test::LogRecorder log(/*hasNorm=*/true);
     test::writeFile(dir.path() / "readonly", "x");
     makeReadOnly(dir.file("readonly"));
     errno = EACCES; // of an earlier call

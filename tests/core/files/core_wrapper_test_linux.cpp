@@ -9,7 +9,6 @@
 
 #include "core/files/core_scopedfd.h"
 #include "core/files/core_wrapper.h"
-#include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
@@ -22,8 +21,7 @@ constexpr uid_t kOrdinaryUser = 65534;
 
 TEST(WrapperLinux, AModeThatCannotBeSetIsLoggedAndTheFirstErrorKept) {
     const std::string path = "/proc/version"; // somebody else's, in a directory that is somebody else's
-    const test::LogRecorder log;
-    ASSERT_TRUE(MasterLogger::setLevelImplementationBits(LogLevel::Norm, 1));
+    const test::LogRecorder log(/*hasNorm=*/true);
     const bool isRoot = ::geteuid() == 0;
     ASSERT_TRUE(!isRoot || ::seteuid(kOrdinaryUser) == 0);
     errno = 0;

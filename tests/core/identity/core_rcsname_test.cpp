@@ -33,13 +33,9 @@ TEST(RcsName, OtherFormsFailTheCheckAndComeBackWhole) {
 }
 
 TEST(RcsNameDeathTest, AnotherFormEndsTheProcessWhereTheHookSaysStop) {
-    EXPECT_DEATH(
-        {
-            test::HookRecorder hook;
-            hook.answerStop(true);
-            NS_CORE::rcsname("$Name: tag_x$");
-        },
-        "");
+    test::HookRecorder hook;
+    hook.answerStop(true);
+    EXPECT_DEATH(NS_CORE::rcsname("$Name: tag_x$"), "");
 }
 
 // The build's own values.

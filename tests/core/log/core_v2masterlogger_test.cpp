@@ -11,8 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "absl/cleanup/cleanup.h"
 #include "core/text/core_checkf.h"
 #include "core/text/core_utf8.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
@@ -27,6 +29,8 @@ using test::Printed;
 using test::printedBy;
 using test::refusedRecord;
 using test::SelfProcess;
+using test::setGlobalObserver;
+using test::setImplementation;
 
 namespace NS_CORE {
 namespace {
@@ -49,71 +53,24 @@ void onOtherThread(const std::function<void()>& action) {
 
 void ignoreRecord(const std::string&) {}
 
-// Calls back with "WARN text" for every record, and at its end. Of the functions, Base has those that it knows.
-template <class Base>
-struct Calling : Base {
-    explicit Calling(
-        std::function<void(const std::string&)> record, std::function<void()> end = [] {})
-        : onRecord(std::move(record)), onEnd(std::move(end)) {}
-    virtual ~Calling() { onEnd(); }
-    virtual void log(uint32_t /*level*/, uint32_t /*threadNumber*/, const LevelEntry& levelEntry,
-                     uint8_t implementationBits, const char* text, size_t textLength) {
-        EXPECT_EQ(implementationBits, levelEntry.implementationBits);
-        onRecord(levelEntry.name + std::string(" ").append(text, textLength));
-    }
-    virtual void notify(uint32_t level, uint32_t threadNumber, const LevelEntry& levelEntry, uint8_t implementationBits,
-                        const char* text, size_t textLength) {
-        log(level, threadNumber, levelEntry, implementationBits, text, textLength);
-    }
-    virtual bool accepts(uint32_t level) const { return level == acceptedLevel; }
-
-    std::function<void(const std::string&)> onRecord;
-    std::function<void()> onEnd;
-    uint32_t acceptedLevel = LogLevel::Warn;
-};
-
-template <class... Arguments>
-void setImplementation(Arguments&&... arguments) {
-    MasterLogger::setImplementation(std::make_unique<Calling<LogImpl>>(std::forward<Arguments>(arguments)...));
+// Sets a level's flags until the end of what it returns.
+[[nodiscard]] auto withFlags(uint32_t level, uint8_t flags) {
+    const uint8_t before = MasterLogger::levelEntry(level).flags;
+    EXPECT_TRUE(MasterLogger::setLevelFlags(level, flags));
+    return absl::MakeCleanup([level, before] { MasterLogger::setLevelFlags(level, before); });
 }
 
-template <class... Arguments>
-void setGlobalObserver(Arguments&&... arguments) {
-    MasterLogger::setGlobalObserver(
-        std::make_unique<Calling<GlobalLogObserver>>(std::forward<Arguments>(arguments)...));
-}
-
-// Sets a level's flags for a test.
-class LevelFlags {
-public:
-    LevelFlags(uint32_t level, uint8_t flags) : m_level(level), m_before(MasterLogger::levelEntry(level).flags) {
-        EXPECT_TRUE(MasterLogger::setLevelFlags(level, flags));
-    }
-    ~LevelFlags() { MasterLogger::setLevelFlags(m_level, m_before); }
-    LevelFlags(const LevelFlags&) = delete;
-    LevelFlags& operator=(const LevelFlags&) = delete;
-
-private:
-    uint32_t m_level;
-    uint8_t m_before;
-};
-
-std::unique_ptr<Calling<LogObserver>> observerOf(uint32_t level, std::function<void(const std::string&)> onRecord) {
-    auto observer = std::make_unique<Calling<LogObserver>>(std::move(onRecord));
+std::unique_ptr<LogObserver> observerOf(uint32_t level, std::function<void(const std::string&)> onRecord) {
+    auto observer = std::make_unique<test::Calling<LogObserver>>(std::move(onRecord));
     observer->acceptedLevel = level;
     return observer;
 }
 
-// Is an observer while it lives.
-struct Observing {
-    Observing(uint32_t level, std::function<void(const std::string&)> onRecord)
-        : observer(MasterLogger::addObserver(observerOf(level, std::move(onRecord)))) {}
-    ~Observing() { MasterLogger::removeObserver(observer); }
-    Observing(const Observing&) = delete;
-    Observing& operator=(const Observing&) = delete;
-
-    LogObserver* observer;
-};
+// An observer of the logger's until the end of what it returns.
+auto observing(uint32_t level, std::function<void(const std::string&)> onRecord) {
+    return std::unique_ptr<LogObserver, void (*)(const LogObserver*)>(
+        MasterLogger::addObserver(observerOf(level, std::move(onRecord))), &MasterLogger::removeObserver);
+}
 
 void sayLimited(const char* text) {
     MLOG_LIMITED(LogRate::Hourly, LogLevel::Warn, "A::b", "%s", text);
@@ -274,7 +231,7 @@ TEST(MasterLogger, FailsACheckForALevelNameThatDoesNotFit) {
 
 TEST(MasterLogger, ReportsALevelThatIsOnButNotRegistered) {
     LogRecorder log;
-    const LevelFlags flags(90, LevelEntry::Console | LevelEntry::History);
+    const auto flags = withFlags(90, LevelEntry::Console | LevelEntry::History);
     EXPECT_EQ(printedBy([] { MasterLogger::logText(90, "lost"); }).output,
               "\nERROR in core_v2masterlogger:394[90??] lost\n");
     EXPECT_TRUE(log.records().empty());
@@ -324,7 +281,7 @@ TEST(MasterLogger, WritesLocationRecords) {
 
 TEST(MasterLogger, WritesToTheConsoleWhatItsBitSaysWithTheNumberOfOtherThreads) {
     LogRecorder log;
-    const LevelFlags norm(LogLevel::Norm, LevelEntry::Console);
+    const auto norm = withFlags(LogLevel::Norm, LevelEntry::Console);
     const Printed printed = printedBy([] {
         MLOG(Crit, "A::b", "main");
         MLOG(Warn, "A::b", "not on the console");
@@ -348,7 +305,7 @@ TEST(MasterLogger, WritesToTheConsoleWhatItsBitSaysWithTheNumberOfOtherThreads) 
 
 TEST(MasterLogger, ShowsEveryRecordToTheGlobalObserver) {
     LogRecorder log;
-    const LevelFlags norm(LogLevel::Norm, LevelEntry::Console);
+    const auto norm = withFlags(LogLevel::Norm, LevelEntry::Console);
     Lines seen;
     setGlobalObserver([&](const std::string& record) { seen.push_back(record); });
     printedBy([] {
@@ -402,8 +359,8 @@ TEST(MasterLogger, SendsWhatAnImplementationOrObserverLogsToStandardError) {
     EXPECT_EQ(printed.error, expected(number));
     // The guard is down again afterwards.
     LogRecorder log;
-    const LevelFlags flags(LogLevel::Warn, LevelEntry::Observers);
-    const Observing observing(LogLevel::Warn, sayAgain);
+    const auto flags = withFlags(LogLevel::Warn, LevelEntry::Observers);
+    const auto observer = observing(LogLevel::Warn, sayAgain);
     EXPECT_EQ(printedBy([] { MLOG(Warn, "A::b", "2"); }).error, expected(0));
     EXPECT_EQ(log.lines(), Lines{"WARN A::b - 2"});
 }
@@ -459,16 +416,16 @@ TEST(MasterLogger, ServesImplementationThenObserversThatAcceptTheLevel) {
     Lines seen;
     setImplementation([&](const std::string& record) { seen.push_back("implementation " + record); });
     const auto observe = [&](const std::string& record) { seen.push_back("observer " + record); };
-    const Observing norm(LogLevel::Norm, observe);
+    const auto norm = observing(LogLevel::Norm, observe);
     {
-        const Observing warn(LogLevel::Warn, observe);
+        const auto warn = observing(LogLevel::Warn, observe);
         MLOG(Warn, "A::b", "0"); // the level does not go to observers yet
-        const LevelFlags warnFlags(LogLevel::Warn, LevelEntry::Observers);
-        const LevelFlags normFlags(LogLevel::Norm, LevelEntry::Observers);
+        const auto warnFlags = withFlags(LogLevel::Warn, LevelEntry::Observers);
+        const auto normFlags = withFlags(LogLevel::Norm, LevelEntry::Observers);
         MLOG(Warn, "A::b", "1");
         MLOG(Norm, "A::b", "2"); // no implementation bits
     }
-    const LevelFlags warnFlags(LogLevel::Warn, LevelEntry::Observers);
+    const auto warnFlags = withFlags(LogLevel::Warn, LevelEntry::Observers);
     MLOG(Warn, "A::b", "3");
     MasterLogger::setImplementation(nullptr);
     EXPECT_EQ(seen, (Lines{"implementation WARN A::b - 0", "implementation WARN A::b - 1", "observer WARN A::b - 1",
@@ -478,15 +435,15 @@ TEST(MasterLogger, ServesImplementationThenObserversThatAcceptTheLevel) {
 TEST(MasterLogger, SkipsAnObserverThatIsInsideItsOwnCall) {
     Lines seen;
     std::function<void()> deliverAgain;
-    Observing observing(LogLevel::Warn, [&](const std::string& record) {
+    auto observer = observing(LogLevel::Warn, [&](const std::string& record) {
         seen.push_back(record);
         deliverAgain();
     });
     deliverAgain = [&] {
         const LevelEntry entry = MasterLogger::levelEntry(LogLevel::Warn);
-        observing.observer->deliver(LogLevel::Warn, 0, entry, entry.implementationBits, "again", 5);
+        observer->deliver(LogLevel::Warn, 0, entry, entry.implementationBits, "again", 5);
     };
-    const LevelFlags flags(LogLevel::Warn, LevelEntry::Observers);
+    const auto flags = withFlags(LogLevel::Warn, LevelEntry::Observers);
     const Printed printed = printedBy([] {
         MLOG(Warn, "A::b", "1");
         MLOG(Warn, "A::b", "2");
@@ -498,7 +455,7 @@ TEST(MasterLogger, SkipsAnObserverThatIsInsideItsOwnCall) {
 
 TEST(MasterLogger, KeepsTheLast400RecordsOfLevelsWithHistory) {
     const DefaultGlobals empty;
-    const LevelFlags flags(LogLevel::Norm, LevelEntry::History);
+    const auto flags = withFlags(LogLevel::Norm, LevelEntry::History);
     const auto seconds = [] { return std::chrono::system_clock::now().time_since_epoch() / std::chrono::seconds(1); };
     const auto before = seconds();
     MLOG(Warn, "A::b", "not kept");
@@ -535,7 +492,7 @@ TEST(LogGlobals, InstallTheDefaultsAndTakeEverythingOutAtTheirEnd) {
     std::string ended;
     Lines seen;
     const auto see = [&](const std::string& record) { seen.push_back(record); };
-    const LevelFlags flags(LogLevel::Norm, LevelEntry::History | LevelEntry::Observers);
+    const auto flags = withFlags(LogLevel::Norm, LevelEntry::History | LevelEntry::Observers);
     {
         const DefaultGlobals globals;
         MLOG(Warn, "A::b", "to the default implementation");
@@ -589,7 +546,7 @@ TEST(LogGlobals, LetStaticDestructorsLogAndFailChecksQuietly) {
 // A process that has made no Globals: the limit is there, other threads count from 1, and nothing of what was logged
 // waits in a buffer when the process is gone. The history begins with the first record.
 const test::ChildProgram g_withoutGlobals("WithoutGlobals", [](const auto&) {
-    const LevelFlags flags(LogLevel::Crit, LevelEntry::Console | LevelEntry::History);
+    const auto flags = withFlags(LogLevel::Crit, LevelEntry::Console | LevelEntry::History);
     for (int i = 0; i < 100; ++i) MLOG_LIMITED(LogRate::Hourly, LogLevel::Crit, "A::b", "x");
     for (int i = 0; i < 2; ++i) onOtherThread([] { MLOG(Crit, "A::b", "y"); });
     MasterLogger::setLevelOn(1024, true);
@@ -615,17 +572,39 @@ TEST(LogThreads, KeepTheirNumbers) {
     EXPECT_EQ(MasterLogger::threadNumber(), 0U);
 }
 
+// Ten threads log `records` records each at `level`: "T - N 0", "T - N 1" and so on, N being the thread's number.
+void logFromTenThreads(uint32_t level, int records) {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 10; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < records; ++i) MLOG_LEVEL(level, "T", "%u %d", MasterLogger::threadNumber(), i);
+        });
+    }
+}
+
+// Expects those records in `texts`, each thread's in order.
+void expectRecordsOfTenThreads(const Lines& texts, int records) {
+    std::map<std::string, int> next;
+    for (const std::string& text : texts) {
+        const std::string number = text.substr(4, text.rfind(' ') - 4);
+        EXPECT_EQ(text, "T - " + number + " " + std::to_string(next[number]++));
+    }
+    EXPECT_EQ(texts.size(), static_cast<size_t>(10 * records));
+    EXPECT_EQ(next.size(), size_t{10});
+    EXPECT_FALSE(next.contains("0")) << "the main thread's number";
+}
+
 TEST(LogThreads, LoseNoRecordAndMixNone) {
     LogRecorder log;
     // Under the logger's own lock, unlike the recorder.
-    const LevelFlags flags(LogLevel::Info, LevelEntry::History);
-    test::logFromTenThreads(LogLevel::Info, 1000);
+    const auto flags = withFlags(LogLevel::Info, LevelEntry::History);
+    logFromTenThreads(LogLevel::Info, 1000);
     Lines texts;
     for (const LogRecord& record : log.records()) {
         texts.push_back(record.text);
         EXPECT_TRUE(record.text.starts_with("T - " + std::to_string(record.threadNumber) + " ")) << record.text;
     }
-    test::expectRecordsOfTenThreads(texts, 1000);
+    expectRecordsOfTenThreads(texts, 1000);
 }
 
 // A thread for each call, and the main one for the levels, which are its own. Relaxed counters: between two calls
@@ -641,7 +620,7 @@ TEST(LogThreads, MayDoEverythingAtOnce) {
             const LogCapture capture(10);
             for (int i = 0; i < 5; ++i, std::this_thread::yield()) EXPECT_LE(capture.text().size(), size_t{20});
         },
-        [] { const Observing observing(LogLevel::Norm, ignoreRecord); },
+        [] { const auto observer = observing(LogLevel::Norm, ignoreRecord); },
         [] { setImplementation([](const std::string&) { sayLimited("inside"); }); },
         [] { MasterLogger::setRateImplementation(std::make_unique<DefaultLogRImpl>()); },
         [] { setGlobalObserver(ignoreRecord); },
@@ -662,7 +641,7 @@ TEST(LogThreads, MayDoEverythingAtOnce) {
         });
     }
     while (missing.load(std::memory_order_relaxed) > 0) {
-        const LevelFlags flags(LogLevel::Norm, LevelEntry::History | LevelEntry::Observers);
+        const auto flags = withFlags(LogLevel::Norm, LevelEntry::History | LevelEntry::Observers);
         std::this_thread::yield();
         if (missing.load(std::memory_order_relaxed) < kRounds) MasterLogger::registerLevel(200, "LATE", "", 1);
     }
@@ -674,7 +653,7 @@ TEST(LogThreads, MayDoEverythingAtOnce) {
 }
 
 const test::ChildProgram g_tenThreadsOnTheConsole("TenThreadsOnTheConsole", [](const auto&) {
-    test::logFromTenThreads(LogLevel::Crit, 200);
+    logFromTenThreads(LogLevel::Crit, 200);
     return 0;
 });
 
@@ -690,7 +669,7 @@ TEST(LogThreads, WriteWholeConsoleLines) {
                   "[CRIT] {" + texts.back().substr(4, texts.back().rfind(' ') - 4) + "} ");
         begin = end + 1;
     }
-    test::expectRecordsOfTenThreads(texts, 200);
+    expectRecordsOfTenThreads(texts, 200);
 }
 
 } // namespace

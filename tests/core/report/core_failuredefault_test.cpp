@@ -3,16 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "core/log/core_v2masterlogger.h"
 #include "core/text/core_checkf.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
-#include "tests/support/hook_recorder.h"
-#include "tests/support/log_recorder.h"
+#include "tests/support/crash_kinds.h"
 #include "tests/support/stream_capture.h"
 
 using NS_CORE::Assert;
@@ -49,25 +48,19 @@ bool recordStops() {
 
 constexpr AssertPolicy kRecordingPolicy{&recordExcluded, &recordReport, &recordStops};
 
-struct RecordsEvents : NS_CORE::LogImpl {
-    void log(uint32_t, uint32_t, const NS_CORE::LevelEntry& entry, uint8_t, const char* text, size_t length) override {
-        g_events.push_back(entry.name + std::string(" ") + std::string(text, length));
-    }
-};
-
 struct FailDefaultTest : testing::Test {
     FailDefaultTest() {
         g_events.clear();
         g_excluded = g_stops = false;
+        Assert::installFailureHandler(&Assert::failDefault);
         NS_CORE::setAssertPolicy(&kRecordingPolicy);
-        NS_CORE::MasterLogger::setImplementation(std::make_unique<RecordsEvents>());
+        test::setImplementation([](const std::string& record) { g_events.push_back(record); });
     }
     ~FailDefaultTest() override {
         NS_CORE::MasterLogger::setImplementation(nullptr);
         NS_CORE::setAssertPolicy(nullptr);
         Assert::lockFailureHandler(false);
     }
-    const test::ExpectFailedChecks expected;
 };
 
 TEST_F(FailDefaultTest, LogsThenReportsThenAsksWhetherToStop) {
@@ -133,12 +126,7 @@ TEST_F(FailDefaultTest, CutsOffACheckThatFailsInsideTheHandler) {
 }
 
 TEST_F(FailDefaultTest, CutsOffACheckThatFailsWhileItLogs) {
-    struct Failing : NS_CORE::LogImpl {
-        void log(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
-            CHECKF(false, "inner");
-        }
-    };
-    NS_CORE::MasterLogger::setImplementation(std::make_unique<Failing>());
+    test::setImplementation([](const auto& /*record*/) { CHECKF(false, "inner"); });
     EXPECT_EQ(printedBy([] { EXPECT_FALSE(CHECKF(false, "outer")); }).error, "Assert:failDefault - recursive call\n");
 }
 
@@ -155,6 +143,7 @@ TEST_F(FailDefaultTest, IsReplacedByTheQuietHandlerUnlessTheHandlerIsLocked) {
 }
 
 const test::ChildProgram g_stopByAssertion("StopByAssertion", [](const auto&) {
+    test::endQuietlyOnUnhandledFaults();
     g_stops = true;
     NS_CORE::setAssertPolicy(&kRecordingPolicy);
     GASSERT(1, 1 > 2, "stop");

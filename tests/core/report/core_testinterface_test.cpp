@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <thread>
 
 #include "core/check/core_assert.h"
@@ -13,8 +12,8 @@
 #include "core/net/core_socket.h"
 #include "core/text/core_checkf.h"
 #include "tests/core/report/testinterface_fixture.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
-#include "tests/support/hook_recorder.h"
 #include "tests/support/self_process.h"
 #include "tests/support/semaphore.h"
 
@@ -320,22 +319,19 @@ TEST_F(TestInterfaceTest, CountsEveryFailureOfSeveralThreads) {
 
 // An implementation whose check fails while a message of the interface's own is being written, on its thread and on
 // another.
-struct FailsWhileItLogs : NS_CORE::LogImpl {
-    TestInterface* interface = nullptr;
-    void log(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
-        const auto report = [this] { interface->report({FailureKind::Assertion, "inner", "core_y", 1, 1, ""}); };
+void setFailingImplementation(TestInterface& interface) {
+    test::setImplementation([&interface](const auto& /*record*/) {
+        const auto report = [&] { interface.report({FailureKind::Assertion, "inner", "core_y", 1, 1, ""}); };
         report();
         std::thread(report).join();
-    }
-};
+    });
+}
 
 TEST_F(TestInterfaceTest, IsNotLockedWhileItLogs) {
     // The socket logs that it is refused.
     writeIni("[general]\nsend_address 255.255.255.255\n[assert]\nsend true\n");
     ASSERT_TRUE(interface.loadIni());
-    auto failing = std::make_unique<FailsWhileItLogs>();
-    failing->interface = &interface;
-    NS_CORE::MasterLogger::setImplementation(std::move(failing));
+    setFailingImplementation(interface);
     fail(1);
     // A thread whose failure stops the process waits, but not for ever.
     interface.changeActionFlags(TestInterface::FlagChange::Set, TestAction::AssertAbort);
@@ -347,9 +343,7 @@ TEST_F(TestInterfaceTest, IsNotLockedWhileItLogs) {
 TEST_F(TestInterfaceTest, SendsWhatAnotherThreadCouldNot) {
     configure("[assert]\nsend true\n");
     // The first document is too large, which the interface logs while it sends; the failures from there stay pending.
-    auto failing = std::make_unique<FailsWhileItLogs>();
-    failing->interface = &interface;
-    NS_CORE::MasterLogger::setImplementation(std::move(failing));
+    setFailingImplementation(interface);
     fail(1, std::string(TestInterface::kMaxDatagram, 'x'));
     NS_CORE::MasterLogger::setImplementation(nullptr);
     const std::string bytes = collector.receive().bytes;
@@ -357,24 +351,15 @@ TEST_F(TestInterfaceTest, SendsWhatAnotherThreadCouldNot) {
     expectNoMore();
 }
 
-// Holds the thread that logs, and with it the right to send, until it is released.
-struct BlocksWhileItLogs : NS_CORE::LogImpl {
-    test::Semaphore* isLogging = nullptr;
-    test::Semaphore* mayGoOn = nullptr;
-    void log(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
-        isLogging->release();
-        mayGoOn->acquire();
-    }
-};
-
 TEST_F(TestInterfaceTest, WaitsForAnotherThreadsSendingBeforeTheProcessStops) {
     configure();
     test::Semaphore isLogging;
     test::Semaphore mayGoOn;
-    auto blocking = std::make_unique<BlocksWhileItLogs>();
-    blocking->isLogging = &isLogging;
-    blocking->mayGoOn = &mayGoOn;
-    NS_CORE::MasterLogger::setImplementation(std::move(blocking));
+    // Holds the thread that logs, and with it the right to send, until it is released.
+    test::setImplementation([&](const auto& /*record*/) {
+        isLogging.release();
+        mayGoOn.acquire();
+    });
     std::thread sender([this] { fail(1, std::string(TestInterface::kMaxDatagram, 'x')); });
     isLogging.acquire();
     interface.changeActionFlags(TestInterface::FlagChange::Set, TestAction::AssertAbort);
@@ -415,7 +400,7 @@ TEST_F(TestInterfaceTest, RequestsLogsWhileTheSettingsChange) {
 
 // The process's own, as failing checks meet it.
 TEST_F(TestInterfaceTest, ReportsFailedChecks) {
-    const test::ExpectFailedChecks expected;
+    Assert::installFailureHandler(&Assert::failDefault);
     writeIni(general() + "[assert]\nsend true\n");
     writeExclusions("core_x 41 2035-01-01\n");
     TestInterface::instance().readFiles();

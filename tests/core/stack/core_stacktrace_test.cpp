@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <source_location>
 #include <sstream>
@@ -14,6 +13,7 @@
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace_platform.h"
 #include "core/stack/core_stacktracetext.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
@@ -412,7 +412,7 @@ TEST(StackTrace, EndsAtAFunctionThatCallsItself) {
 }
 
 TEST(StackTrace, WithoutSymbolsSaysWhereItLookedAndFailsEachTime) {
-    const test::NormRecorder log;
+    const test::LogRecorder log(/*hasNorm=*/true);
     StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_TRUE(
@@ -428,24 +428,15 @@ TEST(StackTrace, WithoutSymbolsSaysWhereItLookedAndFailsEachTime) {
     EXPECT_EQ(log.lines(), (Lines{log.lines()[0], place, place, place, "CRIT Failed to get stack", place}));
 }
 
-// Traces whoever logs.
-struct TracingObserver : NS_CORE::GlobalLogObserver {
-    explicit TracingObserver(std::string* text) : lastTrace(text) {}
-    void notify(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
-        *lastTrace = StackTrace().toText();
-    }
-    std::string* lastTrace;
-};
-
 TEST(StackTrace, LogsAModuleThatCannotBeReadAndMayBeTracedMeanwhile) {
-    const test::NormRecorder log;
+    const test::LogRecorder log(/*hasNorm=*/true);
     const test::HookRecorder hook;
     std::string traceOfRecord;
     StackTrace trace;
     std::vector<Frame> frames;
     ASSERT_TRUE(trace.getStack(frames, 5));
     const StackTrace::ProcessHandle process = NS_CORE::stacktrace_platform::processHandle();
-    NS_CORE::MasterLogger::setGlobalObserver(std::make_unique<TracingObserver>(&traceOfRecord));
+    test::setGlobalObserver([&](const auto& /*record*/) { traceOfRecord = StackTrace().toText(); });
     EXPECT_FALSE(StackTrace::loadModule(process, "no-such-image.dll", "no-such-image", 0x60000000, 4096));
     // The name is given for a number, and comes out as one.
     EXPECT_EQ(log.lines().back(),

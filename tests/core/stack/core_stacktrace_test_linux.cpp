@@ -75,7 +75,7 @@ TEST(StackTrace, LogsAtNormAModuleWhoseFileIsGone) {
     dl_find_object found;
     ASSERT_EQ(::_dl_find_object(::dlsym(library, "ns_format_ttl"), &found), 0);
     const auto base = reinterpret_cast<uintptr_t>(found.dlfo_map_start);
-    const test::NormRecorder log;
+    const test::LogRecorder log(/*hasNorm=*/true);
     const test::HookRecorder hook; // the name is given for a number
     StackTrace().loadModules();
     EXPECT_EQ(log.lines(),
@@ -144,7 +144,7 @@ TEST(StackTrace, QuicklyFindsTheProgramsOwnLinesAlone) {
 }
 
 TEST(StackTrace, LogsAtNormWhatItDoesNotFind) {
-    const test::NormRecorder log;
+    const test::LogRecorder log(/*hasNorm=*/true);
     EXPECT_EQ(frameAt(reinterpret_cast<const void*>(16)), NS_CORE::StackFrame());
     const std::string function = "NORM NS_CORE::StackTrace::getStack - ";
     ASSERT_EQ(log.lines().size(), 2U);

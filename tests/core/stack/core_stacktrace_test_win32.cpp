@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_symbollibrary_win32.h"
 #include "core/stack/core_symbollock.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
@@ -161,7 +161,7 @@ BOOL WINAPI nextModule(HANDLE, LPMODULEENTRY32 entry) {
     return TRUE;
 }
 
-// Traces with functions of the test in place of the system's, and NORM on.
+// Traces with functions of the test in place of the system's.
 class SymbolLibraryTest : public testing::Test {
 protected:
     SymbolLibraryTest() : m_real(*SymbolLibrary::get()) {
@@ -169,12 +169,8 @@ protected:
         *SymbolLibrary::get() = {&initialize,          &cleanup,          &getOptions, &setOptions,     &getSearchPath,
                                  &loadModule,          &getSymbol,        &undecorate, &getLine,        &getModule,
                                  m_real.functionTable, m_real.moduleBase, &walk,       m_real.writeDump};
-        NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 8);
     }
-    ~SymbolLibraryTest() override {
-        NS_CORE::MasterLogger::setLevelImplementationBits(NS_CORE::LogLevel::Norm, 0);
-        *SymbolLibrary::get() = m_real;
-    }
+    ~SymbolLibraryTest() override { *SymbolLibrary::get() = m_real; }
 
     // The only frame of a walk without modules.
     static StackTrace::Frame frame() {
@@ -188,14 +184,7 @@ protected:
     static BOOL WINAPI noModule(HANDLE, LPMODULEENTRY32) { return FALSE; }
 
     const SymbolLibrary m_real;
-    const test::LogRecorder m_log;
-};
-
-// Whoever is told of a record may have other threads trace.
-struct LockingObserver : NS_CORE::GlobalLogObserver {
-    void notify(uint32_t, uint32_t, const NS_CORE::LevelEntry&, uint8_t, const char*, size_t) override {
-        std::thread([] { EXPECT_TRUE(NS_CORE::SymbolLock(/*timeoutMs=*/10).isHeld()); }).join();
-    }
+    const test::LogRecorder m_log{/*hasNorm=*/true};
 };
 
 TEST_F(SymbolLibraryTest, IsInitialisedForTheDirectoriesOfTheProcess) {
@@ -211,7 +200,10 @@ TEST_F(SymbolLibraryTest, IsInitialisedForTheDirectoriesOfTheProcess) {
         EXPECT_EQ(g_library.path, path);
     }
     g_library.initialises = false;
-    NS_CORE::MasterLogger::setGlobalObserver(std::make_unique<LockingObserver>());
+    // Whoever is told of a record may have other threads trace.
+    test::setGlobalObserver([](const auto& /*record*/) {
+        std::thread([] { EXPECT_TRUE(NS_CORE::SymbolLock(/*timeoutMs=*/10).isHeld()); }).join();
+    });
     StackTrace none;
     NS_CORE::MasterLogger::setGlobalObserver(nullptr);
     std::vector<StackTrace::Frame> frames;
