@@ -219,7 +219,9 @@ int CrashGuard::run(int argc, char** argv, ApplicationMain applicationMain) {
     const Guarding guarding;
     // savemask=1: the handler leaves by siglongjmp, which must restore the signal mask.
     if (sigsetjmp(m_resume, /*savemask=*/1) == 0) return applicationMain(argc, argv);
-    // Arrives here again when a step of the report faults.
+    // Arrives here again when a step of the report faults. The jump may have blocked the timer's signal: it restores
+    // the mask that the process began with.
+    limitReport();
     report();
     return kCrashResult;
 }
