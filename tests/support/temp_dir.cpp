@@ -4,6 +4,8 @@
 
 #include <fstream>
 #include <random>
+#include <sstream>
+#include <utility>
 
 #include "tests/support/child.h"
 
@@ -66,13 +68,9 @@ std::filesystem::path builtFile(const std::string& path) {
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     EXPECT_TRUE(in.is_open()) << path;
-    std::string bytes;
-    char block[65536];
-    do {
-        in.read(block, sizeof block);
-        bytes.append(block, static_cast<size_t>(in.gcount()));
-    } while (in);
-    return bytes;
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return std::move(bytes).str();
 }
 
 void writeFile(const std::filesystem::path& path, const std::string& bytes) {

@@ -173,19 +173,6 @@ const test::ChildProgram g_guarded("guarded", [](const std::vector<std::string>&
     return result;
 });
 
-// Prints how many milliseconds pass from the fault to the guard's result. For docs/performance.md.
-const test::ChildProgram g_timed("guarded-timed", [](const std::vector<std::string>& arguments) {
-    fs::current_path(arguments.at(0));
-    NS_CORE::setDefaultPaths();
-    g_act = "null";
-    g_preparation = "nothing";
-    const auto start = std::chrono::steady_clock::now();
-    guardWith({});
-    const auto taken = std::chrono::steady_clock::now() - start;
-    std::printf("%lld\n", static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(taken).count()));
-    return 0;
-});
-
 class CrashKindTest : public CrashTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(CrashKindTest, LeavesADumpALogLineAHistoryLineAndTheResult) {

@@ -350,10 +350,10 @@ HANDLE WINAPI beginThread(LPSECURITY_ATTRIBUTES, SIZE_T stack, LPTHREAD_START_RO
     return ::CreateRemoteThread(::GetCurrentProcess(), nullptr, stack, function, parameter, flags, nullptr);
 }
 
-int guarded(NS_CORE::ApplicationMain application) {
+int guarded(NS_CORE::ApplicationMain application, std::string word = "word") {
     char program[] = "program";
-    char* argv[] = {program, nullptr};
-    return NS_CORE::guard(1, argv, application);
+    char* argv[] = {program, word.data(), nullptr};
+    return NS_CORE::guard(2, argv, application);
 }
 
 const test::ChildProgram g_failingCalls("guarded-with-failing-calls", [](const std::vector<std::string>& arguments) {
@@ -464,10 +464,7 @@ TEST(InvalidParameter, IsNotLoggedWithCritOff) {
 
 TEST(InvalidParameter, IsNotHandledWithTheSwitchWord) {
     const _invalid_parameter_handler before = _get_invalid_parameter_handler();
-    char program[] = "program";
-    char word[] = "jitd";
-    char* argv[] = {program, word, nullptr};
-    NS_CORE::guard(2, argv, [](int, char**) { return 0; });
+    guarded([](int, char**) { return 0; }, "jitd");
     EXPECT_EQ(_get_invalid_parameter_handler(), before);
 }
 

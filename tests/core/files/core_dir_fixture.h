@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "absl/strings/str_split.h"
 #include "tests/support/child.h"
 #include "tests/support/temp_dir.h"
 
@@ -28,15 +28,9 @@ protected:
         EXPECT_EQ(test::runAndWait(test::childCommandLineOf(test::utf8(program), "change-directory",
                                                             {m_dir.file("report"), suffix})),
                   0);
-        std::ifstream in(m_dir.path() / "report", std::ios::binary);
-        Report report;
-        std::string line;
-        std::getline(in, report.result);
-        std::getline(in, report.filename);
-        std::getline(in, line);
-        report.workingDirectory = test::fromText(line);
-        while (std::getline(in, line)) report.log.push_back(line);
-        return report;
+        const std::vector<std::string> lines =
+            absl::StrSplit(test::readFile(m_dir.path() / "report"), '\n', absl::SkipEmpty());
+        return {lines.at(0), lines.at(1), test::fromText(lines.at(2)), {lines.begin() + 3, lines.end()}};
     }
 
     test::TempDir m_dir;

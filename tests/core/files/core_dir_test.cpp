@@ -16,7 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kSeparator = fs::path::preferred_separator;
 // Writes to the file named first what becomes of setCurrentDirRelativeToModuleDir for the suffix named second: its
 // result, then the module file name, the working directory and what was logged, one on each line.
 int changeDirectoryAndReport(const std::vector<std::string>& arguments) {
@@ -40,11 +39,14 @@ TEST(Dir, TheModuleFilenameIsTheRunningProgram) {
     EXPECT_EQ(filename, test::thisProgram());
 }
 
-TEST(Dir, TheModuleDirIsWithoutItsSeparator) {
+std::string moduleDir() {
     std::string directory;
-    ASSERT_TRUE(Dir::getModuleDir(directory));
-    EXPECT_EQ(directory + kSeparator, test::thisProgram().substr(0, directory.size() + 1));
-    EXPECT_EQ(test::thisProgram().find(kSeparator, directory.size() + 1), std::string::npos);
+    EXPECT_TRUE(Dir::getModuleDir(directory));
+    return directory;
+}
+
+TEST(Dir, TheModuleDirIsWithoutItsSeparator) {
+    EXPECT_EQ(moduleDir(), test::utf8(test::fromText(test::thisProgram()).parent_path()));
 }
 
 TEST(Dir, SetsTheWorkingDirectory) {
@@ -71,22 +73,18 @@ TEST(Dir, AWorkingDirectoryThatIsMissingIsLogged) {
 }
 
 TEST(Dir, ASuffixOfTheWholeModuleDirOrMoreLeavesNothingToSet) {
-    std::string directory;
-    ASSERT_TRUE(Dir::getModuleDir(directory));
     const test::LogRecorder log;
-    EXPECT_THROW(static_cast<void>(Dir::setCurrentDirRelativeToModuleDir('x' + directory)), std::out_of_range);
+    EXPECT_THROW(static_cast<void>(Dir::setCurrentDirRelativeToModuleDir('x' + moduleDir())), std::out_of_range);
     EXPECT_TRUE(log.lines().empty());
-    EXPECT_FALSE(Dir::setCurrentDirRelativeToModuleDir(directory));
+    EXPECT_FALSE(Dir::setCurrentDirRelativeToModuleDir(moduleDir()));
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_TRUE(
         log.lines()[0].starts_with("WARN CORE::logLastError - Dir::setCurrentDir: Failed to set working to '': "));
 }
 
 TEST(Dir, AnEmptySuffixSetsTheModuleDir) {
-    std::string directory;
-    ASSERT_TRUE(Dir::getModuleDir(directory));
     EXPECT_TRUE(Dir::setCurrentDirRelativeToModuleDir(""));
-    EXPECT_TRUE(fs::equivalent(fs::current_path(), test::fromText(directory)));
+    EXPECT_TRUE(fs::equivalent(fs::current_path(), test::fromText(moduleDir())));
 }
 
 TEST_F(DirOfAnotherProgram, ASuffixIsTakenOffTheModuleDirWhateverItsLetters) {

@@ -55,14 +55,18 @@ bool exists(const std::string& path) {
 
 class WrapperNames : public testing::TestWithParam<const char*> {};
 
-TEST_P(WrapperNames, BytesGoInAndOutUnchanged) {
+TEST_P(WrapperNames, BytesGoInAndOutUnchangedWithWideAndWithNarrowPaths) {
     const test::TempDir dir;
     const std::string path = dir.file(GetParam());
-    writeBytes(path, O_WRONLY | O_CREAT | O_TRUNC);
-    EXPECT_EQ(test::readFile(test::fromText(path)), g_bytes);
-    EXPECT_EQ(readBytes(path), g_bytes);
-    EXPECT_EQ(Wrapper::unlink(path), 0);
-    EXPECT_FALSE(exists(path));
+    for (const bool isWide : {true, false}) {
+        Wrapper::setUseWidePaths(isWide);
+        writeBytes(path, O_WRONLY | O_CREAT | O_TRUNC);
+        EXPECT_EQ(test::readFile(test::fromText(path)), g_bytes);
+        EXPECT_EQ(readBytes(path), g_bytes);
+        makeReadOnly(path);
+        EXPECT_EQ(Wrapper::unlink(path), 0);
+        EXPECT_FALSE(exists(path));
+    }
 }
 
 TEST_P(WrapperNames, StreamsAreOpenedByTheSameNames) {
@@ -91,6 +95,15 @@ TEST(Wrapper, OpeningAMissingFileFailsWithItsReason) {
     EXPECT_EQ(Wrapper::fopen(dir.file("missing"), "rb"), nullptr);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(Wrapper, TheLastErrorIsLoggedBehindThePrefix) {
+    const test::LogRecorder log;
+    EXPECT_EQ(Wrapper::open("missing", O_RDONLY, kReadWrite), -1);
+    logLastError("opening 100% of \"it\"");
+    // The error has the same number on both systems.
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - opening 100% of \"it\": " +
+                                                     systemErrorText(ENOENT)}));
 }
 
 TEST(Wrapper, AFileMayBeOpenSeveralTimesAtOnce) {
@@ -174,17 +187,6 @@ TEST(Wrapper, EachThreadBeginsWithWidePathsAndChoosesForItself) {
     EXPECT_FALSE(Wrapper::useWidePaths());
     Wrapper::setUseWidePaths(true);
     EXPECT_TRUE(Wrapper::useWidePaths());
-}
-
-TEST(Wrapper, NamesOutsideAsciiWorkWithNarrowPathsToo) {
-    const test::TempDir dir;
-    const std::string path = dir.file("\xD0\x96 \xC3\xA9 \xE6\xB8\xAC\xE8\xA9\xA6");
-    Wrapper::setUseWidePaths(false);
-    writeBytes(path, O_WRONLY | O_CREAT | O_TRUNC);
-    EXPECT_EQ(test::readFile(test::fromText(path)), g_bytes);
-    makeReadOnly(path);
-    EXPECT_EQ(Wrapper::unlink(path), 0);
-    EXPECT_FALSE(exists(path));
 }
 
 TEST(ScopedFd, ClosingKeepsErrno) {

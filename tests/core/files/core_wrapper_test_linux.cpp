@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 
 #include "core/files/core_scopedfd.h"
@@ -55,14 +54,6 @@ TEST(WrapperLinux, ErrorTextsAreTheCLibrarys) {
     EXPECT_EQ(systemErrorText(123456), "Unknown error 123456");
     errno = EBADF;
     EXPECT_EQ(lastSystemError(), uint32_t{EBADF});
-}
-
-TEST(WrapperLinux, TheLastErrorIsLoggedBehindThePrefix) {
-    const test::LogRecorder log;
-    errno = EACCES;
-    logLastError("opening 100% of \"it\"");
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{"WARN CORE::logLastError - opening 100% of \"it\": Permission denied"}));
 }
 
 } // namespace

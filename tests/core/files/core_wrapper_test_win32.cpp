@@ -8,10 +8,8 @@
 
 #include "core/files/core_scopedfd.h"
 #include "core/files/core_wrapper.h"
-#include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/import_hook_win32.h"
-#include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 
 namespace NS_CORE {
@@ -71,14 +69,6 @@ TEST(WrapperWin32, ErrorTextsAreTheSystemsWithTheirLineBreak) {
     EXPECT_EQ(systemErrorText(0x2fffffff), "");
     ::SetLastError(ERROR_INVALID_HANDLE);
     EXPECT_EQ(lastSystemError(), DWORD{ERROR_INVALID_HANDLE});
-}
-
-TEST(WrapperWin32, TheLastErrorIsLoggedBehindThePrefix) {
-    const test::LogRecorder log;
-    ::SetLastError(ERROR_ACCESS_DENIED);
-    logLastError("opening 100% of \"it\"");
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - opening 100% of \"it\": " +
-                                                     systemErrorText(ERROR_ACCESS_DENIED)}));
 }
 
 } // namespace

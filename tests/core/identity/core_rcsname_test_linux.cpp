@@ -5,8 +5,6 @@
 
 #include "core/identity/core_rcsname.h"
 
-namespace {
-
 TEST(HostName, IsTheMachines) {
     utsname machine{};
     ASSERT_EQ(::uname(&machine), 0);
@@ -18,5 +16,3 @@ TEST(BuildIdentity, ThePlatformIsTheSystemAndTheMachinesFamily) {
     ASSERT_EQ(::uname(&machine), 0);
     EXPECT_EQ(NS_CORE::platform(), std::string("linux_") + machine.machine);
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 
 #include "core/identity/core_rcsname.h"
 
-namespace {
-
 TEST(HostName, IsTheMachines) {
     const char* const name = std::getenv("COMPUTERNAME");
     ASSERT_NE(name, nullptr);
@@ -15,5 +13,3 @@ TEST(HostName, IsTheMachines) {
 TEST(BuildIdentity, ThePlatformIsTheProducts) {
     EXPECT_EQ(NS_CORE::platform(), "win_i686");
 }
-
-} // namespace

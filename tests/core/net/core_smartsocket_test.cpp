@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
-#include "core/net/core_socket_platform.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/self_process.h"
 #include "tests/support/udp_receiver.h"
@@ -22,21 +22,17 @@ SmartSocket opened(uint32_t flags = 0) {
     return socket;
 }
 
-// Whether the system knows the handle as an open socket.
-bool isAlive(SocketHandle handle) {
-    int type = 0;
-    socklen_t size = sizeof type;
-    return ::getsockopt(static_cast<test::SystemSocket>(handle), SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type),
-                        &size) == 0;
+// A socket's option; none when the system does not know the handle as an open socket.
+std::optional<int> optionOf(SocketHandle handle, int option) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    const int result = ::getsockopt(static_cast<test::SystemSocket>(handle), SOL_SOCKET, option,
+                                    reinterpret_cast<char*>(&value), &size);
+    return result == 0 ? std::optional(value) : std::nullopt;
 }
 
-int reuseAddr(const SmartSocket& socket) {
-    int on = -1;
-    socklen_t size = sizeof on;
-    EXPECT_EQ(::getsockopt(static_cast<test::SystemSocket>(socket.handle()), SOL_SOCKET, SO_REUSEADDR,
-                           reinterpret_cast<char*>(&on), &size),
-              0);
-    return on;
+bool isAlive(SocketHandle handle) {
+    return optionOf(handle, SO_TYPE).has_value();
 }
 
 static_assert(!std::is_copy_constructible_v<SmartSocket> && !std::is_copy_assignable_v<SmartSocket>);
@@ -89,12 +85,12 @@ TEST(SmartSocket, ClosesTheOldHandleWhenCreatedAgain) {
     // The old handle was closed before the new one was made, so the system gives its number again.
     EXPECT_EQ(socket.handle(), first);
     EXPECT_TRUE(isAlive(socket.handle()));
-    EXPECT_NE(reuseAddr(socket), 0);
+    EXPECT_NE(optionOf(socket.handle(), SO_REUSEADDR).value(), 0);
 }
 
 TEST(SmartSocket, SetsReuseAddrOnlyWhenAsked) {
-    EXPECT_EQ(reuseAddr(opened()), 0);
-    EXPECT_NE(reuseAddr(opened(NS_CORE::SocketFlag::ReuseAddr)), 0);
+    EXPECT_EQ(optionOf(opened().handle(), SO_REUSEADDR), 0);
+    EXPECT_NE(optionOf(opened(NS_CORE::SocketFlag::ReuseAddr).handle(), SO_REUSEADDR).value(), 0);
 }
 
 TEST(SmartSocket, BlocksUnlessAskedNotTo) {

@@ -9,7 +9,6 @@
 
 #include "core/check/core_assert.h"
 #include "core/log/core_v2masterlogger.h"
-#include "core/net/core_socket.h"
 #include "core/text/core_checkf.h"
 #include "tests/core/report/testinterface_fixture.h"
 #include "tests/support/calling_log.h"
@@ -220,8 +219,7 @@ TEST_F(TestInterfaceTest, LogsOnceThatADocumentIsTooLarge) {
 }
 
 TEST_F(TestInterfaceTest, LogsAnAddressThatIsNotOneWhenItReadsTheSettings) {
-    writeIni("[general]\nsend_address collector.example\n[assert]\nsend true\n");
-    ASSERT_TRUE(interface.loadIni());
+    configure("[assert]\nsend true\n", "collector.example");
     for (int32_t i = 0; i < 100; ++i) fail(i % 7);
     interface.sendPending();
     EXPECT_EQ(log.lines(), (Strings{"WARN CORE::SetSockAddr - invalid ip 'collector.example'",
@@ -234,8 +232,7 @@ TEST_F(TestInterfaceTest, LogsAnAddressThatIsNotOneWhenItReadsTheSettings) {
 
 TEST_F(TestInterfaceTest, KeepsWhatTheSystemRefusesToSend) {
     // Sending to the broadcast address takes a right that this socket does not ask for.
-    writeIni("[general]\nsend_address 255.255.255.255\n[assert]\nsend true\n");
-    ASSERT_TRUE(interface.loadIni());
+    configure("[assert]\nsend true\n", "255.255.255.255");
     fail(1);
     fail(2);
     // Once for each failure: the second place is not tried where the first is refused.
@@ -329,8 +326,7 @@ void setFailingImplementation(TestInterface& interface) {
 
 TEST_F(TestInterfaceTest, IsNotLockedWhileItLogs) {
     // The socket logs that it is refused.
-    writeIni("[general]\nsend_address 255.255.255.255\n[assert]\nsend true\n");
-    ASSERT_TRUE(interface.loadIni());
+    configure("[assert]\nsend true\n", "255.255.255.255");
     setFailingImplementation(interface);
     fail(1);
     // A thread whose failure stops the process waits, but not for ever.
@@ -380,12 +376,10 @@ TEST_F(TestInterfaceTest, WaitsForAnotherThreadsSendingBeforeTheProcessStops) {
 TEST_F(TestInterfaceTest, RequestsLogs) {
     configure();
     interface.requestSendLogs("a&b", "<12>");
-    std::string executable;
-    ASSERT_TRUE(NS_CORE::Dir::getModuleFilename(executable));
     EXPECT_EQ(collector.receive().bytes,
               "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<sendlogs>\n  <file>a&amp;b</file>\n"
               "  <line>&lt;12&gt;</line>\n  <server>" +
-                  executable.substr(executable.find_last_of("/\\") + 1) + "</server>\n</sendlogs>");
+                  server() + "</server>\n</sendlogs>");
 }
 
 TEST_F(TestInterfaceTest, RequestsLogsWhileTheSettingsChange) {

@@ -6,40 +6,21 @@
 // Faults as this system makes them.
 namespace {
 
-// No further descriptor for this process while it lives.
-class NoDescriptors {
-public:
-    NoDescriptors() {
-        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
-        const rlimit none{0, m_before.rlim_max};
-        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    }
-    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
-
-private:
-    rlimit m_before;
-};
-
 TEST_F(TestInterfaceTest, LogsThatTheSocketCannotBeCreatedAndKeepsTheFailures) {
     configure();
-    {
-        const NoDescriptors none;
-        fail(1);
-        fail(2);
-        EXPECT_EQ(countOf("WARN TestInterface:sendAsserts - failed creating socket"), 2U);
-    }
+    rlimit usual;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none{0, usual.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    fail(1);
+    fail(2);
+    interface.requestSendLogs("a", "1");
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(countOf("WARN TestInterface:sendAsserts - failed creating socket"), 2U);
+    EXPECT_EQ(countOf("WARN TestInterface:requestSendLogs - d_socket is null\n"), 1U);
     fail(1);
     EXPECT_EQ(collector.receive().bytes, document(1, 2, 2));
     EXPECT_EQ(collector.receive().bytes, document(2, 1, 1));
-}
-
-TEST_F(TestInterfaceTest, LogsThatLogsCannotBeRequestedWithoutASocket) {
-    configure();
-    {
-        const NoDescriptors none;
-        interface.requestSendLogs("a", "1");
-    }
-    EXPECT_EQ(countOf("WARN TestInterface:requestSendLogs - d_socket is null\n"), 1U);
     expectNoMore();
 }
 

@@ -6,7 +6,6 @@ using NS_CORE::assertDocument;
 using NS_CORE::escapedXml;
 using NS_CORE::FailureKind;
 using NS_CORE::FailureReport;
-using NS_CORE::logRequestDocument;
 using NS_CORE::ReportSource;
 
 namespace {
@@ -64,56 +63,11 @@ TEST(AssertDocument, IsExactToTheByte) {
               "</assert>");
 }
 
-TEST(AssertDocument, WritesAlertsAbortsAndTheLogAddress) {
-    FailureReport report = plainReport();
-    report.kind = FailureKind::Alert;
-    report.file = "a<";
-    report.line = -3;
-    report.condition = "b>";
-    report.message = "c&";
-    report.backtrace = "d'\ne";
-    report.level = 1;
-    report.utc = -1;
-    report.aborts = true;
-    ReportSource source;
-    source.logAddress = "ftp://x/?a&amp;b";
-    EXPECT_EQ(assertDocument(report, source),
-              "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-              "<assert>\n"
-              "  <type>ALERT</type>  <file>a&lt;</file>\n"
-              "  <line>-3</line>\n"
-              "  <condition>b&gt;</condition>\n"
-              "  <message>c&amp;</message>  <backtrace>d&apos;\ne</backtrace>  <level>1</level>\n"
-              "  <count>2</count>\n"
-              "  <total>18446744073709551615</total>\n"
-              "  <utc>-1</utc>\n"
-              "  <server></server>\n"
-              "  <product></product>\n"
-              "  <swver></swver>\n"
-              "  <hostname></hostname>\n"
-              "  <os></os>\n"
-              "  <build_id></build_id>\n"
-              "  <build_time></build_time>\n"
-              "  <action>abort</action>\n"
-              "  <log_url>ftp://x/?a&amp;b</log_url>\n"
-              "</assert>");
-}
-
 TEST(AssertDocument, LeavesControlCharactersAndBadUtf8AsTheyAre) {
     FailureReport report = plainReport();
     const std::string odd("\x01\x00\xff\xc3", 4);
     report.message = odd;
     EXPECT_NE(assertDocument(report, kSource).find("<message>" + odd + "</message>"), std::string::npos);
-}
-
-TEST(LogRequestDocument, IsExactToTheByte) {
-    EXPECT_EQ(logRequestDocument("a&b.log", "<1>", "service.exe"),
-              "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-              "<sendlogs>\n"
-              "  <file>a&amp;b.log</file>\n"
-              "  <line>&lt;1&gt;</line>\n"
-              "  <server>service.exe</server>\n"
-              "</sendlogs>");
 }
 
 TEST(FramedBacktrace, MarksTheTrace) {

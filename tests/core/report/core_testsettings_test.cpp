@@ -15,8 +15,12 @@ namespace {
 
 constexpr uint32_t kAllBits = 0x3f;
 
+// Most tests expect no record; the others say which they expect.
 struct TestSettingsTest : testing::Test {
+    void TearDown() override { EXPECT_EQ(log.lines(), expected); }
+
     test::LogRecorder log;
+    Strings expected;
 
     static TestSettings parse(const Strings& lines, uint32_t flags = 0) {
         TestSettings settings;
@@ -29,23 +33,14 @@ struct TestSettingsTest : testing::Test {
 };
 
 TEST_F(TestSettingsTest, HasDefaults) {
-    const TestSettings settings;
-    EXPECT_EQ(settings.assertLevel, 1);
-    EXPECT_EQ(settings.sendAddress, "192.168.0.250");
-    EXPECT_EQ(settings.sendPort, 25000);
-    EXPECT_EQ(settings.symbolServerAddress, "");
-    EXPECT_EQ(settings.actionFlags, 0U);
-    EXPECT_EQ(parse({}), settings);
+    EXPECT_EQ(TestSettings(), (TestSettings{1, "192.168.0.250", 25000, "", 0}));
+    EXPECT_EQ(parse({}), TestSettings());
 }
 
 TEST_F(TestSettingsTest, TakesTheGeneralKeys) {
-    const TestSettings settings = parse({"[general]", "send_address 10.0.0.7 more", "\tsend_port\t 2600\r",
-                                         "symbol_server_address \\\\server\\symbols", "assert_level 1"});
-    EXPECT_EQ(settings.sendAddress, "10.0.0.7");
-    EXPECT_EQ(settings.sendPort, 2600);
-    EXPECT_EQ(settings.symbolServerAddress, "\\\\server\\symbols");
-    EXPECT_EQ(settings.assertLevel, 1);
-    EXPECT_EQ(log.lines(), Strings());
+    EXPECT_EQ(parse({"[general]", "send_address 10.0.0.7 more", "\tsend_port\t 2600\r",
+                     "symbol_server_address \\\\server\\symbols", "assert_level 1"}),
+              (TestSettings{1, "10.0.0.7", 2600, "\\\\server\\symbols", 0}));
 }
 
 TEST_F(TestSettingsTest, TakesPortsFrom1To65534) {
@@ -53,7 +48,6 @@ TEST_F(TestSettingsTest, TakesPortsFrom1To65534) {
         EXPECT_EQ(parse({"[general]", std::string("send_port ") + port}).sendPort, 25000) << port;
     EXPECT_EQ(parse({"[general]", "send_port 1"}).sendPort, 1);
     EXPECT_EQ(parse({"[general]", "send_port 65534"}).sendPort, 65534);
-    EXPECT_EQ(log.lines(), Strings());
 }
 
 TEST_F(TestSettingsTest, LowersAssertLevels1To3To1AndIgnoresOthers) {
@@ -67,20 +61,17 @@ TEST_F(TestSettingsTest, LowersAssertLevels1To3To1AndIgnoresOthers) {
     };
     for (const char* taken : {"1", "2", "3"}) EXPECT_EQ(levelAfter(taken), 1) << taken;
     for (const char* ignored : {"0", "4", "-1", "x", "default"}) EXPECT_EQ(levelAfter(ignored), 0) << ignored;
-    EXPECT_EQ(log.lines(), Strings());
 }
 
 TEST_F(TestSettingsTest, IgnoresAGeneralKeyWithoutAValue) {
     EXPECT_EQ(parse({"[general]", "send_address", "send_port", "symbol_server_address", "assert_level", "nonsense"}),
               TestSettings());
-    EXPECT_EQ(log.lines(), Strings());
 }
 
 TEST_F(TestSettingsTest, IgnoresCommentsEmptyLinesAndWhatStandsBeforeTheFirstSection) {
     EXPECT_EQ(parse({"send_port 1", "nonsense 2", "[]", "", "  ", "# [x]", "#send_port 2", "[general]", "#send_port 3",
                      " # send_port 4"}),
               TestSettings());
-    EXPECT_EQ(log.lines(), Strings());
 }
 
 TEST_F(TestSettingsTest, LeavesASettingAloneForDefault) {
@@ -88,7 +79,6 @@ TEST_F(TestSettingsTest, LeavesASettingAloneForDefault) {
               TestSettings());
     EXPECT_EQ(flagsAfter({"[assert]", "abort default", "send default", "[alert]", "backtrace default"}, kAllBits),
               kAllBits);
-    EXPECT_EQ(log.lines(), Strings());
 }
 
 TEST_F(TestSettingsTest, NeverSetsAnAbortBit) {
@@ -124,19 +114,17 @@ TEST_F(TestSettingsTest, SetsAndClearsTheBitsOfSendAndBacktrace) {
             EXPECT_EQ(flagsAfter({row.section, line}, 0), 0U);
         }
     }
-    EXPECT_EQ(log.lines(), Strings());
 }
 
 TEST_F(TestSettingsTest, LogsBadBooleansOfAssertAtTheirPlaces) {
     EXPECT_EQ(flagsAfter({"[assert]", "abort TRUE", "send yes", "backtrace"}, kAllBits), kAllBits);
-    EXPECT_EQ(log.lines(), (Strings{"WARN Log at core_testinterface:664", "WARN Log at core_testinterface:679",
-                                    "WARN Log at core_testinterface:694"}));
+    expected = {"WARN Log at core_testinterface:664", "WARN Log at core_testinterface:679",
+                "WARN Log at core_testinterface:694"};
 }
 
 TEST_F(TestSettingsTest, LogsBadBooleansOfAlertInWords) {
     EXPECT_EQ(flagsAfter({"[alert]", "send yes"}, kAllBits), kAllBits);
-    EXPECT_EQ(log.lines(),
-              Strings{"WARN NS_CORE::TestInterface::loadIni - bad value 'yes' of 'send' in section 'alert'"});
+    expected = {"WARN NS_CORE::TestInterface::loadIni - bad value 'yes' of 'send' in section 'alert'"};
 }
 
 TEST_F(TestSettingsTest, LogsUnknownKeysAndSections) {
@@ -144,10 +132,9 @@ TEST_F(TestSettingsTest, LogsUnknownKeysAndSections) {
                                          "[General]", "send_port 2", "abort 1", "[general]", "send_port 3"});
     EXPECT_EQ(settings.sendPort, 3);
     const std::string function = "WARN NS_CORE::TestInterface::loadIni - ";
-    EXPECT_EQ(log.lines(),
-              (Strings{function + "unhandled val 'Send_port' in section 'general'",
-                       function + "unhandled val 'stop' in section 'assert'",
-                       function + "unhandled val '[x' in section 'alert'", function + "unhandled section 'General'"}));
+    expected = {function + "unhandled val 'Send_port' in section 'general'",
+                function + "unhandled val 'stop' in section 'assert'",
+                function + "unhandled val '[x' in section 'alert'", function + "unhandled section 'General'"};
 }
 
 } // namespace

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "core/files/core_dir.h"
 #include "core/identity/core_product.h"
 #include "core/identity/core_rcsname.h"
 #include "core/net/core_socket.h"
 #include "core/report/core_testinterface.h"
+#include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/udp_receiver.h"
@@ -40,13 +40,14 @@ struct TestInterfaceTest : testing::Test {
     void writeIni(const std::string& text) { test::writeFile(dir.path() / "settings" / "testing.ini", text); }
     void writeExclusions(const std::string& text) { test::writeFile(dir.path() / "settings" / "assert.exclude", text); }
 
-    std::string general() const {
-        return "[general]\nsend_address 127.0.0.1\nsend_port " + std::to_string(collector.port()) + "\n";
+    std::string general(const std::string& address = "127.0.0.1") const {
+        return "[general]\nsend_address " + address + "\nsend_port " + std::to_string(collector.port()) + "\n";
     }
 
-    // Has reports sent to the collector.
-    void configure(const std::string& rest = "[assert]\nsend true\n[alert]\nsend true\n") {
-        writeIni(general() + rest);
+    // Has reports sent to the collector, or to its port at another address.
+    void configure(const std::string& rest = "[assert]\nsend true\n[alert]\nsend true\n",
+                   const std::string& address = "127.0.0.1") {
+        writeIni(general(address) + rest);
         ASSERT_TRUE(interface.loadIni());
     }
 
@@ -59,19 +60,18 @@ struct TestInterfaceTest : testing::Test {
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), logged));
     }
 
+    static std::string server() { return test::fromText(test::thisProgram()).filename().string(); }
+
     // The document that the collector must receive for it.
     static std::string document(int32_t line, uint64_t count, uint64_t total, const std::string& message = "m",
                                 const std::string& action = "continue", const std::string& type = "ASSERT",
                                 const std::string& logUrl = "") {
-        std::string executable;
-        EXPECT_TRUE(NS_CORE::Dir::getModuleFilename(executable));
         return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<assert>\n  <type>" + type +
                "</type>  <file>core_x</file>\n  <line>" + std::to_string(line) +
                "</line>\n  <condition>a &lt; b</condition>\n  <message>" + message +
                "</message>  <backtrace></backtrace>  <level>1</level>\n  <count>" + std::to_string(count) +
                "</count>\n  <total>" + std::to_string(total) + "</total>\n  <utc>1574262224</utc>\n  <server>" +
-               executable.substr(executable.find_last_of("/\\") + 1) +
-               "</server>\n  <product>rav&lt;elin</product>\n  <swver>" + NS_CORE::version() +
+               server() + "</server>\n  <product>rav&lt;elin</product>\n  <swver>" + NS_CORE::version() +
                "</swver>\n  <hostname>" + NS_CORE::hostName() + "</hostname>\n  <os>" + NS_CORE::platform() +
                "</os>\n  <build_id>" + NS_CORE::buildId() + "</build_id>\n  <build_time>" + NS_CORE::buildDate() + " " +
                NS_CORE::buildTime() + "</build_time>\n  <action>" + action + "</action>\n" + logUrl + "</assert>";

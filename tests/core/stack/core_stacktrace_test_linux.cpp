@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace_linux.h"
 #include "core/text/core_varargs.h"
 #include "tests/support/child.h"

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "tests/support/stream_capture.h"
+
 namespace {
 
 // The converter is a pure function of the text; this takes its two outputs and what it wrote.
@@ -16,9 +18,7 @@ struct Outcome {
 
 Outcome convert(std::string_view text) {
     Outcome outcome{false, u"before", ""};
-    testing::internal::CaptureStdout();
-    outcome.converted = NS_CORE::fromUtf8(text, outcome.wide);
-    outcome.output = testing::internal::GetCapturedStdout();
+    outcome.output = test::printedBy([&] { outcome.converted = NS_CORE::fromUtf8(text, outcome.wide); }).output;
     return outcome;
 }
 
