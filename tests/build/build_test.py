@@ -92,9 +92,8 @@ def report_of(program):
 class BuildTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        directory = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(directory.cleanup)
-        cls.tree = pathlib.Path(directory.name) / "another-place" / "with-a-longer-name-than-the-first"
+        directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        cls.tree = directory / "another-place" / "with-a-longer-name-than-the-first"
         shutil.copytree(SOURCE, cls.tree, symlinks=True,
                         ignore=lambda where, names: {"build", ".git"} & set(names) if where == str(SOURCE) else ())
         cls.binary = cls.tree / "build/windows-x86"

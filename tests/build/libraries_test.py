@@ -27,9 +27,7 @@ def cmake(*words):
 
 class LibrariesTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="consumer of the libraries ")
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="consumer of the libraries ")))
         self.prefix = self.folder / "installed"
 
     def succeed(self, *words):

@@ -18,12 +18,6 @@ ACTIONS = pathlib.Path(sys.argv[2])
 EPOCH = 1700000000
 
 
-def pe_version(file: pathlib.Path) -> tuple[int, ...]:
-    with pefile.PE(file) as image:
-        numbers = image.VS_FIXEDFILEINFO[0]
-    return (numbers.FileVersionMS >> 16, numbers.FileVersionMS & 0xFFFF, numbers.FileVersionLS >> 16, numbers.FileVersionLS & 0xFFFF)
-
-
 class Package:
     """A package as msiinfo reads it."""
 
@@ -48,9 +42,7 @@ class Package:
 
 class PackageMsi(unittest.TestCase):
     def setUp(self) -> None:
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.directory = pathlib.Path(directory.name)
+        self.directory = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.stage = self.make_stage("stage")
         self.outfile = self.directory / "out.msi"
 
@@ -116,7 +108,9 @@ class PackageMsi(unittest.TestCase):
     def test_holds_every_file_by_name_size_and_version(self):
         package = self.made(self.make_stage("real", ACTIONS.read_bytes()))
         found = {row["FileName"].rpartition("|")[2]: (int(row["FileSize"]), row["Version"]) for row in package["File"]}
-        version = ".".join(str(number) for number in pe_version(ACTIONS))
+        with pefile.PE(ACTIONS) as image:
+            (fixed,) = image.VS_FIXEDFILEINFO
+        version = ".".join(str(half) for number in (fixed.FileVersionMS, fixed.FileVersionLS) for half in divmod(number, 1 << 16))
         self.assertEqual(found, {"quorkeri_service.exe": (ACTIONS.stat().st_size, version), "README.txt": (4, ""),
                                  "odd name & more.sample": (4, "")})
         self.assertEqual(len(package["MsiFileHash"]), 2)
@@ -127,9 +121,8 @@ class PackageMsi(unittest.TestCase):
         self.assertRefused(self.make(PATH=f"{self.directory}:{os.environ['PATH']}"), "unhandled child Secret")
 
     def test_what_is_missing_is_named(self):
-        self.assertRefused(self.make(version="1.1"), "the version is '1.1'; it has to be three numbers with dots")
-        self.assertRefused(self.make(version="1.1.0-rc1"), "the version is '1.1.0-rc1'")
-        self.assertRefused(self.make(version="300.1.0"), "the version is '300.1.0'")
+        for version in ("1.1", "1.1.0-rc1", "300.1.0"):
+            self.assertRefused(self.make(version=version), f"the version is '{version}'; it has to be three numbers with dots")
         self.assertRefused(self.make(SOURCE_DATE_EPOCH=None), "SOURCE_DATE_EPOCH is not set")
         self.assertRefused(self.make(SOURCE_DATE_EPOCH="today"), "SOURCE_DATE_EPOCH is 'today'")
         self.assertRefused(self.make(self.directory / "nowhere"), "has no bin/quorkeri_service.exe")

@@ -3,7 +3,6 @@
 package_test.py ROOT
 """
 
-import contextlib
 import ctypes
 import hashlib
 import http.server
@@ -22,7 +21,6 @@ import tempfile
 import threading
 import time
 import unittest
-import uuid
 import xml.etree.ElementTree as xml
 import zipfile
 
@@ -46,6 +44,7 @@ PROGRAMS = ("quorkeri_health", "quorkeri_service")
 SHIPPED = [f"{name}.exe" for name in PROGRAMS] + ["quorkeri_setup.dll"]
 SCHEMAS = pathlib.Path(__file__).resolve().parent / "schemas"
 
+LIBC = ctypes.CDLL(None)
 made = {}  # what setUpModule made: name -> directory
 told = {}  # and what the script printed with it
 
@@ -82,22 +81,16 @@ def make_certificate(name, use):
     return ["--sign-cert", certificate, "--sign-key", key]
 
 
-def make_sums_key():
-    output("minisign", "-G", "-W", "-p", str(WORK / "sums.pub"), "-s", str(WORK / "sums.key"))
-    return WORK / "sums.key"
-
-
 def setUpModule():
     global WORK, VERSION, STAMP, NAME, EPOCH, SIGNER, WINE
     WINE = unittest.enterModuleContext(Wine(ROOT / "build/wine-packages").held())
-    directory = tempfile.TemporaryDirectory(prefix="quorkeri-packages-")
-    unittest.addModuleCleanup(directory.cleanup)
-    WORK = pathlib.Path(directory.name)
+    WORK = pathlib.Path(unittest.enterModuleContext(tempfile.TemporaryDirectory(prefix="quorkeri-packages-")))
     make("plain", cwd=ROOT, selftest=True)
     # Elsewhere, to a relative path, in another zone, with other rights for what is made.
     make("again", cwd=WORK, umask=0o077, env={"TZ": "Asia/Tokyo", "LC_ALL": "C"}, selftest=True)
     SIGNER = make_certificate("signer", "codeSigning")
-    make("signed", *SIGNER, "--sums-key", make_sums_key(), "--download-url", "https://downloads.example/keri/")
+    output("minisign", "-G", "-W", "-p", WORK / "sums.pub", "-s", WORK / "sums.key")
+    make("signed", *SIGNER, "--sums-key", WORK / "sums.key", "--download-url", "https://downloads.example/keri/")
     VERSION = cached("CMAKE_PROJECT_VERSION")
     STAMP = f"{cached('QUORKERI_RELEASE_TAG').removeprefix('release_')}_{cached('QUORKERI_BUILD_ID')}"
     NAME = f"quorkeri-service-{VERSION}"
@@ -142,11 +135,9 @@ def resources(image, kind):
 
 
 def debug_file(image):
+    """Its name, and its GUID with the age behind."""
     (entry,) = image.DIRECTORY_ENTRY_DEBUG
-    guid = uuid.UUID(fields=(entry.entry.Signature_Data1, entry.entry.Signature_Data2, entry.entry.Signature_Data3,
-                             entry.entry.Signature_Data4, entry.entry.Signature_Data5,
-                             int.from_bytes(entry.entry.Signature_Data6, "big")))
-    return entry.entry.PdbFileName.rstrip(b"\0").decode(), guid, entry.entry.Age
+    return entry.entry.PdbFileName.rstrip(b"\0").decode(), entry.entry.Signature_String
 
 
 class OutputTest(unittest.TestCase):
@@ -367,10 +358,10 @@ class ProgramTest(unittest.TestCase):
 
     def test_belongs_to_the_pdb(self):
         for name, image in self.for_each():
-            file, guid, age = debug_file(image)
-            self.assertEqual((file, age), (pathlib.Path(name).stem + ".pdb", 1))
+            file, signature = debug_file(image)
+            self.assertEqual(file, pathlib.Path(name).stem + ".pdb")
             summary = output("llvm-pdbutil-19", "dump", "--summary", str(self.symbols() / file))
-            self.assertIn("GUID: {" + str(guid).upper() + "}", summary)
+            self.assertEqual(re.search("GUID: {(.*)}", summary)[1].replace("-", "") + "1", signature)
             self.assertIn(f"Signature: {image.FILE_HEADER.TimeDateStamp}\n", summary)
         output(str(ROOT / "tests/system/pdb_test"), str(self.symbols() / "quorkeri_service.pdb"),
                str(self.symbols() / "quorkeri_service.exe"))
@@ -562,29 +553,15 @@ class DeploymentTest(unittest.TestCase):
         self.assertEqual(more, {"time": "2019-11-20 20 14:49:57", "place": None, "message": extra[23:]})
         self.assertEqual("".join(f"{found['time']} {found['place']} - {found['message']}" for found in records), content)
         for found in records:
-            # The C library's own parser, as shippers call it.
-            year, day, again, clock = re.fullmatch(r"(\d+-\d+-)(\d+) (\d+) (\S+)", found["time"]).groups()
-            self.assertEqual(day, again)
-            seconds = parsed_time(found["time"], log["time_format"]["strptime"])
-            self.assertEqual(time.strftime("%Y-%m-%d %H:%M:%S", seconds), f"{year}{day} {clock}")
+            # The C library's own parser, as shippers call it: Python's takes no directive twice.
+            fields, text = ctypes.create_string_buffer(256), ctypes.create_string_buffer(256)
+            self.assertNotEqual(LIBC.strptime(found["time"].encode(), log["time_format"]["strptime"].encode(), fields), 0)
+            LIBC.strftime(text, len(text), b"%Y-%m-%d %d %H:%M:%S", fields)
+            self.assertEqual(text.value.decode(), found["time"])
         # The same words in each shipper's own file.
         for name in ("fluent-bit", "logstash"):
             for text in (log["pattern"], log["record_begins_with"]):
                 self.assertIn(text, texts[f"logs/service-log.{name}.conf"])
-
-
-def parsed_time(text, form):
-    """By the C library: Python's own strptime takes no directive twice."""
-    class Fields(ctypes.Structure):
-        _fields_ = [(name, ctypes.c_int) for name in ("sec", "min", "hour", "mday", "mon", "year", "wday", "yday", "isdst")]
-
-    library = ctypes.CDLL(None)
-    library.strptime.restype = ctypes.c_void_p
-    buffer = ctypes.create_string_buffer(256)
-    if not library.strptime(text.encode(), form.encode(), buffer):
-        raise ValueError(text)
-    fields = Fields.from_buffer(buffer)
-    return time.struct_time((fields.year + 1900, fields.mon + 1, fields.mday, fields.hour, fields.min, fields.sec, 0, 1, -1))
 
 
 class TimeStamper(http.server.BaseHTTPRequestHandler):
@@ -604,22 +581,18 @@ class TimeStamper(http.server.BaseHTTPRequestHandler):
         pass
 
 
-@contextlib.contextmanager
-def time_stamper():
+def start_time_stamper(test):
+    """Its address, for as long as the test takes."""
     make_certificate("clock", "critical,timeStamping")
     (WORK / "tsa.conf").write_text(
         f"[tsa]\ndefault_tsa = clock\n[clock]\nserial = {WORK}/serial\nsigner_cert = {WORK}/clock.pem\n"
         f"signer_key = {WORK}/clock.key\ncerts = {WORK}/clock.pem\nsigner_digest = sha256\ndefault_policy = 1.2.3.4\n"
         "digests = sha256\n")
     (WORK / "serial").write_text("01\n")
-    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), TimeStamper) as server:
-        thread = threading.Thread(target=server.serve_forever)
-        thread.start()
-        try:
-            yield f"http://127.0.0.1:{server.server_port}/"
-        finally:
-            server.shutdown()
-            thread.join()
+    server = test.enterContext(http.server.ThreadingHTTPServer(("127.0.0.1", 0), TimeStamper))
+    threading.Thread(target=server.serve_forever).start()
+    test.addCleanup(server.shutdown)
+    return f"http://127.0.0.1:{server.server_port}/"
 
 
 class SignatureTest(unittest.TestCase):
@@ -633,6 +606,13 @@ class SignatureTest(unittest.TestCase):
                                 capture_output=True, text=True, check=False)
         return result.returncode, result.stdout + result.stderr
 
+    def verified(self, name, kinds=(*SHIPPED, "msi"), options=()):
+        """What is said of each of these files; all are signed well."""
+        results = [self.verify(name, kind, *options) for kind in kinds]
+        for code, text in results:
+            self.assertEqual(code, 0, text)
+        return [text for _, text in results]
+
     def test_is_not_there_unless_asked_for(self):
         for kind in (*SHIPPED, "msi"):
             code, text = self.verify("plain", kind)
@@ -641,9 +621,7 @@ class SignatureTest(unittest.TestCase):
 
     def test_is_the_one_of_the_certificate(self):
         self.assertIn("good only as long as the certificate", told["signed"])
-        for kind in (*SHIPPED, "msi"):
-            code, text = self.verify("signed", kind)
-            self.assertEqual(code, 0, text)
+        for text in self.verified("signed"):
             self.assertRegex(text, r"Subject: ?/CN=Throwaway signer")
             self.assertIn("Message digest algorithm: SHA256", text)
             self.assertIn("Text description: Quorvane Keri Wrapper", text)
@@ -675,9 +653,7 @@ class SignatureTest(unittest.TestCase):
                "--pin", "1234", env=with_token)
         make("token", "--sign-cert", SIGNER[1], "--sign-key", "pkcs11:token=keri;object=signer;type=private", "--sign-module",
              module, env=environment | {"QUORKERI_SIGN_PASSWORD_FILE": str(WORK / "pin")})
-        for kind in (*SHIPPED, "msi"):
-            code, text = self.verify("token", kind)
-            self.assertEqual(code, 0, text)
+        self.verified("token")
 
     def test_comes_from_a_command_in_this_order_and_is_verified(self):
         script = WORK / "sign here.sh"
@@ -686,8 +662,7 @@ class SignatureTest(unittest.TestCase):
         script.chmod(0o755)
         make("command", "--sign-command", shlex.quote(str(script)), "--sign-ca", SIGNER[1])
         self.assertEqual((WORK / "order").read_text().split(), [*SHIPPED, f"{NAME}-win32.msi"])
-        for kind in (*SHIPPED, "msi"):
-            self.assertEqual(self.verify("command", kind)[0], 0)
+        self.verified("command")
         # One that does nothing, and one whose signature nobody trusts.
         for command in ("true", shlex.quote(str(script))):
             result = run_package("--out", WORK / "unverified", "--sign-command", command)
@@ -696,13 +671,10 @@ class SignatureTest(unittest.TestCase):
                           "root? --sign-ca FILE\n", result.stderr)
 
     def test_is_asked_for_by_the_environment_and_stamped_by_a_server(self):
-        with time_stamper() as url:
-            make("stamped", env={"QUORKERI_SIGN_CERT": str(SIGNER[1]), "QUORKERI_SIGN_KEY": str(SIGNER[3]),
-                                 "QUORKERI_TIMESTAMP_URL": url})
+        make("stamped", env={"QUORKERI_SIGN_CERT": str(SIGNER[1]), "QUORKERI_SIGN_KEY": str(SIGNER[3]),
+                             "QUORKERI_TIMESTAMP_URL": start_time_stamper(self)})
         self.assertNotIn("good only as long as", told["stamped"])
-        for kind in ("quorkeri_service.exe", "msi"):
-            code, text = self.verify("stamped", kind, "-TSA-CAfile", WORK / "clock.pem")
-            self.assertEqual(code, 0, text)
+        for text in self.verified("stamped", ("quorkeri_service.exe", "msi"), ("-TSA-CAfile", WORK / "clock.pem")):
             self.assertRegex(text, "(?i)timestamp.* verified|timestamp verification: ok")
 
     def test_reads_the_keys_password_from_a_file_and_takes_the_time_it_is_given(self):
@@ -711,8 +683,7 @@ class SignatureTest(unittest.TestCase):
         output("openssl", "rsa", "-aes256", "-in", str(SIGNER[3]), "-out", str(locked), "-passout", "pass:secret")
         make("locked", "--sign-cert", SIGNER[1], "--sign-key", locked,
              env={"QUORKERI_SIGN_PASSWORD_FILE": str(password), "SOURCE_DATE_EPOCH": "1700000000"})
-        code, text = self.verify("locked", "quorkeri_service.exe")
-        self.assertEqual(code, 0, text)
+        (text,) = self.verified("locked", ["quorkeri_service.exe"])
         self.assertIn("Signing time: Nov 14 22:13:20 2023 GMT", text)
         with zipfile.ZipFile(package("-win32.zip", "locked")) as archive:
             self.assertEqual({entry.date_time for entry in archive.infolist()}, {(2023, 11, 14, 22, 13, 20)})

@@ -38,20 +38,15 @@ def report(message=b"m", backtrace=b""):
 
 class CollectorTest(unittest.TestCase):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.root = pathlib.Path(directory.name)
+        self.root = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.folder = self.root / "kept"
         self.start("--port", "0")
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.addCleanup(self.socket.close)
+        self.socket = self.enterContext(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
 
     def start(self, *arguments):
-        self.process = subprocess.Popen(
-            [sys.executable, COLLECTOR, "--address", "127.0.0.1", "--folder", str(self.folder), *arguments],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, encoding="utf-8")
-        self.addCleanup(self.process.stdout.close)
-        self.addCleanup(self.process.wait)
+        self.process = self.enterContext(subprocess.Popen(
+            [sys.executable, COLLECTOR, "--address", "127.0.0.1", "--folder", self.folder, *arguments],
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, encoding="utf-8"))
         self.addCleanup(self.process.kill)
         first = self.process.stdout.readline()
         self.assertRegex(first, r"^listening on 127\.0\.0\.1 port \d+, ")
@@ -110,7 +105,7 @@ class CollectorTest(unittest.TestCase):
 
     def test_says_why_it_cannot_listen(self):
         second = subprocess.run([sys.executable, COLLECTOR, "--address", "127.0.0.1", "--port", str(self.port),
-                                 "--folder", str(self.folder)], capture_output=True, text=True, check=False)
+                                 "--folder", self.folder], capture_output=True, text=True, check=False)
         self.assertEqual(second.returncode, 1)
         self.assertRegex(second.stderr, r"^collector: .*in use\n$")
 

@@ -28,12 +28,9 @@ COMPANION = sys.argv[4:5]
 del sys.argv[1:]
 
 
-
 class SupportBundleTest(unittest.TestCase):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.elsewhere = pathlib.Path(directory.name)
+        self.elsewhere = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         # Whatever a prompt makes of blanks, signs and letters.
         self.root = self.elsewhere / "Kéri Ж & (Söhne) 100"
         self.files = {
@@ -59,22 +56,22 @@ class SupportBundleTest(unittest.TestCase):
         for program in (SERVICE, HEALTH):
             shutil.copy(program, self.root / "bin" / program.name)
 
-    def run_it(self, where=None, script=None):
+    def run_it(self, where=None, script=None, code=0):
+        """What it says; it has to end with this code."""
         script = script or self.script
         command = [script]
         # With a path that has these signs the interpreter needs "call", and Wine's then makes 1 of every failure.
         if WINE:
             command = WINE + (["cmd", "/c", script.name] if where == script.parent else
                               ["cmd", "/c", "call", Wine.path(script)])
-        return subprocess.run(command, cwd=where or self.elsewhere, timeout=600, check=False, stdin=subprocess.DEVNULL,
+        done = subprocess.run(command, cwd=where or self.elsewhere, timeout=600, check=False, stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.assertEqual(done.returncode, code, done.stdout)
+        return done.stdout
 
     def bundled(self, number):
         folder = self.root / "work/tmp" / f"support-{number}"
         return {str(path.relative_to(folder)): path.read_bytes() for path in folder.rglob("*") if path.is_file()}
-
-    def expected(self):
-        return {name.removeprefix("work/"): content for name, content in self.files.items()}
 
     def snapshot(self):
         return {path: path.read_bytes() for path in self.root.rglob("*") if path.is_file()}
@@ -82,35 +79,40 @@ class SupportBundleTest(unittest.TestCase):
     def assert_gathered(self, number):
         bundled = self.bundled(number)
         system = bundled.pop("system.txt")
-        self.assertEqual(bundled, self.expected())
+        self.assertEqual(bundled, {name.removeprefix("work/"): content for name, content in self.files.items()})
         return system.decode("utf-8", "replace")
+
+    def assert_refused(self, sentence):
+        before = self.snapshot()
+        self.assertRegex(self.run_it(code=1), sentence)
+        self.assertEqual(self.snapshot(), before)
 
     def test_it_gathers_what_is_asked_for_and_nothing_else(self):
         before = self.snapshot()
-        done = self.run_it()
-        self.assertEqual(done.returncode, 0, done.stdout)
+        said = self.run_it()
         system = self.assert_gathered(2)
         self.assertIn(str(SERVICE.stat().st_size), system.replace(",", ""))
         self.assertIn("== Hash of the service", system)
         self.assertIn('"findings": [', system)
-        self.assertIn(b"Dumps hold memory", done.stdout)
+        self.assertIn(b"Dumps hold memory", said)
         self.assertIn("service.log.old", system)
         # Nothing that was there is gone or changed.
         after = self.snapshot()
         self.assertEqual({path: after.get(path) for path in before}, before)
 
     def test_it_says_where_the_bundle_is(self):
-        said = self.run_it().stdout.decode("utf-8", "replace")
+        said = self.run_it().decode("utf-8", "replace")
         place = "work\\tmp\\support-2" if WINE else "work/tmp/support-2.tar.gz"
         self.assertRegex(said, r"\AThe support bundle is [^\n]*" + place.replace("\\", "\\\\").replace(".", r"\."))
         if not WINE:
             with tarfile.open(self.root / "work/tmp/support-2.tar.gz") as archive:
                 names = {member.name for member in archive if member.isfile()}
-            self.assertEqual(names, {"support-2/" + name for name in self.expected()} | {"support-2/system.txt"})
+            self.assertEqual(names, {"support-2/" + name for name in self.bundled(2)})
+            self.assert_gathered(2)
 
     def test_each_run_makes_a_new_one(self):
         for number in (2, 3):
-            self.assertEqual(self.run_it(self.root / "bin").returncode, 0)
+            self.run_it(self.root / "bin")
             self.assert_gathered(number)
         self.assertEqual((self.root / "work/tmp/support-1").read_bytes(), b"a file that has the name already")
 
@@ -118,25 +120,17 @@ class SupportBundleTest(unittest.TestCase):
         for name in self.files | self.others:
             (self.root / name).unlink()
         (self.root / "work/tmp").rmdir()
-        self.assertEqual(self.run_it().returncode, 0)
+        self.run_it()
         self.assertEqual(list(self.bundled(1)), ["system.txt"])
 
     def test_without_logs_it_says_so(self):
         shutil.rmtree(self.root / "work/logs")
-        before = self.snapshot()
-        done = self.run_it()
-        self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stdout, rb'\AThere is no directory "[^\n]*logs"\.\r?\nThis command works in')
-        self.assertEqual(self.snapshot(), before)
+        self.assert_refused(rb'\AThere is no directory "[^\n]*logs"\.\r?\nThis command works in')
 
     def test_where_nothing_can_be_written_it_says_so(self):
         shutil.rmtree(self.root / "work/tmp")
         (self.root / "work/tmp").write_text("not a directory")
-        before = self.snapshot()
-        done = self.run_it()
-        self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stdout, rb'\A"[^\n]*tmp" cannot be written: nothing was collected\.')
-        self.assertEqual(self.snapshot(), before)
+        self.assert_refused(rb'\A"[^\n]*tmp" cannot be written: nothing was collected\.')
 
 
 class NativeTest(SupportBundleTest):
@@ -146,10 +140,9 @@ class NativeTest(SupportBundleTest):
         log.unlink()
         log.symlink_to("/proc/self/mem")
         self.addCleanup((self.root / "work/tmp/support-2/logs/service.log").unlink, missing_ok=True)
-        done = self.run_it()
-        self.assertEqual(done.returncode, 2, done.stdout)
-        self.assertIn(b"Could not be copied: ", done.stdout)
-        self.assertIn(b"Not everything could be copied. The rest is there.", done.stdout)
+        said = self.run_it(code=2)
+        self.assertIn(b"Could not be copied: ", said)
+        self.assertIn(b"Not everything could be copied. The rest is there.", said)
         self.assertEqual(self.bundled(2)["logs/dumps.log"], b"history\n")
 
     def test_the_hash_is_the_services(self):
@@ -160,16 +153,14 @@ class NativeTest(SupportBundleTest):
         # A program of that name, where the service would be.
         program = self.root / "bin/quorkeri_service"
         shutil.copy("/bin/sleep", program)
-        process = subprocess.Popen([program, "60"])
-        self.addCleanup(process.wait)
+        process = self.enterContext(subprocess.Popen([program, "60"]))
         self.addCleanup(process.kill)
         self.run_it()
         # Its path has blanks, so that it is not known by its name; the plain case is.
         plain = self.elsewhere / "plain" / "bin"
         shutil.copytree(self.root / "bin", plain)
         (plain.parent / "work/logs").mkdir(parents=True)
-        other = subprocess.Popen([plain / "quorkeri_service", "60"])
-        self.addCleanup(other.wait)
+        other = self.enterContext(subprocess.Popen([plain / "quorkeri_service", "60"]))
         self.addCleanup(other.kill)
         self.run_it(script=plain / SCRIPT.name)
         self.assertRegex((plain.parent / "work/tmp/support-1/system.txt").read_text(), rf"\n *{other.pid} ")
@@ -186,14 +177,12 @@ class WindowsTest(SupportBundleTest):
         place = Companion(self.elsewhere / "companion")
         log = os.path.relpath(self.root / "work/logs/service.log", place.directory).replace("/", "\\")
         place.put(COMPANION[0], f"hold {log}\nmute\n")
-        holder = Wine().start(place.directory / "quorkeri_wrapper.exe")
-        self.addCleanup(holder.wait)
+        holder = self.enterContext(Wine().start(place.directory / "quorkeri_wrapper.exe"))
         self.addCleanup(holder.kill)
         place.await_event()
-        done = self.run_it(self.root / "bin")
-        self.assertEqual(done.returncode, 2, done.stdout)
-        self.assertRegex(done.stdout, rb'\ACould not be copied: "[^\n]*service.log"\r\n')
-        self.assertIn(b"Not everything could be copied. The rest is there.", done.stdout)
+        said = self.run_it(self.root / "bin", code=2)
+        self.assertRegex(said, rb'\ACould not be copied: "[^\n]*service.log"\r\n')
+        self.assertIn(b"Not everything could be copied. The rest is there.", said)
         self.files.pop("work/logs/service.log")
         self.assert_gathered(2)
 

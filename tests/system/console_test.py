@@ -98,9 +98,7 @@ class Terminal:
 
 class ConsoleTest(unittest.TestCase):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory(prefix="console ")
-        self.addCleanup(directory.cleanup)
-        self.root = pathlib.Path(directory.name)
+        self.root = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="console ")))
         for name in ("bin", "settings", "work/logs"):
             (self.root / name).mkdir(parents=True)
         self.program = self.root / "bin" / SERVICE.name
