@@ -12,6 +12,7 @@
 #include "core/memory/core_scopedhandle_win32.h"
 #include "packaging/setup/setup_rights.h"
 #include "tests/installation/packages_win32.h"
+#include "tests/support/open_sharing_win32.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wine_win32.h"
 #include "tests/system/installation.h"
@@ -80,10 +81,7 @@ TEST_P(Lives, ByTheInstallerPackage) {
     {
         // Somebody reads the log, and has a prompt there: no reason for a restart of the machine.
         const fs::path log = installation() / "work" / "logs" / "service.log";
-        const NS_CORE::ScopedFileHandle reader(::CreateFileW(log.c_str(), GENERIC_READ,
-                                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                                             nullptr, OPEN_EXISTING, 0, nullptr));
-        EXPECT_TRUE(reader);
+        const auto reader = openSharing(log, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
         fs::current_path(log.parent_path());
         expectSucceeded(install("new", words()));
         fs::current_path(drive());

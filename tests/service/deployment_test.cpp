@@ -12,8 +12,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 const std::string kNoLocation = "CRIT getKeriInstallDir - Could not locate KERI install directory from registry";
 const std::string kNoPath = "WARN CopyDependencies - Failed getting keri install path";
 const std::string kValueError = "WARN NS_UTL::RegistryKey::getValue(InstallLocation) - ";
@@ -36,8 +34,9 @@ const test::ChildProgram g_deploy("deploy", [](const std::vector<std::string>& a
 } // namespace
 
 TEST_F(DeploymentTest, CopiesTheSixLibrariesByteForByteWhateverIsThere) {
-    registerDirectory(m_keri);
-    for (const size_t size : {1'000'000U, 100U}) {
+    // The second is a directory stored without a terminator.
+    for (const auto& [size, location] : {std::pair(1'000'000U, m_keri + '\0'), {100U, m_keri}}) {
+        m_location.set(/*type=*/1, location);
         makeLibraries(size);
         EXPECT_EQ(deploy(), Lines{kBegin});
         for (const char* name : kLibraries) EXPECT_TRUE(isCopied(name)) << size;
@@ -82,13 +81,6 @@ TEST_F(DeploymentTest, SaysOfEachLibraryThatItsDirectoryIsMissing) {
     }
     EXPECT_EQ(deploy(), expected);
     EXPECT_TRUE(namesInBin().empty());
-}
-
-TEST_F(DeploymentTest, CopiesFromADirectoryStoredWithoutATerminator) {
-    makeLibraries(100);
-    m_location.set(1, m_keri);
-    EXPECT_EQ(deploy(), Lines{kBegin});
-    for (const char* name : kLibraries) EXPECT_TRUE(isCopied(name));
 }
 
 TEST_F(DeploymentTest, CopiesNothingFromADirectoryStoredWithTwoTerminators) {

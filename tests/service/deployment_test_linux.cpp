@@ -2,12 +2,6 @@
 
 #include "tests/service/deployment_fixture.h"
 
-namespace {
-
-using Lines = std::vector<std::string>;
-
-} // namespace
-
 TEST_F(DeploymentTest, SaysThatTheKeyIsMissing) {
     m_location.removeKey();
     EXPECT_EQ(deploy(),

@@ -1,16 +1,14 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "core/memory/core_scopedhandle_win32.h"
 #include "service/deployment.h"
 #include "tests/service/deployment_fixture.h"
 #include "tests/support/child.h"
 #include "tests/support/import_hook_win32.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/open_sharing_win32.h"
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 DWORD WINAPI cutPath(HMODULE /*module*/, LPSTR /*path*/, DWORD size) {
     return size;
@@ -34,9 +32,7 @@ TEST_F(DeploymentTest, SkipsALibraryThatIsHeldOpen) {
     registerDirectory(m_keri);
     test::writeFile(inBin("DHS.dll"), "older");
     {
-        const NS_CORE::ScopedFileHandle held(::CreateFileA(inBin("DHS.dll").c_str(), GENERIC_READ, /*dwShareMode=*/0,
-                                                           nullptr, OPEN_EXISTING, 0, nullptr));
-        EXPECT_TRUE(held);
+        const auto held = test::openSharing(test::fromText(inBin("DHS.dll")), /*share=*/0);
         EXPECT_EQ(deploy(),
                   (Lines{kBegin, "WARN UTL::FileUtils::copy - failed opening '" + inBin("DHS.dll") + "' for writing",
                          failedCopying("DHS.dll")}));

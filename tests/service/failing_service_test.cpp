@@ -16,6 +16,7 @@
 #include "tests/service/process_gauge.h"
 #include "tests/support/child.h"
 #include "tests/support/self_process.h"
+#include "tests/support/stamp.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/udp_receiver.h"
 #include "utl/utl_service.h"
@@ -43,13 +44,6 @@ void failOnAllThreads(int32_t count) {
     for (std::thread& thread : threads) thread.join();
 }
 
-// A service has no console.
-void leaveConsoleAlone() {
-    const NS_CORE::LevelEntry entry = NS_CORE::MasterLogger::levelEntry(NS_CORE::LogLevel::Crit);
-    NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit,
-                                         static_cast<uint8_t>(entry.flags & ~NS_CORE::LevelEntry::Console));
-}
-
 int work(int /*argc*/, char** /*argv*/) {
     failOnAllThreads(/*count=*/500);
     const test::ProcessGauge before = test::ProcessGauge::read();
@@ -63,7 +57,10 @@ int work(int /*argc*/, char** /*argv*/) {
 
 // The application, but for its work.
 const test::ChildProgram g_failingService("failing_service", [](const std::vector<std::string>& /*arguments*/) {
-    leaveConsoleAlone();
+    // A service has no console.
+    const uint8_t flags = NS_CORE::MasterLogger::levelEntry(NS_CORE::LogLevel::Crit).flags;
+    NS_CORE::MasterLogger::setLevelFlags(NS_CORE::LogLevel::Crit,
+                                         static_cast<uint8_t>(flags & ~NS_CORE::LevelEntry::Console));
     NS_CORE::setDefaultPaths();
     const NS_CORE::DefaultGlobals globals;
     NS_UTL::Service host("bin", "name", "display name", NS_CORE::dotPath(NS_CORE::PathKind::Logs), "service.log", &work,
@@ -77,25 +74,22 @@ const test::ChildProgram g_failingService("failing_service", [](const std::vecto
     return result;
 });
 
-// The lines that a thread left in a log, as numbers; each must be whole.
-struct LoggedNumbers {
-    std::array<std::vector<int32_t>, kThreads> ofThread;
-};
+// The lines that each thread left in a log, as numbers; each must be whole.
+using LoggedNumbers = std::array<std::vector<int32_t>, kThreads>;
 
 void readLog(const fs::path& path, LoggedNumbers* numbers) {
     std::istringstream text(test::readFile(path));
     for (std::string line; std::getline(text, line);) {
-        constexpr size_t kStampLength = sizeof("2019-11-20 20 14:49:57 ") - 1;
         const std::string head = "CORE::Assert::failDefault - GASSERT failed at main:20";
-        ASSERT_GE(line.size(), kStampLength);
-        const std::string record = line.substr(kStampLength);
+        ASSERT_NE(test::stampLength(line), 0U) << line;
+        const std::string record = line.substr(test::stampLength(line));
         ASSERT_TRUE(record.starts_with(head)) << line;
         const auto thread = static_cast<size_t>(record.at(head.size()) - '0');
-        ASSERT_LT(thread, numbers->ofThread.size());
+        ASSERT_LT(thread, numbers->size());
         const std::string rest = record.substr(head.size() + 1);
         const int32_t number = std::stoi(rest.substr(sizeof(" (CHECKF) (") - 1));
         ASSERT_EQ(rest, " (CHECKF) (" + std::to_string(number) + ' ' + std::string(kPadding, 'x') + ')');
-        numbers->ofThread[thread].push_back(number);
+        (*numbers)[thread].push_back(number);
     }
 }
 
@@ -142,7 +136,7 @@ TEST(FailingService, StaysUpTheSameSizeAndReadableWhileItsChecksFail) {
     EXPECT_EQ(std::distance(fs::directory_iterator(log.parent_path()), fs::directory_iterator()), 2);
     readLog(log.string() + ".old", &numbers);
     readLog(log, &numbers);
-    for (const std::vector<int32_t>& ofThread : numbers.ofThread) {
+    for (const std::vector<int32_t>& ofThread : numbers) {
         ASSERT_FALSE(ofThread.empty());
         // None is missing between the first that is left and the last.
         for (size_t index = 1; index < ofThread.size(); ++index) ASSERT_EQ(ofThread[index], ofThread[index - 1] + 1);

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/net/core_udp4socket.h"
+#include "tests/support/stamp.h"
 #include "tests/system/await.h"
 #include "tests/system/platform.h"
 
@@ -44,19 +45,6 @@ std::string libraryBytes(size_t library, size_t size) {
         std::memcpy(&bytes[at], &state, std::min(sizeof(state), size - at));
     }
     return bytes;
-}
-
-// The length of a record's stamp, "2024-03-05 05 07:08:09 ": the day twice, a blank behind. 0 when there is none.
-size_t stampLength(const std::string& line) {
-    constexpr std::string_view kPattern = "dddd-dd-dd dd dd:dd:dd ";
-    if (line.size() < kPattern.size()) return 0;
-    for (size_t i = 0; i < kPattern.size(); ++i) {
-        const bool isDigit = line[i] >= '0' && line[i] <= '9';
-        if (kPattern[i] == 'd' ? !isDigit : line[i] != kPattern[i]) return 0;
-    }
-    constexpr size_t kDay = 8;
-    constexpr size_t kDayAgain = 11;
-    return line.compare(kDay, 2, line, kDayAgain, 2) == 0 ? kPattern.size() : 0;
 }
 
 Record parseRecord(const std::string& line) {

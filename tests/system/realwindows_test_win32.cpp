@@ -29,12 +29,6 @@ namespace {
 using NS_CORE::ScopedKernelHandle;
 using NS_CORE::ScopedRegistryKey;
 
-// A function that older systems do not have; null there.
-template <class Function>
-Function find(const wchar_t* module, const char* name) {
-    return std::bit_cast<Function>(::GetProcAddress(::GetModuleHandleW(module), name));
-}
-
 // Windows' own library of that name, whatever lies elsewhere.
 HMODULE systemLibrary(const wchar_t* name) {
     wchar_t directory[MAX_PATH] = {};
@@ -209,7 +203,8 @@ TEST(RealWindows, KeepsDataFromBeingExecutedAndMovesTheProgram) {
         BOOLEAN isPermanent;
     };
     using GetPolicy = BOOL(WINAPI*)(HANDLE, int, void*, SIZE_T);
-    const auto getPolicy = find<GetPolicy>(L"kernel32.dll", "GetProcessMitigationPolicy");
+    const auto getPolicy =
+        std::bit_cast<GetPolicy>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetProcessMitigationPolicy"));
     if (!getPolicy) GTEST_SKIP() << "This Windows is older than 8 and cannot be asked for its mitigations";
     const Installation installation;
     SupervisedService service(installation);

@@ -2,16 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/log/core_v2masterlogger.h"
 #include "tests/support/hook_recorder.h"
 #include "tests/support/log_recorder.h"
+#include "tests/support/stamp.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_filelogger.h"
 
@@ -52,16 +51,6 @@ struct FileLoggerTest : testing::Test {
         EXPECT_EQ(hook.single().message, "failed renaming " + log() + " to " + log() + ".old");
     }
 
-    // Whether a line begins as in "2019-11-20 20 14:49:57 ", with the day twice.
-    static bool isStamped(const std::string& line) {
-        constexpr std::string_view shape = "dddd-dd-dd dd dd:dd:dd ";
-        const auto fits = [](char inShape, char inLine) {
-            return inShape == 'd' ? inLine >= '0' && inLine <= '9' : inShape == inLine;
-        };
-        return line.size() >= shape.size() && std::equal(shape.begin(), shape.end(), line.begin(), fits) &&
-               line.substr(8, 2) == line.substr(11, 2);
-    }
-
     // The lines of a file without their stamps; fails the test for any line that is not whole.
     static std::vector<std::string> texts(const std::string& file) {
         const std::string bytes = test::readFile(test::fromText(file));
@@ -70,8 +59,8 @@ struct FileLoggerTest : testing::Test {
             const size_t end = bytes.find('\n', begin);
             const std::string line = bytes.substr(begin, end - begin);
             EXPECT_NE(end, std::string::npos) << "torn: " << line;
-            EXPECT_TRUE(isStamped(line)) << line;
-            all.push_back(line.substr(std::min<size_t>(line.size(), 23)));
+            EXPECT_NE(test::stampLength(line), 0U) << line;
+            all.push_back(line.substr(test::stampLength(line)));
             begin = end == std::string::npos ? bytes.size() : end + 1;
         }
         return all;

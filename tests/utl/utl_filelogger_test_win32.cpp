@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
+#include "tests/support/open_sharing_win32.h"
 #include "tests/support/planted_code.h"
 #include "tests/support/self_process.h"
 #include "tests/support/stream_capture.h"
@@ -18,21 +18,12 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-using FileHandle = NS_CORE::ScopedFileHandle;
-
-// Opens a file as another program would that shares it so far.
-FileHandle openSharing(const std::string& file, DWORD share) {
-    FileHandle handle(CreateFileA(file.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr));
-    EXPECT_TRUE(handle) << GetLastError();
-    return handle;
-}
-
 TEST_F(FileLoggerTest, DropsRecordsWhileAnotherProgramLocksTheFile) {
     install(5000000, 1);
     say("1");
     std::string printed;
     {
-        const FileHandle locked = openSharing(log(), /*share=*/0);
+        const auto locked = test::openSharing(test::fromText(log()), /*share=*/0);
         printed = printedBy([] { say("lost"); }).error;
     }
     EXPECT_EQ(printed, openFailure());
@@ -45,7 +36,7 @@ TEST_F(FileLoggerTest, WritesOnWhileAnotherProgramReadsAndRotatesWhenItMay) {
     install(30, 1);
     say("1");
     {
-        const FileHandle reader = openSharing(log(), FILE_SHARE_READ | FILE_SHARE_WRITE);
+        const auto reader = test::openSharing(test::fromText(log()), FILE_SHARE_READ | FILE_SHARE_WRITE);
         const std::string printed = printedBy([] { say("2, long enough"); }).error;
         EXPECT_TRUE(printed.starts_with(renameFailure(log(), log() + ".old"))) << printed;
         expectRenameCheck();

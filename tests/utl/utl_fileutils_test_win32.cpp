@@ -7,20 +7,15 @@
 #include "core/files/core_wrapper.h"
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/import_hook_win32.h"
+#include "tests/support/open_sharing_win32.h"
 #include "tests/utl/fileutils_test.h"
 
 using NS_UTL::FileUtils;
+using test::openSharing;
 
 namespace {
 
 using Handle = NS_CORE::ScopedFileHandle;
-
-Handle openSharing(const std::filesystem::path& path, DWORD share) {
-    Handle handle(::CreateFileW(path.c_str(), GENERIC_READ, share, /*lpSecurityAttributes=*/nullptr, OPEN_EXISTING,
-                                FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr));
-    EXPECT_TRUE(handle);
-    return handle;
-}
 
 TEST_F(Copy, AFileThatIsHeldOpenIsLoggedAndStays) {
     put("source", "new");

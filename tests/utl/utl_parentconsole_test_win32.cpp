@@ -36,25 +36,19 @@ int writeText(const std::vector<std::string>& arguments) {
     return 7;
 }
 
-struct Streams {
-    HANDLE output = nullptr;
-    HANDLE errors = nullptr;
-};
-
 struct Program {
     NS_CORE::ScopedKernelHandle process;
 
-    Program(std::string commandLine, DWORD flags, const Streams* streams) {
+    // With these streams, if there are any.
+    Program(std::string commandLine, DWORD flags, HANDLE output, HANDLE errors) {
         STARTUPINFOA startup = {};
         startup.cb = sizeof(startup);
-        if (streams) {
-            startup.dwFlags = STARTF_USESTDHANDLES;
-            startup.hStdOutput = streams->output;
-            startup.hStdError = streams->errors;
-        }
+        startup.dwFlags = output ? STARTF_USESTDHANDLES : 0;
+        startup.hStdOutput = output;
+        startup.hStdError = errors;
         PROCESS_INFORMATION started = {};
         ::CreateProcessA(/*lpApplicationName=*/nullptr, commandLine.data(), nullptr, nullptr,
-                         /*bInheritHandles=*/streams != nullptr, flags, nullptr, nullptr, &startup, &started);
+                         /*bInheritHandles=*/output != nullptr, flags, nullptr, nullptr, &startup, &started);
         process.reset(started.hProcess);
         const NS_CORE::ScopedKernelHandle thread(started.hThread);
     }
@@ -97,10 +91,10 @@ int beParent(const std::vector<std::string>& arguments) {
     const UINT before = ::GetConsoleOutputCP();
     NS_CORE::ScopedFileHandle output;
     if (how == "redirect") output = openForChild(file);
-    const Streams streams{output.get(), ::GetStdHandle(STD_ERROR_HANDLE)};
     std::string commandLine;
     for (size_t i = 2; i < arguments.size(); ++i) commandLine += '"' + arguments[i] + "\" ";
-    const Program program(commandLine, isAlone ? DETACHED_PROCESS : 0, output ? &streams : nullptr);
+    const Program program(commandLine, isAlone ? DETACHED_PROCESS : 0, output ? output.get() : nullptr,
+                          ::GetStdHandle(STD_ERROR_HANDLE));
     if (isAlone) interruptWhen(file);
     const DWORD code = program.awaitExit();
     std::printf("ended with %lu, code pages %u %u\n", code, before, ::GetConsoleOutputCP());
@@ -120,8 +114,8 @@ TEST(ParentConsoleTest, WithoutAConsoleTheStreamsKeepTheirBytes) {
     const test::TempDir dir;
     const NS_CORE::ScopedFileHandle output = openForChild(dir.file("output"));
     const NS_CORE::ScopedFileHandle errors = openForChild(dir.file("errors"));
-    const Streams streams{output.get(), errors.get()};
-    const Program program(test::childCommandLine("console-text", {dir.file("found")}), DETACHED_PROCESS, &streams);
+    const Program program(test::childCommandLine("console-text", {dir.file("found")}), DETACHED_PROCESS, output.get(),
+                          errors.get());
     EXPECT_EQ(program.awaitExit(), 7U);
     EXPECT_EQ(test::readFile(dir.path() / "output"), asTextFile(kOutput));
     EXPECT_EQ(test::readFile(dir.path() / "errors"), asTextFile(kErrors));
