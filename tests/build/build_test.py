@@ -12,12 +12,13 @@ import pathlib
 import re
 import shutil
 import socket
-import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+
+import pefile
 
 SOURCE, BINARY = map(pathlib.Path, sys.argv[1:3])
 LIBRARIES, BUILD_TYPE, *STAMP = sys.argv[3:]
@@ -50,10 +51,8 @@ def build(tree):
 
 
 def header_time(program):
-    """The time stamp in the program's header."""
-    data = program.read_bytes()
-    header = struct.unpack_from("<I", data, 0x3c)[0]
-    return struct.unpack_from("<I", data, header + 8)[0]
+    with pefile.PE(program, fast_load=True) as image:
+        return image.FILE_HEADER.TimeDateStamp
 
 
 def symbols_of(tree, binary):

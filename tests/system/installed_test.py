@@ -22,13 +22,15 @@ import tempfile
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from quorkeri_wine import LIMIT, ROOT, SILENT, Companion, Wine, await_true, text_of
+from quorkeri_wine import LIMIT, ROOT, SILENT, Companion, Wine, await_true, in_own_network, text_of
 
 CMAKE, BUILD = sys.argv[1:3]
 COMPANION = pathlib.Path(sys.argv[3])
 SYSTEM_TESTS, PROGRAM = (sys.argv[4:6] + [None] * 2)[:2]
-del sys.argv[1:6]
 IS_WINDOWS = SYSTEM_TESTS is not None
+if not IS_WINDOWS:
+    in_own_network()
+del sys.argv[1:6]
 
 SCRIPTS = ROOT / "scripts"
 STOP_PORT = 34002
@@ -39,14 +41,7 @@ WRITTEN = f"Wrote minidump for 'quorkeri_service' to '{DUMP}', version '{VERSION
 FAILED = f"Failed to write minidump for 'quorkeri_service' to '{DUMP}', version '{VERSION}' ("
 
 LIBC = ctypes.CDLL(None, use_errno=True)
-CLONE_NEWNET = 0x40000000
 SYS_TGKILL = 234  # of this machine's processor
-
-
-def enter_own_network():
-    """The stop port is fixed, and this machine may run something else on it."""
-    if LIBC.unshare(CLONE_NEWNET) == 0:
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
 class LinuxProgram:
@@ -169,12 +164,7 @@ class InstalledTest(unittest.TestCase):
     def expect_frames(self, *names):
         """In that order, innermost first."""
         text = self.backtrace()
-        trace = text.split("\n\n")[0]
-        at = 0
-        for name in names:
-            found = re.compile(name).search(trace, at)
-            self.assertTrue(found, f"{name} is missing, or not where it belongs, in\n{trace}")
-            at = found.end()
+        self.assertRegex(text.split("\n\n")[0], r"[\s\S]*".join(names))
         return text
 
     def start(self):
@@ -310,6 +300,4 @@ class ReportsTest(InstalledTest):
 
 
 if __name__ == "__main__":
-    if not IS_WINDOWS:
-        enter_own_network()
     unittest.main(verbosity=2)
