@@ -8,22 +8,22 @@ comes in as a console event. Ctrl+Break has no key on a terminal, and this Wine 
 left to the test of the handler.
 """
 
+import io
 import os
 import pathlib
-import pty
 import re
-import select
 import shutil
 import signal
 import sys
 import tempfile
 import termios
-import time
 import tty
 import unittest
 
+import pexpect
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-from quorkeri_wine import LIMIT, Companion, Wine, text_of
+from quorkeri_wine import LIMIT, Companion, Wine, await_true, text_of
 
 SERVICE, COMPANION = map(pathlib.Path, sys.argv[1:3])
 WINE = sys.argv[3:5]
@@ -41,59 +41,39 @@ def plain(screen):
     return text.replace(b"\r", b"").decode("utf-8", "replace")
 
 
-class Terminal:
+def make_raw():
+    """The terminal hands on what is typed, but for the key that interrupts."""
+    tty.setraw(0)
+    mode = termios.tcgetattr(0)
+    mode[3] |= termios.ISIG
+    termios.tcsetattr(0, termios.TCSANOW, mode)
+
+
+class Terminal(pexpect.spawn):
     """A program at a terminal of its own."""
 
-    def __init__(self, command, directory, is_raw):
-        self.screen = b""
-        self.code = None
-        self.pid, self.fd = pty.fork()
-        if self.pid == 0:
-            os.environ["TERM"] = "xterm"
-            os.chdir(directory)
-            if is_raw:
-                tty.setraw(0)
-                mode = termios.tcgetattr(0)
-                mode[3] |= termios.ISIG
-                termios.tcsetattr(0, termios.TCSANOW, mode)
-            os.execv(command[0], command)
+    def __init__(self, command, directory):
+        self.shown = io.BytesIO()
+        super().__init__(command[0], command[1:], cwd=directory, env=os.environ | {"TERM": "xterm"}, timeout=LIMIT,
+                         preexec_fn=make_raw if WINE else None)
+        self.logfile_read = self.shown
 
-    def write(self, keys):
-        os.write(self.fd, keys)
-
-    def read(self, seconds):
-        """False at the end of the output."""
-        if not select.select([self.fd], [], [], seconds)[0]:
-            return True
-        try:
-            piece = os.read(self.fd, 65536)
-        except OSError:
-            return False
-        self.screen += piece
-        return bool(piece)
+    def screen(self):
+        return plain(self.shown.getvalue())
 
     def await_true(self, what, is_true):
-        until = time.monotonic() + LIMIT
-        while not is_true():
-            if time.monotonic() > until or not self.read(0.02) and not is_true():
-                raise AssertionError(f"{what}; the screen: {plain(self.screen)!r}")
+        def is_true_or_over():
+            return self.expect([pexpect.EOF, pexpect.TIMEOUT], timeout=0) == 0 or is_true()
+        await_true(lambda: f"{what}; the screen: {self.screen()!r}", is_true_or_over)
+        if not is_true():
+            raise AssertionError(f"{what}; the screen: {self.screen()!r}")
 
     def await_text(self, text):
-        self.await_true(f"no {text!r}", lambda: text in plain(self.screen))
+        self.await_true(f"no {text!r}", lambda: text in self.screen())
 
     def await_end(self):
-        until = time.monotonic() + LIMIT
-        while self.read(0.02):
-            if time.monotonic() > until:
-                raise AssertionError(f"no end; the screen: {plain(self.screen)!r}")
-        self.code = os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
-        return self.code
-
-    def close(self):
-        if self.code is None:
-            os.kill(self.pid, signal.SIGKILL)
-            os.waitpid(self.pid, 0)
-        os.close(self.fd)
+        self.expect(pexpect.EOF)
+        return self.wait()
 
 
 class ConsoleTest(unittest.TestCase):
@@ -107,7 +87,7 @@ class ConsoleTest(unittest.TestCase):
         self.companion.put(COMPANION)
 
     def at_terminal(self, *command):
-        terminal = Terminal([str(word) for word in command], self.root, is_raw=bool(WINE))
+        terminal = Terminal([str(word) for word in command], self.root)
         self.addCleanup(terminal.close)
         return terminal
 
@@ -127,11 +107,11 @@ class NativeTest(ConsoleTest):
         terminal = self.at_terminal(self.program, "service-console")
         terminal.await_text(COMPLAINT)
         self.await_companion(terminal)
-        terminal.write(CONTROL_C)
+        terminal.send(CONTROL_C)
         self.assertEqual(terminal.await_end(), 0)
         self.assert_stopped_once()
         # Nothing but the logger's own lines, and the terminal's echo of the key.
-        self.assertRegex(plain(terminal.screen), r"\A\[CRIT\] getKeriInstallDir - [^\n]+\n\^C\Z")
+        self.assertRegex(terminal.screen(), r"\A\[CRIT\] getKeriInstallDir - [^\n]+\n\^C\Z")
 
 
 class WindowsTest(ConsoleTest):
@@ -142,13 +122,12 @@ class WindowsTest(ConsoleTest):
     def end_programs(self):
         """What a failed test leaves running would fail the others. It works in this test's own directory; the service
         may be about to start the companion again."""
-        for _ in range(100):
+        def are_gone():
             found = [process for process in pathlib.Path("/proc").glob("[0-9]*") if self.works_here(process)]
-            if not found:
-                return
             for process in found:
                 os.kill(int(process.name), signal.SIGKILL)
-            time.sleep(0.05)
+            return not found
+        await_true("the test's programs are gone", are_gone)
 
     def works_here(self, process):
         try:
@@ -176,7 +155,7 @@ class WindowsTest(ConsoleTest):
         """The key is another test's: at this prompt Wine makes two events of it, and the second ends any program."""
         prompt = self.wine("cmd")
         prompt.await_text(">")
-        prompt.write(b'start /wait /b "" "' + os.fsencode(Wine.path(self.program)) + b'" service-console\r')
+        prompt.send(b'start /wait /b "" "' + os.fsencode(Wine.path(self.program)) + b'" service-console\r')
         prompt.await_text(COMPLAINT)
         self.await_companion(prompt)
 
@@ -184,10 +163,10 @@ class WindowsTest(ConsoleTest):
         parent = self.service("lend")
         parent.await_text(COMPLAINT)
         self.await_companion(parent)
-        parent.write(CONTROL_C)
+        parent.send(CONTROL_C)
         parent.await_end()
         self.assert_stopped_once()
-        self.assertRegex(plain(parent.screen), r"\nended with 0, code pages (\d+) \1\n")
+        self.assertRegex(parent.screen(), r"\nended with 0, code pages (\d+) \1\n")
 
     def test_a_program_without_a_console_is_given_its_parents(self):
         """Wine's runtime does not open a stream that began without a handle again, so only the event is seen. It comes
@@ -197,23 +176,23 @@ class WindowsTest(ConsoleTest):
         (self.root / "now").touch()
         parent.await_end()
         self.assert_stopped_once()
-        self.assertIn("ended with 0,", plain(parent.screen))
+        self.assertIn("ended with 0,", parent.screen())
 
     def test_redirected_output_arrives_byte_for_byte(self):
         parent = self.service("redirect", "output")
         self.await_companion(parent)
-        parent.write(CONTROL_C)
+        parent.send(CONTROL_C)
         parent.await_end()
         self.assertEqual((self.root / "output").read_bytes(),
                          b"[CRIT] getKeriInstallDir - Could not locate KERI install directory from registry\r\n")
-        self.assertNotIn("CRIT", plain(parent.screen))
+        self.assertNotIn("CRIT", parent.screen())
 
     def test_text_outside_ascii_is_readable(self):
         for how, output in (("lend", r"output é Ж 測試 *\n+"), ("redirect", "")):
             parent = self.text(how, "output")
             parent.await_end()
             self.assertEqual((self.root / "found").read_text(), "code page 65001")
-            self.assertRegex(plain(parent.screen), output + r"errors é Ж 測試 *\n+"
+            self.assertRegex(parent.screen(), output + r"errors é Ж 測試 *\n+"
                              r"ended with 7, code pages (?!65001)(\d+) \1\n")
 
 
