@@ -21,7 +21,6 @@
 #include "tests/support/hook_recorder.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/udp_receiver.h"
-#include "utl/utl_processutils.h"
 #include "utl/utl_service.h"
 
 namespace service {
@@ -80,17 +79,11 @@ class MainTest : public testing::Test {
 protected:
     MainTest() {
         for (const char* directory : {"bin", "settings", "work/logs"}) fs::create_directories(m_dir.path() / directory);
-        const std::string self = test::thisProgram();
-        fs::copy_file(std::u8string(self.begin(), self.end()), m_dir.path() / "bin" / "program.exe");
+        fs::copy_file(test::fromText(test::thisProgram()), m_dir.path() / "bin" / "program.exe");
     }
 
-    unsigned long runChild(const std::string& name, const std::vector<std::string>& arguments,
-                           const char* file = "bin/program.exe") {
-        unsigned long exitCode = 99;
-        const std::string program = m_dir.file(file);
-        EXPECT_EQ(NS_UTL::ProcessUtils::start(test::childCommandLineOf(program, name, arguments).c_str(), &exitCode),
-                  NS_UTL::ProcessUtils::Result::Finished);
-        return exitCode;
+    int runChild(const std::string& name, const Lines& arguments, const char* file = "bin/program.exe") const {
+        return test::runAndWait(test::childCommandLineOf(m_dir.file(file), name, arguments));
     }
 
     // The log's records, without their stamps.
@@ -108,7 +101,7 @@ protected:
 };
 
 TEST_F(MainTest, LeavesIdentityAndPathsSetTheHostClearedAndTheLogClosed) {
-    EXPECT_EQ(runChild("application_after", {}), 100UL);
+    EXPECT_EQ(runChild("application_after", {}), 100);
     EXPECT_EQ(logLines().size(), 1U) << "nothing is logged to the file after the globals are gone";
 }
 
@@ -117,7 +110,7 @@ TEST_F(MainTest, SendsAtItsEndWhatFailedBeforeTheSettingsWereRead) {
     test::writeFile(m_dir.path() / "settings" / "testing.ini", "[general]\nsend_address 127.0.0.1\nsend_port " +
                                                                    std::to_string(collector.port()) +
                                                                    "\n[assert]\nsend enable\n");
-    EXPECT_EQ(runChild("application_fails", {}), 1UL);
+    EXPECT_EQ(runChild("application_fails", {}), 1);
     EXPECT_NE(collector.receive().bytes.find("<file>early</file>"), std::string::npos);
 }
 
@@ -125,7 +118,7 @@ TEST_F(MainTest, AFaultOfItsThreadLeavesTheHostToTheOthers) {
     fs::create_directories(m_dir.path() / "elsewhere");
     test::linkThisProgram(m_dir.path() / "elsewhere" / "program.exe");
     test::UdpReceiver companion(kStopPort);
-    EXPECT_EQ(runChild("application_crashes", {test::utf8(m_dir.path())}, "elsewhere/program.exe"), 100UL);
+    EXPECT_EQ(runChild("application_crashes", {test::utf8(m_dir.path())}, "elsewhere/program.exe"), 100);
     EXPECT_EQ(companion.receive().bytes.size(), Supervisor::kStopDatagramSize);
 }
 

@@ -1,63 +1,20 @@
 #include "utl/utl_registry.h"
-#include "utl/utl_regtype.h"
 
 #include <gtest/gtest.h>
 
-#include "core/text/core_varargs.h"
 #include "tests/support/hook_recorder.h"
-#include "tests/support/log_recorder.h"
-#include "tests/support/registry_value.h"
-#include "tests/support/temp_dir.h"
+#include "tests/utl/registry_test.h"
+#include "utl/utl_regtype.h"
 
 using NS_UTL::RegistryKey;
 namespace RegType = NS_UTL::RegType;
 
 namespace {
 
-const std::string kSubKey = "SOFTWARE\\Quorkeri tests\\Key";
-
 void expectCheck(const test::HookRecorder& hook) {
     const test::FailedCheck check = hook.single();
-    EXPECT_EQ(check.expression, "CHECKF");
-    EXPECT_EQ(check.file, "utl_registry");
-    EXPECT_EQ(check.level, 0);
-    EXPECT_EQ(check.message, "");
+    EXPECT_EQ(check, (test::FailedCheck{"CHECKF", "utl_registry", check.line, 0, ""}));
 }
-
-class RegistryKeyTest : public testing::Test {
-protected:
-    RegistryKeyTest() { std::filesystem::current_path(m_dir.path()); }
-    ~RegistryKeyTest() override { std::filesystem::current_path(m_before); }
-
-    // The value as stored, through a key opened for it.
-    std::string storedBytes(const std::string& name = "v") {
-        RegistryKey key;
-        EXPECT_TRUE(key.open(kSubKey));
-        std::string all = "the consumer was not called";
-        EXPECT_TRUE(key.getValue(name, [&](const uint8_t* bytes, uint32_t count) {
-            all.assign(reinterpret_cast<const char*>(bytes), count);
-            return true;
-        }));
-        return all;
-    }
-
-    std::string text(const std::string& name = "v") {
-        RegistryKey key;
-        EXPECT_TRUE(key.open(kSubKey));
-        std::string out = "left alone";
-        m_result = key.getValue(name, out);
-        return out;
-    }
-
-private:
-    std::filesystem::path m_before = std::filesystem::current_path();
-    test::TempDir m_dir;
-
-protected:
-    test::RegistryValue m_value{kSubKey, "v", m_dir.path()};
-    test::LogRecorder m_log;
-    bool m_result = false;
-};
 
 TEST_F(RegistryKeyTest, RefusesASecondOpenAndKeepsTheFirstKey) {
     m_value.set(RegType::Sz, std::string("kept\0", 5));

@@ -6,16 +6,12 @@
 
 #include "core/files/core_wrapper.h"
 #include "tests/support/import_hook_win32.h"
-#include "tests/support/log_recorder.h"
 #include "tests/support/open_handles_win32.h"
-#include "tests/support/registry_value.h"
-#include "utl/utl_registry.h"
+#include "tests/utl/registry_test.h"
 
 using NS_UTL::RegistryKey;
 
 namespace {
-
-const std::string kTestKey = "SOFTWARE\\Quorkeri tests\\Key";
 
 bool keyExists(const std::string& subKey, REGSAM view = 0) {
     HKEY key = nullptr;
@@ -33,24 +29,19 @@ bool runsOn64BitWindows() {
 
 } // namespace
 
-TEST(RegistryKeyWin32, CreatesAMissingKeyAndThenMissesTheValue) {
-    test::RegistryValue value(kTestKey, "v", "");
-    value.removeKey();
-    ASSERT_FALSE(keyExists(kTestKey));
-    test::LogRecorder log;
-    RegistryKey key;
-    EXPECT_TRUE(key.open(kTestKey));
-    EXPECT_TRUE(keyExists(kTestKey));
-    std::string text;
-    EXPECT_FALSE(key.getValue("v", text));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN NS_UTL::RegistryKey::getValue(v) - error 2"}));
+TEST_F(RegistryKeyTest, CreatesAMissingKeyAndThenMissesTheValue) {
+    m_value.removeKey();
+    ASSERT_FALSE(keyExists(kSubKey));
+    EXPECT_EQ(text(), "left alone");
+    EXPECT_FALSE(m_result);
+    EXPECT_TRUE(keyExists(kSubKey));
+    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{"WARN NS_UTL::RegistryKey::getValue(v) - error 2"}));
 }
 
-TEST(RegistryKeyWin32, SeesThe32BitViewAndTheOneThatThePathSpells) {
-    test::RegistryValue value(kTestKey, "v", "");
-    value.set(REG_SZ, std::string("x\0", 2));
-    EXPECT_TRUE(keyExists(kTestKey, KEY_WOW64_32KEY));
-    EXPECT_EQ(keyExists(kTestKey, KEY_WOW64_64KEY), !runsOn64BitWindows());
+TEST_F(RegistryKeyTest, SeesThe32BitViewAndTheOneThatThePathSpells) {
+    m_value.set(REG_SZ, std::string("x\0", 2));
+    EXPECT_TRUE(keyExists(kSubKey, KEY_WOW64_32KEY));
+    EXPECT_EQ(keyExists(kSubKey, KEY_WOW64_64KEY), !runsOn64BitWindows());
     if (!runsOn64BitWindows()) return;
     RegistryKey key;
     ASSERT_TRUE(key.open("SOFTWARE\\Wow6432Node\\Quorkeri tests\\Key"));
@@ -59,21 +50,12 @@ TEST(RegistryKeyWin32, SeesThe32BitViewAndTheOneThatThePathSpells) {
     EXPECT_EQ(text, "x");
 }
 
-TEST(RegistryKeyWin32, KeepsTheKeyOpenForTheProcesssLife) {
-    test::RegistryValue value(kTestKey, "v", "");
-    value.set(REG_SZ, std::string("x\0", 2));
-    {
-        // What the registry library itself keeps from its first use on is not to count.
-        RegistryKey first;
-        ASSERT_TRUE(first.open(kTestKey));
-    }
+TEST_F(RegistryKeyTest, KeepsTheKeyOpenForTheProcesssLife) {
+    m_value.set(REG_SZ, std::string("x\0", 2));
+    // What the registry library itself keeps from its first use on is not to count.
+    ASSERT_EQ(text(), "x");
     const int64_t before = test::openHandles();
-    {
-        RegistryKey key;
-        ASSERT_TRUE(key.open(kTestKey));
-        std::string text;
-        EXPECT_TRUE(key.getValue("v", text));
-    }
+    EXPECT_EQ(text(), "x");
     EXPECT_EQ(test::openHandles(), before + 1);
 }
 
@@ -88,34 +70,32 @@ LSTATUS WINAPI createAndNote(HKEY root, LPCSTR subKey, DWORD reserved, LPSTR key
                              nullptr, key, nullptr);
 }
 
-TEST(RegistryKeyWin32, AsksForTheRightToQueryValuesAndNothingElse) {
+TEST_F(RegistryKeyTest, AsksForTheRightToQueryValuesAndNothingElse) {
     const test::ImportHook hook("RegCreateKeyExA", &createAndNote);
     RegistryKey key;
     EXPECT_TRUE(key.open("SOFTWARE"));
     EXPECT_EQ(g_access, REGSAM{KEY_QUERY_VALUE});
 }
 
-TEST(RegistryKeyWin32, ReportsAKeyThatCannotBeOpenedWithTheThreadsLastError) {
-    test::LogRecorder log;
+TEST_F(RegistryKeyTest, ReportsAKeyThatCannotBeOpenedWithTheThreadsLastError) {
     // No key's name is that long.
     const std::string subKey = "SOFTWARE\\" + std::string(300, 'k');
     ::SetLastError(ERROR_ACCESS_DENIED);
     RegistryKey key;
     EXPECT_FALSE(key.open(subKey));
     // The registry's calls return their error instead of setting it.
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - RegistryKey: failed open '" + subKey +
-                                                     "': " + NS_CORE::systemErrorText(ERROR_ACCESS_DENIED)}));
+    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{"WARN CORE::logLastError - RegistryKey: failed open '" + subKey +
+                                                       "': " + NS_CORE::systemErrorText(ERROR_ACCESS_DENIED)}));
 }
 
-TEST(RegistryKeyWin32, FollowsAValueThatGrowsBetweenTheReads) {
-    test::RegistryValue value(kTestKey, "v", "");
-    value.set(REG_SZ, std::string(17, 'x'));
+TEST_F(RegistryKeyTest, FollowsAValueThatGrowsBetweenTheReads) {
+    m_value.set(REG_SZ, std::string(17, 'x'));
     RegistryKey key;
-    ASSERT_TRUE(key.open(kTestKey));
+    ASSERT_TRUE(key.open(kSubKey));
     // Another thread makes it ever longer, so that a read can find less room than the one before asked for.
     std::atomic<bool> stop = false;
     std::thread writer([&] {
-        for (size_t size = 17; !stop; size = size < 20000 ? size + 7 : 17) value.set(REG_SZ, std::string(size, 'x'));
+        for (size_t size = 17; !stop; size = size < 20000 ? size + 7 : 17) m_value.set(REG_SZ, std::string(size, 'x'));
     });
     for (int i = 0; i < 500; ++i) {
         std::string text;
