@@ -245,16 +245,10 @@ std::set<std::string> PackagesTest::programs() {
 std::string PackagesTest::serviceState() {
     const ServiceHandle service = openService();
     if (!service) return "none";
-    switch (statusOf(service).dwCurrentState) {
-        case SERVICE_RUNNING:
-            return "running";
-        case SERVICE_STOPPED:
-            return "stopped";
-        case SERVICE_STOP_PENDING:
-            return "stopping";
-        default:
-            return "starting";
-    }
+    const std::map<DWORD, std::string> names = {
+        {SERVICE_RUNNING, "running"}, {SERVICE_STOPPED, "stopped"}, {SERVICE_STOP_PENDING, "stopping"}};
+    const auto name = names.find(statusOf(service).dwCurrentState);
+    return name == names.end() ? "starting" : name->second;
 }
 
 void PackagesTest::awaitServiceState(const std::string& state) {
@@ -329,8 +323,9 @@ void PackagesTest::expectWorking(const std::string& name, bool isByPackage, cons
     EXPECT_EQ(programs().size(), 2U); // the service and the companion
 }
 
-void PackagesTest::expectSucceeded(const Done& done) {
+void PackagesTest::expectSucceeded(const Done& done, const std::vector<std::string>& sentences) {
     EXPECT_EQ(done.code, 0U) << done.log.substr(done.log.size() - std::min<size_t>(done.log.size(), 3000));
+    for (const std::string& sentence : sentences) expectSays(done, sentence);
 }
 
 void PackagesTest::expectSays(const Done& done, const std::string& sentence) {

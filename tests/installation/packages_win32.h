@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tests/system/await.h"
 
@@ -77,7 +78,8 @@ public:
     // The product by package or by zip: files, program, registration and running service. `more` are files beyond the
     // product's, the companion's and the service's own.
     static void expectWorking(const std::string& name, bool isByPackage, const std::set<std::string>& more = {});
-    static void expectSucceeded(const Done& done);
+    // With these sentences in the log.
+    static void expectSucceeded(const Done& done, const std::vector<std::string>& sentences = {});
     // The sentence stands in the log, and nothing has changed.
     template <class Action>
     static void expectRefused(Action action, const std::string& sentence) {

@@ -76,10 +76,6 @@ def sections(text):
             yield slug(title), dialogues
 
 
-def runs_elsewhere(command):
-    return any(command.startswith(begin) for begin in ELSEWHERE)
-
-
 def pattern(answer):
     """What Wine may answer where the text has this."""
     lines = []
@@ -194,7 +190,7 @@ class CommandsTest(unittest.TestCase):
                     self.lay_out()
                 if command.startswith("cd /d "):
                     self.directory = command.removeprefix("cd /d ")
-                if runs_elsewhere(command) or "%ERRORLEVEL%" in command and not kept:
+                if command.startswith(tuple(ELSEWHERE)) or "%ERRORLEVEL%" in command and not kept:
                     continue
                 kept.append(command)
                 if "%ERRORLEVEL%" in "".join(next_command for next_command, _ in dialogue[place + 1:place + 2]):

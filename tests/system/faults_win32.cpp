@@ -52,8 +52,7 @@ void callNull(HANDLE process, HANDLE thread) {
     ::ResumeThread(thread);
 }
 
-// Makes the service's main thread call the address 0, says so, and prints the exit
-// code when the process has ended.
+// Makes the service's main thread call the address 0, says so, and prints the exit code when the process has ended.
 const ChildProgram g_crashMainThread("crash-main-thread", [](const std::vector<std::string>& /*arguments*/) {
     const DWORD processId = statusOf(openInstalledService()).dwProcessId;
     const ScopedKernelHandle process(::OpenProcess(PROCESS_ALL_ACCESS, /*bInheritHandle=*/FALSE, processId));

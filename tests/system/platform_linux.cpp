@@ -14,8 +14,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
 #include <iterator>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 
 #include "core/files/core_scopedfd.h"
@@ -45,16 +47,6 @@ const bool g_hasOwnNetwork = enterOwnNetwork();
 
 std::filesystem::path registryFile(const std::filesystem::path& root) {
     return root / "settings" / "registry.reg";
-}
-
-// As the registry's own export writes text: backslashes and quotes are escaped.
-std::string registryText(const std::string& text) {
-    std::string out;
-    for (const char c : text) {
-        if (c == '\\' || c == '"') out += '\\';
-        out += c;
-    }
-    return out;
 }
 
 [[noreturn]] void runChild(const std::filesystem::path& program, const std::vector<std::string>& words, int output) {
@@ -116,13 +108,16 @@ void endProcessesBelow(const std::filesystem::path& root) {
 }
 
 void registerKeri(const std::filesystem::path& root, const std::string& location) {
+    // The registry's own export escapes backslashes and quotes as std::quoted does.
+    std::ostringstream quoted;
+    quoted << std::quoted(location);
     writeFile(registryFile(root),
               "Windows Registry Editor Version 5.00\r\n\r\n"
               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
               "{28C70475-353F-47A1-BD2B-6219F4C7A0C6}]\r\n"
               "\"DisplayName\"=\"Keri\"\r\n"
-              "\"InstallLocation\"=\"" +
-                  registryText(location) + "\"\r\n");
+              "\"InstallLocation\"=" +
+                  quoted.str() + "\r\n");
 }
 
 void unregisterKeri(const std::filesystem::path& root) {
