@@ -14,8 +14,6 @@ class RegistryValue {
 public:
     RegistryValue(const std::string& subKey, const std::string& name, const std::filesystem::path& root);
     ~RegistryValue();
-    RegistryValue(const RegistryValue&) = delete;
-    RegistryValue& operator=(const RegistryValue&) = delete;
 
     // Makes the key, with the value. `bytes` are stored as they are, but for those of the text types 1, 2 and 7, which
     // are UTF-8 here and stored as UTF-16. Terminators have to be in them.

@@ -19,8 +19,6 @@ public:
                          StandardError standardError = StandardError::Own);
     // Kills it if it still runs.
     ~SelfProcess();
-    SelfProcess(const SelfProcess&) = delete;
-    SelfProcess& operator=(const SelfProcess&) = delete;
 
     // Waits for that many bytes of output and returns them; fewer if the output ends first.
     std::string read(size_t length);

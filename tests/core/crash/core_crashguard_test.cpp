@@ -11,6 +11,7 @@
 #include <sstream>
 #include <thread>
 
+#include "absl/cleanup/cleanup.h"
 #include "core/log/core_v2masterlogger.h"
 #include "core/stack/core_stacktrace.h"
 #include "tests/core/crash/crash_fixture.h"
@@ -65,13 +66,6 @@ void inBackground(const std::function<void(const std::function<void()>& begun)>&
     }
 }
 
-struct FaultsWhenDestroyed {
-    FaultsWhenDestroyed() = default;
-    ~FaultsWhenDestroyed() { test::crash("null"); }
-    FaultsWhenDestroyed(const FaultsWhenDestroyed&) = delete;
-    FaultsWhenDestroyed& operator=(const FaultsWhenDestroyed&) = delete;
-};
-
 const test::Preparations& preparations() {
     // Never destroyed: some crash on the way out of the process.
     static const auto& all = *new test::Preparations{
@@ -113,7 +107,7 @@ const test::Preparations& preparations() {
         {"exit-faults", [] { std::atexit([] { test::crash("null"); }); }},
         {"exit-aborts", [] { std::atexit([] { test::crash("abort"); }); }},
         {"exit-throws", [] { std::atexit([] { test::crash("exception"); }); }},
-        {"static-faults", [] { static const FaultsWhenDestroyed one; }},
+        {"static-faults", [] { static const absl::Cleanup atExit = [] { test::crash("null"); }; }},
         {"exit-hangs", [] { std::atexit(&waitForever); }},
         {"exit-allocates", [] { std::atexit(&test::allocateAside); }},
     };

@@ -13,7 +13,6 @@
 using test::LogRecorder;
 
 namespace NS_CORE {
-namespace {
 
 TEST(LogCapture, CollectsLevelZeroWithNewlinesBetweenEntries) {
     LogRecorder log;
@@ -59,5 +58,4 @@ TEST(LogCapture, CollectsWhileItLivesOnly) {
     EXPECT_EQ(outer.text(), "both\nouter");
 }
 
-} // namespace
 } // namespace NS_CORE

@@ -269,8 +269,7 @@ TEST_F(TestInterfaceTest, CountsEveryFailureOfSeveralThreads) {
     constexpr int kThreads = 4;
     constexpr int kFailures = 1'000;
     test::Semaphore mayFail(8);
-    std::atomic<bool> isOver = false;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int thread = 0; thread < kThreads; ++thread)
         threads.emplace_back([this, &mayFail] {
             for (int i = 0; i < kFailures; ++i) {
@@ -287,13 +286,10 @@ TEST_F(TestInterfaceTest, CountsEveryFailureOfSeveralThreads) {
         [this] { EXPECT_FALSE(interface.isExcluded("core_x", 1) || interface.aborts(FailureKind::Assertion)); },
         [this] { interface.sendPending(); },
     };
-    std::vector<std::thread> callers;
+    std::vector<std::jthread> callers;
     for (const std::function<void()>& call : others)
-        callers.emplace_back([&isOver, &call] {
-            while (!isOver) {
-                call();
-                std::this_thread::yield();
-            }
+        callers.emplace_back([&call](const std::stop_token& stop) {
+            for (; !stop.stop_requested(); std::this_thread::yield()) call();
         });
     uint64_t counts[2] = {};
     while (counts[0] + counts[1] < kThreads * kFailures) {
@@ -307,9 +303,8 @@ TEST_F(TestInterfaceTest, CountsEveryFailureOfSeveralThreads) {
         for (uint64_t i = 0; i < count; ++i) mayFail.release();
     }
     for (int i = 0; i < kThreads * kFailures; ++i) mayFail.release();
-    for (std::thread& thread : threads) thread.join();
-    isOver = true;
-    for (std::thread& caller : callers) caller.join();
+    threads.clear();
+    callers.clear();
     EXPECT_EQ(counts[0], counts[1]);
     expectNoMore();
 }

@@ -108,7 +108,6 @@ void describeHere() {
 // The crash guard looks names up without the SymbolLock, so the two meet at the session.
 TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
     std::atomic<int> modules{0}; // relaxed, so that nothing but the session's lock orders the threads
-    std::atomic<bool> isOver{false};
     const std::function<void()> others[] = {
         &describeHere,
         [] { EXPECT_FALSE(StackTrace::loadModule(nullptr, "/no/such/file", "none", 0x1000, 1)); },
@@ -119,17 +118,15 @@ TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
             modules.fetch_add(1, std::memory_order_relaxed);
         },
     };
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (const std::function<void()>& call : others)
-        threads.emplace_back([&isOver, &call] {
-            while (!isOver) call();
+        threads.emplace_back([&call](const std::stop_token& stop) {
+            while (!stop.stop_requested()) call();
         });
     for (int round = 1; round <= 5; ++round) {
         while (modules.load(std::memory_order_relaxed) < 2 * round) const StackTrace trace;
         traceHere();
     }
-    isOver = true;
-    for (std::thread& thread : threads) thread.join();
 }
 
 TEST(StackTrace, QuicklyFindsTheProgramsOwnLinesAlone) {

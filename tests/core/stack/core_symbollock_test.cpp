@@ -30,14 +30,13 @@ TEST(SymbolLock, IsHeldByOneThreadAtATime) {
     // Who may wait long gets it as soon as it is released. (The fraction makes the end of the wait carry a second.)
     SymbolLock released(0);
     test::Semaphore done;
-    std::thread other([&done] {
+    const std::jthread other([&done] {
         EXPECT_TRUE(SymbolLock(/*timeoutMs=*/60'999).isHeld());
         done.release();
     });
     EXPECT_FALSE(done.acquireWithin(std::chrono::milliseconds(100)));
     released.release();
     EXPECT_FALSE(released.isHeld());
-    other.join();
 }
 
 TEST(SymbolLock, IsRecursive) {
