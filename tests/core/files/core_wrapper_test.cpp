@@ -55,10 +55,10 @@ bool exists(const std::string& path) {
 
 class WrapperNames : public testing::TestWithParam<const char*> {};
 
-TEST_P(WrapperNames, BytesGoInAndOutUnchangedWithWideAndWithNarrowPaths) {
+TEST_P(WrapperNames, BytesGoInAndOutUnchangedWithNarrowAndWithWidePaths) {
     const test::TempDir dir;
     const std::string path = dir.file(GetParam());
-    for (const bool isWide : {true, false}) {
+    for (const bool isWide : {false, true}) {
         Wrapper::setUseWidePaths(isWide);
         writeBytes(path, O_WRONLY | O_CREAT | O_TRUNC);
         EXPECT_EQ(test::readFile(test::fromText(path)), g_bytes);
