@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -24,6 +25,7 @@ namespace fs = std::filesystem;
 TEST_F(ServiceTest, NeitherInstallsNorRemovesWithoutAManager) {
     makeHost({}, {});
     EXPECT_EQ(run({"program", "service-install", "service-console"}), 1);
+    errno = 0;
     EXPECT_EQ(run({"program", "service-remove"}), 1);
     EXPECT_EQ(m_journal.entries(),
               (Lines{"WARN UTL::Service::install - failed to open service manager: Function not implemented",
