@@ -79,8 +79,9 @@ void interruptWhen(const std::string& file) {
 // A prompt that waits: runs a command line in its console and tells the exit code, and the console's code page before
 // and after. Arguments:
 // - lend: the program has the console from the start, as Wine does it for all; redirect: the same, but its output goes
-//   to the file; alone: the program begins without a console, and gets an event of Ctrl+C when the file is there (a
-//   Ctrl+C that the parent had switched off stays off under Wine, whatever the program asks for);
+//   to the file, and for redirect-all its errors, too; alone: the program begins without a console, and gets an event
+//   of Ctrl+C when the file is there (a Ctrl+C that the parent had switched off stays off under Wine, whatever the
+//   program asks for);
 // - the file;
 // - the command line's words.
 int beParent(const std::vector<std::string>& arguments) {
@@ -90,11 +91,11 @@ int beParent(const std::vector<std::string>& arguments) {
     ::SetConsoleCtrlHandler(&outlive, /*Add=*/TRUE);
     const UINT before = ::GetConsoleOutputCP();
     NS_CORE::ScopedFileHandle output;
-    if (how == "redirect") output = openForChild(file);
+    if (how.starts_with("redirect")) output = openForChild(file);
     std::string commandLine;
     for (size_t i = 2; i < arguments.size(); ++i) commandLine += '"' + arguments[i] + "\" ";
     const Program program(commandLine, isAlone ? DETACHED_PROCESS : 0, output ? output.get() : nullptr,
-                          ::GetStdHandle(STD_ERROR_HANDLE));
+                          how == "redirect-all" ? output.get() : ::GetStdHandle(STD_ERROR_HANDLE));
     if (isAlone) interruptWhen(file);
     const DWORD code = program.awaitExit();
     std::printf("ended with %lu, code pages %u %u\n", code, before, ::GetConsoleOutputCP());
