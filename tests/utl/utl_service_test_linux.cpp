@@ -27,6 +27,9 @@ TEST_F(ServiceTest, NeitherInstallsNorRemovesWithoutAManager) {
     EXPECT_EQ(run({"program", "service-install", "service-console"}), 1);
     errno = 0;
     EXPECT_EQ(run({"program", "service-remove"}), 1);
+    errno = 0;
+    EXPECT_FALSE(ServiceManagerCalls::platform().registerControlHandler("x"));
+    EXPECT_EQ(errno, ENOSYS);
     EXPECT_EQ(m_journal.entries(),
               (Lines{"WARN UTL::Service::install - failed to open service manager: Function not implemented",
                      "WARN UTL::Service::run - failed to install service 'quorkeri_test_service' running '" +
