@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 
 #include "core/files/core_scopedfd.h"
@@ -22,11 +23,19 @@ TEST(WrapperLinux, AModeThatCannotBeSetIsLoggedAndTheFirstErrorKept) {
     const std::string path = "/proc/version"; // somebody else's, in a directory that is somebody else's
     const test::LogRecorder log(/*hasNorm=*/true);
     const bool isRoot = ::geteuid() == 0;
+    const test::TempDir dir;
+    const std::string own = dir.file("own");
+    test::writeFile(dir.path() / "own", "");
+    ASSERT_TRUE(!isRoot || ::chown(own.c_str(), kOrdinaryUser, /*group=*/0) == 0);
+    ASSERT_EQ(::chmod(dir.file("").c_str(), S_IXUSR | S_IXGRP), 0);
     ASSERT_TRUE(!isRoot || ::seteuid(kOrdinaryUser) == 0);
+    EXPECT_EQ(Wrapper::unlink(own), -1);
     errno = 0;
     EXPECT_EQ(Wrapper::unlink(path), -1);
     EXPECT_EQ(errno, EACCES);
     ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+    EXPECT_EQ(::chmod(dir.file("").c_str(), S_IRWXU), 0);
+    EXPECT_EQ(std::filesystem::status(own).permissions(), std::filesystem::perms{S_IRUSR | S_IWUSR});
     EXPECT_EQ(log.lines(),
               (std::vector<std::string>{"NORM NS_CORE::Wrapper::unlink - failed to chmod " + path + " to unlink"}));
 }
