@@ -88,7 +88,7 @@ class Wine:
         for process in pathlib.Path("/proc").glob("[0-9]*"):
             try:
                 name = process.joinpath("cmdline").read_bytes().split(b"\0")[0].decode("utf-8", "replace").rpartition("\\")[2]
-                if name in names and f"WINEPREFIX={self.prefix}".encode() in process.joinpath("environ").read_bytes():
+                if name in names and f"WINEPREFIX={self.prefix}".encode() in process.joinpath("environ").read_bytes().split(b"\0"):
                     found.setdefault(name, []).append(int(process.name))
             except OSError:
                 continue  # ended meanwhile
