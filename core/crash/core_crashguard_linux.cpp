@@ -219,8 +219,8 @@ int CrashGuard::run(int argc, char** argv, ApplicationMain applicationMain) {
     const Guarding guarding;
     // savemask=1: the handler leaves by siglongjmp, which must restore the signal mask.
     if (sigsetjmp(m_resume, /*savemask=*/1) == 0) return applicationMain(argc, argv);
-    // Arrives here again when a step of the report faults. The jump may have blocked the timer's signal: it restores
-    // the mask that the process began with.
+    // Goes on here after the fault, and again when a step of the report faults. The jump has restored the mask that the
+    // guard found, and that may block the timer's signal.
     limitReport();
     report();
     return kCrashResult;

@@ -5,11 +5,13 @@
 // Faults that a stop can meet.
 namespace service {
 
-// Lasts as long as this, on Linux as long as the thread that asked for it. Null where it cannot be made.
+// The fault lasts as long as its Refusal; on Linux, as long as the calling thread. Null if it cannot be made.
 using Refusal = std::shared_ptr<void>;
 
-// No socket for the calling thread; none of its datagrams leaves, and errno is ENETUNREACH then.
+// No socket can be made. Linux refuses the calling thread alone, Windows the whole process; so for datagrams.
 Refusal refuseSockets();
+
+// Sending a datagram fails with ENETUNREACH.
 Refusal refuseDatagrams();
 
 } // namespace service

@@ -11,7 +11,8 @@
 
 namespace test {
 
-// Calls back with "WARN text" for every record, and at its end. Of the functions, Base has those that it knows.
+// A log implementation or an observer, as Base says. Calls `record` with "WARN text" for each record of that level, and
+// `end` when it is destroyed.
 template <class Base>
 struct Calling : Base {
     explicit Calling(

@@ -19,7 +19,7 @@ extern const int64_t kCrashExitCode;
 // Keeps the platform from starting a debugger for faults that nothing handles.
 void endQuietlyOnUnhandledFaults();
 
-// What SelfProcess::wait() returns for a program that an access to address 0 has ended so.
+// What SelfProcess::wait() returns when an access to address 0 ended a program that called the function above.
 extern const int64_t kUnhandledFaultExitCode;
 
 // For a child whose report of a fault is abandoned half-way: the leak checker must not report what it allocated.

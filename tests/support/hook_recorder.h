@@ -37,8 +37,8 @@ public:
     void clear();
 };
 
-// Makes every test of this program fail in which a check fails while there is no HookRecorder, and the test has not
-// installed another handler. Call it once, before the tests run.
+// Fails every test of this program in which a check fails, unless the test has a HookRecorder or has installed another
+// handler. Call it once, before the tests run.
 void failTestsOnFailedChecks();
 
 // Readable in test failures.

@@ -15,8 +15,8 @@ struct LogRecord {
 };
 
 // Is the process's log implementation from its construction on, and keeps the records of CRIT, WARN and INFO that
-// pass to it, and of NORM, which is off at start, if that is asked for on the main thread. Thread-safe; one at a time.
-// When it ends, a DefaultLogImpl takes its place.
+// pass to it. With `hasNorm`, which is for the main thread alone, it keeps those of NORM, too, a level that is off at
+// start. Thread-safe; one at a time. When it ends, a DefaultLogImpl takes its place.
 class LogRecorder {
 public:
     explicit LogRecorder(bool hasNorm = false);

@@ -9,7 +9,7 @@
 
 namespace test {
 
-// Opens a file for reading as another program would that shares it so far; fails the test when it cannot.
+// Opens a file for reading with this share mode, as another program would. Fails the test if it cannot.
 inline NS_CORE::ScopedFileHandle openSharing(const std::filesystem::path& path, DWORD share) {
     NS_CORE::ScopedFileHandle handle(::CreateFileW(path.c_str(), GENERIC_READ, share, /*lpSecurityAttributes=*/nullptr,
                                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, /*hTemplateFile=*/nullptr));

@@ -5,8 +5,8 @@
 
 namespace test {
 
-// The length of the stamp that a line of service.log begins with, "2024-03-05 05 07:08:09 ": the day twice, a blank
-// behind. 0 when there is none.
+// The length of the time stamp at the beginning of a line of service.log, "2024-03-05 05 07:08:09 ", which has the day
+// twice; 0 if the line has none.
 inline size_t stampLength(std::string_view line) {
     constexpr std::string_view kShape = "dddd-dd-dd dd dd:dd:dd ";
     const auto fits = [](char inShape, char inLine) {

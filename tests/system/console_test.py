@@ -58,6 +58,13 @@ class Terminal(pexpect.spawn):
                          preexec_fn=make_raw if WINE else None)
         self.logfile_read = self.shown
 
+    def close(self, force=True):
+        """Waits for a program that it ends; the base class gives up after a moment."""
+        if self.isalive():
+            self.kill(signal.SIGKILL)
+            self.wait()
+        super().close(force)
+
     def screen(self):
         return plain(self.shown.getvalue())
 
@@ -195,6 +202,8 @@ class WindowsTest(ConsoleTest):
             parent.await_end()
             self.assertRegex((self.root / "found").read_text(), f"^code page {page}$")
             self.assertRegex(parent.screen(), screen + r"ended with 7, code pages (?!65001)(\d+) \1\n")
+        self.assertNotIn("errors", parent.screen())
+        self.assertEqual((self.root / "output").read_text("utf-8").split(), "output é Ж 測試 errors é Ж 測試".split())
 
 
 if __name__ == "__main__":

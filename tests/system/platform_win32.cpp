@@ -45,8 +45,8 @@ NS_CORE::ScopedKernelHandle startProgram(std::wstring line, StartOptions options
     if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, options.inherits, options.flags, nullptr,
                           options.directory, &options.startup, &started))
         failWithLastError("CreateProcessW " + utf8(line));
-    // Wine 10 leaves a number in the thread's place where there is no process, and closing that closes something else
-    // of this process, which can crash Wine's server.
+    // For a program of Linux, Wine 10 returns no process and a number that is no thread's handle. Closing that number
+    // would close another handle of this process, which can crash Wine's server.
     if (started.hProcess) ::CloseHandle(started.hThread);
     return NS_CORE::ScopedKernelHandle(started.hProcess);
 }

@@ -16,13 +16,13 @@ struct StartOptions {
     DWORD flags = 0;
     const wchar_t* directory = nullptr; // this process's own
     STARTUPINFOW startup = {};
-    BOOL inherits = FALSE; // what can be inherited
+    BOOL inherits = FALSE; // the handles that can be inherited
 };
 
 // Starts a command line; throws when it cannot. Empty for a program of Linux, which Wine starts without a handle.
 NS_CORE::ScopedKernelHandle startProgram(std::wstring line, StartOptions options = {});
 
-// Waits for the process's end.
+// Waits for the process to end; throws when it cannot.
 DWORD exitCodeOf(const NS_CORE::ScopedKernelHandle& process);
 
 // Calls use(entry), with a PROCESSENTRY32W, for each process whose program lies below `root`.

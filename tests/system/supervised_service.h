@@ -45,7 +45,7 @@ public:
 private:
     const Installation& m_installation;
     uint32_t m_processId = 0;
-    std::unique_ptr<Process> m_process; // on Linux, where nobody else starts it
+    std::unique_ptr<Process> m_process; // Linux only: there the test starts the service itself
 };
 
 // Lines that the tests compare, in one place.

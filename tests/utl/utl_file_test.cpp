@@ -173,6 +173,8 @@ TEST_F(FileTest, WithoutAppendWritingBeginsAtTheStart) {
     test::writeFile(dir.path() / "file", "content");
     ASSERT_TRUE(file.openFile(dir.file("file"), File::Write | File::Create));
     EXPECT_EQ(file.writeFrom("C", 1), 1);
+    char next = 0;
+    EXPECT_EQ(NS_CORE::Wrapper::read(file.descriptor(), &next, 1), -1);
     file.close();
     EXPECT_EQ(test::readFile(dir.path() / "file"), "Content");
 }

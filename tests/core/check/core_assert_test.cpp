@@ -115,7 +115,7 @@ const test::ChildProgram g_stopByCheck("StopByCheck", [](const auto&) {
     return 0;
 });
 
-// The second is in core_failuredefault_test.cpp.
+// StopByAssertion is in core_failuredefault_test.cpp.
 TEST(AssertStop, EndsTheProcessByAWriteToAddressZero) {
     for (const char* childName : {"StopByCheck", "StopByAssertion"}) {
         test::SelfProcess child(childName);

@@ -15,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "absl/cleanup/cleanup.h"
 #include "core/crash/core_crashguard.h"
 #include "core/files/core_scopedfd.h"
 #include "tests/core/crash/crash_fixture.h"
@@ -197,9 +198,11 @@ TEST_F(CrashTest, AFullDiskUnderTheHistoryCostsNothingElse) {
 // Opening a pipe waits for somebody at its other end. The child inherits the blocked signal.
 TEST_F(CrashTest, FilesThatDoNotOpenAreGivenUp) {
     sigset_t alarm;
+    sigset_t before;
     sigemptyset(&alarm);
     sigaddset(&alarm, SIGALRM);
-    ::pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
+    ::pthread_sigmask(SIG_BLOCK, &alarm, &before);
+    const absl::Cleanup restore = [&before] { ::pthread_sigmask(SIG_SETMASK, &before, nullptr); };
     ASSERT_EQ(::mkfifo(historyFile().c_str(), 0600), 0);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(run({.patienceMs = kImpatienceMs}), test::kCrashExitCode);

@@ -53,7 +53,7 @@ void onOtherThread(const std::function<void()>& action) {
 
 void ignoreRecord(const std::string&) {}
 
-// Sets a level's flags until the end of what it returns.
+// Sets a level's flags until the returned object is destroyed.
 [[nodiscard]] auto withFlags(uint32_t level, uint8_t flags) {
     const uint8_t before = MasterLogger::levelEntry(level).flags;
     EXPECT_TRUE(MasterLogger::setLevelFlags(level, flags));
@@ -66,7 +66,7 @@ std::unique_ptr<LogObserver> observerOf(uint32_t level, std::function<void(const
     return observer;
 }
 
-// An observer of the logger's until the end of what it returns.
+// Adds an observer, and removes it when the returned pointer is destroyed.
 auto observing(uint32_t level, std::function<void(const std::string&)> onRecord) {
     return std::unique_ptr<LogObserver, void (*)(const LogObserver*)>(
         MasterLogger::addObserver(observerOf(level, std::move(onRecord))), &MasterLogger::removeObserver);

@@ -164,7 +164,7 @@ TEST(WalkStep, EndsBehindTheOutermostFrameAndBeforeOneThatLeadsNowhere) {
 
 } // namespace
 
-// Functions of known names and depth: this file is compiled without calls that are jumps.
+// Functions with known names at known depths. This file is compiled without tail calls, so each call keeps its frame.
 namespace tracetest {
 
 using NS_CORE::StackTrace;
