@@ -95,9 +95,13 @@ function(quorkeri_link_used target)
   target_sources(${target} PRIVATE "${abseil_used}")
 endfunction()
 
+# Everything that `cmake --install` needs to be built.
+add_custom_target(shipped_programs)
+
 # quorkeri_shipped_program(TARGET LIBRARY...): links a program of the packages for Windows and installs it with its
 # symbols. The LIBRARYs are the tree's own that it consists of.
 function(quorkeri_shipped_program target)
+  add_dependencies(shipped_programs ${target})
   install(TARGETS ${target} RUNTIME DESTINATION bin)
   if(NOT WIN32)
     return()
