@@ -154,9 +154,9 @@ class WindowsTest(ConsoleTest):
     def service(self, how, file="unused"):
         return self.parent(how, file, Wine.path(self.program), "service-console")
 
-    def text(self, how, file="unused"):
+    def text(self, how, file="unused", *code_page):
         return self.parent(how, file, Wine.path(WINE[1]), "--run-child", "console-text",
-                           Wine.path(self.root / "found"))
+                           Wine.path(self.root / "found"), *code_page)
 
     def test_its_lines_appear_at_a_prompt(self):
         """The key is another test's: at this prompt Wine makes two events of it, and the second ends any program."""
@@ -204,6 +204,11 @@ class WindowsTest(ConsoleTest):
             self.assertRegex(parent.screen(), screen + r"ended with 7, code pages (?!65001)(\d+) \1\n")
         self.assertNotIn("errors", parent.screen())
         self.assertEqual((self.root / "output").read_text("utf-8").split(), "output é Ж 測試 errors é Ж 測試".split())
+
+    def test_a_code_page_that_somebody_sets_meanwhile_stays(self):
+        parent = self.text("lend", "unused", "850")
+        parent.await_end()
+        self.assertRegex(parent.screen(), r"ended with 7, code pages (?!850)\d+ 850\n")
 
 
 if __name__ == "__main__":

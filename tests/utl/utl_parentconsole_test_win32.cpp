@@ -10,6 +10,7 @@
 
 #include "core/memory/core_scopedhandle_win32.h"
 #include "tests/support/child.h"
+#include "tests/support/import_hook_win32.h"
 #include "tests/support/temp_dir.h"
 #include "utl/utl_parentconsole_win32.h"
 
@@ -27,13 +28,25 @@ void write(std::FILE* stream, std::string_view text) {
     std::fflush(stream);
 }
 
-// Writes to both streams, and into a file what it found.
+// Writes to both streams, and into a file what it found. Sets the code page that follows the file, if one does.
 int writeText(const std::vector<std::string>& arguments) {
     const ParentConsole console;
     write(stdout, kOutput);
     write(stderr, kErrors);
     std::ofstream(test::fromText(arguments.at(0)), std::ios::binary) << "code page " << ::GetConsoleOutputCP();
+    if (arguments.size() > 1) ::SetConsoleOutputCP(static_cast<UINT>(std::stoul(arguments[1])));
     return 7;
+}
+
+BOOL WINAPI attachAtOnce(DWORD /*process*/) {
+    return TRUE;
+}
+
+int g_requests = 0; // that Ctrl+C reach this process
+
+BOOL WINAPI noteRequest(PHANDLER_ROUTINE routine, BOOL isAdded) {
+    if (!routine && !isAdded) ++g_requests;
+    return TRUE;
 }
 
 struct Program {
@@ -109,6 +122,12 @@ std::string asTextFile(std::string_view line) {
 
 const test::ChildProgram g_text("console-text", &writeText);
 const test::ChildProgram g_parent("console-parent", &beParent);
+const test::ChildProgram g_requesting("console-requesting", [](const std::vector<std::string>& /*arguments*/) {
+    const test::ImportHook attaching("AttachConsole", &attachAtOnce);
+    const test::ImportHook requesting("SetConsoleCtrlHandler", &noteRequest);
+    const ParentConsole console;
+    return g_requests;
+});
 
 TEST(ParentConsoleTest, WithoutAConsoleTheStreamsKeepTheirBytes) {
     ::FreeConsole();
@@ -121,6 +140,11 @@ TEST(ParentConsoleTest, WithoutAConsoleTheStreamsKeepTheirBytes) {
     EXPECT_EQ(test::readFile(dir.path() / "output"), asTextFile(kOutput));
     EXPECT_EQ(test::readFile(dir.path() / "errors"), asTextFile(kErrors));
     EXPECT_EQ(test::readFile(dir.path() / "found"), "code page 0");
+}
+
+// Wine does not grant it, so that the request is all there is to see.
+TEST(ParentConsoleTest, RequestsThatControlCReachTheProcess) {
+    EXPECT_EQ(test::runAndWait(test::childCommandLine("console-requesting")), 1);
 }
 
 } // namespace

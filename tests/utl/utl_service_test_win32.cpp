@@ -176,7 +176,7 @@ const test::ChildProgram g_closed("console-closed", [](const std::vector<std::st
     char* argv[] = {program, word, nullptr};
     const int result = host.run(2, argv);
     Service::clearInstance();
-    if (isOver) announce(event, INFINITE, nullptr);
+    if (isOver) announce(event, 60000, nullptr);
     return result;
 });
 
