@@ -48,6 +48,15 @@ TEST(WrapperWin32, AFileThatIsOpenStaysWithTheFirstErrorKept) {
     EXPECT_TRUE(std::filesystem::exists(dir.path() / "open"));
 }
 
+int __cdecl refuseStatus(int /*fd*/, struct _stat64* /*status*/) {
+    return -1;
+}
+
+TEST(WrapperWin32, ASizeThatTheSystemDoesNotTellIsMinusOne) {
+    const test::ImportHook hook("_fstat64", &refuseStatus);
+    EXPECT_EQ(Wrapper::size(/*fd=*/0), -1);
+}
+
 TEST(WrapperWin32, NarrowPathsAreNotConvertedButOfStreams) {
     Wrapper::setUseWidePaths(false);
     EXPECT_EQ(Wrapper::open("missing\\\xff", O_RDONLY, S_IRUSR), -1);

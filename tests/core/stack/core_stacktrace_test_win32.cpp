@@ -227,14 +227,28 @@ TEST_F(SymbolLibraryTest, TakesTheDirectoryOfACutPath) {
     EXPECT_NE(g_library.path.find(";p;p\\symbols;"), std::string::npos) << g_library.path;
 }
 
-UINT WINAPI findNoDirectory(LPWSTR, UINT) {
-    return 0;
+UINT g_directoryLength = 0;
+int g_loads = 0;
+
+UINT WINAPI tellLength(LPWSTR /*directory*/, UINT /*size*/) {
+    return g_directoryLength;
 }
 
+HMODULE WINAPI countLoad(LPCWSTR /*path*/, HANDLE /*file*/, DWORD /*flags*/) {
+    ++g_loads;
+    return nullptr;
+}
+
+// The system's directory is unknown, or its path does not fit. Then the library is looked for nowhere else.
 const test::ChildProgram g_noLibrary("without-symbol-library", [](const std::vector<std::string>&) {
-    const test::ImportHook hook("GetSystemDirectoryW", &findNoDirectory);
-    const bool isLoaded = StackTrace::loadModule(::GetCurrentProcess(), "a.dll", "a", 0x400000, 4096);
-    return !isLoaded && StackTrace().toText() == "Failed to get stack" ? 7 : 0;
+    const test::ImportHook asking("GetSystemDirectoryW", &tellLength);
+    const test::ImportHook loading("LoadLibraryExW", &countLoad);
+    for (const UINT length : {0U, MAX_PATH + 1U}) {
+        g_directoryLength = length;
+        if (StackTrace::loadModule(::GetCurrentProcess(), "a.dll", "a", 0x400000, 4096)) return 0;
+        if (StackTrace().toText() != "Failed to get stack") return 0;
+    }
+    return g_loads == 0 ? 7 : 0;
 });
 
 TEST(SymbolLibrary, MayBeMissing) {

@@ -19,9 +19,11 @@ TEST(SleepFor, SleepsAgainWhenTheSystemReturnsEarly) {
     const test::ImportHook hook("Sleep", &returnEarly);
     NS_CORE::sleepFor(0);
     EXPECT_EQ(g_sleeps, 0);
-    const auto start = std::chrono::steady_clock::now();
-    NS_CORE::sleepFor(1);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1));
+    for (const uint32_t milliseconds : {1U, 50U}) {
+        const auto start = std::chrono::steady_clock::now();
+        NS_CORE::sleepFor(milliseconds);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(milliseconds));
+    }
     EXPECT_GT(g_sleeps, 0);
 }
 
