@@ -7,6 +7,7 @@
 // psapi.h needs windows.h before it.
 #include <psapi.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -15,7 +16,9 @@
 #include <exception>
 #include <thread>
 
+#include "absl/strings/str_cat.h"
 #include "core/crash/core_crashguard.h"
+#include "core/crash/internal/core_crashwatch_win32.h"
 #include "core/crash/internal/core_lentlocks_win32.h"
 #include "core/crash/internal/core_minidumpfile_win32.h"
 #include "core/crash/internal/core_seh_win32.h"
@@ -276,10 +279,49 @@ using NS_CORE::runGuarded;
 using NS_CORE::SehOutcome;
 using NS_CORE::SehVerdict;
 
-// The last names a handle of the program that reads it, and not of another one.
+// The fourth names the program that reads it. The last names another process, but the watcher may not wait for it, so
+// it ends at once.
 TEST_F(CrashTest, AWatchersTaskFromElsewhereMeansNothing) {
-    for (const char* process : {"", "yes", "4", "ffffffff"})
-        EXPECT_EQ(run({.act = "arguments", .words = {"quorkeri-crash-watch", process, "8", "1", "0"}}), 61) << process;
+    HANDLE inherited = nullptr;
+    ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentProcess(), ::GetCurrentProcess(), &inherited,
+                      PROCESS_QUERY_LIMITED_INFORMATION, TRUE, 0);
+    const NS_CORE::ScopedKernelHandle owner(inherited);
+    const std::string other = absl::StrCat(absl::Hex(reinterpret_cast<uintptr_t>(inherited)));
+    for (const auto& [process, code] :
+         {std::pair<std::string, int>{"", 31}, {"yes", 31}, {"4", 31}, {"ffffffff", 31}, {other, 0}})
+        EXPECT_EQ(run({.act = "arguments", .words = {"quorkeri-crash-watch " + process + " 8 1 0", "1"}}), code)
+            << process;
+}
+
+std::wstring g_started;
+
+// The system cuts a path that is longer than the caller's buffer. Windows refuses what is reserved; Wine does not look.
+TEST(CrashWatch, StartsAProgramWhosePathIsLongAndUsesNothingReserved) {
+    const test::ImportHook<decltype(::GetModuleFileNameW)> finds(
+        "GetModuleFileNameW", [](HMODULE, LPWSTR path, DWORD size) WINAPI -> DWORD {
+            static int calls = 0;
+            const DWORD length = ++calls > 9 ? 0 : std::min(size, DWORD{2000});
+            std::fill_n(path, length, L'x');
+            return length;
+        });
+    const test::ImportHook<decltype(::InitializeProcThreadAttributeList)> begins(
+        "InitializeProcThreadAttributeList",
+        [](LPPROC_THREAD_ATTRIBUTE_LIST, DWORD, DWORD flags, PSIZE_T) WINAPI -> BOOL { return flags == 0; });
+    const test::ImportHook<decltype(::UpdateProcThreadAttribute)> adds(
+        "UpdateProcThreadAttribute",
+        [](LPPROC_THREAD_ATTRIBUTE_LIST, DWORD flags, DWORD_PTR, PVOID, SIZE_T, PVOID, PSIZE_T)
+            WINAPI -> BOOL { return flags == 0; });
+    const test::ImportHook<decltype(::CreateProcessW)> starts(
+        "CreateProcessW",
+        [](LPCWSTR program, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
+           LPSTARTUPINFOW, LPPROCESS_INFORMATION) WINAPI -> BOOL {
+            g_started = program;
+            return FALSE;
+        });
+    NS_CORE::CrashWatch watch;
+    watch.prepare();
+    watch.start(INVALID_HANDLE_VALUE, 0);
+    EXPECT_EQ(g_started, std::wstring(2000, L'x'));
 }
 
 TEST_F(CrashTest, LocksOfTheFaultingThreadCostNothing) {
@@ -336,7 +378,7 @@ TEST_F(CrashTest, AFaultOfAnotherThreadDuringTheReportDoesNotChangeTheResult) {
 }
 
 int g_callsBefore = 0; // the one that fails
-int g_threads = 0;
+int g_threads = 0;     // that have begun
 
 HANDLE WINAPI makeEvent(LPSECURITY_ATTRIBUTES, BOOL isManualReset, BOOL, LPCSTR) {
     const DWORD flags = isManualReset ? CREATE_EVENT_MANUAL_RESET : 0;
@@ -346,8 +388,13 @@ HANDLE WINAPI makeEvent(LPSECURITY_ATTRIBUTES, BOOL isManualReset, BOOL, LPCSTR)
 HANDLE WINAPI beginThread(LPSECURITY_ATTRIBUTES, SIZE_T stack, LPTHREAD_START_ROUTINE function, LPVOID parameter,
                           DWORD flags, LPDWORD) {
     if (g_callsBefore-- == 0) return nullptr;
-    ++g_threads;
     return ::CreateRemoteThread(::GetCurrentProcess(), nullptr, stack, function, parameter, flags, nullptr);
+}
+
+DWORD WINAPI awaitBegin(HANDLE object, DWORD milliseconds) {
+    const DWORD result = ::WaitForSingleObjectEx(object, milliseconds, FALSE);
+    g_threads += milliseconds == NS_CORE::g_crashPatienceMs && result == WAIT_OBJECT_0;
+    return result;
 }
 
 int guarded(NS_CORE::ApplicationMain application, std::string word = "word") {
@@ -359,6 +406,7 @@ int guarded(NS_CORE::ApplicationMain application, std::string word = "word") {
 const test::ChildProgram g_failingCalls("guarded-with-failing-calls", [](const std::vector<std::string>& arguments) {
     const test::ImportHook events("CreateEventA", &makeEvent);
     const test::ImportHook threads("CreateThread", &beginThread);
+    const test::ImportHook waits("WaitForSingleObject", &awaitBegin);
     g_callsBefore = std::stoi(arguments.at(1));
     std::filesystem::current_path(arguments.at(0));
     NS_CORE::setDefaultPaths();
@@ -370,7 +418,7 @@ const test::ChildProgram g_failingCalls("guarded-with-failing-calls", [](const s
     });
 });
 
-// Three events, then two threads. Without its events no thread begins.
+// Three events, then two threads. Without its events no thread begins, and the others begin before the application.
 TEST_F(CrashTest, NeedsNeitherEventsNorThreads) {
     for (int callsBefore = 0; callsBefore < 5; ++callsBefore) {
         test::SelfProcess child("guarded-with-failing-calls",
@@ -496,12 +544,14 @@ void raise(void*) {
 
 TEST(RunGuarded, CatchesAFaultAgainAndAgainAndNothingElse) {
     Filtered filtered;
+    const DWORD chain = __readfsdword(0);
     EXPECT_EQ(runGuarded([](void*) {}, &noteException, &filtered), SehOutcome::Returned);
     for (int round = 1; round <= 1000; ++round) {
         ASSERT_EQ(runGuarded(&raise, &noteException, &filtered), SehOutcome::Caught);
         ASSERT_EQ(filtered.calls, round);
         ASSERT_EQ(filtered.code, kCode);
     }
+    EXPECT_EQ(__readfsdword(0), chain);
 }
 
 DWORD g_lastFlags = 0;
@@ -513,22 +563,23 @@ EXCEPTION_DISPOSITION noteFlags(EXCEPTION_RECORD* exception, void*, CONTEXT*, vo
 
 TEST(RunGuarded, LeavesToTheOuterGuardWhatItsFilterDoesNotWant) {
     Filtered outer;
+    static Filtered inner;
+    const DWORD chain = __readfsdword(0);
     const auto body = [](void*) {
         volatile EXCEPTION_REGISTRATION_RECORD between = {
             reinterpret_cast<EXCEPTION_REGISTRATION_RECORD*>(__readfsdword(0)),
             reinterpret_cast<PEXCEPTION_ROUTINE>(&noteFlags)};
         __writefsdword(0, reinterpret_cast<DWORD>(&between));
-        Filtered inner;
         inner.verdict = SehVerdict::ContinueSearch;
         runGuarded(&raise, &noteException, &inner);
         ADD_FAILURE() << "the inner guard caught it";
     };
     EXPECT_EQ(runGuarded(body, &noteException, &outer), SehOutcome::Caught);
+    EXPECT_EQ(inner.calls, 1);
     EXPECT_EQ(outer.calls, 1);
     EXPECT_EQ(outer.code, kCode);
     EXPECT_NE(g_lastFlags & EXCEPTION_UNWINDING, 0U);
-    // The chain is whole again.
-    EXPECT_EQ(runGuarded(&raise, &noteException, &outer), SehOutcome::Caught);
+    EXPECT_EQ(__readfsdword(0), chain);
 }
 
 TEST(RunGuarded, CatchesInsideWhatTheInnerGuardWants) {
@@ -544,10 +595,10 @@ TEST(RunGuarded, CatchesInsideWhatTheInnerGuardWants) {
 
 TEST(RunGuarded, LetsACxxExceptionThrough) {
     Filtered filtered;
+    const DWORD chain = __readfsdword(0);
     EXPECT_THROW(runGuarded([](void*) { throw 1; }, &noteException, &filtered), int);
     EXPECT_EQ(filtered.calls, 0);
-    // The chain is whole again.
-    EXPECT_EQ(runGuarded(&raise, &noteException, &filtered), SehOutcome::Caught);
+    EXPECT_EQ(__readfsdword(0), chain);
 }
 
 } // namespace

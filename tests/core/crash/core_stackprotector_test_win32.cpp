@@ -26,15 +26,17 @@ namespace {
     return buffer[0];
 }
 
-bool g_isNewProcessor = false;
+std::string g_system;
 
 // In place of two calls, so that it shows which way the process ends.
 const test::ChildProgram g_fills("fills", [](const auto& arguments) {
-    g_isNewProcessor = arguments.at(1) == "new";
+    g_system = arguments.at(1);
     const test::ImportHook<decltype(::IsProcessorFeaturePresent)> knows(
-        "IsProcessorFeaturePresent", [](DWORD) WINAPI -> BOOL { return g_isNewProcessor; });
-    const test::ImportHook<decltype(::TerminateProcess)> ends(
-        "TerminateProcess", [](HANDLE, UINT code) WINAPI -> BOOL { ::ExitProcess(code + 1); });
+        "IsProcessorFeaturePresent", [](DWORD) WINAPI -> BOOL { return g_system == "new"; });
+    const test::ImportHook<decltype(::TerminateProcess)> ends("TerminateProcess", [](HANDLE, UINT code) WINAPI -> BOOL {
+        if (g_system == "old") ::ExitProcess(code + 1);
+        return FALSE;
+    });
     fill(std::stoul(arguments.at(0)));
     return 0;
 });
@@ -46,9 +48,10 @@ TEST(StackProtector, LeavesAFunctionAloneThatStaysInItsBuffer) {
 }
 
 TEST(StackProtector, EndsTheProcessBeforeAnOverwrittenFrameReturns) {
-    for (const auto& [processor, code] :
-         {std::pair{"new", STATUS_STACK_BUFFER_OVERRUN}, {"old", STATUS_STACK_BUFFER_OVERRUN + 1}})
-        EXPECT_EQ(static_cast<DWORD>(test::runAndWait(test::childCommandLine("fills", {"24", processor}))),
+    for (const auto& [system, code] : {std::pair{"new", STATUS_STACK_BUFFER_OVERRUN},
+                                       {"old", STATUS_STACK_BUFFER_OVERRUN + 1},
+                                       {"endless", STATUS_ILLEGAL_INSTRUCTION}})
+        EXPECT_EQ(static_cast<DWORD>(test::runAndWait(test::childCommandLine("fills", {"24", system}))),
                   static_cast<DWORD>(code));
 }
 
