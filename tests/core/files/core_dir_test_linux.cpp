@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "core/files/core_dir.h"
+#include "core/files/core_dir_platform.h"
 #include "core/files/core_scopedfd.h"
 #include "tests/core/files/core_dir_fixture.h"
 #include "tests/support/hook_recorder.h"
@@ -63,6 +64,8 @@ TEST(Dir, TheModuleFilenameIsEmptyWithoutProcAndNothingIsFoundByIt) {
     std::string filename = "something before";
     EXPECT_TRUE(Dir::getModuleFilename(filename));
     EXPECT_EQ(filename, "");
+    char buffer[8];
+    EXPECT_EQ(dir_platform::readModuleFilename(buffer, sizeof buffer), 0U);
     EXPECT_TRUE(log.lines().empty());
     std::string directory = "something before";
     EXPECT_FALSE(Dir::getModuleDir(directory));

@@ -50,6 +50,11 @@ TEST(WrapperLinux, DescriptorsAndStreamsCloseOnExec) {
     EXPECT_EQ(::fcntl(::fileno(stream.get()), F_GETFD), FD_CLOEXEC);
 }
 
+TEST(WrapperLinux, TheSizeOfWhatIsNotOpenIsMinusOne) {
+    EXPECT_EQ(Wrapper::size(-1), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
 TEST(WrapperLinux, NarrowPathsAreCheckedLikeWideOnes) {
     const test::HookRecorder hook;
     Wrapper::setUseWidePaths(false);

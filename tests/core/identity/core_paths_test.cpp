@@ -42,6 +42,7 @@ TEST(Paths, APathThatWasSetReplacesTheDefaultAndOnlyIt) {
 
 TEST(Paths, ReadingBeforeSettingFailsTheAssertionWithTheKindsNameButAtLevel0) {
     const test::HookRecorder hook;
+    EXPECT_FALSE(NS_CORE::isPathSet(PathKind::Temp));
     EXPECT_EQ(NS_CORE::getPath(PathKind::Temp), "");
     EXPECT_EQ(NS_CORE::dotPath(PathKind::Dumps), "./");
     NS_CORE::Assert::setLevel(0);
@@ -53,6 +54,7 @@ TEST(Paths, ReadingBeforeSettingFailsTheAssertionWithTheKindsNameButAtLevel0) {
 
 TEST(Paths, AnEmptyPathThatWasSetIsNoFailure) {
     NS_CORE::setPath(PathKind::Work, "");
+    EXPECT_TRUE(NS_CORE::isPathSet(PathKind::Work));
     EXPECT_EQ(NS_CORE::getPath(PathKind::Work), "");
 }
 
@@ -71,6 +73,7 @@ TEST(Paths, AKindBeyondTheTableIsOutOfRange) {
             EXPECT_STREQ(error.what(), "invalid vector<T> subscript");
         }
         EXPECT_THROW(NS_CORE::setPath(kind, "x"), std::out_of_range);
+        EXPECT_THROW(static_cast<void>(NS_CORE::isPathSet(kind)), std::out_of_range);
         EXPECT_THROW(static_cast<void>(NS_CORE::dotPath(kind)), std::out_of_range);
     }
 }

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "tests/support/child.h"
+#include "tests/support/self_process.h"
 #include "tests/support/stream_capture.h"
 
 namespace {
@@ -75,6 +78,17 @@ TEST(FromUtf8, WhatIsNoUtf8IsRefusedWithItsPlaceAndReason) {
     }
 }
 
+const test::ChildProgram g_refuseAndEnd("RefuseAndEnd", [](const auto&) -> int {
+    std::u16string wide;
+    std::_Exit(NS_CORE::fromUtf8("\x80", wide) ? 1 : 0);
+});
+
+TEST(FromUtf8, TheLineIsThereAtOnceWhateverEndsTheProcess) {
+    test::SelfProcess child("RefuseAndEnd");
+    EXPECT_TRUE(child.readAll().starts_with("fromUtf8 conversion failed at byte 0 (0x80): "));
+    EXPECT_EQ(child.wait(), 0);
+}
+
 TEST(ToUtf8, EveryCodePointComesBackAsItWent) {
     for (char32_t codePoint = 0; codePoint <= 0x10FFFF; ++codePoint) {
         if (codePoint == 0xD800) codePoint = 0xE000;
@@ -102,7 +116,7 @@ TEST(ToUtf8, HalvesOfSurrogatePairsBecomeTheReplacementCharacter) {
                               u"a"),
               "\uFFFD"
               "a");
-    EXPECT_EQ(NS_CORE::toUtf8(u"\xDE00\xD83D"), "\uFFFD\uFFFD");
+    EXPECT_EQ(NS_CORE::toUtf8(u"\xDC00\xDC00\xD83D"), "\uFFFD\uFFFD\uFFFD");
     EXPECT_EQ(NS_CORE::toUtf8(u"\xD83D\xD83D\xDE00"), "\uFFFD\U0001F600");
     // The other half lies behind the text's end.
     EXPECT_EQ(NS_CORE::toUtf8(std::u16string_view(u"\xD83D\xDE00", 1)), "\uFFFD");

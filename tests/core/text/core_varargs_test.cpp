@@ -151,7 +151,7 @@ TEST_F(Varargs, PadsIntegers) {
     // Zeros win over left-justify, and a precision takes the width's place, with zeros.
     EXPECT_EQ(formatString("%-05d|%0-5d|", 42, 42), "00042|00042|");
     EXPECT_EQ(formatString("%.3d|%.3d|%8.3d|%-8.3d|", 7, -7, 5, 5), "007|-07|005|005|");
-    EXPECT_EQ(formatString("%.0d|%.d|%5.0d|%5.1d", 0, 0, 5, 5), "0|0|    5|5");
+    EXPECT_EQ(formatString("%.0d|%.d|%5.0d|%05.0d|%5.1d", 0, 0, 5, 5, 5), "0|0|    5|00005|5");
     EXPECT_EQ(formatString("%+0#+5d|%---#5d|", 42, 42), "+0042|42   |");
 }
 

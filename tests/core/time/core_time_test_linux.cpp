@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <fstream>
 #include <vector>
 
@@ -23,6 +24,13 @@ TEST(MonotonicMilliseconds, IsTheTimeSinceTheMachineCameUp) {
     // The file is cut to hundredths of a second.
     EXPECT_GE(now, before);
     EXPECT_LE(now, after + 0.011);
+}
+
+TEST(SleepFor, TakesTheTimeThatItIsGiven) {
+    using std::chrono::steady_clock;
+    const auto start = steady_clock::now();
+    NS_CORE::sleepFor(20);
+    EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(20));
 }
 
 TEST(UtcTime, GoesBackTwelveHoursBefore1970) {
