@@ -53,7 +53,7 @@ void LevelTable::define(uint32_t level, std::string_view name, std::string_view 
     Row& to = row(level);
     std::ranges::copy(name, to.name);
     std::ranges::copy(colour, to.colour);
-    to.registered.store(true, std::memory_order_release);
+    to.registered = true;
     g_count.fetch_add(1, std::memory_order_relaxed);
     setImplementationBits(level, implementationBits);
 }

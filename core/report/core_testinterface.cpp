@@ -196,27 +196,27 @@ void TestInterface::send(Wait wait) {
                 m_mutex.AwaitWithTimeout(absl::Condition(this, &TestInterface::isAllReported), kPatience);
             return;
         }
-        const bool isSent = sendEach();
+        const Sending sending = sendEach();
         m_sendMutex.Unlock();
-        if (!isSent) return;
+        if (sending == Sending::Refused) return;
     }
 }
 
-// Returns false when the system refused to send; the records from that one on stay pending.
-bool TestInterface::sendEach() {
+// When the system refuses to send a record, that one and the records after it stay pending.
+TestInterface::Sending TestInterface::sendEach() {
     while (true) {
         FailureRecord record;
         std::string document;
         sockaddr_in collector;
         {
             const absl::MutexLock lock(&m_mutex);
-            if (!m_collector || !hasPendingLocked()) return true;
+            if (!m_collector || !hasPendingLocked()) return Sending::Done;
             record = *m_records.firstPending(m_settings.actionFlags);
             document = documentOf(record);
             collector = *m_collector;
         }
         const bool fits = document.size() <= kMaxDatagram;
-        if (fits && !sendDocument(document, collector)) return false;
+        if (fits && !sendDocument(document, collector)) return Sending::Refused;
         bool isFirstTooLarge = false;
         {
             const absl::MutexLock lock(&m_mutex);

@@ -98,6 +98,7 @@ public:
 
 private:
     enum class Wait { No, Yes };
+    enum class Sending { Done, Refused };
 
     static std::optional<sockaddr_in> collectorOf(const TestSettings& settings);
     bool wantsTrace(const Failure& failure) const;
@@ -106,7 +107,7 @@ private:
     bool hasPendingLocked() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
     bool isAllReported() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex) { return !hasPendingLocked(); }
     void send(Wait wait);
-    bool sendEach() ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_sendMutex);
+    Sending sendEach() ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_sendMutex);
     std::string documentOf(const FailureRecord& record) ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_mutex);
     bool sendDocument(const std::string& document, const sockaddr_in& collector)
         ABSL_EXCLUSIVE_LOCKS_REQUIRED(m_sendMutex);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,13 +50,16 @@ TEST(LogCapture, StopsAtItsLimitOfEntries) {
 TEST(LogCapture, CollectsWhileItLivesOnly) {
     MasterLogger::logText(LogLevel::Log2String, "before");
     const LogCapture outer;
-    {
-        const LogCapture inner;
-        MasterLogger::logText(LogLevel::Log2String, "both");
-        EXPECT_EQ(inner.text(), "both");
+    // Two, one after the other, in one place.
+    std::optional<LogCapture> inner;
+    for (const char* entry : {"first", "second"}) {
+        inner.emplace();
+        MasterLogger::logText(LogLevel::Log2String, entry);
+        EXPECT_EQ(inner->text(), entry);
+        inner.reset();
     }
     MasterLogger::logText(LogLevel::Log2String, "outer");
-    EXPECT_EQ(outer.text(), "both\nouter");
+    EXPECT_EQ(outer.text(), "first\nsecond\nouter");
 }
 
 } // namespace NS_CORE

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/log/core_v2masterlogger.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/log_recorder.h"
 
 using test::LogRecorder;
@@ -119,14 +120,20 @@ TEST_F(LimitTest, ReportsWhatItHoldsBackWhenItEnds) {
 }
 
 TEST_F(LimitTest, MakesRoomByReportingTheOldestText) {
-    say("oldest");
-    say("oldest");
+    for (int i = 0; i < 2; ++i) say("oldest", LogLevel::Warn, LogRate::Daily);
+    const auto fillUpFrom = [](size_t number) {
+        for (; number < DefaultLogRImpl::kMaxTexts; ++number) say(std::to_string(number).c_str());
+    };
     nowMs += 1000;
-    for (size_t i = 1; i < DefaultLogRImpl::kMaxTexts; ++i) say(std::to_string(i).c_str());
+    fillUpFrom(1);
     EXPECT_EQ(taken().size(), DefaultLogRImpl::kMaxTexts);
+    nowMs += 3600 * 1000;
+    say("new");
+    fillUpFrom(2);
+    EXPECT_EQ(taken().size(), DefaultLogRImpl::kMaxTexts - 1) << "those whose period has ended make room first";
     say("one more");
-    EXPECT_EQ(taken(), (Lines{"WARN A::b - oldest [1 times in 1 seconds]", "WARN A::b - one more"}));
-    say("1");
+    EXPECT_EQ(taken(), (Lines{"WARN A::b - oldest [1 times in 3601 seconds]", "WARN A::b - one more"}));
+    say("2");
     EXPECT_EQ(taken(), Lines{}) << "the younger ones are still known";
 }
 
@@ -152,14 +159,20 @@ TEST_F(LimitTest, CanBeReplaced) {
     MasterLogger::setRateImplementation(std::make_unique<Upper>());
     say("x");
     EXPECT_EQ(taken(), expected);
-    MasterLogger::setRateImplementation(nullptr);
+    MasterLogger::setRateImplementation(std::make_unique<DefaultLogRImpl>([this] { return nowMs; }));
+    for (int i = 0; i < 2; ++i) say("early");
+    EXPECT_EQ(taken(), Lines{"WARN A::b - early"});
+    Lines seen;
     struct OwnGlobals : Globals {
-        OwnGlobals() : Globals(nullptr, std::make_unique<Upper>()) {}
+        explicit OwnGlobals(Lines& seen)
+            : Globals(std::make_unique<test::Calling<LogImpl>>([&](const auto& record) { seen.push_back(record); }),
+                      std::make_unique<Upper>()) {}
     };
-    const OwnGlobals globals;
-    const LogRecorder inner;
+    const OwnGlobals globals(seen);
+    EXPECT_EQ(seen, Lines{"WARN A::b - early [1 times in 0 seconds]"}) << "what was held back before";
+    seen.clear();
     say("x");
-    EXPECT_EQ(taken(), expected);
+    EXPECT_EQ(seen, expected);
 }
 
 } // namespace

@@ -43,6 +43,7 @@ constexpr char kWhileSetting[] = "MasterLogger:implLog - log while setting impl\
 const std::string g_capturedByInitialiser = [] {
     const LogCapture capture;
     MasterLogger::logText(LogLevel::Log2String, "early");
+    MLOG(Warn, "A::b", "goes nowhere, the console included");
     return capture.text() + (MasterLogger::isOn(LogLevel::Crit) ? " CRIT" : "");
 }();
 const uint32_t g_threadNumberOfInitialiser = MasterLogger::threadNumber();
@@ -206,13 +207,15 @@ TEST(MasterLogger, RefusesLevelsOutOfRange) {
 TEST(MasterLogger, RegistersFurtherLevels) {
     LogRecorder log;
     const uint32_t before = MasterLogger::levelCount();
-    EXPECT_TRUE(MasterLogger::registerLevel(1023, "FIFTEEN-LETTERS", "12;34", 8));
-    EXPECT_EQ(MasterLogger::levelCount(), before + 1);
-    const LevelEntry entry = MasterLogger::levelEntry(1023);
-    EXPECT_STREQ(entry.name, "FIFTEEN-LETTERS");
-    EXPECT_STREQ(entry.colour, "12;34");
-    EXPECT_EQ(entry.flags, 3);
-    EXPECT_EQ(entry.implementationBits, 8);
+    for (const uint32_t level : {5U, 1023U}) {
+        EXPECT_TRUE(MasterLogger::registerLevel(level, "FIFTEEN-LETTERS", "12;34", 8));
+        const LevelEntry entry = MasterLogger::levelEntry(level);
+        EXPECT_STREQ(entry.name, "FIFTEEN-LETTERS");
+        EXPECT_STREQ(entry.colour, "12;34");
+        EXPECT_EQ(entry.flags, 3);
+        EXPECT_EQ(entry.implementationBits, 8);
+    }
+    EXPECT_EQ(MasterLogger::levelCount(), before + 2);
     MLOG_LEVEL(1023, "A::b", "%d", 1);
     EXPECT_EQ(log.lines(), Lines{"FIFTEEN-LETTERS A::b - 1"});
     EXPECT_FALSE(MasterLogger::registerLevel(1023, "AGAIN", "", 1));
@@ -357,6 +360,10 @@ TEST(MasterLogger, SendsWhatAnImplementationOrObserverLogsToStandardError) {
         });
     });
     EXPECT_EQ(printed.error, expected(number));
+    const auto norm = withFlags(LogLevel::Norm, LevelEntry::Console);
+    setImplementation([](const std::string&) { MLOG(Norm, "A::inner", "for the console alone"); });
+    printed = printedBy([] { MLOG(Info, "A::b", "1"); });
+    EXPECT_EQ(printed.output + printed.error, "[NORM] A::inner - for the console alone\n");
     // The guard is down again afterwards.
     LogRecorder log;
     const auto flags = withFlags(LogLevel::Warn, LevelEntry::Observers);
@@ -541,6 +548,21 @@ TEST(LogGlobals, LetStaticDestructorsLogAndFailChecksQuietly) {
               std::string::npos)
         << text;
     EXPECT_NE(text.find(" (late)\n"), std::string::npos) << text;
+}
+
+// Ends inside an implementation. A failed check would end it with another code.
+const test::ChildProgram g_endInARecord("EndInARecord", [](const auto&) {
+    Assert::installFailureHandler(
+        [](const char*, std::string_view, int32_t, int32_t, const std::string&) -> bool { std::_Exit(6); });
+    Assert::lockFailureHandler(true);
+    setImplementation([](const auto&) { std::exit(5); });
+    MLOG(Info, "A::b", "x");
+    return 0;
+});
+
+TEST(LogGlobals, LeaveEverythingAsItIsWhenTheProcessEndsInTheMiddleOfARecord) {
+    EXPECT_EQ(printedByChild("EndInARecord", 5),
+              refusedRecord("WARN", "CORE::Assert::setFailureHandler - handler locked"));
 }
 
 // A process that has made no Globals: the limit is there, other threads count from 1, and nothing of what was logged

@@ -188,6 +188,10 @@ TEST(Udp4Socket, ReportsEveryGroupThatItCannotLeave) {
         ASSERT_TRUE(socket.open(/*flags=*/0, kAnyAddress));
         socket.m_memberships = {{::inet_addr("239.1.2.3"), kLoopbackAddress}, {::inet_addr("239.1.2.4"), kAnyAddress}};
     }
+    {
+        OpenedUp closed;
+        closed.m_memberships = {{::inet_addr("239.1.2.3"), kAnyAddress}};
+    }
     const std::string function = "WARN CORE::Udp4Socket::leaveMulticastGroup";
     EXPECT_EQ(log.lines(), (Lines{function + "(239.1.2.3) - failed dropping membership for interface 127.0.0.1",
                                   function + "(239.1.2.4) - failed dropping membership for interface 0.0.0.0"}));

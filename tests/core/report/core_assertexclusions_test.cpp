@@ -58,6 +58,8 @@ TEST(AssertExclusions, CountOnlyForBuildsUpToTheirDate) {
     EXPECT_TRUE(counts("a 1 2019-11-05", "Nov  5 2019"));
     EXPECT_FALSE(counts("a 1 2019-11-04", "Nov  5 2019"));
     EXPECT_FALSE(counts("a 1 2019-12-30", "Dec 31 2019"));
+    for (const char* unknown : {"", "Nov x 2019", "Nox 20 2019", "2019-11-20"})
+        EXPECT_TRUE(counts("a 1 2001-01-01", unknown)) << unknown;
 }
 
 } // namespace

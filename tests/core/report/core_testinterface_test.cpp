@@ -69,7 +69,7 @@ TEST_F(TestInterfaceTest, PrefersTheExclusionsInSettings) {
     test::writeFile(dir.path() / "assert.exclude", "core_x 1 2035-01-01\n");
     EXPECT_TRUE(interface.loadExclusions());
     EXPECT_TRUE(interface.isExcluded("core_x", 1));
-    writeExclusions("core_x 2 2035-01-01\n");
+    writeExclusions("core_x 3 2035-01-01\ncore_x 2 2035-01-01\n");
     EXPECT_TRUE(interface.loadExclusions());
     EXPECT_FALSE(interface.isExcluded("core_x", 1)) << "each reading replaces the list";
     EXPECT_TRUE(interface.isExcluded("core_x", 2));
@@ -324,9 +324,16 @@ TEST_F(TestInterfaceTest, IsNotLockedWhileItLogs) {
     configure("[assert]\nsend true\n", "255.255.255.255");
     setFailingImplementation(interface);
     fail(1);
-    // A thread whose failure stops the process waits, but not for ever.
+    // Threads whose failures stop the process wait for a second; here two do, one after the other. A busy machine may
+    // need another try.
     interface.changeActionFlags(TestInterface::FlagChange::Set, TestAction::AssertAbort);
-    fail(1);
+    std::chrono::nanoseconds waited = std::chrono::seconds(4);
+    for (int i = 0; i < 5 && waited >= std::chrono::seconds(4); ++i) {
+        const auto begin = std::chrono::steady_clock::now();
+        fail(1);
+        waited = std::chrono::steady_clock::now() - begin;
+    }
+    EXPECT_LT(waited, std::chrono::seconds(4));
     NS_CORE::MasterLogger::setImplementation(nullptr);
     EXPECT_EQ(interface.recordCount(), 2U);
 }

@@ -128,13 +128,14 @@ TEST_F(TestSettingsTest, LogsBadBooleansOfAlertInWords) {
 }
 
 TEST_F(TestSettingsTest, LogsUnknownKeysAndSections) {
-    const TestSettings settings = parse({"[general]", "Send_port 1", "[assert]", "stop 1", "[alert]", "[x 1",
+    const TestSettings settings = parse({"[general]", "Send_port 1", "[assert]", "stop 1", "[alert]", "[x 1", "[x]",
                                          "[General]", "send_port 2", "abort 1", "[general]", "send_port 3"});
     EXPECT_EQ(settings.sendPort, 3);
     const std::string function = "WARN NS_CORE::TestInterface::loadIni - ";
     expected = {function + "unhandled val 'Send_port' in section 'general'",
                 function + "unhandled val 'stop' in section 'assert'",
-                function + "unhandled val '[x' in section 'alert'", function + "unhandled section 'General'"};
+                function + "unhandled val '[x' in section 'alert'", function + "unhandled section 'x'",
+                function + "unhandled section 'General'"};
 }
 
 } // namespace
