@@ -23,7 +23,7 @@ void startCompanion(const char* commandLine) {
 
 void sendStopDatagram() {
     NS_CORE::Udp4Socket socket;
-    const bool isOpen = socket.open(/*flags=*/0, NS_CORE::kAnyAddress);
+    const bool isOpen = socket.open(NS_CORE::SocketFlag::None, NS_CORE::kAnyAddress);
     if (!CHECKF_AT("main", 113, isOpen, "")) return;
     // Its bytes are not initialised: only the datagram's arrival counts.
     NS_CORE::GUniqueBuf payload(Supervisor::kStopDatagramSize);

@@ -65,7 +65,7 @@ public:
     // logDirectory  relative to the working directory.
     Service(const std::string& anchor, std::string name, std::string displayName, std::string logDirectory,
             std::string logFileName, RunCallback run, StopCallback stop);
-    ~Service();
+    virtual ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
@@ -81,11 +81,11 @@ public:
 
     // Registers the executable as a service that starts automatically, as LocalSystem. A service of this name
     // that is there already counts as success and stays as it is. Needs administrator rights.
-    [[nodiscard]] bool install(const std::string& name, const std::string& displayName,
-                               const std::string& executablePath);
+    [[nodiscard]] virtual bool install(const std::string& name, const std::string& displayName,
+                                       const std::string& executablePath);
 
     // Unregisters the service of this host's name; fails when it is not registered. Needs administrator rights.
-    [[nodiscard]] bool remove();
+    [[nodiscard]] virtual bool remove();
 
     // Runs in service mode, or else in console mode. Service mode returns 0 when the service has stopped, and 1 if no
     // manager started this process. Console mode returns the run callback's result.

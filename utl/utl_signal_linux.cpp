@@ -103,10 +103,18 @@ NS_CORE::NeverDestroyed<Dispatcher> g_dispatcher;
 // The process's action for a signal before the first object for it.
 std::array<struct sigaction, kSignalLimit> g_actionsBefore;
 
+// The last object to end waits for the handling thread, which finds the handler gone for every signal that is left.
+void dropHandler(size_t index, Signal::Handler previous) {
+    g_handlers[index].store(previous);
+    g_dispatcher->release();
+}
+
 } // namespace
 
 bool signal_platform::install(int32_t signum, Signal::Handler handler, Signal::Handler& previous) {
-    if (signum <= 0 || signum >= kSignalLimit || !g_dispatcher->acquire()) return false;
+    struct sigaction current;
+    // Asks the system first whether there is such a signal.
+    if (::sigaction(signum, nullptr, &current) != 0 || !g_dispatcher->acquire()) return false;
     const auto index = static_cast<size_t>(signum);
     previous = g_handlers[index].exchange(handler);
     struct sigaction action = {};
@@ -114,17 +122,15 @@ bool signal_platform::install(int32_t signum, Signal::Handler handler, Signal::H
     // A system call that the signal interrupts goes on.
     action.sa_flags = SA_RESTART;
     // A second object for the same signal finds our own action installed.
-    if (previous || ::sigaction(signum, &action, &g_actionsBefore[index]) == 0) return true;
-    g_handlers[index].store(previous);
-    g_dispatcher->release();
-    return false;
+    const bool isInstalled = previous || ::sigaction(signum, &action, &g_actionsBefore[index]) == 0;
+    if (!isInstalled) dropHandler(index, previous);
+    return isInstalled;
 }
 
 bool signal_platform::restore(int32_t signum, Signal::Handler previous) {
     const auto index = static_cast<size_t>(signum);
     const bool isRestored = previous || ::sigaction(signum, &g_actionsBefore[index], nullptr) == 0;
-    g_handlers[index].store(previous);
-    g_dispatcher->release();
+    dropHandler(index, previous);
     return isRestored;
 }
 

@@ -9,6 +9,7 @@ namespace NS_CORE {
 
 // Bits of the flags that sockets are opened with.
 namespace SocketFlag {
+inline constexpr uint32_t None = 0;
 inline constexpr uint32_t NonBlocking = 1 << 0;
 inline constexpr uint32_t ReuseAddr = 1 << 1;
 } // namespace SocketFlag

@@ -4,8 +4,11 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <vector>
 
+#include "core/check/core_assert.h"
 #include "tests/support/stream_capture.h"
 #include "tests/utl/filelogger_test.h"
 
@@ -60,6 +63,28 @@ TEST_F(FileLoggerTest, DoesNotTryTheRestOfACutLineAgain) {
     EXPECT_EQ(bytes.substr(kFirstLine + 22, 2), " 5") << "where the limit cut it";
     EXPECT_EQ(bytes.size(), kFirstLine + 24 + 29);
     EXPECT_TRUE(bytes.ends_with(" later\n"));
+}
+
+std::string g_log;
+bool g_isLogOpen = false;
+bool g_hasOldest = false;
+
+TEST_F(FileLoggerTest, ClosesTheFileBeforeItIsRenamedAndDeletesTheOldestAfterwards) {
+    install(20, 0);
+    fs::create_directories(log() + ".0/stuck");
+    test::writeFile(log() + ".1", "oldest");
+    g_log = log();
+    NS_CORE::Assert::installFailureHandler([](const char*, std::string_view, int32_t, int32_t, const std::string&) {
+        std::error_code gone;
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd"))
+            g_isLogOpen |= fs::read_symlink(entry.path(), gone) == g_log;
+        g_hasOldest = fs::exists(g_log + ".1");
+        return false;
+    });
+    printedBy([] { say("too large for its file"); });
+    EXPECT_FALSE(g_isLogOpen);
+    EXPECT_TRUE(g_hasOldest) << "while the file itself is renamed";
+    EXPECT_FALSE(fs::exists(log() + ".1"));
 }
 
 TEST_F(FileLoggerTest, RotatesAFileThatAFailedWriteFindsTooLarge) {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "core/files/core_scopedfd.h"
+#include "tests/support/refused_call_linux.h"
 #include "tests/utl/fileutils_test.h"
 
 namespace fs = std::filesystem;
@@ -64,9 +65,11 @@ TEST_F(Copy, AnUnreadableSourceIsLoggedAndNoDestinationLeft) {
     EXPECT_FALSE(exists("destination"));
 }
 
-TEST_F(Copy, AFullDiskIsLoggedAndTheDestinationRemoved) {
-    put("source", "content");
+TEST_F(Copy, AFullDiskTakesAnEmptyFileAndIsLoggedForOthersAndTheDestinationRemoved) {
+    put("source", "");
     fs::create_symlink("/dev/full", dir.path() / "destination");
+    EXPECT_EQ(copy(), Lines());
+    put("source", "content");
     EXPECT_EQ(copy(), Lines{"WARN UTL::FileUtils::copy - error writing to " + dir.file("destination") +
                             " (28:No space left on device)"});
     EXPECT_FALSE(fs::is_symlink(dir.path() / "destination"));
@@ -89,6 +92,15 @@ TEST_F(Copy, ADiskThatFillsUpIsLoggedAndTheDestinationRemoved) {
         ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
         EXPECT_FALSE(exists("destination"));
     }
+}
+
+TEST_F(Copy, ADiskThatTakesNothingWithoutSayingWhyIsLoggedAndTheDestinationRemoved) {
+    put("source", "content");
+    std::thread([&] {
+        test::refuseCall(SYS_write, /*error=*/0);
+        EXPECT_EQ(copy(), Lines{"WARN UTL::FileUtils::copy - only wrote 0 of 7 to " + dir.file("destination")});
+    }).join();
+    EXPECT_FALSE(exists("destination"));
 }
 
 TEST_F(Copy, ADestinationThatIsARunningProgramIsLoggedAndStays) {

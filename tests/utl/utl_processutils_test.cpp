@@ -109,7 +109,7 @@ void addToPath(const std::string& directory) {
     const char separator = fs::path::preferred_separator == '/' ? ':' : ';';
     static const std::string s_before = std::getenv("PATH");
     static std::string& s_variable = *new std::string; // stays part of the environment
-    s_variable = "PATH=" + directory + separator + s_before;
+    s_variable = "PATH=nowhere" + (separator + directory) + separator + s_before;
     ASSERT_EQ(::putenv(s_variable.data()), 0);
 }
 

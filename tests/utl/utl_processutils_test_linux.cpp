@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -104,6 +105,18 @@ TEST(ProcessUtilsLinux, AFileThatIsNoProgramSaysWhy) {
                                   begin + dir.file("locked") + "': Permission denied",
                                   begin + dir.file("text/below") + "': Not a directory"}));
     EXPECT_FALSE(hasChildren());
+}
+
+TEST(ProcessUtilsLinux, WithoutDescriptorsForTheStandardStreamsNothingStarts) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit tooFew{STDERR_FILENO, before.rlim_max};
+    const test::LogRecorder log;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tooFew), 0);
+    EXPECT_EQ(started("/bin/true"), kStartFailed);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(log.lines(),
+              Lines{"WARN NS_UTL::ProcessUtils::start - failed to start '/bin/true': Bad file descriptor"});
 }
 
 TEST(ProcessUtilsLinux, WithoutSigchldThereIsNoExitCode) {

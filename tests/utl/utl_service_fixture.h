@@ -62,9 +62,10 @@ protected:
         NS_CORE::MasterLogger::setImplementation(nullptr);
     }
 
+    template <typename Host = Service>
     Service& makeHost(Service::RunCallback run, Service::StopCallback stop) {
-        m_host = std::make_unique<Service>("", kName, "Test Service", m_logs.file(""), "service.log", std::move(run),
-                                           std::move(stop));
+        m_host = std::make_unique<Host>("", kName, "Test Service", m_logs.file(""), "service.log", std::move(run),
+                                        std::move(stop));
         NS_CORE::MasterLogger::setImplementation(std::make_unique<JournalLogImpl>(m_journal));
         m_host->setServiceManager({[](const char* name) {
                                        std::thread manager([name] {

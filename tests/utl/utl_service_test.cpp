@@ -82,6 +82,25 @@ TEST_F(ServiceTest, RunsUnderTheManagerForAllOtherWords) {
     }
 }
 
+// A host whose registration needs no manager.
+struct RegisteredService : Service {
+    using Service::Service;
+    bool install(const std::string&, const std::string& displayName, const std::string& executablePath) override {
+        return displayName == "Test Service" && executablePath == test::thisProgram();
+    }
+    bool remove() override { return true; }
+};
+
+TEST_F(ServiceTest, LogsThatItIsInstalledAndRemoved) {
+    makeHost<RegisteredService>({}, {});
+    EXPECT_EQ(run({"program", "service-install"}), 0);
+    EXPECT_EQ(run({"program", "service-remove"}), 0);
+    EXPECT_EQ(m_journal.entries(),
+              (Lines{"INFO UTL::Service::run - installed service 'quorkeri_test_service' running '" +
+                         test::thisProgram() + "'",
+                     "INFO UTL::Service::run - removed service 'quorkeri_test_service'"}));
+}
+
 // Nothing but a service control manager starts a service; a test is not one.
 TEST_F(ServiceTest, ServiceModeFailsWhereNoManagerStartedTheProcess) {
     makeHost(journalled("run"), [] {});

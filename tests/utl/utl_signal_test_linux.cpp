@@ -6,14 +6,18 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/refused_call_linux.h"
+#include "tests/support/self_process.h"
 #include "tests/support/semaphore.h"
+#include "tests/support/temp_dir.h"
 #include "utl/utl_signal.h"
 
 namespace NS_UTL {
@@ -52,7 +56,8 @@ class LinuxSignalTest : public testing::Test {
 protected:
     LinuxSignalTest() {
         g_order.clear();
-        while (g_answered.acquireWithin(std::chrono::milliseconds(0))) continue;
+        for (test::Semaphore* semaphore : {&g_answered, &g_goOn})
+            while (semaphore->acquireWithin(std::chrono::milliseconds(0))) continue;
     }
 };
 
@@ -60,6 +65,18 @@ size_t threadCount() {
     size_t count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
     return count;
+}
+
+// In a process of its own, because the pipe stays for the objects that come later.
+const test::ChildProgram g_withoutPipe("signal_without_pipe", [](const auto&) -> int {
+    const test::LogRecorder log;
+    test::refuseCall(SYS_pipe2, EMFILE);
+    const Signal signal(SIGTERM, &answerAndTell);
+    std::_Exit(log.lines() == Lines{"WARN UTL::Signal::Signal - failed to install signal handler for 15"} ? 0 : 1);
+});
+
+TEST(LinuxSignalStartTest, LogsThatThereIsNoPipe) {
+    EXPECT_EQ(test::SelfProcess("signal_without_pipe").wait(), 0);
 }
 
 TEST_F(LinuxSignalTest, LogsAHandlerThatCannotBePutBack) {
@@ -85,17 +102,25 @@ TEST_F(LinuxSignalTest, AnswersOnAThreadOfItsOwnInTheOrderOfArrivalAndStaysInsta
     EXPECT_TRUE(g_takesNoSignals);
 }
 
-TEST_F(LinuxSignalTest, WaitsForAHandlerThatIsAtWork) {
+bool isAsleep(pid_t thread) {
+    const std::string stat = test::readFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+    return stat.find(") S ") != std::string::npos;
+}
+
+TEST_F(LinuxSignalTest, WaitsForAHandlerThatIsAtWorkAndDropsWhatIsUnanswered) {
+    std::atomic<bool> isEnding{false};
     std::atomic<bool> ended{false};
     std::thread other;
     {
         const Signal signal(SIGTERM, &answerSlowly);
-        ::raise(SIGTERM);
+        for (int i = 0; i < 2; ++i) ::raise(SIGTERM);
         g_answered.acquire();
-        other = std::thread([&ended] {
+        other = std::thread([&, thread = ::gettid()] {
+            while (!isEnding || !isAsleep(thread)) std::this_thread::yield();
             EXPECT_FALSE(ended);
-            g_goOn.release();
+            for (int i = 0; i < 2; ++i) g_goOn.release();
         });
+        isEnding = true;
     }
     ended = true;
     other.join();
