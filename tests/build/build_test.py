@@ -112,6 +112,11 @@ class BuildTest(unittest.TestCase):
     def test_another_directory_gives_the_same_symbols(self):
         self.assertIsNone(first_difference(symbols_of(SOURCE, BINARY), self.symbols))
 
+    def test_its_shipped_programs_are_all_that_an_installation_needs(self):
+        run("cmake", "--build", self.binary, "--target", "shipped_programs")
+        with tempfile.TemporaryDirectory() as directory:
+            run("cmake", "--install", self.binary, "--prefix", directory)
+
     def test_nothing_tells_where_it_was_built(self):
         for place in (SOURCE, SOURCE.resolve(), pathlib.Path(LIBRARIES).resolve().parents[2], self.tree):
             self.assertNotIn(str(place).encode() + b"/", self.program)
