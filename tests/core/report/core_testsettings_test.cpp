@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -124,7 +126,16 @@ TEST_F(TestSettingsTest, LogsBadBooleansOfAssertAtTheirPlaces) {
 
 TEST_F(TestSettingsTest, LogsBadBooleansOfAlertInWords) {
     EXPECT_EQ(flagsAfter({"[alert]", "send yes"}, kAllBits), kAllBits);
-    expected = {"WARN NS_CORE::TestInterface::loadIni - bad value 'yes' of 'send' in section 'alert'"};
+    TestSettings settings;
+    TestSettingsParser parser(&settings);
+    parser.addLine("[alert]");
+    // The memory that the list of one token gets next: nothing behind the token may count as its value.
+    auto used = std::make_unique<volatile char[]>(24);
+    std::fill_n(used.get(), 24, 'x');
+    used.reset();
+    parser.addLine("backtrace");
+    const std::string bad = "WARN NS_CORE::TestInterface::loadIni - bad value '";
+    expected = {bad + "yes' of 'send' in section 'alert'", bad + "' of 'backtrace' in section 'alert'"};
 }
 
 TEST_F(TestSettingsTest, LogsUnknownKeysAndSections) {
