@@ -22,9 +22,9 @@ namespace {
 constexpr std::string_view kOutput = "output \xC3\xA9 \xD0\x96 \xE6\xB8\xAC\xE8\xA9\xA6\n";
 constexpr std::string_view kErrors = "errors \xC3\xA9 \xD0\x96 \xE6\xB8\xAC\xE8\xA9\xA6\n";
 
-// As the logger does it.
+// Byte by byte, because only the buffer makes the bytes of a character reach the console together.
 void write(std::FILE* stream, std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), stream);
+    for (const char byte : text) std::fputc(byte, stream);
     std::fflush(stream);
 }
 

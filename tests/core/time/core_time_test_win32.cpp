@@ -17,6 +17,7 @@ void WINAPI returnEarly(DWORD /*milliseconds*/) {
 
 TEST(SleepFor, SleepsAgainWhenTheSystemReturnsEarly) {
     const test::ImportHook hook("Sleep", &returnEarly);
+    g_sleeps = 0;
     NS_CORE::sleepFor(0);
     EXPECT_EQ(g_sleeps, 0);
     for (const uint32_t milliseconds : {1U, 50U}) {
