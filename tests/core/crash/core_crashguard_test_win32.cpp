@@ -293,14 +293,15 @@ TEST_F(CrashTest, AWatchersTaskFromElsewhereMeansNothing) {
             << process;
 }
 
+int g_calls = 0;
 std::wstring g_started;
 
 // The system cuts a path that is longer than the caller's buffer. Windows refuses what is reserved; Wine does not look.
 TEST(CrashWatch, StartsAProgramWhosePathIsLongAndUsesNothingReserved) {
+    g_calls = 0;
     const test::ImportHook<decltype(::GetModuleFileNameW)> finds(
         "GetModuleFileNameW", [](HMODULE, LPWSTR path, DWORD size) WINAPI -> DWORD {
-            static int calls = 0;
-            const DWORD length = ++calls > 9 ? 0 : std::min(size, DWORD{2000});
+            const DWORD length = ++g_calls > 9 ? 0 : std::min(size, DWORD{2000});
             std::fill_n(path, length, L'x');
             return length;
         });
@@ -564,13 +565,13 @@ EXCEPTION_DISPOSITION noteFlags(EXCEPTION_RECORD* exception, void*, CONTEXT*, vo
 TEST(RunGuarded, LeavesToTheOuterGuardWhatItsFilterDoesNotWant) {
     Filtered outer;
     static Filtered inner;
+    inner = {.verdict = SehVerdict::ContinueSearch};
     const DWORD chain = __readfsdword(0);
     const auto body = [](void*) {
         volatile EXCEPTION_REGISTRATION_RECORD between = {
             reinterpret_cast<EXCEPTION_REGISTRATION_RECORD*>(__readfsdword(0)),
             reinterpret_cast<PEXCEPTION_ROUTINE>(&noteFlags)};
         __writefsdword(0, reinterpret_cast<DWORD>(&between));
-        inner.verdict = SehVerdict::ContinueSearch;
         runGuarded(&raise, &noteException, &inner);
         ADD_FAILURE() << "the inner guard caught it";
     };
