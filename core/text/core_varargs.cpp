@@ -67,8 +67,8 @@ size_t lengthBeforePercent(Word word) {
 // memcpy for the short texts that messages are made of: the real one is a call into the runtime library's module, which
 // on 32-bit Windows costs more than copying such a text.
 void copyText(char* to, const char* from, size_t length) {
-    // Measured on both platforms: the call pays earlier in the 64-bit build. Three Words, where the loop below takes its
-    // second step, cost no more there than two.
+    // Measured on both platforms: the call pays earlier in the 64-bit build. Three Words, where the loop below takes
+    // its second step, cost no more there than two.
     constexpr size_t kWorthACall = sizeof(Word) == 4 ? 64 : 24;
     if (length > kWorthACall) {
         std::memcpy(to, from, length);
@@ -606,6 +606,11 @@ void walk(Output& out, std::string_view format, const Argument* args, size_t cou
     if (conversions != count) reportCount(format.data(), conversions, count);
 }
 
+// The free room that is made before a text of about `reserved` characters is written.
+size_t roomAhead(size_t reserved) {
+    return reserved > Output::kMaxRoom ? 0 : reserved;
+}
+
 } // namespace
 
 size_t reservation(std::string_view format, const Argument* args, size_t count) {
@@ -616,7 +621,7 @@ size_t reservation(std::string_view format, const Argument* args, size_t count) 
 
 std::string formatPack(std::string_view format, const Argument* args, size_t count) {
     const size_t reserved = reservation(format, args, count);
-    const size_t room = reserved > Output::kMaxRoom ? 0 : reserved;
+    const size_t room = roomAhead(reserved);
     std::string text(room, '\0');
     if (room == 0) text.reserve(reserved);
     Output out(text, room);
@@ -626,7 +631,7 @@ std::string formatPack(std::string_view format, const Argument* args, size_t cou
 
 void formatPackInto(std::string& text, std::string_view format, const Argument* args, size_t count) {
     const size_t reserved = reservation(format, args, count);
-    const size_t room = reserved > Output::kMaxRoom ? 0 : reserved;
+    const size_t room = roomAhead(reserved);
     text.reserve(text.size() + reserved);
     text.resize(text.size() + room);
     Output out(text, room);
