@@ -270,11 +270,8 @@ void CrashGuard::passOn(int signal, const siginfo_t& info) {
 void CrashGuard::limitReport() {
     struct sigaction action{};
     action.sa_handler = &onNoProgress;
-    // SA_NODEFER: the handler is left by a jump, and the next step has a limit, too.
-    action.sa_flags = SA_ONSTACK | SA_NODEFER;
     ::sigaction(SIGALRM, &action, nullptr);
-    sigset_t alarm;
-    sigemptyset(&alarm);
+    sigset_t alarm{};
     sigaddset(&alarm, SIGALRM);
     ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
 }

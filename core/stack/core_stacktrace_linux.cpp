@@ -98,6 +98,11 @@ std::string debugSearchPath() {
     return formatString("%s:%s/symbols:/usr/lib/debug", directory, directory);
 }
 
+// Programs that are started meanwhile do not inherit it.
+ScopedFd openForReading(const char* path) {
+    return ScopedFd(::open(path, O_RDONLY | O_CLOEXEC));
+}
+
 // Null if it is not of this format. Opening the library has set libelf's version.
 ScopedElf openElf(int fd) {
     return ScopedElf(elf_begin(fd, ELF_C_READ_MMAP, /*ref=*/nullptr));
@@ -111,7 +116,7 @@ bool belongsToModule(int fd, Dwfl_Module* module) {
     const ScopedElf elf = openElf(fd);
     const void* found = nullptr;
     const ssize_t foundSize = elf ? dwelf_elf_gnu_build_id(elf.get(), &found) : -1;
-    return wantedSize > 0 && foundSize == wantedSize &&
+    return wanted != nullptr && foundSize == wantedSize &&
            std::memcmp(found, wanted, static_cast<size_t>(wantedSize)) == 0;
 }
 
@@ -120,11 +125,13 @@ bool belongsToModule(int fd, Dwfl_Module* module) {
 int findDebugInformation(Dwfl_Module* module, void** userData, const char* name, Dwarf_Addr base, const char* image,
                          const char* debugName, GElf_Word checksum, char** found) {
     const int stored = dwfl_build_id_find_debuginfo(module, userData, name, base, image, debugName, checksum, found);
+    // The library opens it, if there is one, in a way that programs started later would inherit.
+    ::fcntl(stored, F_SETFD, FD_CLOEXEC);
     if (stored >= 0 || debugName == nullptr) return stored;
     const std::string directory = moduleDirectory(executablePath());
     for (const std::string& place : {directory, directory + "/symbols"}) {
         const std::string path = formatString("%s/%s", place, debugName);
-        ScopedFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        ScopedFd file = openForReading(path.c_str());
         if (!file || !belongsToModule(file.get(), module)) continue;
         *found = ::strdup(path.c_str());
         return file.release();
@@ -187,8 +194,7 @@ ModuleGeneration currentGeneration() {
 // Adds one module to those that are known. The executable's file may have been replaced since, so it is opened by the
 // kernel's own name for it.
 bool addToLibrary(Dwfl* library, const LoadedModule& module, LaterRecords& later) {
-    const char* const opened = module.isExecutable ? "/proc/self/exe" : module.image.c_str();
-    ScopedFd file(::open(opened, O_RDONLY | O_CLOEXEC));
+    ScopedFd file = openForReading(module.isExecutable ? "/proc/self/exe" : module.image.c_str());
     dwfl_report_begin_add(library);
     const bool isAdded = file && dwfl_report_elf(library, module.name.c_str(), module.image.c_str(), file.get(),
                                                  module.base, /*add_p_vaddr=*/true) != nullptr;
@@ -247,7 +253,7 @@ ModuleFiles filesOf(Dwfl_Module* module) {
 bool isDebugInformationCompressed(Dwfl_Module* module) {
     const ModuleFiles files = filesOf(module);
     const char* const path = files.debug != nullptr ? files.debug : files.image;
-    const ScopedFd file(path != nullptr ? ::open(path, O_RDONLY | O_CLOEXEC) : -1);
+    const ScopedFd file = path != nullptr ? openForReading(path) : ScopedFd();
     const ScopedElf elf = openElf(file.get());
     for (Elf_Scn* section = nullptr; (section = elf_nextscn(elf.get(), section)) != nullptr;) {
         GElf_Shdr header{};
@@ -334,7 +340,6 @@ StackTrace::ProcessHandle stacktrace_platform::processHandle() {
 StackTrace::StackTrace(ProcessHandle process) {
     const bool isThisProcess = process == stacktrace_platform::processHandle();
     if (!isThisProcess || !m_lock.acquire(SymbolLock::kTraceTimeoutMs)) {
-        m_lock.release();
         MLOG(Norm, "NS_CORE::StackTrace::StackTrace", "failed to initialise symbols from %s", debugSearchPath());
         return;
     }

@@ -65,17 +65,14 @@ std::string moduleDirectory(std::string_view moduleFile) {
 
 std::string functionName(std::string_view demangled) {
     constexpr std::string_view kOperator = "operator";
-    int depth = 0;        // of brackets of every kind
-    size_t start = 0;     // of the name, after its return type
-    bool isFixed = false; // no blank after "operator" ends a return type
+    int depth = 0;    // of brackets of every kind
+    size_t start = 0; // of the name, after its return type
     size_t parameters = std::string_view::npos;
     for (size_t at = 0; at < demangled.size(); ++at) {
         const char character = demangled[at];
         if (depth == 0 && demangled.substr(at).starts_with(kOperator)) {
-            isFixed = true;
-            at += kOperator.size();
-            // An operator's name ends where its parameters begin. Those of "operator()" are found after its own
-            // brackets.
+            // An operator's name may have blanks, and ends where its parameters begin. Those of "operator()" are found
+            // after its own brackets.
             at = demangled.find('(', at);
             if (at == std::string_view::npos) break;
             parameters = at;
@@ -84,7 +81,7 @@ std::string functionName(std::string_view demangled) {
             if (depth++ == 0 && character == '(') parameters = at;
         } else if (std::string_view(">)}]").find(character) != std::string_view::npos) {
             --depth;
-        } else if (depth == 0 && character == ' ' && parameters == std::string_view::npos && !isFixed) {
+        } else if (depth == 0 && character == ' ' && parameters == std::string_view::npos) {
             start = at + 1;
         } else if (depth == 0 && demangled.substr(at).starts_with("::")) {
             // The brackets before it were part of a scope: "(anonymous namespace)::f", "f(int)::{lambda()#1}::…".

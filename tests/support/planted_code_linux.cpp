@@ -21,6 +21,12 @@ void overwrite(void* function, std::string_view code) {
     std::memcpy(function, code.data(), code.size());
 }
 
+std::string jumpTo(void* function) {
+    std::string code("\x48\xb8        \xff\xe0"); // mov rax, ...; jmp rax
+    std::memcpy(code.data() + 2, &function, sizeof(function));
+    return code;
+}
+
 void* symbolReader() {
     return reinterpret_cast<void*>(&dwfl_addrmodule);
 }

@@ -1,15 +1,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <unwind.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <sstream>
@@ -19,10 +23,50 @@
 #include "core/crash/core_crashguard.h"
 #include "core/files/core_scopedfd.h"
 #include "tests/core/crash/crash_fixture.h"
+#include "tests/support/calling_log.h"
 #include "tests/support/child.h"
 #include "tests/support/planted_code.h"
 
 namespace test {
+namespace {
+
+// To some hundred kilobytes, with pages of which no two neighbours are alike.
+void enlargeMemoryMap() {
+    constexpr size_t kPage = 4096;
+    constexpr size_t kPages = 6000;
+    void* const memory = ::mmap(nullptr, kPages * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    for (size_t page = 0; page < kPages; page += 2)
+        ::mprotect(static_cast<char*>(memory) + page * kPage, kPage, PROT_READ);
+}
+
+// Prints it if programs that are started meanwhile would inherit the file of the memory map.
+void complainIfMapsAreInherited() {
+    int flags = -1;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry, gone).filename() == "maps")
+            flags = ::fcntl(std::stoi(entry.path().filename()), F_GETFD);
+    }
+    if (flags != FD_CLOEXEC) std::printf("the memory map's flags: %d\n", flags);
+}
+
+// As if 600000 of the million seconds were over that the report has without progress.
+void passMostOfTheTime() {
+    constexpr unsigned kMost = 600'000;
+    const unsigned left = ::alarm(0);
+    if (left <= kMost)
+        ::raise(SIGALRM);
+    else
+        ::alarm(left - kMost);
+}
+
+// In the place of symbolReader().
+void* findNothingInMostOfTheTime() {
+    passMostOfTheTime();
+    return nullptr;
+}
+
+} // namespace
 
 const bool kContinuesAfterHang = true;
 
@@ -34,21 +78,33 @@ const Preparations& platformPreparations() {
     static const Preparations all{
         {"writer-faults", [] { overwrite(symbolReader(), kFault); }},
         {"writer-hangs", [] { overwrite(symbolReader(), kHang); }},
-        // Its dump goes where it is taken slowly.
+        // Its dump is long and goes where it is taken slowly, ten seconds altogether.
         {"writer-slow",
          [] {
-             static std::thread reader;
+             enlargeMemoryMap();
              std::filesystem::create_directories("work/dumps");
              const NS_CORE::CrashNames names = NS_CORE::crashNames("core_tests");
              ::mkfifo(names.dumpFile.c_str(), 0600);
-             reader = std::thread([path = std::string(names.dumpFile.view())] {
+             std::thread([path = std::string(names.dumpFile.view())] {
                  const NS_CORE::ScopedFd fifo(::open(path.c_str(), O_RDWR | O_CLOEXEC));
                  ::fcntl(fifo.get(), F_SETPIPE_SZ, 4096);
-                 char bytes[1024];
-                 while (::read(fifo.get(), bytes, sizeof(bytes)) > 0)
-                     std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                 char bytes[4096];
+                 for (int pieces = 0; ::read(fifo.get(), bytes, sizeof(bytes)) > 0; ++pieces) {
+                     if (pieces < 40) std::this_thread::sleep_for(std::chrono::milliseconds(250));
+                     if (pieces == 20) complainIfMapsAreInherited();
+                 }
+             }).detach();
+         }},
+        // Every step of the report, and the way out, take most of their time.
+        {"time-flies",
+         [] {
+             overwrite(symbolReader(), jumpTo(reinterpret_cast<void*>(&findNothingInMostOfTheTime)));
+             setImplementation([](const std::string& /*record*/) { passMostOfTheTime(); });
+             std::atexit([] {
+                 itimerval left;
+                 ::getitimer(ITIMER_REAL, &left);
+                 std::printf("%ld s left\n", left.it_value.tv_sec + 1);
              });
-             reader.detach();
          }},
         {"library-held", &holdSymbolLibrary},
         // As kill sends it, but to this thread.
@@ -95,14 +151,27 @@ TEST_F(CrashDump, NamesProgramSignalAndAddress) {
 }
 
 TEST_F(CrashDump, KeepsTheAddressesWhereNamesCannotBeFound) {
-    EXPECT_EQ(run({.act = "wild", .preparation = "writer-faults"}), test::kCrashExitCode);
+    EXPECT_EQ(run({.act = "illegal", .preparation = "writer-faults"}), test::kCrashExitCode);
     EXPECT_EQ(m_output, written()); // the addresses were written before names were asked for
     EXPECT_EQ(history(), historyLine());
     const std::string dump = test::readFile(dumpFile()).substr(0, 4000);
     EXPECT_TRUE(
-        std::regex_search(dump, std::regex("^signal 0xb at address 0x12345678\n(0x[0-9a-f]+\n){4,}[0-9a-f]+-")));
+        std::regex_search(dump, std::regex("^signal 0x4 at address (0x[0-9a-f]+\n)\\1(0x[0-9a-f]+\n){3,}[0-9a-f]+-")))
+        << dump;
     EXPECT_FALSE(std::regex_search(dump, std::regex("\n(0x[0-9a-f]+\n)(0x[0-9a-f]+\n)*\\1")))
         << "a call twice: " << dump;
+    fs::remove(dumpFile());
+    fs::create_directory(dumpFile());
+    EXPECT_EQ(run({.preparation = "writer-faults"}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, failed(EISDIR));
+}
+
+// Each of them has the whole patience, but not more.
+TEST_F(CrashDump, CallsStepsAndTheWayOutMayTakeMostOfThePatienceEach) {
+    EXPECT_EQ(run({.preparation = "time-flies", .patienceMs = 1'000'000'000}), test::kCrashExitCode);
+    EXPECT_EQ(m_output, written() + "1000000 s left\n");
+    EXPECT_TRUE(test::readFile(dumpFile()).starts_with("core_tests ")) << "names were not waited for";
+    EXPECT_EQ(history(), historyLine());
 }
 
 TEST_F(CrashDump, ListsTheFaultItsCallersAndTheMemoryMap) {

@@ -47,9 +47,11 @@ TEST(Minidump, IsWholeWhenItHoldsAllThatItLists) {
         {{{12, 36}}, true}, // up to the end
         {{{12, 37}}, false},
         {{{17, 17}}, false},
-        {{{17, 17}, {11, 9}}, true}, // no list of memory
-        {{{14, 2}}, false},          // the second piece is what the first one's memory says
-        {{{8, 5}, {10, 76}}, false}, // the first stream is such a list, too
+        {{{17, 17}, {11, 9}}, true},            // no list of memory
+        {{{14, 2}}, false},                     // the second piece is what the first one's memory says
+        {{{8, 5}, {10, 76}}, false},            // the first stream is such a list, too
+        {{{8, 5}, {10, sizeof(kDump)}}, false}, // and its count would stand behind the end
+        {{{15, kMany}}, true},                  // the memory's address, which is no third stream
     };
     for (size_t row = 0; row < table.size(); ++row) EXPECT_EQ(isWhole(table[row].first), table[row].second) << row;
 }

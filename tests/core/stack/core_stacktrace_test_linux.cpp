@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -30,23 +32,26 @@ using NS_CORE::StackTrace;
 
 const std::string kExpected = "#01 in (anonymous namespace)::traceHere() at core_stacktrace_test_linux.cpp:";
 
-NS_CORE::StackFrame frameAt(const void* address) {
+NS_CORE::StackFrame frameAt(const void* address, NS_CORE::LineLookup lines = NS_CORE::LineLookup::All) {
     const NS_CORE::RawFrame place{reinterpret_cast<uintptr_t>(address), false};
     std::vector<NS_CORE::StackFrame> frames;
-    NS_CORE::describeFrames(&place, 1, frames);
+    NS_CORE::describeFrames(&place, 1, frames, lines);
     return frames.at(0);
 }
 
 TEST(StackTrace, StaysWholeWhenModulesComeAndGo) {
-    EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
-    void* const library = ::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library, nullptr);
-    EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
-    const void* const function = ::dlsym(library, "ns_format_ttl");
-    EXPECT_EQ(frameAt(function).symbol, "ns_format_ttl()");
-    ::dlclose(library);
-    EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
-    EXPECT_EQ(frameAt(function), NS_CORE::StackFrame());
+    for (const auto& [file, name] :
+         {std::pair("libresolv.so.2", "ns_format_ttl"), {BASED_LIBRARY, "functionOfBasedLibrary"}}) {
+        EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
+        void* const library = ::dlopen(file, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(library, nullptr) << ::dlerror();
+        EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
+        const void* const function = ::dlsym(library, name);
+        EXPECT_EQ(frameAt(function).symbol, std::string(name) + "()");
+        ::dlclose(library);
+        EXPECT_EQ(traceHere().substr(0, kExpected.size()), kExpected);
+        EXPECT_EQ(frameAt(function), NS_CORE::StackFrame());
+    }
 }
 
 // The symbol library keeps the modules' files open.
@@ -91,6 +96,29 @@ const test::ChildProgram g_tracesWithoutItsFile("traces_without_its_file", [](co
     return traceHere().starts_with(kExpected) ? 0 : 1;
 });
 
+// For symbols_test: what becomes of the program's input, and of the files with debug information beside it. A new
+// module closes them, and they are opened again.
+const test::ChildProgram g_tracesAndCounts("trace_and_count", [](const auto&) {
+    const char* const input = "/proc/self/fd/0";
+    const auto before = std::filesystem::read_symlink(input);
+    traceHere();
+    // The language's library has no debug information. What is not found must not be taken for the input.
+    frameAt(reinterpret_cast<const void*>(&std::terminate));
+    EXPECT_NE(::dlopen("libresolv.so.2", RTLD_NOW | RTLD_LOCAL), nullptr);
+    traceHere();
+    const std::string symbols = std::filesystem::path(test::thisProgram()).parent_path() / "symbols";
+    int open = 0;
+    int inherited = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        if (!std::filesystem::read_symlink(entry).native().starts_with(symbols)) continue;
+        ++open;
+        if (::fcntl(std::stoi(entry.path().filename()), F_GETFD) != FD_CLOEXEC) ++inherited;
+    }
+    std::printf("%d open, %d inherited, input %s\n", open, inherited,
+                std::filesystem::read_symlink(input) == before ? "kept" : "lost");
+    return 0;
+});
+
 TEST(StackTrace, StaysWholeWhenTheProgramsFileGoes) {
     const test::TempDir dir;
     const std::string program = dir.file("program");
@@ -129,14 +157,22 @@ TEST(StackTrace, IsTakenWhileOtherThreadsLookNamesUpAndModulesComeAndGo) {
     }
 }
 
+NS_CORE::StackFrame quicklyDescribed() {
+    return frameAt(reinterpret_cast<const void*>(&describeHere), NS_CORE::LineLookup::Quick);
+}
+
+// For symbols_test, which compresses the program's debug information.
+const test::ChildProgram g_describesQuickly("describe_quickly", [](const auto&) {
+    const NS_CORE::StackFrame frame = quicklyDescribed();
+    std::printf("%s at line %u\n", frame.symbol.c_str(), frame.line);
+    return 0;
+});
+
 TEST(StackTrace, QuicklyFindsTheProgramsOwnLinesAlone) {
-    const NS_CORE::RawFrame places[] = {{reinterpret_cast<uintptr_t>(&describeHere), false},
-                                        {reinterpret_cast<uintptr_t>(&::a64l), false}};
-    std::vector<NS_CORE::StackFrame> frames;
-    NS_CORE::describeFrames(places, std::size(places), frames, NS_CORE::LineLookup::Quick);
-    EXPECT_GT(frames.at(0).line, 0U);
-    EXPECT_EQ(frames.at(1).symbol, "a64l()");
-    EXPECT_EQ(frames.at(1).line, 0U) << frames.at(1).file;
+    EXPECT_GT(quicklyDescribed().line, 0U);
+    const NS_CORE::StackFrame other = frameAt(reinterpret_cast<const void*>(&::a64l), NS_CORE::LineLookup::Quick);
+    EXPECT_EQ(other.symbol, "a64l()");
+    EXPECT_EQ(other.line, 0U) << other.file;
 }
 
 TEST(StackTrace, LogsAtNormWhatItDoesNotFind) {
