@@ -35,11 +35,10 @@ bool isOnTheWay(uintptr_t function) {
 
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* data) {
     auto& search = *static_cast<Search*>(data);
-    int isBeforeInstruction = 0;
-    const uintptr_t instruction = _Unwind_GetIPInfo(context, &isBeforeInstruction);
-    // A call that never returns may be the last instruction of its function; its return address lies behind that.
-    const uintptr_t inside = isBeforeInstruction != 0 ? instruction : instruction - 1;
-    const uintptr_t function = addressOf(_Unwind_FindEnclosingFunction(reinterpret_cast<void*>(inside)));
+    const uintptr_t instruction = _Unwind_GetIP(context);
+    // Looks before the address that it gets: a call that never returns may be the last instruction of its function, and
+    // then its return address lies behind that.
+    const uintptr_t function = addressOf(_Unwind_FindEnclosingFunction(reinterpret_cast<void*>(instruction)));
     if (!search.isTerminatePassed) {
         search.isTerminatePassed = function == addressOf(reinterpret_cast<const void*>(&std::terminate));
         return _URC_NO_REASON;
