@@ -32,12 +32,10 @@ public:
 
     // Its own session, without a terminal; no signal blocked, none ignored.
     void detach() {
-        sigset_t none;
         sigset_t all;
-        ::sigemptyset(&none);
         ::sigfillset(&all);
-        ::posix_spawnattr_setsigmask(&m_attributes, &none);
         ::posix_spawnattr_setsigdefault(&m_attributes, &all);
+        // The mask that it sets is the attributes' own, in which no signal is at first.
         ::posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     }
     const posix_spawnattr_t* get() const { return &m_attributes; }

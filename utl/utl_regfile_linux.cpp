@@ -27,9 +27,9 @@ std::string lowerCase(std::string_view text) {
 }
 
 std::string utf8Of(std::string_view utf16le) {
-    std::u16string units(utf16le.size() / 2, u'\0');
-    for (size_t i = 0; i < units.size(); ++i)
-        units[i] = static_cast<char16_t>(static_cast<uint8_t>(utf16le[2 * i]) | utf16le[2 * i + 1] << 8);
+    std::u16string units;
+    for (; utf16le.size() >= 2; utf16le.remove_prefix(2))
+        units.push_back(static_cast<char16_t>(static_cast<uint8_t>(utf16le[0]) | utf16le[1] << 8));
     return NS_CORE::toUtf8(units);
 }
 
