@@ -53,8 +53,8 @@ TEST(CrashNames, ComeFromTheProgramTheBuildAndThePaths) {
 TEST(CrashNames, AreCutWhereTheyDoNotFit) {
     const std::string longPath(2000, 'x');
     const CrashNames names = crashNames("v", "prog", longPath, longPath, '/');
-    EXPECT_EQ(names.historyFile.view(), "./" + longPath.substr(0, NS_CORE::FixedText::kCapacity - 3));
-    EXPECT_EQ(names.historyFile.c_str()[NS_CORE::FixedText::kCapacity - 1], '\0');
+    EXPECT_EQ(names.historyFile.view(), "./" + longPath.substr(0, 1021));
+    EXPECT_EQ(names.historyFile.c_str()[1023], '\0');
 }
 
 TEST(ProgramName, IsTheExecutablesWithoutTheExtensionInLowerCase) {
