@@ -103,7 +103,8 @@ const Preparations& platformPreparations() {
              std::atexit([] {
                  itimerval left;
                  ::getitimer(ITIMER_REAL, &left);
-                 std::printf("%ld s left\n", left.it_value.tv_sec + 1);
+                 // To the next hundred, for the time since the timer was started.
+                 std::printf("%ld s left\n", (left.it_value.tv_sec / 100 + 1) * 100);
              });
          }},
         {"library-held", &holdSymbolLibrary},
