@@ -80,7 +80,8 @@ public:
     [[nodiscard]] static Mode modeOf(int argc, char** argv);
 
     // Registers the executable as a service that starts automatically, as LocalSystem. A service of this name
-    // that is there already counts as success and stays as it is. Needs administrator rights.
+    // that is there already counts as success and stays as it is. Needs administrator rights. Virtual, as is remove,
+    // for tests that stand in for the manager.
     [[nodiscard]] virtual bool install(const std::string& name, const std::string& displayName,
                                        const std::string& executablePath);
 
