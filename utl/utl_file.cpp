@@ -43,7 +43,6 @@ bool File::openFile(const std::string& path, uint32_t flags, uint32_t mode) {
     m_fd = std::move(fd);
     m_flags = flags;
     m_mode = mode;
-    m_bytesWritten = 0;
     return true;
 }
 

@@ -22,7 +22,7 @@ public:
     explicit ScopedHandle(Value value) : m_value(value) {}
     ScopedHandle(ScopedHandle&& other) noexcept : m_value(other.release()) {}
     ScopedHandle& operator=(ScopedHandle&& other) noexcept {
-        if (this != &other) reset(other.release());
+        reset(other.release());
         return *this;
     }
     ScopedHandle(const ScopedHandle&) = delete;
