@@ -19,8 +19,10 @@ const std::string kValueError = "WARN NS_UTL::RegistryKey::getValue(InstallLocat
 // Deploys from the installation that this program lies in the bin directory of, once more for each argument.
 const test::ChildProgram g_deploy("deploy", [](const std::vector<std::string>& arguments) {
     std::filesystem::current_path(std::filesystem::path(test::thisProgram()).parent_path().parent_path());
-    // As the service has it: rates are limited.
+    // As the service has it: rates are limited. Each limited record comes half an hour after the one before.
     const NS_CORE::DefaultGlobals globals;
+    NS_CORE::MasterLogger::setRateImplementation(
+        std::make_unique<NS_CORE::DefaultLogRImpl>([now = uint64_t{0}]() mutable { return now += 1'800'000; }));
     const test::HookRecorder hook;
     const test::LogRecorder log;
     for (size_t i = 0; i <= arguments.size(); ++i) service::CopyDependencies();
@@ -124,6 +126,7 @@ TEST_F(DeploymentTest, DoesNotCopyForAnUnusableValue) {
 
 TEST_F(DeploymentTest, DoesNotCopyWithoutTheValueAndSaysWhyOnceAnHour) {
     m_location.removeValue();
-    EXPECT_EQ(deploy({"again"}),
-              (Lines{kBegin, kValueError + "error 2", kNoLocation, kNoPath, kBegin, kValueError + "error 2", kNoPath}));
+    EXPECT_EQ(deploy({"again", "again"}),
+              (Lines{kBegin, kValueError + "error 2", kNoLocation, kNoPath, kBegin, kValueError + "error 2", kNoPath,
+                     kBegin, kValueError + "error 2", kNoLocation + " [2 times in 3600 seconds]", kNoPath}));
 }

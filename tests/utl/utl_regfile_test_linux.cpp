@@ -164,7 +164,7 @@ TEST(RegFile, LogsWhyAFileCannotBeLoadedUnlessItIsMissing) {
     test::writeFile(dir.path() / "empty", "");
     EXPECT_EQ(load("empty"), logged("empty", "line 1 is not a registry export's"));
     EXPECT_EQ(errno, EINVAL);
-    for (const auto& [size, isGood] : {std::pair{RegFile::kMaxFileSize, true}, {RegFile::kMaxFileSize + 1, false}}) {
+    for (const auto& [size, isGood] : {std::pair{1'048'576U, true}, {1'048'577U, false}}) {
         test::writeFile(dir.path() / "large", underKey(std::string(size - underKey("").size(), '\n')));
         EXPECT_EQ(load("large"), isGood ? std::vector<std::string>() : logged("large", "File too large"));
     }

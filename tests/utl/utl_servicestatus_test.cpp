@@ -32,6 +32,8 @@ TEST_F(ServiceStatusReporterTest, ReportsNothingAfterStopped) {
     m_reporter.enterStopped(4);
     EXPECT_EQ(m_reports, (std::vector<ServiceStatus>{{0x10, 4, 5, 0, 0, 0, 0}, {0x10, 1, 5, 0, 3, 0, 0}}));
     EXPECT_EQ(m_reporter.status(), m_reports.back());
+    m_reporter.begin();
+    EXPECT_EQ(m_reporter.status(), (ServiceStatus{0x10, 2, 5, 0, 0, 0, 0})) << "until the next beginning";
 }
 
 // The manager's library may make the last report wait until a handler that is at work has returned; then the handler

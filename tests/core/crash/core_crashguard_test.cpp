@@ -199,6 +199,7 @@ TEST_F(CrashTest, WritesTheDumpBeforeTheLogAndTheLogBeforeTheHistory) {
 }
 
 TEST_F(CrashTest, HandsArgumentsAndResultThrough) {
+    EXPECT_EQ(NS_CORE::g_crashPatienceMs, 30'000U);
     EXPECT_EQ(run({.act = "arguments", .words = {"one", "seven77"}}), 37);
     EXPECT_EQ(run({.act = "arguments", .words = {"jitd"}}), 24);
     EXPECT_FALSE(fs::exists(historyFile()));

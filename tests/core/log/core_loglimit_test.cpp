@@ -69,13 +69,17 @@ TEST_F(LimitTest, TellsLevelsAndTextsApart) {
 }
 
 TEST_F(LimitTest, TakesItsPeriodFromTheRate) {
-    constexpr auto twoSeconds = LogRate{2};
-    say("x", LogLevel::Warn, twoSeconds);
-    nowMs += 1999;
-    say("x", LogLevel::Warn, twoSeconds);
-    nowMs += 1;
-    say("x", LogLevel::Warn, twoSeconds);
-    EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - x [2 times in 2 seconds]"}));
+    for (const auto& [rate, seconds] :
+         {std::pair(LogRate{2}, 2U), {LogRate::Minutely, 60U}, {LogRate::Daily, 86'400U}}) {
+        say("x", LogLevel::Warn, rate);
+        nowMs += seconds * 1000 - 1;
+        say("x", LogLevel::Warn, rate);
+        nowMs += 1;
+        say("x", LogLevel::Warn, rate);
+        const std::string times = "[2 times in " + std::to_string(seconds) + " seconds]";
+        EXPECT_EQ(taken(), (Lines{"WARN A::b - x", "WARN A::b - x " + times}));
+        nowMs += seconds * 1000;
+    }
 }
 
 TEST_F(LimitTest, DoesNotLimitWithoutARateOrAtLevelZero) {

@@ -461,14 +461,20 @@ TEST(MasterLogger, SkipsAnObserverThatIsInsideItsOwnCall) {
 }
 
 TEST(MasterLogger, KeepsTheLast400RecordsOfLevelsWithHistory) {
-    const DefaultGlobals empty;
     const auto flags = withFlags(LogLevel::Norm, LevelEntry::History);
+    {
+        const DefaultGlobals ended;
+        for (int i = 0; i < 401; ++i) MLOG(Norm, "A::b", "before the end");
+    }
+    const DefaultGlobals empty;
     const auto seconds = [] { return std::chrono::system_clock::now().time_since_epoch() / std::chrono::seconds(1); };
     const auto before = seconds();
     MLOG(Warn, "A::b", "not kept");
     for (int i = 0; i < 851; ++i) {
         MLOG(Norm, "A::b", "%d", i);
-        ASSERT_EQ(MasterLogger::history().size(), std::min<size_t>(static_cast<size_t>(i) + 1, 400));
+        const std::vector<HistoryRecord> history = MasterLogger::history();
+        ASSERT_EQ(history.size(), std::min<size_t>(static_cast<size_t>(i) + 1, 400));
+        ASSERT_EQ(history.back().text, "A::b - " + std::to_string(i));
     }
     int number = 451;
     for (const HistoryRecord& record : MasterLogger::history()) {

@@ -377,13 +377,10 @@ TEST(StackTrace, EndsAtAFunctionThatCallsItself) {
     expectFrame(lines[1], "#02", "recurse");
 }
 
-TEST(StackTrace, WithoutSymbolsSaysWhereItLookedAndFailsEachTime) {
+TEST(StackTrace, WithoutSymbolsFailsEachTime) {
     const test::LogRecorder log(/*hasNorm=*/true);
     StackTrace trace(reinterpret_cast<StackTrace::ProcessHandle>(uintptr_t{0xdead0}));
     ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_TRUE(
-        log.lines()[0].starts_with("NORM NS_CORE::StackTrace::StackTrace - failed to initialise symbols from "));
-    EXPECT_NE(log.lines()[0].find("symbols"), log.lines()[0].rfind("symbols")) << "no path in " << log.lines()[0];
     EXPECT_EQ(trace.toText(), "Failed to get stack");
     EXPECT_EQ(trace.toText(), "Failed to get stack");
     trace.logStack(NS_CORE::LogLevel::Crit);

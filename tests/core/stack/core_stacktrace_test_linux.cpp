@@ -80,8 +80,8 @@ TEST(StackTrace, LogsAtNormAModuleWhoseFileIsGone) {
     ASSERT_EQ(::_dl_find_object(::dlsym(library, "ns_format_ttl"), &found), 0);
     const auto base = reinterpret_cast<uintptr_t>(found.dlfo_map_start);
     const test::LogRecorder log(/*hasNorm=*/true);
-    const test::HookRecorder hook; // the name is given for a number
-    StackTrace().loadModules();
+    const test::HookRecorder hook;                          // the name is given for a number
+    for (int i = 0; i < 2; ++i) StackTrace().loadModules(); // the second finds the same modules
     EXPECT_EQ(log.lines(),
               std::vector<std::string>{NS_CORE::formatString(
                   "NORM NS_CORE::StackTrace::loadModule - failed to load image=%s module=0 base_addr=%d, size=%d", file,
@@ -173,6 +173,15 @@ TEST(StackTrace, QuicklyFindsTheProgramsOwnLinesAlone) {
     const NS_CORE::StackFrame other = frameAt(reinterpret_cast<const void*>(&::a64l), NS_CORE::LineLookup::Quick);
     EXPECT_EQ(other.symbol, "a64l()");
     EXPECT_EQ(other.line, 0U) << other.file;
+}
+
+TEST(StackTrace, WithoutSymbolsLogsWhereItLooksForThem) {
+    const test::LogRecorder log(/*hasNorm=*/true);
+    const StackTrace none(/*process=*/nullptr);
+    const std::string directory = std::filesystem::path(test::thisProgram()).parent_path();
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"NORM NS_CORE::StackTrace::StackTrace - failed to initialise symbols from " +
+                                       directory + ":" + directory + "/symbols:/usr/lib/debug"});
 }
 
 TEST(StackTrace, LogsAtNormWhatItDoesNotFind) {

@@ -68,6 +68,7 @@ TEST(SymbolLock, IsNotWaitedForWithoutLimitByAStackTrace) {
         release.acquire();
     });
     held.acquire();
+    EXPECT_EQ(SymbolLock::kTraceTimeoutMs, 5000U);
     EXPECT_EQ(StackTrace().toText(), "Failed to get stack");
     release.release();
     other.join();

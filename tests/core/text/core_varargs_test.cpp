@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -387,7 +388,8 @@ int g_calls = 0;
 std::string g_innerText;
 
 bool formatWrongly(const char*, std::string_view, int32_t, int32_t, const std::string&) {
-    ++g_calls;
+    // Another thread may go as deep again.
+    if (++g_calls == 4) std::thread([] { static_cast<void>(formatString("%d", "text")); }).join();
     g_innerText = formatString("%d", "text");
     return false;
 }
@@ -397,7 +399,7 @@ TEST(VarargsRepair, HandlerWithAWrongFormatDoesNotRecurseForEver) {
     for (int round = 1; round <= 2; ++round) {
         g_calls = 0;
         EXPECT_EQ(formatString("%d!", "text"), "0!");
-        EXPECT_EQ(g_calls, NS_CORE::varargs::kMaxNestedReports);
+        EXPECT_EQ(g_calls, 8);
         EXPECT_EQ(g_innerText, "0");
     }
 }
