@@ -110,8 +110,11 @@ TEST_F(MainTest, SendsAtItsEndWhatFailedBeforeTheSettingsWereRead) {
     test::writeFile(m_dir.path() / "settings" / "testing.ini", "[general]\nsend_address 127.0.0.1\nsend_port " +
                                                                    std::to_string(collector.port()) +
                                                                    "\n[assert]\nsend enable\n");
-    EXPECT_EQ(runChild("application_fails", {}), 1);
-    EXPECT_NE(collector.receive().bytes.find("<file>early</file>"), std::string::npos);
+    fs::rename(m_dir.path() / "bin" / "program.exe", m_dir.path() / "bin" / "a&b.exe");
+    EXPECT_EQ(runChild("application_fails", {}, "bin/a&b.exe"), 1);
+    const std::string bytes = collector.receive().bytes;
+    EXPECT_NE(bytes.find("<file>early</file>"), std::string::npos);
+    EXPECT_NE(bytes.find("<server>a&amp;b.exe</server>"), std::string::npos) << bytes;
 }
 
 TEST_F(MainTest, AFaultOfItsThreadLeavesTheHostToTheOthers) {

@@ -41,6 +41,7 @@ const test::ChildProgram g_inheritance("inheritance", [](const auto& arguments) 
     std::ofstream report(arguments.at(0));
     std::sort(descriptors.begin(), descriptors.end());
     for (const std::string& descriptor : descriptors) report << descriptor << '\n';
+    report << "writes " << (::write(STDOUT_FILENO, "x", 1) == 1) << '\n';
     report << "session " << (::getsid(0) == ::getpid()) << '\n';
     report << "terminal " << (::open("/dev/tty", O_RDWR) >= 0) << '\n';
     // Of the ignored ones, without the two that the C library keeps for itself and sets aside in every child.
@@ -83,7 +84,7 @@ TEST(ProcessUtilsLinux, TheChildInheritsNothingAndIsDetached) {
     std::signal(SIGHUP, SIG_IGN);
 
     EXPECT_EQ(started(test::childCommandLine("inheritance", {dir.file("report")})), kFinished);
-    EXPECT_EQ(linesOf(dir.file("report")), (Lines{"0 /dev/null", "1 /dev/null", "2 /dev/null", "session 1",
+    EXPECT_EQ(linesOf(dir.file("report")), (Lines{"0 /dev/null", "1 /dev/null", "2 /dev/null", "writes 1", "session 1",
                                                   "terminal 0", "blocked 0", "ignored 0"}));
     ::close(low);
     ::close(high);

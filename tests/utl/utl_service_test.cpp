@@ -136,8 +136,9 @@ TEST_F(ServiceTest, ConsoleModeSaysSoWhereNormIsOn) {
     EXPECT_EQ(m_journal.entries(), Lines{"NORM UTL::Service::runService - running 'quorkeri_test_service' in console"});
 }
 
-TEST_F(ServiceTest, ThrowsForAnEmptyRunCallbackInEitherMode) {
-    makeHost({}, [] {});
+TEST_F(ServiceTest, ThrowsForAnEmptyRunCallbackInEitherModeButNotForAnEmptyStopCallback) {
+    makeHost({}, {});
+    EXPECT_NO_THROW(Service::signalHandler(15));
     EXPECT_THROW(run({"program", "service-console"}), std::bad_function_call);
     EXPECT_THROW(Service::serviceMain(0, nullptr), std::bad_function_call);
     EXPECT_EQ(m_host->status().currentState, ServiceState::Running);

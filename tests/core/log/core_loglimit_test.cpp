@@ -50,7 +50,7 @@ TEST_F(LimitTest, LogsTheFirstAtOnceAndCountsTheOthers) {
     EXPECT_EQ(taken(), Lines{"WARN A::b - x [6 times in 3600 seconds]"});
     say("x");
     EXPECT_EQ(taken(), Lines{});
-    nowMs += 7300 * 1000;
+    nowMs += 7300 * 1000 + 999;
     say("x");
     EXPECT_EQ(taken(), Lines{"WARN A::b - x [2 times in 7300 seconds]"});
     nowMs += 3600 * 1000;

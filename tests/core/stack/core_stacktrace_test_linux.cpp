@@ -164,7 +164,7 @@ NS_CORE::StackFrame quicklyDescribed() {
 // For symbols_test, which compresses the program's debug information.
 const test::ChildProgram g_describesQuickly("describe_quickly", [](const auto&) {
     const NS_CORE::StackFrame frame = quicklyDescribed();
-    std::printf("%s at line %u\n", frame.symbol.c_str(), frame.line);
+    std::printf("%s at line %u by %s\n", frame.symbol.c_str(), frame.line, frame.pdb.c_str());
     return 0;
 });
 
