@@ -124,4 +124,12 @@ TEST(AssertStop, EndsTheProcessByAWriteToAddressZero) {
     }
 }
 
+// In a file of that name.
+#line 7 "some.where/two.dots.cpp"
+TEST(AssertPlace, IsTheFilesNameWithoutDirectoryAndExtension) {
+    constexpr NS_CORE::Place place = NS_CORE::here();
+    EXPECT_EQ(place.unit, "two.dots");
+    EXPECT_EQ(place.line, 8);
+}
+
 } // namespace

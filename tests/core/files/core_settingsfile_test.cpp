@@ -1,10 +1,12 @@
 #include "core/files/core_settingsfile.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <limits>
 
+#include "core/files/core_scopedfd.h"
 #include "tests/support/log_recorder.h"
 #include "tests/support/temp_dir.h"
 
@@ -29,9 +31,13 @@ struct SettingsFile : testing::Test {
 };
 
 TEST_F(SettingsFile, HandsOverItsLines) {
+    test::writeFile(path, "");
+    const auto nextDescriptor = [this] { return NS_CORE::ScopedFd(NS_CORE::Wrapper::open(path, O_RDONLY, 0)).get(); };
+    const int before = nextDescriptor();
     EXPECT_EQ(linesOf("a b\n\n c\r\nlast"), (Strings{"a b", "", " c\r", "last"}));
     EXPECT_EQ(linesOf(""), Strings());
     EXPECT_EQ(linesOf("\n"), Strings{""});
+    EXPECT_EQ(nextDescriptor(), before) << "left open";
 }
 
 TEST_F(SettingsFile, CutsLongLinesInto999Bytes) {

@@ -70,5 +70,11 @@ TEST(WrapperLinux, ErrorTextsAreTheCLibrarys) {
     EXPECT_EQ(lastSystemError(), uint32_t{EBADF});
 }
 
+TEST(ScopedFd, KeepsErrnoWhenClosingFails) {
+    errno = ENOSPC;
+    ScopedFd(1'000'000).reset();
+    EXPECT_EQ(errno, ENOSPC);
+}
+
 } // namespace
 } // namespace NS_CORE
