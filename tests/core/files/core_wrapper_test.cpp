@@ -136,10 +136,12 @@ TEST(Wrapper, APathThatIsNotUtf8FailsACheckWithThePath) {
     }
 }
 
-TEST(Wrapper, AStreamsModeThatIsNotUtf8FailsACheckToo) {
+TEST(Wrapper, AStreamsModeThatIsNotUtf8FailsACheckTooAlsoWithNarrowPaths) {
     const test::TempDir dir;
     const test::HookRecorder hook;
+    Wrapper::setUseWidePaths(false);
     EXPECT_EQ(Wrapper::fopen(dir.file("stream"), "w\xff"), nullptr);
+    Wrapper::setUseWidePaths(true);
     EXPECT_EQ(hook.single().expression, "CHECKF");
     EXPECT_FALSE(exists(dir.file("stream")));
 }
