@@ -112,6 +112,14 @@ Service::Mode Service::modeOf(int argc, char** argv) {
     return std::find(argv, argv + argc, kConsoleWord) != argv + argc ? Mode::Console : Mode::Service;
 }
 
+bool Service::install(const std::string& name, const std::string& displayName, const std::string& executablePath) {
+    return m_manager.install(name, displayName, executablePath);
+}
+
+bool Service::remove() {
+    return m_manager.remove(m_name);
+}
+
 int Service::runInstall() {
     std::string path;
     const bool hasPath = NS_CORE::Dir::getModuleFilename(path);

@@ -27,6 +27,12 @@ struct ServiceManagerCalls {
     // Hands one status to the manager. Failures are ignored: nobody could act on them.
     std::function<void(StatusHandle handle, const ServiceStatus& status)> setStatus;
 
+    // What Service::install and Service::remove do, with their results. They log why they fail.
+    std::function<bool(const std::string& serviceName, const std::string& displayName,
+                       const std::string& executablePath)>
+        install;
+    std::function<bool(const std::string& serviceName)> remove;
+
     // The platform's own.
     static ServiceManagerCalls platform();
 };
@@ -65,7 +71,7 @@ public:
     // logDirectory  relative to the working directory.
     Service(const std::string& anchor, std::string name, std::string displayName, std::string logDirectory,
             std::string logFileName, RunCallback run, StopCallback stop);
-    virtual ~Service();
+    ~Service();
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
@@ -80,13 +86,12 @@ public:
     [[nodiscard]] static Mode modeOf(int argc, char** argv);
 
     // Registers the executable as a service that starts automatically, as LocalSystem. A service of this name
-    // that is there already counts as success and stays as it is. Needs administrator rights. Virtual, as is remove,
-    // for tests that stand in for the manager.
-    [[nodiscard]] virtual bool install(const std::string& name, const std::string& displayName,
-                                       const std::string& executablePath);
+    // that is there already counts as success and stays as it is. Needs administrator rights.
+    [[nodiscard]] bool install(const std::string& name, const std::string& displayName,
+                               const std::string& executablePath);
 
     // Unregisters the service of this host's name; fails when it is not registered. Needs administrator rights.
-    [[nodiscard]] virtual bool remove();
+    [[nodiscard]] bool remove();
 
     // Runs in service mode, or else in console mode. Service mode returns 0 when the service has stopped, and 1 if no
     // manager started this process. Console mode returns the run callback's result.
@@ -111,7 +116,7 @@ public:
     // at utl_service_win32:141.
     static void controlHandler(uint32_t control);
 
-    // For tests: replaces the service control manager. Call it before service mode begins.
+    // For tests: replaces the service control manager. Call it before run.
     void setServiceManager(ServiceManagerCalls calls) { m_manager = std::move(calls); }
 
     // For tests: the current status.

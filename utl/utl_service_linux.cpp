@@ -12,6 +12,13 @@ void failUnsupported() {
     errno = ENOSYS;
 }
 
+// Logs that under the name of the caller, `function`, and returns false.
+bool failToOpenManager(std::string_view function) {
+    failUnsupported();
+    service_platform::logManagerNotOpened(function);
+    return false;
+}
+
 } // namespace
 
 int service_platform::runWithConsoleHandlers(Signal::Handler handler, const std::function<int()>& work) {
@@ -29,20 +36,11 @@ ServiceManagerCalls ServiceManagerCalls::platform() {
                 failUnsupported();
                 return nullptr;
             },
-            [](StatusHandle, const ServiceStatus&) {}};
-}
-
-bool Service::install(const std::string& /*name*/, const std::string& /*displayName*/,
-                      const std::string& /*executablePath*/) {
-    failUnsupported();
-    service_platform::logManagerNotOpened("UTL::Service::install");
-    return false;
-}
-
-bool Service::remove() {
-    failUnsupported();
-    service_platform::logManagerNotOpened("UTL::Service::remove");
-    return false;
+            [](StatusHandle, const ServiceStatus&) {},
+            [](const std::string&, const std::string&, const std::string&) {
+                return failToOpenManager("UTL::Service::install");
+            },
+            [](const std::string&) { return failToOpenManager("UTL::Service::remove"); }};
 }
 
 } // namespace NS_UTL

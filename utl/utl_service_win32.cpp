@@ -87,6 +87,38 @@ void reportStatus(ServiceManagerCalls::StatusHandle handle, const ServiceStatus&
     ::SetServiceStatus(static_cast<SERVICE_STATUS_HANDLE>(handle), &record);
 }
 
+bool installService(const std::string& name, const std::string& displayName, const std::string& executablePath) {
+    const ScopedServiceHandle manager = openManager(kInstall);
+    if (!manager) return false;
+    // The path is registered as it is, without quotes.
+    const ScopedServiceHandle service(::CreateServiceA(
+        manager.get(), name.c_str(), displayName.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
+        SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, executablePath.c_str(), /*lpLoadOrderGroup=*/nullptr,
+        /*lpdwTagId=*/nullptr, /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
+    if (service) return true;
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_SERVICE_EXISTS) return true;
+    MLOG(Crit, kInstall, "failed to create service '%s': %s", name, NS_CORE::systemErrorText(error));
+    return false;
+}
+
+bool removeService(const std::string& name) {
+    const ScopedServiceHandle manager = openManager(kRemove);
+    if (!manager) return false;
+    const ScopedServiceHandle service(::OpenServiceA(manager.get(), name.c_str(), kRemovalRights));
+    if (!service) {
+        const DWORD error = ::GetLastError();
+        MLOG(Crit, kRemove, "failed to open service '%s': %s", name, NS_CORE::systemErrorText(error));
+        return false;
+    }
+    if (!::DeleteService(service.get())) {
+        const DWORD error = ::GetLastError();
+        MLOG(Crit, kRemove, "failed to delete service '%s': %s", name, NS_CORE::systemErrorText(error));
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int service_platform::runWithConsoleHandlers(Signal::Handler handler, const std::function<int()>& work) {
@@ -103,39 +135,7 @@ int service_platform::runWithConsoleHandlers(Signal::Handler handler, const std:
 }
 
 ServiceManagerCalls ServiceManagerCalls::platform() {
-    return {&dispatch, &registerHandler, &reportStatus};
-}
-
-bool Service::install(const std::string& name, const std::string& displayName, const std::string& executablePath) {
-    const ScopedServiceHandle manager = openManager(kInstall);
-    if (!manager) return false;
-    // The path is registered as it is, without quotes.
-    const ScopedServiceHandle service(::CreateServiceA(
-        manager.get(), name.c_str(), displayName.c_str(), SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-        SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, executablePath.c_str(), /*lpLoadOrderGroup=*/nullptr,
-        /*lpdwTagId=*/nullptr, /*lpDependencies=*/nullptr, /*lpServiceStartName=*/nullptr, /*lpPassword=*/nullptr));
-    if (service) return true;
-    const DWORD error = ::GetLastError();
-    if (error == ERROR_SERVICE_EXISTS) return true;
-    MLOG(Crit, kInstall, "failed to create service '%s': %s", name, NS_CORE::systemErrorText(error));
-    return false;
-}
-
-bool Service::remove() {
-    const ScopedServiceHandle manager = openManager(kRemove);
-    if (!manager) return false;
-    const ScopedServiceHandle service(::OpenServiceA(manager.get(), m_name.c_str(), kRemovalRights));
-    if (!service) {
-        const DWORD error = ::GetLastError();
-        MLOG(Crit, kRemove, "failed to open service '%s': %s", m_name, NS_CORE::systemErrorText(error));
-        return false;
-    }
-    if (!::DeleteService(service.get())) {
-        const DWORD error = ::GetLastError();
-        MLOG(Crit, kRemove, "failed to delete service '%s': %s", m_name, NS_CORE::systemErrorText(error));
-        return false;
-    }
-    return true;
+    return {&dispatch, &registerHandler, &reportStatus, &installService, &removeService};
 }
 
 } // namespace NS_UTL

@@ -62,25 +62,26 @@ protected:
         NS_CORE::MasterLogger::setImplementation(nullptr);
     }
 
-    template <typename Host = Service>
     Service& makeHost(Service::RunCallback run, Service::StopCallback stop) {
-        m_host = std::make_unique<Host>("", kName, "Test Service", m_logs.file(""), "service.log", std::move(run),
-                                        std::move(stop));
+        m_host = std::make_unique<Service>("", kName, "Test Service", m_logs.file(""), "service.log", std::move(run),
+                                           std::move(stop));
         NS_CORE::MasterLogger::setImplementation(std::make_unique<JournalLogImpl>(m_journal));
-        m_host->setServiceManager({[](const char* name) {
-                                       std::thread manager([name] {
-                                           std::string word = name;
-                                           char* argv[] = {word.data(), nullptr};
-                                           Service::serviceMain(1, argv);
-                                       });
-                                       manager.join();
-                                       return true;
-                                   },
-                                   [](const char*) -> void* {
-                                       static int handle;
-                                       return &handle;
-                                   },
-                                   [this](void*, const ServiceStatus& status) { m_journal.add(reportText(status)); }});
+        ServiceManagerCalls calls = ServiceManagerCalls::platform();
+        calls.runDispatcher = [](const char* name) {
+            std::thread manager([name] {
+                std::string word = name;
+                char* argv[] = {word.data(), nullptr};
+                Service::serviceMain(1, argv);
+            });
+            manager.join();
+            return true;
+        };
+        calls.registerControlHandler = [](const char*) -> void* {
+            static int handle;
+            return &handle;
+        };
+        calls.setStatus = [this](void*, const ServiceStatus& status) { m_journal.add(reportText(status)); };
+        m_host->setServiceManager(std::move(calls));
         return *m_host;
     }
 

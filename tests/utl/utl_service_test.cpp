@@ -82,17 +82,14 @@ TEST_F(ServiceTest, RunsUnderTheManagerForAllOtherWords) {
     }
 }
 
-// A host whose registration needs no manager.
-struct RegisteredService : Service {
-    using Service::Service;
-    bool install(const std::string&, const std::string& displayName, const std::string& executablePath) override {
-        return displayName == "Test Service" && executablePath == test::thisProgram();
-    }
-    bool remove() override { return true; }
-};
-
 TEST_F(ServiceTest, LogsThatItIsInstalledAndRemoved) {
-    makeHost<RegisteredService>({}, {});
+    makeHost({}, {});
+    ServiceManagerCalls calls = ServiceManagerCalls::platform();
+    calls.install = [](const std::string& name, const std::string& displayName, const std::string& executablePath) {
+        return name == kName && displayName == "Test Service" && executablePath == test::thisProgram();
+    };
+    calls.remove = [](const std::string& name) { return name == kName; };
+    m_host->setServiceManager(std::move(calls));
     EXPECT_EQ(run({"program", "service-install"}), 0);
     EXPECT_EQ(run({"program", "service-remove"}), 0);
     EXPECT_EQ(m_journal.entries(),
@@ -337,8 +334,10 @@ const test::ChildProgram g_exitChild("service_exit", [](const std::vector<std::s
     if (arguments.at(0) == "service") {
         Service host("", "name", "display", ".", "unused.log", [](int, char**) { return 0; }, [] {});
         NS_CORE::MasterLogger::setImplementation(nullptr);
-        host.setServiceManager({[](const char*) { return true; }, [](const char*) -> void* { return &g_afterExit; },
-                                [](void*, const ServiceStatus&) {}});
+        ServiceManagerCalls calls = ServiceManagerCalls::platform();
+        calls.registerControlHandler = [](const char*) -> void* { return &g_afterExit; };
+        calls.setStatus = [](void*, const ServiceStatus&) {};
+        host.setServiceManager(std::move(calls));
         Service::serviceMain(0, nullptr);
     }
     return 0;
